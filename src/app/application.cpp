@@ -1,0 +1,34 @@
+#include "app/application.h"
+
+#include <QApplication>
+#include <QDebug>
+#include <QFont>
+#include <QIcon>
+
+#include "app/util.h"
+
+namespace Application {
+
+void SetUp(QApplication& application)
+{
+    // The name gives the data directory ~/.local/share/brenta; the desktop file
+    // name lets the desktop match the window with its entry and icon.
+    QCoreApplication::setApplicationName(QStringLiteral("brenta"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(BRENTA_VERSION));
+    QGuiApplication::setApplicationDisplayName(QStringLiteral("Brenta"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("brenta"));
+
+    qDebug() << "data directory" << Util::DataDir();
+
+    // The pictures were drawn for this family; on Linux it falls back to a good
+    // sans-serif that the set-up installs.
+    QFont::insertSubstitutions(QStringLiteral("Microsoft YaHei"),
+                               {QStringLiteral("Noto Sans"), QStringLiteral("DejaVu Sans")});
+    QFont font;
+    font.setFamily(QStringLiteral("Microsoft YaHei"));
+    QApplication::setFont(font);
+
+    application.setWindowIcon(QIcon(QStringLiteral(":nwu/logo")));
+}
+
+} // namespace Application

@@ -1,0 +1,210 @@
+#include "app/mainwindow.h"
+
+#include <QCursor>
+#include <QDesktopServices>
+#include <QKeyEvent>
+#include <QMenu>
+#include <QPointer>
+#include <QUrl>
+
+#include <cstdio>
+#include <unistd.h>
+
+#include "app/aboutusdialog.h"
+#include "app/links.h"
+#include "pages/comingsoonpage.h"
+#include "ui/baseimagectrl.h"
+
+namespace {
+
+// One menu for the whole process, replaced at each opening.
+QPointer<QMenu>& menuSlot()
+{
+    static QPointer<QMenu> menu;
+    return menu;
+}
+
+constexpr int kPageX = 195;
+constexpr int kPageY = 107;
+
+} // namespace
+
+MainWindow::MainWindow(QWidget* /*parent*/) : ImageDialog(false)
+{
+    setObjectName(QStringLiteral("MainWindow"));
+    resize(860, 580);
+    CImageButton* menu = AddButton("menu", 775, 1);
+    CImageButton* min = AddButton("min", 803, 1);
+    CImageButton* close = AddButton("close", 831, 1);
+    CImageButton* burn = AddButton("burn", 205, 120);
+    CImageButton* extract = AddButton("extract", 644, 120);
+    CImageButton* create = AddButton("create", 205, 350);
+    CImageButton* edit = AddButton("edit", 424, 350);
+    CImageButton* copy = AddButton("copy", 644, 350);
+    CImageButton* home = AddButton("home", 627, 38);
+    CImageButton* help = AddButton("help", 699, 38);
+
+    setWindowTitle(QStringLiteral("Brenta"));
+    SetBackgroundImage(QStringLiteral(":/nwu/main"));
+    SetMovable(true);
+
+    const auto picture = [](const char* name) { return QStringLiteral(":/nwu/") + QLatin1String(name); };
+    const auto feature = [&](CImageButton* button, const char* stem) {
+        const QString base = picture(stem);
+        button->SetImages(base + QLatin1Char('1'), base + QLatin1Char('2'), base + QLatin1Char('3'),
+                          QString());
+    };
+    close->SetSprite(picture("close"), 3);
+    min->SetSprite(picture("minimize"), 3);
+    menu->SetSprite(picture("menu"), 3);
+    connect(close, qOverload<>(&CImageButton::clicked), this, &MainWindow::onClose);
+    connect(min, qOverload<>(&CImageButton::clicked), this, &MainWindow::onMin);
+    connect(menu, qOverload<>(&CImageButton::clicked), this, &MainWindow::onMenu);
+
+    feature(burn, "mburn");
+    feature(extract, "Extract");
+    feature(create, "Create");
+    feature(edit, "Edit");
+    feature(copy, "Copy-Disc");
+    connect(burn, qOverload<>(&CImageButton::clicked), this, &MainWindow::onBurn);
+    connect(extract, qOverload<>(&CImageButton::clicked), this, &MainWindow::onExtract);
+    connect(create, qOverload<>(&CImageButton::clicked), this, &MainWindow::onCreate);
+    connect(edit, qOverload<>(&CImageButton::clicked), this, &MainWindow::onEdit);
+    connect(copy, qOverload<>(&CImageButton::clicked), this, &MainWindow::onCopy);
+
+    home->SetSprite(picture("Home"), 4);
+    help->SetSprite(picture("Help"), 4);
+    connect(home, qOverload<>(&CImageButton::clicked), this, &MainWindow::onHome);
+    connect(help, qOverload<>(&CImageButton::clicked), this, &MainWindow::onHelp);
+
+    menu->setToolTip(QStringLiteral("Menu"));
+    min->setToolTip(QStringLiteral("Minimise"));
+    close->setToolTip(QStringLiteral("Close"));
+}
+
+MainWindow::~MainWindow()
+{
+    delete menuSlot().data();
+}
+
+CImageButton* MainWindow::AddButton(const char* name, int x, int y)
+{
+    auto* button = new CImageButton(this);
+    button->setObjectName(QLatin1String(name));
+    button->move(x, y);
+    return button;
+}
+
+CImageButton* MainWindow::Button(const QString& name) const
+{
+    return findChild<CImageButton*>(name, Qt::FindDirectChildrenOnly);
+}
+
+void MainWindow::ShowPage(ImageDialog* page, int x, int y)
+{
+    page->setParent(this);
+    page->move(x, y);
+    page->SetMovable(false);
+    page->show();
+}
+
+void MainWindow::onClose()
+{
+    // The close button ends the process at once, as a user expects of a
+    // window's close box; log records are already on disk.
+    std::fflush(nullptr);
+    ::_exit(0);
+}
+
+void MainWindow::onMin()
+{
+    showMinimized();
+}
+
+QMenu* MainWindow::CreateMenu()
+{
+    QPointer<QMenu>& slot = menuSlot();
+    delete slot.data();
+    slot = new QMenu(tr("Help"));
+    QMenu* menu = slot.data();
+    menu->setStyleSheet(QStringLiteral(
+        "QMenu { background: #FFFFFF; border: 1px solid #C2EFFD; padding: 4px 0; color: #606060;"
+        " font-size: 13px; }"
+        "QMenu::item { padding: 6px 28px 6px 16px; }"
+        "QMenu::item:selected { background: #E2F8FE; color: #1E88E5; }"
+        "QMenu::separator { height: 1px; background: #C2EFFD; margin: 4px 8px; }"));
+
+    QAction* help = menu->addAction(QStringLiteral("Help(&H)"));
+    help->setShortcut(QKeySequence(tr("CTRL+H")));
+    connect(help, &QAction::triggered, this, &MainWindow::onHelp);
+    QAction* about = menu->addAction(QStringLiteral("About US(&U)"));
+    about->setShortcut(QKeySequence(tr("CTRL+U")));
+    connect(about, &QAction::triggered, this, &MainWindow::aboutus);
+    menu->addSeparator();
+    QAction* exit = menu->addAction(QStringLiteral("Exit(&E)"));
+    exit->setShortcut(QKeySequence(tr("CTRL+E")));
+    connect(exit, &QAction::triggered, this, &MainWindow::close);
+    return menu;
+}
+
+QMenu* MainWindow::Menu() const
+{
+    return menuSlot().data();
+}
+
+void MainWindow::onMenu()
+{
+    CreateMenu()->exec(QCursor::pos());
+}
+
+void MainWindow::onBurn()
+{
+    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Burn), kPageX, kPageY);
+}
+
+void MainWindow::onExtract()
+{
+    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Extract), kPageX, kPageY);
+}
+
+void MainWindow::onCreate()
+{
+    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Create), kPageX, kPageY);
+}
+
+void MainWindow::onEdit()
+{
+    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Edit), kPageX, kPageY);
+}
+
+void MainWindow::onCopy()
+{
+    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Copy), kPageX, kPageY);
+}
+
+void MainWindow::onHome()
+{
+    QDesktopServices::openUrl(QUrl(Links::ProductPage()));
+}
+
+void MainWindow::onHelp()
+{
+    QDesktopServices::openUrl(QUrl(Links::HelpPage()));
+}
+
+void MainWindow::aboutus()
+{
+    CAboutusDialog dialog;
+    dialog.show();
+    dialog.exec();
+}
+
+void MainWindow::keyPressEvent(QKeyEvent* event)
+{
+    // Escape would reject the dialog this window is built on and close Brenta.
+    if (event->key() == Qt::Key_Escape) {
+        event->accept();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "ui/imagedialog.h"
+
+class CImageButton;
+class QMenu;
+
+// Brenta's only top-level window: the home page with the five feature buttons
+// and the header with menu, minimise, close, Home and Help. A feature button
+// lays that feature's page over the home area; the page's Back removes it.
+class MainWindow final : public ImageDialog
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(MainWindow)
+
+public:
+    explicit MainWindow(QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // The header menu as onMenu() shows it; replaces the menu of an earlier
+    // opening, which is deleted.
+    QMenu* CreateMenu();
+    QMenu* Menu() const;
+
+    CImageButton* Button(const QString& name) const;
+
+Q_SIGNALS:
+    void sigdrivechange();
+
+public Q_SLOTS:
+    void onClose();
+    void onMin();
+    void onMenu();
+    void onBurn();
+    void onExtract();
+    void onCreate();
+    void onEdit();
+    void onCopy();
+    void onHome();
+    void onHelp();
+    void aboutus();
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+
+private:
+    CImageButton* AddButton(const char* name, int x, int y);
+    void ShowPage(ImageDialog* page, int x, int y);
+};

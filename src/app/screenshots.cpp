@@ -1,0 +1,144 @@
+#include "app/screenshots.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QLabel>
+#include <QMenu>
+#include <QPixmap>
+
+#include "app/aboutusdialog.h"
+#include "app/mainwindow.h"
+#include "ui/commdialog.h"
+#include "ui/gerneraldialog.h"
+#include "ui/inputdialog.h"
+#include "ui/messagedialogs.h"
+#include "ui/progressdialog.h"
+
+namespace Screenshots {
+namespace {
+
+class Writer
+{
+public:
+    explicit Writer(const QDir& directory) : m_directory(directory) {}
+
+    void Save(const QString& name, QWidget& widget)
+    {
+        widget.ensurePolished();
+        QApplication::processEvents();
+        const QString path = m_directory.filePath(name + QStringLiteral(".png"));
+        if (widget.grab().save(path))
+            m_written << path;
+        else
+            m_failed << path;
+    }
+
+    QStringList Written() const { return m_written; }
+    QStringList Failed() const { return m_failed; }
+
+private:
+    QDir m_directory;
+    QStringList m_written;
+    QStringList m_failed;
+};
+
+void RenderMainWindow(Writer& writer)
+{
+    MainWindow window;
+    window.show();
+    writer.Save(QStringLiteral("main"), window);
+
+    QMenu* menu = window.CreateMenu();
+    menu->adjustSize();
+    writer.Save(QStringLiteral("main-menu"), *menu);
+
+    const struct
+    {
+        const char* name;
+        void (MainWindow::*open)();
+    } pages[] = {
+        {"page-burn", &MainWindow::onBurn},     {"page-extract", &MainWindow::onExtract},
+        {"page-create", &MainWindow::onCreate}, {"page-edit", &MainWindow::onEdit},
+        {"page-copy", &MainWindow::onCopy},
+    };
+    for (const auto& page : pages) {
+        MainWindow host;
+        host.show();
+        (host.*page.open)();
+        writer.Save(QLatin1String(page.name), host);
+    }
+}
+
+void RenderDialogs(Writer& writer)
+{
+    CAboutusDialog about;
+    writer.Save(QStringLiteral("about"), about);
+
+    auto message = MessageDialogs::Message(QStringLiteral(
+        "The image could not be opened: 7-Zip says \"Cannot open the file as archive\". "
+        "Please choose another image."));
+    writer.Save(QStringLiteral("dialog-message"), *message);
+
+    auto finished = MessageDialogs::Finished(QStringLiteral("Extract files successfully."),
+                                             QDir::homePath());
+    writer.Save(QStringLiteral("dialog-finished"), *finished);
+
+    auto confirm = MessageDialogs::Confirm(QStringLiteral(":/nwu/format_usb"));
+    writer.Save(QStringLiteral("dialog-confirm-format-usb"), *confirm);
+
+    CProgressDialog progress;
+    progress.SetText(QStringLiteral("Extracting files: boot/grub/grub.cfg"));
+    progress.SetRange(0, 10000);
+    progress.SetValue(4567);
+    writer.Save(QStringLiteral("dialog-progress"), progress);
+
+    CProgressDialog burning;
+    burning.SetText(QStringLiteral("Burning disc..."));
+    burning.SetRange(0, 100);
+    burning.SetValue(45);
+    burning.DisableStop();
+    writer.Save(QStringLiteral("dialog-progress-no-stop"), burning);
+
+    CInputDialog input;
+    input.SetInputText(QStringLiteral("  new name.txt  "));
+    writer.Save(QStringLiteral("dialog-input"), input);
+
+    const struct
+    {
+        const char* picture;
+        int y;
+    } notices[] = {
+        {"insert_usb", 123},
+        {"burn-fails", 123},
+        {"insufficient_space", 123},
+        {"select_files_extract", 120},
+    };
+    for (const auto& notice : notices) {
+        auto dialog = MessageDialogs::Notice(QStringLiteral(":/nwu/") + QLatin1String(notice.picture),
+                                             notice.y);
+        writer.Save(QStringLiteral("notice-") + QLatin1String(notice.picture), *dialog);
+    }
+}
+
+} // namespace
+
+QStringList RenderAll(const QString& directory, QString* error)
+{
+    QDir dir(directory);
+    if (!dir.mkpath(QStringLiteral("."))) {
+        if (error)
+            *error = QStringLiteral("Cannot create the folder %1.").arg(directory);
+        return {};
+    }
+    Writer writer(dir);
+    RenderMainWindow(writer);
+    RenderDialogs(writer);
+    if (!writer.Failed().isEmpty()) {
+        if (error)
+            *error = QStringLiteral("Cannot write %1.").arg(writer.Failed().join(QStringLiteral(", ")));
+        return {};
+    }
+    return writer.Written();
+}
+
+} // namespace Screenshots

@@ -1,0 +1,195 @@
+#include "app/util.h"
+
+#include <QCoreApplication>
+#include <QDataStream>
+#include <QDateTime>
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QMutex>
+#include <QMutexLocker>
+#include <QStandardPaths>
+
+namespace {
+
+constexpr auto kTimePattern = "yyyy-MM-dd hh:mm:ss";
+
+// Entries counted and removed by DirSize and RemoveDir: hidden entries are
+// deliberately left out, so a folder holding one keeps existing.
+constexpr QDir::Filters kListFilter =
+    QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot;
+
+QMutex& logMutex()
+{
+    static QMutex mutex;
+    return mutex;
+}
+
+} // namespace
+
+QString Util::AppDir()
+{
+    return QCoreApplication::applicationDirPath();
+}
+
+QString Util::DataDir()
+{
+    QString path = QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation);
+    if (path.isEmpty() || path.startsWith(QLatin1String("/var/root")))
+        path.clear();
+    if (!QFileInfo(path).isDir())
+        QDir().mkpath(path.isEmpty() ? QStringLiteral(".") : path);
+    return path;
+}
+
+QString Util::ScratchDir()
+{
+    return DataDir() + QStringLiteral("/tmp/");
+}
+
+QString Util::SwitchFilePath()
+{
+    return AppDir() + QStringLiteral("/config.dat");
+}
+
+QString Util::LogFilePath()
+{
+    return DataDir() + QStringLiteral("/log.txt");
+}
+
+void Util::WriteLog(const QString& message)
+{
+    if (!FileExists(SwitchFilePath()))
+        return;
+
+    const QString path = LogFilePath();
+    const QByteArray record = QDateTime::currentDateTime().toString(QLatin1String(kTimePattern)).toUtf8()
+                              + ' ' + message.toUtf8() + '\n';
+
+    // One lock keeps records of runner threads and the GUI thread whole and in
+    // call order; the file is opened and closed per record so that each record
+    // is on disk even if the process ends abruptly.
+    QMutexLocker locker(&logMutex());
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Append))
+        return;
+    file.write(record);
+    file.flush();
+    file.close();
+}
+
+QString Util::FormatTime(const QDateTime& time)
+{
+    return time.toString(QLatin1String(kTimePattern));
+}
+
+QString Util::FormatSize(qint64 bytes)
+{
+    static const char* const units[] = {"B", "KB", "MB", "GB"};
+    double value = static_cast<double>(bytes);
+    int unit = 0;
+    while (unit < 3 && value > 1024.0) {
+        value *= 1.0 / 1024.0;
+        ++unit;
+    }
+    QString number = QString::number(value, 'f', 2);
+    if (number.endsWith(QLatin1String(".00")))
+        number.chop(3);
+    return number + QLatin1Char(' ') + QLatin1String(units[unit]);
+}
+
+QString Util::CollapseSpaces(QString text)
+{
+    while (text.contains(QLatin1String("  ")))
+        text.replace(QLatin1String("  "), QLatin1String(" "));
+    return text;
+}
+
+QString Util::FileSuffix(const QString& name)
+{
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    if (dot <= 0)
+        return QString();
+    return name.mid(dot);
+}
+
+bool Util::FileExists(const QString& path)
+{
+    return QFileInfo::exists(path);
+}
+
+qint64 Util::DirSize(QString path)
+{
+    if (path.endsWith(QLatin1Char('/')))
+        path.chop(1);
+    qint64 total = 0;
+    const QFileInfoList entries = QDir(path).entryInfoList(kListFilter, QDir::Unsorted);
+    for (const QFileInfo& entry : entries) {
+        if (entry.isDir() && !entry.isSymLink())
+            total += DirSize(entry.absoluteFilePath());
+        else
+            total += entry.size();
+    }
+    return total;
+}
+
+void Util::RemovePath(const QString& path)
+{
+    const QFileInfo info(path);
+    if (!info.exists() && !info.isSymLink())
+        return;
+
+    // Only the owner's write bit is added: a removal that then fails must not
+    // leave the owner with less access than before.
+    QFile file(path);
+    if (!info.isSymLink())
+        file.setPermissions(file.permissions() | QFileDevice::WriteOwner);
+
+    if (info.isFile() || info.isSymLink()) {
+        if (!file.remove())
+            qDebug() << "Util::RemovePath" << file.errorString();
+    } else if (!QDir().rmdir(path)) {
+        qDebug() << "Util::RemovePath can not remove directory" << path;
+    }
+}
+
+void Util::RemoveDir(const QString& path, bool removeFiles)
+{
+    if (path.isEmpty() || !QFileInfo(path).isDir())
+        return;
+
+    const QFileInfoList entries = QDir(path).entryInfoList(kListFilter, QDir::Unsorted);
+    for (const QFileInfo& entry : entries) {
+        // A link to a folder is removed as a link; its target is left alone.
+        if (entry.isDir() && !entry.isSymLink())
+            RemoveDir(entry.absoluteFilePath(), removeFiles);
+        else if (removeFiles)
+            RemovePath(entry.absoluteFilePath());
+    }
+    RemovePath(QFileInfo(path).absoluteFilePath());
+}
+
+int Util::Read(QDataStream& stream, qint64 offset, int length, char* buffer)
+{
+    QIODevice* device = stream.device();
+    if (device == nullptr || offset < 0 || !device->seek(offset))
+        return ReadNoDevice;
+    stream.resetStatus();
+    if (length >= 0 && stream.readRawData(buffer, length) == length)
+        return ReadOk;
+    qDebug() << "Util::Read error";
+    return ReadShort;
+}
+
+void Util::WriteData(const QString& path, const char* data, int length)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadWrite)) {
+        qDebug() << "Util::WriteData can not open file" << path;
+        return;
+    }
+    if (file.write(data, length) != length)
+        qDebug() << "WriteData error";
+    file.close();
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QtGlobal>
+
+class QDataStream;
+class QDateTime;
+class QString;
+
+// Static helpers shared by every part of Brenta: locations, logging, size and
+// time texts, small file operations, and the message dialogs.
+//
+// The file and text helpers need no widgets and live in the core library; the
+// members marked "widgets" below are defined by the GUI library (util_gui.cpp),
+// so a tool built on the core library alone must not call them.
+class Util final
+{
+public:
+    Util() = delete;
+
+    // Locations
+    static QString AppDir();
+    static QString DataDir();
+    static QString ScratchDir();
+    static QString SwitchFilePath();
+    static QString LogFilePath();
+
+    // Appends "yyyy-MM-dd hh:mm:ss message" to log.txt while config.dat exists
+    // beside the executable. Safe to call from any thread.
+    static void WriteLog(const QString& message);
+
+    // Texts
+    static QString FormatTime(const QDateTime& time);
+    static QString FormatSize(qint64 bytes);
+    static QString CollapseSpaces(QString text);
+    static QString FileSuffix(const QString& name);
+
+    // Files
+    static bool FileExists(const QString& path);
+    static qint64 DirSize(QString path);
+    static void RemovePath(const QString& path);
+    static void RemoveDir(const QString& path, bool removeFiles);
+
+    // Positioned raw read: 0 on success, ReadNoDevice when the stream has no
+    // device or cannot be positioned, ReadShort when fewer bytes were read.
+    enum ReadResult { ReadOk = 0, ReadNoDevice = 25, ReadShort = 232 };
+    static int Read(QDataStream& stream, qint64 offset, int length, char* buffer);
+    // Writes length bytes at the start of the file without truncating it.
+    static void WriteData(const QString& path, const char* data, int length);
+
+    // Widgets (defined in the GUI library)
+    static void OpenFolder(QString path);
+    static void ShowMessage(const QString& text);
+    static void ShowFinished(const QString& text, const QString& folder);
+    static int ConfirmPicture(const QString& picture);
+};

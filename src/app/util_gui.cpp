@@ -1,0 +1,30 @@
+// The members of Util that need widgets or the desktop: opening folders and the
+// message dialogs. Kept apart so that the core library links Qt Core only.
+#include "app/util.h"
+
+#include <QDesktopServices>
+#include <QDir>
+#include <QUrl>
+
+#include "ui/commdialog.h"
+#include "ui/messagedialogs.h"
+
+void Util::OpenFolder(QString path)
+{
+    QDesktopServices::openUrl(QUrl::fromLocalFile(QDir::fromNativeSeparators(path)));
+}
+
+void Util::ShowMessage(const QString& text)
+{
+    MessageDialogs::Message(text)->exec();
+}
+
+void Util::ShowFinished(const QString& text, const QString& folder)
+{
+    MessageDialogs::Finished(text, folder)->exec();
+}
+
+int Util::ConfirmPicture(const QString& picture)
+{
+    return MessageDialogs::Confirm(picture)->exec();
+}

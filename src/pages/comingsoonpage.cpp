@@ -1,0 +1,136 @@
+#include "pages/comingsoonpage.h"
+
+#include <QKeyEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QPixmap>
+
+#include "ui/baseimagectrl.h"
+
+namespace {
+
+constexpr int kWidth = 664;
+constexpr int kHeight = 472;
+
+} // namespace
+
+CComingSoonPage::CComingSoonPage(Feature feature) : ImageDialog(false), m_feature(feature)
+{
+    setObjectName(QStringLiteral("CComingSoonPage"));
+    setFixedSize(kWidth, kHeight);
+    m_back = new CImageButton(this);
+    m_back->setObjectName(QStringLiteral("back"));
+    m_back->SetImages(QStringLiteral(":/nwu/Back1"), QStringLiteral(":/nwu/Back2"),
+                      QStringLiteral(":/nwu/Back3"), QString());
+    m_back->move(20, kHeight - m_back->height() - 15);
+    connect(m_back, qOverload<>(&CImageButton::clicked), this, &CComingSoonPage::OnBack);
+}
+
+QString CComingSoonPage::Title() const
+{
+    switch (m_feature) {
+    case Feature::Burn:
+        return QStringLiteral("Burn an image");
+    case Feature::Extract:
+        return QStringLiteral("Extract files from an image");
+    case Feature::Create:
+        return QStringLiteral("Create an image");
+    case Feature::Edit:
+        return QStringLiteral("Edit an image");
+    case Feature::Copy:
+        return QStringLiteral("Copy a disc");
+    }
+    return QString();
+}
+
+QString CComingSoonPage::Description() const
+{
+    switch (m_feature) {
+    case Feature::Burn:
+        return QStringLiteral("Write an ISO image to a USB drive, bootable if you like, or to a CD or DVD.");
+    case Feature::Extract:
+        return QStringLiteral("Open an ISO image, browse its folders and extract the files you tick.");
+    case Feature::Create:
+        return QStringLiteral("Collect files and folders and build an ISO9660, Joliet or UDF image from them.");
+    case Feature::Edit:
+        return QStringLiteral("Add, rename and delete entries of an image and save it as a new one, boot setup included.");
+    case Feature::Copy:
+        return QStringLiteral("Read a CD or DVD into an ISO image file.");
+    }
+    return QString();
+}
+
+QString CComingSoonPage::TilePicture() const
+{
+    switch (m_feature) {
+    case Feature::Burn:
+        return QStringLiteral(":/nwu/mburn1");
+    case Feature::Extract:
+        return QStringLiteral(":/nwu/Extract1");
+    case Feature::Create:
+        return QStringLiteral(":/nwu/Create1");
+    case Feature::Edit:
+        return QStringLiteral(":/nwu/Edit1");
+    case Feature::Copy:
+        return QStringLiteral(":/nwu/Copy-Disc1");
+    }
+    return QString();
+}
+
+void CComingSoonPage::OnBack()
+{
+    hide();
+    deleteLater();
+}
+
+void CComingSoonPage::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Escape) {
+        OnBack();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}
+
+void CComingSoonPage::paintEvent(QPaintEvent* /*event*/)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.fillRect(rect(), QColor(0xF4, 0xFC, 0xFF));
+
+    // The feature's own tile, so the page is recognisably the button's.
+    const QPixmap tile(TilePicture());
+    const QRect tileRect(QPoint((kWidth - tile.width()) / 2, 24), tile.size());
+    painter.drawPixmap(tileRect.topLeft(), tile);
+
+    const int textTop = tileRect.bottom() + 22;
+    QFont title = font();
+    title.setPixelSize(22);
+    title.setBold(true);
+    painter.setFont(title);
+    painter.setPen(QColor(0x1E, 0x88, 0xE5));
+    painter.drawText(QRect(40, textTop, kWidth - 80, 32), Qt::AlignHCenter | Qt::AlignVCenter, Title());
+
+    QFont body = font();
+    body.setPixelSize(14);
+    painter.setFont(body);
+    painter.setPen(QColor(0x60, 0x60, 0x60));
+    painter.drawText(QRect(60, textTop + 38, kWidth - 120, 44),
+                     Qt::AlignHCenter | Qt::AlignTop | Qt::TextWordWrap, Description());
+
+    // The notice itself: a soft badge that says plainly the feature is coming.
+    const QString notice = QStringLiteral("Coming soon: this feature arrives in a later version of Brenta.");
+    QFont badgeFont = font();
+    badgeFont.setPixelSize(13);
+    badgeFont.setBold(true);
+    painter.setFont(badgeFont);
+    const int badgeWidth = QFontMetrics(badgeFont).horizontalAdvance(notice) + 36;
+    const QRectF badge((kWidth - badgeWidth) / 2.0, textTop + 92, badgeWidth, 30);
+    QPainterPath path;
+    path.addRoundedRect(badge, 15, 15);
+    painter.fillPath(path, QColor(0xE2, 0xF8, 0xFE));
+    painter.setPen(QPen(QColor(0xC2, 0xEF, 0xFD), 1));
+    painter.drawPath(path);
+    painter.setPen(QColor(0x1E, 0x88, 0xE5));
+    painter.drawText(badge, Qt::AlignCenter, notice);
+}

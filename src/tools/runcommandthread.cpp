@@ -1,0 +1,243 @@
+#include "tools/runcommandthread.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QMutexLocker>
+#include <QProcessEnvironment>
+
+#include <csignal>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include "app/util.h"
+#include "tools/outputsplitter.h"
+
+namespace {
+
+// How long a tool may take to end after it was asked to, before it is killed.
+constexpr int kTerminateGraceMs = 2000;
+// How often the worker looks at the stop flag while the tool is quiet.
+constexpr int kPollMs = 100;
+
+} // namespace
+
+CProcess::CProcess(QObject* parent) : QProcess(parent)
+{
+    // A group of its own: a stop reaches the tool's children too, and a Ctrl+C
+    // in Brenta's terminal does not reach the tool behind Brenta's back.
+    setChildProcessModifier([] { ::setpgid(0, 0); });
+}
+
+void CProcess::OnTerminate()
+{
+    qDebug() << "CProcess::OnTerminate()";
+    SignalGroup(SIGTERM);
+}
+
+void CProcess::Kill()
+{
+    SignalGroup(SIGKILL);
+}
+
+void CProcess::SignalGroup(int signal)
+{
+    const qint64 pid = processId();
+    if (pid > 0)
+        ::kill(-static_cast<pid_t>(pid), signal);
+}
+
+CRunCommandThread::CRunCommandThread(QObject* parent) : QThread(parent) {}
+
+CRunCommandThread::~CRunCommandThread()
+{
+    if (isRunning()) {
+        m_stopped = true;
+        wait();
+    }
+}
+
+void CRunCommandThread::SetCommand(const QString& program, const QStringList& arguments)
+{
+    // The runner stays with the thread that created it (it is not moved to its
+    // own thread): its signals are emitted there, which is what lets terminate()
+    // drop lines that the tool wrote before the stop but the page has not seen.
+    m_program = program;
+    m_arguments = arguments;
+}
+
+void CRunCommandThread::StartCommand(QThread::Priority priority)
+{
+    m_stopped = false;
+    m_started = false;
+    m_lastLines.clear();
+    SetOutcome(Result::NotStarted, -1, QString());
+    m_running = true;
+    start(priority);
+}
+
+void CRunCommandThread::WaitCommand()
+{
+    while (m_running.load()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
+        QThread::msleep(10);
+    }
+}
+
+void CRunCommandThread::terminate()
+{
+    qDebug() << "CRunCommandThread::terminate";
+    if (m_stopped.exchange(true))
+        return;
+    m_running = false;
+    Q_EMIT terminateprocess();
+}
+
+CRunCommandThread::Result CRunCommandThread::GetResult() const
+{
+    QMutexLocker locker(&m_outcomeMutex);
+    if (m_stopped.load() && m_result == Result::NotStarted)
+        return Result::Stopped;
+    return m_result;
+}
+
+bool CRunCommandThread::Started() const
+{
+    return m_started.load();
+}
+
+int CRunCommandThread::ExitCode() const
+{
+    QMutexLocker locker(&m_outcomeMutex);
+    return m_exitCode;
+}
+
+QString CRunCommandThread::ErrorText() const
+{
+    QMutexLocker locker(&m_outcomeMutex);
+    return m_errorText;
+}
+
+QString CRunCommandThread::CommandLineText(const QString& program, const QStringList& arguments)
+{
+    QString text = program + QLatin1Char(' ');
+    for (const QString& argument : arguments)
+        text += argument + QLatin1Char(' ');
+    return text;
+}
+
+void CRunCommandThread::SetOutcome(Result result, int exitCode, const QString& errorText)
+{
+    QMutexLocker locker(&m_outcomeMutex);
+    m_result = result;
+    m_exitCode = exitCode;
+    m_errorText = errorText;
+}
+
+void CRunCommandThread::run()
+{
+    OutputSplitter splitter;
+    CProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    // A tool that asks a question reads end-of-file instead of waiting forever.
+    process.setStandardInputFile(QProcess::nullDevice());
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    environment.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
+    process.setProcessEnvironment(environment);
+
+    process.start(m_program, m_arguments, QIODevice::ReadOnly);
+    qDebug() << "CRunCommandThread run" << m_program << m_arguments;
+    Util::WriteLog(CommandLineText(m_program, m_arguments));
+
+    if (!process.waitForStarted(-1)) {
+        sloterrorstart(process);
+        DeliverEnd();
+        return;
+    }
+    m_started = true;
+
+    while (!m_stopped.load()) {
+        if (process.waitForReadyRead(kPollMs))
+            Deliver(splitter.Feed(process.readAll()));
+        else if (process.state() == QProcess::NotRunning)
+            break;
+    }
+    if (m_stopped.load()) {
+        OnTerminateProcess(process);
+        SetOutcome(Result::Stopped, -1, QStringLiteral("Stopped."));
+        return;
+    }
+
+    Deliver(splitter.Feed(process.readAll()));
+    Deliver(splitter.Finish());
+    if (process.exitStatus() == QProcess::CrashExit) {
+        SetOutcome(Result::Crashed, -1,
+                   QStringLiteral("%1 ended unexpectedly.").arg(m_program));
+    } else if (process.exitCode() != 0) {
+        SetOutcome(Result::Failed, process.exitCode(),
+                   QStringLiteral("%1 ended with exit status %2.").arg(m_program).arg(process.exitCode()));
+    } else {
+        SetOutcome(Result::Success, 0, QString());
+    }
+    DeliverEnd();
+}
+
+void CRunCommandThread::OnTerminateProcess(CProcess& process)
+{
+    qDebug() << "CRunCommandThread::OnTerminateProcess is called" << &process;
+    if (process.state() == QProcess::NotRunning)
+        return;
+    process.OnTerminate();
+    if (!process.waitForFinished(kTerminateGraceMs)) {
+        process.Kill();
+        process.waitForFinished(-1);
+    } else {
+        // The tool ended; children that ignored the request go now.
+        process.Kill();
+    }
+}
+
+void CRunCommandThread::sloterrorstart(const CProcess& process)
+{
+    const QString reason = m_program.isEmpty()
+                               ? QStringLiteral("The tool was not found.")
+                               : QStringLiteral("%1 could not be started: %2")
+                                     .arg(m_program, process.errorString());
+    qDebug() << "CRunCommandThread::sloterrorstart" << process.error() << m_program;
+    Util::WriteLog(QStringLiteral("CRunCommandThread::sloterrorstart ") + reason);
+    SetOutcome(Result::StartFailed, -1, reason);
+}
+
+void CRunCommandThread::Deliver(const QStringList& lines)
+{
+    if (lines.isEmpty())
+        return;
+    for (const QString& line : lines)
+        Util::WriteLog(line);
+    QMetaObject::invokeMethod(
+        this,
+        [this, lines] {
+            for (const QString& line : lines) {
+                if (m_stopped.load())
+                    return;
+                m_lastLines.append(line);
+                if (m_lastLines.size() > KeptLines)
+                    m_lastLines.removeFirst();
+                Q_EMIT standoutputline(line);
+            }
+        },
+        Qt::QueuedConnection);
+}
+
+void CRunCommandThread::DeliverEnd()
+{
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            if (m_stopped.load())
+                return;
+            m_running = false;
+            Q_EMIT sigfinished();
+        },
+        Qt::QueuedConnection);
+}

@@ -1,0 +1,111 @@
+#pragma once
+
+#include <QMutex>
+#include <QProcess>
+#include <QStringList>
+#include <QThread>
+
+#include <atomic>
+
+// The process object of one tool run. The tool is started in a process group
+// of its own, so that stopping it also stops whatever the tool started.
+class CProcess final : public QProcess
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CProcess)
+
+public:
+    explicit CProcess(QObject* parent = nullptr);
+
+    // Asks the tool and its children to end (SIGTERM to the process group).
+    void OnTerminate();
+    // Ends the tool and its children at once (SIGKILL to the process group).
+    void Kill();
+
+private:
+    void SignalGroup(int signal);
+};
+
+// Runs one external tool on a worker thread and streams its output as lines.
+//
+// Standard error is merged into standard output. Output is cut at line feeds,
+// carriage returns and runs of backspaces (OutputSplitter); every non-blank
+// line is logged and emitted as standoutputline() on the thread that created
+// the runner, in the tool's order. sigfinished() follows the last line, exactly
+// once, also when the tool could not be started (then without any line).
+// After terminate() nothing more is emitted, and the tool is stopped: asked to
+// end, and killed with its children if it has not ended two seconds later.
+//
+// What happened stays readable afterwards: GetResult(), Started(), ExitCode(),
+// ErrorText() and the last lines of output, so that a page can tell success
+// from failure and quote the tool.
+class CRunCommandThread final : public QThread
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CRunCommandThread)
+
+public:
+    enum class Result {
+        NotStarted,  // StartCommand() was not called yet, or the run is under way
+        Success,     // the tool ended by itself with exit status 0
+        Failed,      // the tool ended by itself with another exit status
+        Crashed,     // the tool was ended by a signal it did not ask for
+        StartFailed, // the tool could not be started (missing, not executable)
+        Stopped,     // terminate() was called before the end was reported
+    };
+
+    static constexpr int KeptLines = 20;
+
+    explicit CRunCommandThread(QObject* parent = nullptr);
+    ~CRunCommandThread() override;
+
+    void SetCommand(const QString& program, const QStringList& arguments);
+    void StartCommand(QThread::Priority priority = QThread::InheritPriority);
+    // Blocks until the run has ended or was stopped, processing the calling
+    // thread's events meanwhile so that the window stays responsive.
+    void WaitCommand();
+    // Stops the run: returns at once; no line and no sigfinished() after it.
+    void terminate();
+
+    bool IsRunning() const { return m_running.load(); }
+    Result GetResult() const;
+    bool Started() const;
+    int ExitCode() const;
+    QString ErrorText() const;
+    QStringList LastLines() const { return m_lastLines; }
+    QString Program() const { return m_program; }
+    QStringList Arguments() const { return m_arguments; }
+
+    // The command line as logged: the program and every argument, each followed
+    // by a blank.
+    static QString CommandLineText(const QString& program, const QStringList& arguments);
+
+Q_SIGNALS:
+    void standoutputline(const QString& line);
+    void sigfinished();
+    void terminateprocess();
+
+protected:
+    void run() override;
+
+private:
+    void OnTerminateProcess(CProcess& process);
+    void sloterrorstart(const CProcess& process);
+    void Deliver(const QStringList& lines);
+    void DeliverEnd();
+    void SetOutcome(Result result, int exitCode, const QString& errorText);
+
+    QString m_program;
+    QStringList m_arguments;
+    std::atomic<bool> m_running{false};
+    std::atomic<bool> m_stopped{false};
+    std::atomic<bool> m_started{false};
+
+    mutable QMutex m_outcomeMutex;
+    Result m_result = Result::NotStarted;
+    int m_exitCode = -1;
+    QString m_errorText;
+
+    // Only touched on the creator's thread.
+    QStringList m_lastLines;
+};

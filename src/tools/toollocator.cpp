@@ -1,0 +1,84 @@
+#include "tools/toollocator.h"
+
+#include <QFileInfo>
+#include <QStandardPaths>
+
+#include "app/util.h"
+
+namespace ToolLocator {
+namespace {
+
+struct ToolNames
+{
+    const char* folder;
+    const char* name;
+    QStringList onPath;
+};
+
+ToolNames namesOf(Tool tool)
+{
+    switch (tool) {
+    case Tool::Archive:
+        return {"7z", "7z", {QStringLiteral("7z"), QStringLiteral("7zz"), QStringLiteral("7za")}};
+    case Tool::ImageBuilder:
+        return {"cdrtools", "mkisofs", {QStringLiteral("mkisofs"), QStringLiteral("genisoimage")}};
+    case Tool::DiscWriter:
+        return {"cdrtools", "cdrecord", {QStringLiteral("cdrecord"), QStringLiteral("wodim")}};
+    case Tool::DiscReader:
+        return {"cdrtools", "readcd", {QStringLiteral("readcd"), QStringLiteral("readom")}};
+    }
+    return {"", "", {}};
+}
+
+bool isExecutableFile(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.isFile() && info.isExecutable();
+}
+
+} // namespace
+
+QStringList Candidates(Tool tool)
+{
+    const ToolNames names = namesOf(tool);
+    const QString relative =
+        QLatin1String(names.folder) + QLatin1Char('/') + QLatin1String(names.name);
+
+    QStringList places;
+    const QString toolsDir = qEnvironmentVariable("BRENTA_TOOLS_DIR");
+    if (!toolsDir.isEmpty())
+        places << toolsDir + QLatin1Char('/') + relative;
+    places << Util::AppDir() + QLatin1Char('/') + relative;
+    for (const QString& name : names.onPath) {
+        const QString found = QStandardPaths::findExecutable(name);
+        if (!found.isEmpty())
+            places << found;
+    }
+    return places;
+}
+
+QString Find(Tool tool)
+{
+    for (const QString& place : Candidates(tool)) {
+        if (isExecutableFile(place))
+            return place;
+    }
+    return QString();
+}
+
+QString DisplayName(Tool tool)
+{
+    switch (tool) {
+    case Tool::Archive:
+        return QStringLiteral("7-Zip");
+    case Tool::ImageBuilder:
+        return QStringLiteral("mkisofs");
+    case Tool::DiscWriter:
+        return QStringLiteral("cdrecord");
+    case Tool::DiscReader:
+        return QStringLiteral("readcd");
+    }
+    return QString();
+}
+
+} // namespace ToolLocator

@@ -1,0 +1,180 @@
+#include "ui/baseimagectrl.h"
+
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPixmap>
+
+#include <utility>
+
+CBaseImageCtrl::CBaseImageCtrl(QWidget* parent) : QWidget(parent)
+{
+    setEnabled(true);
+    setWindowFlags(Qt::FramelessWindowHint);
+    setMouseTracking(true);
+    setCursor(Qt::PointingHandCursor);
+}
+
+void CBaseImageCtrl::SetImages(const QString& normal, const QString& hover, const QString& pressed,
+                               const QString& disabled)
+{
+    const QPixmap base(normal);
+    if (base.isNull())
+        return;
+    for (const QString& path : {hover, pressed, disabled}) {
+        if (path.isEmpty())
+            continue;
+        const QPixmap other(path);
+        if (!other.isNull() && other.size() != base.size())
+            return;
+    }
+    m_frames = 0;
+    m_normal = normal;
+    m_hover = hover;
+    m_pressed = pressed;
+    m_disabled = disabled;
+    ApplySize();
+    update();
+}
+
+void CBaseImageCtrl::SetSprite(const QString& path, int frames)
+{
+    m_normal = path;
+    m_frames = frames;
+    ApplySize();
+    update();
+}
+
+void CBaseImageCtrl::SetAutoSize(bool autoSize)
+{
+    m_autoSize = autoSize;
+    ApplySize();
+}
+
+void CBaseImageCtrl::SetAlignment(int alignment)
+{
+    m_alignment = alignment;
+    update();
+}
+
+void CBaseImageCtrl::ApplySize()
+{
+    if (!m_autoSize || m_normal.isEmpty())
+        return;
+    const QPixmap picture(m_normal);
+    if (picture.isNull()) {
+        setFixedSize(0, 0);
+        return;
+    }
+    if (m_frames > 1)
+        setFixedSize(picture.width() / m_frames, picture.height());
+    else
+        setFixedSize(picture.size());
+}
+
+CBaseImageCtrl::State CBaseImageCtrl::CurrentState() const
+{
+    if (!isEnabled())
+        return State::Disabled;
+    if (m_hovered && m_inside)
+        return m_armed ? State::Pressed : State::Hover;
+    return State::Normal;
+}
+
+void CBaseImageCtrl::mousePressEvent(QMouseEvent* event)
+{
+    m_hovered = true;
+    m_inside = true;
+    m_armed = event->button() != Qt::NoButton;
+    update();
+}
+
+void CBaseImageCtrl::mouseMoveEvent(QMouseEvent* event)
+{
+    const bool inside = rect().contains(event->position().toPoint());
+    if (inside != m_inside) {
+        m_inside = inside;
+        update();
+    }
+}
+
+void CBaseImageCtrl::mouseReleaseEvent(QMouseEvent* event)
+{
+    const bool wasArmed = std::exchange(m_armed, false);
+    m_inside = rect().contains(event->position().toPoint());
+    update();
+    if (wasArmed && m_inside) {
+        Q_EMIT clicked(true);
+        Q_EMIT clicked();
+    }
+}
+
+void CBaseImageCtrl::enterEvent(QEnterEvent* event)
+{
+    m_hovered = true;
+    m_inside = true;
+    update();
+    QWidget::enterEvent(event);
+}
+
+void CBaseImageCtrl::leaveEvent(QEvent* event)
+{
+    m_hovered = false;
+    m_inside = false;
+    update();
+    QWidget::leaveEvent(event);
+}
+
+void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
+{
+    const State state = CurrentState();
+    QPixmap picture;
+    QRect source;
+    if (m_frames > 1) {
+        picture = QPixmap(m_normal);
+        if (picture.isNull())
+            return;
+        int frame = 0;
+        if (state == State::Disabled)
+            frame = m_frames >= 4 ? 3 : 0;
+        else if (state == State::Pressed)
+            frame = 2;
+        else if (state == State::Hover)
+            frame = 1;
+        const int frameWidth = picture.width() / m_frames;
+        source = QRect(frame * frameWidth, 0, frameWidth, picture.height());
+    } else {
+        QString path = m_normal;
+        if (state == State::Disabled)
+            path = m_disabled.isEmpty() ? m_normal : m_disabled;
+        else if (state == State::Pressed)
+            path = m_pressed;
+        else if (state == State::Hover)
+            path = m_hover;
+        if (path.isEmpty())
+            return;
+        picture = QPixmap(path);
+        if (picture.isNull())
+            return;
+        source = picture.rect();
+    }
+
+    QPoint at((width() - source.width()) / 2, (height() - source.height()) / 2);
+    switch (m_alignment) {
+    case Left:
+        at.setX(0);
+        break;
+    case Top:
+        at.setY(0);
+        break;
+    case Right:
+        at.setX(width() - source.width());
+        break;
+    case Bottom:
+        at.setY(height() - source.height());
+        break;
+    default:
+        break;
+    }
+    QPainter painter(this);
+    painter.drawPixmap(at, picture, source);
+}

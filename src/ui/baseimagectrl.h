@@ -1,0 +1,69 @@
+#pragma once
+
+#include <QString>
+#include <QWidget>
+
+// A control drawn from pictures: normal, hover, pressed and disabled, either as
+// separate pictures or as frames of one sprite laid side by side. A click is a
+// press inside the control followed by a release inside it.
+class CBaseImageCtrl : public QWidget
+{
+    Q_OBJECT
+
+public:
+    // Where the picture sits inside the control.
+    enum Alignment { Centre = -1, Left = 0, Top = 1, Right = 2, Bottom = 3 };
+    enum class State { Normal, Hover, Pressed, Disabled };
+
+    explicit CBaseImageCtrl(QWidget* parent = nullptr);
+
+    // Separate pictures. The whole call is ignored when the normal picture does
+    // not load, or when a given hover, pressed or disabled picture loads with a
+    // size other than the normal picture's.
+    void SetImages(const QString& normal, const QString& hover, const QString& pressed,
+                   const QString& disabled);
+    // One picture holding `frames` frames side by side: normal, hover, pressed
+    // and, with four frames or more, disabled.
+    void SetSprite(const QString& path, int frames);
+    void SetAutoSize(bool autoSize);
+    void SetAlignment(int alignment);
+
+    State CurrentState() const;
+    int FrameCount() const { return m_frames; }
+
+Q_SIGNALS:
+    void clicked(bool checked);
+    void clicked();
+
+protected:
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void enterEvent(QEnterEvent* event) override;
+    void leaveEvent(QEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    void ApplySize();
+
+    QString m_normal;
+    QString m_hover;
+    QString m_pressed;
+    QString m_disabled;
+    int m_frames = 0;
+    bool m_autoSize = true;
+    bool m_hovered = false;
+    bool m_armed = false;      // a press started inside and is not released yet
+    bool m_inside = false;     // the cursor is inside the control
+    int m_alignment = Centre;
+};
+
+// The picture button used by every window and page.
+class CImageButton final : public CBaseImageCtrl
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CImageButton)
+
+public:
+    explicit CImageButton(QWidget* parent = nullptr) : CBaseImageCtrl(parent) {}
+};

@@ -1,0 +1,128 @@
+#include "ui/imagedialog.h"
+
+#include <QApplication>
+#include <QDebug>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPixmap>
+
+ImageDialog::ImageDialog(bool /*hasParent*/) : QDialog(nullptr)
+{
+    setWindowTitle(QStringLiteral("Brenta"));
+    setModal(true);
+    setWindowFlags(Qt::FramelessWindowHint);
+    setAutoFillBackground(false);
+    setAttribute(Qt::WA_TranslucentBackground, true);
+}
+
+ImageDialog::~ImageDialog() = default;
+
+void ImageDialog::SetBackgroundImage(const QString& path)
+{
+    if (path.isEmpty())
+        return;
+    const QPixmap picture(path);
+    if (picture.isNull()) {
+        qDebug() << "Can not load the image file" << path;
+        return;
+    }
+    setFixedSize(picture.size());
+    m_background = path;
+    update();
+}
+
+void ImageDialog::SetBackgroundColor(const QColor& color)
+{
+    QPalette colours = palette();
+    colours.setBrush(QPalette::All, QPalette::Window, QBrush(color));
+    setPalette(colours);
+    setAutoFillBackground(true);
+}
+
+void ImageDialog::SetMovable(bool movable)
+{
+    m_movable = movable;
+}
+
+void ImageDialog::slot_minWindow()
+{
+    showMinimized();
+}
+
+void ImageDialog::mousePressEvent(QMouseEvent* event)
+{
+    m_dragging = true;
+    m_dragStarted = false;
+    m_pressGlobal = event->globalPosition().toPoint();
+    m_dragOffset = m_pressGlobal - pos();
+    QDialog::mousePressEvent(event);
+}
+
+void ImageDialog::mouseMoveEvent(QMouseEvent* event)
+{
+    if (!m_dragging || event->buttons() == Qt::NoButton || !m_movable)
+        return;
+    const QPoint global = event->globalPosition().toPoint();
+    // The drag starts once the cursor has travelled the platform's drag
+    // distance since the press; from then on the window follows every move.
+    if (!m_dragStarted) {
+        if ((global - m_pressGlobal).manhattanLength() <= QApplication::startDragDistance())
+            return;
+        m_dragStarted = true;
+    }
+    move(global - m_dragOffset);
+    m_dragOffset = global - pos();
+}
+
+void ImageDialog::mouseReleaseEvent(QMouseEvent* event)
+{
+    m_dragging = false;
+    m_dragStarted = false;
+    QDialog::mouseReleaseEvent(event);
+}
+
+void ImageDialog::paintEvent(QPaintEvent* event)
+{
+    if (m_background.isEmpty()) {
+        QDialog::paintEvent(event);
+        return;
+    }
+    QPainter painter(this);
+    painter.drawPixmap(rect(), QPixmap(m_background));
+}
+
+void ImageDialog::moveEvent(QMoveEvent* event)
+{
+    QDialog::moveEvent(event);
+    Q_EMIT sigmove();
+}
+
+void ImageDialog::resizeEvent(QResizeEvent* event)
+{
+    QDialog::resizeEvent(event);
+    Q_EMIT sigmove();
+}
+
+void ImageDialog::showEvent(QShowEvent* event)
+{
+    QDialog::showEvent(event);
+    update();
+    Q_EMIT sigvisable(true);
+}
+
+void ImageDialog::hideEvent(QHideEvent* event)
+{
+    QDialog::hideEvent(event);
+    Q_EMIT sigvisable(false);
+}
+
+void ImageDialog::changeEvent(QEvent* event)
+{
+    QDialog::changeEvent(event);
+    if (event->type() != QEvent::WindowStateChange && event->type() != QEvent::ActivationChange)
+        return;
+    if (isMinimized())
+        return;
+    if (windowState() == Qt::WindowActive)
+        Q_EMIT sigvisable(true);
+}
