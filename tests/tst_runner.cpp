@@ -1,4 +1,311 @@
 #include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+
+#include <csignal>
+
+#include "app/util.h"
+#include "tools/runcommandthread.h"
+
+namespace {
+
+const QString kChild = QStringLiteral(BRENTA_TEST_CHILD);
+
+// Everything a page would see of one run.
+struct Recorder
+{
+    explicit Recorder(CRunCommandThread& runner)
+        : lines(&runner, &CRunCommandThread::standoutputline),
+          finished(&runner, &CRunCommandThread::sigfinished)
+    {
+    }
+    QStringList Lines() const
+    {
+        QStringList out;
+        for (const QList<QVariant>& call : lines)
+            out << call.at(0).toString();
+        return out;
+    }
+    QSignalSpy lines;
+    QSignalSpy finished;
+};
+
+// Alive means running or stopped, not a zombie waiting for its parent.
+bool processAlive(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray text = stat.readAll();
+    const int close = text.lastIndexOf(')');
+    return close > 0 && close + 2 < text.size() && text.at(close + 2) != 'Z';
+}
+
+qint64 readPid(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    return file.readAll().trimmed().toLongLong();
+}
+
+} // namespace
+
+class TestRunner final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanup();
+
+    void deliversLines_data();
+    void deliversLines();
+    void logsCommandAndEveryLine();
+    void reportsHowTheToolEnded_data();
+    void reportsHowTheToolEnded();
+    void toolThatCannotStartStillEnds_data();
+    void toolThatCannotStartStillEnds();
+    void manyLinesArriveInOrder();
+    void terminateStopsToolAndSignals_data();
+    void terminateStopsToolAndSignals();
+    void terminateInsideLineSlotDropsTheRest();
+    void destroyingARunningRunnerStopsTheTool();
+};
+
+void TestRunner::initTestCase()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(QFileInfo(kChild).isExecutable());
+    // Destroying a QProcess that still runs is a fault wherever it happens.
+    QTest::failOnWarning(QRegularExpression("Destroyed while process"));
+}
+
+void TestRunner::cleanup()
+{
+    QFile::remove(Util::SwitchFilePath());
+    QFile::remove(Util::LogFilePath());
+}
+
+void TestRunner::deliversLines_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QStringList>("lines");
+
+    QTest::newRow("three figures and crlf")
+        << QStringList{"print-raw", "12%\\r34%\\r56%\\r\\n"} << QStringList{"12%", "34%", "56%"};
+    QTest::newRow("plain line keeps its line feed")
+        << QStringList{"print-raw", "Everything is Ok\\n"} << QStringList{"Everything is Ok\n"};
+    QTest::newRow("backspace runs")
+        << QStringList{"print-raw", " 10% 1 - a\\b\\b\\b\\b\\b\\b\\b\\b\\b\\b 60% 2 - b\\b\\b\\b\\b\\nOk\\n"}
+        << QStringList{" 10% 1 - a", " 60% 2 - b", "Ok\n"};
+    QTest::newRow("blank lines give nothing")
+        << QStringList{"print-raw", "\\n\\n  \\nx\\n\\n"} << QStringList{"x\n"};
+    QTest::newRow("last line without line feed")
+        << QStringList{"print-raw", "first\\nlast"} << QStringList{"first\n", "last"};
+    QTest::newRow("error output is merged")
+        << QStringList{"stderr"} << QStringList{"to stdout\n", "to stderr\n"};
+    QTest::newRow("long line in pieces")
+        << QStringList{"long", "5000"}
+        << QStringList{QString(2047, 'x'), QString(2047, 'x'), QString(906, 'x') + "\n"};
+}
+
+void TestRunner::deliversLines()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(QStringList, lines);
+
+    CRunCommandThread runner;
+    Recorder seen(runner);
+    runner.SetCommand(kChild, arguments);
+    runner.StartCommand();
+    QVERIFY(seen.finished.wait(10000));
+    QCOMPARE(seen.Lines(), lines);
+    QCOMPARE(seen.finished.count(), 1);
+    QCOMPARE(runner.GetResult(), CRunCommandThread::Result::Success);
+    QVERIFY(runner.Started());
+    QVERIFY(!runner.IsRunning());
+    QCOMPARE(runner.LastLines(), lines.mid(qMax(0, lines.size() - CRunCommandThread::KeptLines)));
+}
+
+void TestRunner::logsCommandAndEveryLine()
+{
+    QFile switchFile(Util::SwitchFilePath());
+    QVERIFY(switchFile.open(QIODevice::WriteOnly));
+    switchFile.close();
+
+    CRunCommandThread runner;
+    Recorder seen(runner);
+    runner.SetCommand(kChild, {"print-raw", "alpha\\rbeta\\n\\ngamma\\n"});
+    runner.StartCommand();
+    runner.WaitCommand();
+    QCOMPARE(seen.finished.count(), 1);
+
+    QFile log(Util::LogFilePath());
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    QStringList messages;
+    for (const QByteArray& line : log.readAll().split('\n')) {
+        if (!line.isEmpty())
+            messages << QString::fromUtf8(line.mid(20)); // after the time stamp and blank
+    }
+    // The command line ends with a blank after the last argument.
+    QCOMPARE(messages, (QStringList{kChild + " print-raw alpha\\rbeta\\n\\ngamma\\n ", "alpha",
+                                    "beta", "gamma"}));
+}
+
+void TestRunner::reportsHowTheToolEnded_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("result");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QStringList>("lines");
+    QTest::newRow("success") << QStringList{"exit", "0"}
+                             << int(CRunCommandThread::Result::Success) << 0 << QStringList{"bye\n"};
+    QTest::newRow("exit status 254") << QStringList{"exit", "254"}
+                                     << int(CRunCommandThread::Result::Failed) << 254
+                                     << QStringList{"bye\n"};
+    QTest::newRow("crash") << QStringList{"crash"} << int(CRunCommandThread::Result::Crashed) << -1
+                           << QStringList{"about to crash\n"};
+}
+
+void TestRunner::reportsHowTheToolEnded()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, result);
+    QFETCH(int, exitCode);
+    QFETCH(QStringList, lines);
+
+    CRunCommandThread runner;
+    Recorder seen(runner);
+    runner.SetCommand(kChild, arguments);
+    runner.StartCommand();
+    runner.WaitCommand();
+    QCOMPARE(seen.finished.count(), 1);
+    QCOMPARE(seen.Lines(), lines);
+    QCOMPARE(int(runner.GetResult()), result);
+    QCOMPARE(runner.ExitCode(), exitCode);
+    QVERIFY(runner.Started());
+    QCOMPARE(runner.ErrorText().isEmpty(), result == int(CRunCommandThread::Result::Success));
+}
+
+void TestRunner::toolThatCannotStartStillEnds_data()
+{
+    QTest::addColumn<QString>("program");
+    QTest::newRow("missing file") << "/nonexistent/brenta-no-such-tool";
+    QTest::newRow("not executable") << QString(BRENTA_SOURCE_DIR "/CMakeLists.txt");
+    QTest::newRow("no program (tool not found)") << QString();
+}
+
+// A page waits for sigfinished() (or WaitCommand()) before it goes on: a tool
+// that never starts must still end the run, or the page hangs for ever.
+void TestRunner::toolThatCannotStartStillEnds()
+{
+    QFETCH(QString, program);
+    for (const bool wait : {false, true}) {
+        CRunCommandThread runner;
+        Recorder seen(runner);
+        runner.SetCommand(program, {"l", "image.iso"});
+        runner.StartCommand();
+        if (wait)
+            runner.WaitCommand();
+        else
+            QVERIFY(seen.finished.wait(10000));
+        QTRY_COMPARE(seen.finished.count(), 1);
+        QCOMPARE(seen.lines.count(), 0);
+        QVERIFY(!runner.Started());
+        QCOMPARE(runner.GetResult(), CRunCommandThread::Result::StartFailed);
+        QVERIFY(!runner.ErrorText().isEmpty());
+    }
+}
+
+void TestRunner::manyLinesArriveInOrder()
+{
+    CRunCommandThread runner;
+    Recorder seen(runner);
+    runner.SetCommand(kChild, {"stream", "1500"});
+    runner.StartCommand();
+    runner.WaitCommand();
+    const QStringList lines = seen.Lines();
+    QCOMPARE(lines.size(), 1500);
+    for (int i = 0; i < lines.size(); ++i)
+        QCOMPARE(lines.at(i), QStringLiteral("line %1\n").arg(i));
+    QCOMPARE(runner.LastLines().size(), CRunCommandThread::KeptLines);
+    QCOMPARE(runner.LastLines().last(), QStringLiteral("line 1499\n"));
+}
+
+void TestRunner::terminateStopsToolAndSignals_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::newRow("tool that ends when asked") << "hang";
+    QTest::newRow("tool that ignores the request") << "stubborn";
+}
+
+// Stop must leave nothing behind: no more signals to a page that may already
+// be gone, and no tool (nor a tool's child) still running.
+void TestRunner::terminateStopsToolAndSignals()
+{
+    QFETCH(QString, mode);
+    QTemporaryDir dir;
+    const QString pidFile = dir.filePath("pid");
+
+    auto* runner = new CRunCommandThread;
+    Recorder seen(*runner);
+    runner->SetCommand(kChild, {mode, pidFile});
+    runner->StartCommand();
+    QTRY_COMPARE(seen.lines.count(), 1);
+    QTRY_VERIFY(readPid(pidFile + ".child") > 0);
+    const qint64 tool = readPid(pidFile);
+    const qint64 grandchild = readPid(pidFile + ".child");
+    QVERIFY(processAlive(tool));
+    QVERIFY(processAlive(grandchild));
+
+    runner->terminate();
+    QVERIFY(!runner->IsRunning());
+    runner->WaitCommand(); // returns at once after a stop
+    QCOMPARE(runner->GetResult(), CRunCommandThread::Result::Stopped);
+
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(runner->isFinished(), 10000);
+    QTest::qWait(200);
+    QCOMPARE(seen.lines.count(), 1);
+    QCOMPARE(seen.finished.count(), 0);
+    delete runner;
+}
+
+void TestRunner::terminateInsideLineSlotDropsTheRest()
+{
+    CRunCommandThread runner;
+    QStringList received;
+    connect(&runner, &CRunCommandThread::standoutputline, this, [&](const QString& line) {
+        received << line;
+        if (received.size() == 10)
+            runner.terminate();
+    });
+    QSignalSpy finished(&runner, &CRunCommandThread::sigfinished);
+    runner.SetCommand(kChild, {"stream", "400"});
+    runner.StartCommand();
+    QTRY_VERIFY_WITH_TIMEOUT(runner.isFinished(), 10000);
+    QTest::qWait(100);
+    QCOMPARE(received.size(), 10);
+    QCOMPARE(received.last(), QStringLiteral("line 9\n"));
+    QCOMPARE(finished.count(), 0);
+}
+
+void TestRunner::destroyingARunningRunnerStopsTheTool()
+{
+    QTemporaryDir dir;
+    const QString pidFile = dir.filePath("pid");
+    qint64 tool = -1;
+    {
+        CRunCommandThread runner;
+        QSignalSpy lines(&runner, &CRunCommandThread::standoutputline);
+        runner.SetCommand(kChild, {"hang", pidFile});
+        runner.StartCommand();
+        QTRY_COMPARE(lines.count(), 1);
+        tool = readPid(pidFile);
+        QVERIFY(processAlive(tool));
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
+}
+
+QTEST_GUILESS_MAIN(TestRunner)
 #include "tst_runner.moc"

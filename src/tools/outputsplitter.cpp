@@ -6,7 +6,8 @@
 
 namespace {
 
-// Never cut inside a UTF-8 sequence: back off to the start of the character.
+// Never cut inside a UTF-8 sequence: back off to the start of the character
+// that byte `cut` belongs to. `cut` must be a valid index.
 qsizetype utf8SafeCut(const QByteArray& bytes, qsizetype cut)
 {
     qsizetype at = cut;
@@ -30,7 +31,7 @@ QStringList OutputSplitter::Feed(const QByteArray& chunk)
             Emit(std::exchange(m_pending, {}), out);
         } else {
             m_pending.append(c);
-            if (m_pending.size() >= MaxLineBytes) {
+            if (m_pending.size() > MaxLineBytes) {
                 const qsizetype cut = utf8SafeCut(m_pending, MaxLineBytes);
                 Emit(m_pending.left(cut), out);
                 m_pending.remove(0, cut);
