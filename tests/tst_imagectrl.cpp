@@ -1,4 +1,318 @@
 #include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+
+#include <QPainter>
+
+#include "ui/baseimagectrl.h"
+#include "ui/imagedialog.h"
+#include "ui/mycombobox.h"
+
+namespace {
+
+const QColor kNormal(255, 0, 0);
+const QColor kHover(0, 255, 0);
+const QColor kPressed(0, 0, 255);
+const QColor kDisabled(255, 255, 0);
+
+// A strip of solid frames, one colour each.
+QString writeStrip(const QDir& dir, const QString& name, const QList<QColor>& colours, QSize frame)
+{
+    QImage image(frame.width() * colours.size(), frame.height(), QImage::Format_ARGB32);
+    QPainter painter(&image);
+    for (int i = 0; i < colours.size(); ++i)
+        painter.fillRect(QRect(QPoint(i * frame.width(), 0), frame), colours.at(i));
+    painter.end();
+    const QString path = dir.filePath(name + ".png");
+    image.save(path);
+    return path;
+}
+
+QColor centreColour(QWidget& widget)
+{
+    const QImage image = widget.grab().toImage();
+    return image.pixelColor(image.width() / 2, image.height() / 2);
+}
+
+void sendMouse(QWidget* widget, QEvent::Type type, QPoint local, Qt::MouseButtons buttons,
+               Qt::MouseButton button = Qt::LeftButton)
+{
+    const QPointF global = widget->mapToGlobal(QPointF(local));
+    QMouseEvent event(type, QPointF(local), global, button, buttons, Qt::NoModifier);
+    QApplication::sendEvent(widget, &event);
+}
+
+} // namespace
+
+class TestImageCtrl final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+
+    void clickNeedsPressAndReleaseInside_data();
+    void clickNeedsPressAndReleaseInside();
+    void clickedWithArgumentComesFirst();
+    void spriteFrames_data();
+    void spriteFrames();
+    void separatePictureStates();
+    void mismatchedPicturesAreRejected_data();
+    void mismatchedPicturesAreRejected();
+    void alignment_data();
+    void alignment();
+
+    void dialogTakesBackgroundSize();
+    void dragMovesOnlyMovableWindows_data();
+    void dragMovesOnlyMovableWindows();
+    void comboReportsLeftPress();
+
+private:
+    QTemporaryDir m_dir;
+    QString m_sprite4;
+    QString m_sprite3;
+};
+
+void TestImageCtrl::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    const QDir dir(m_dir.path());
+    m_sprite4 = writeStrip(dir, "sprite4", {kNormal, kHover, kPressed, kDisabled}, {10, 8});
+    m_sprite3 = writeStrip(dir, "sprite3", {kNormal, kHover, kPressed}, {10, 8});
+    writeStrip(dir, "normal", {kNormal}, {20, 10});
+    writeStrip(dir, "hover", {kHover}, {20, 10});
+    writeStrip(dir, "pressed", {kPressed}, {20, 10});
+    writeStrip(dir, "disabled", {kDisabled}, {20, 10});
+    writeStrip(dir, "wide", {kHover}, {21, 10});
+    writeStrip(dir, "background", {QColor(10, 20, 30)}, {120, 90});
+}
+
+void TestImageCtrl::clickNeedsPressAndReleaseInside_data()
+{
+    QTest::addColumn<QPoint>("release");
+    QTest::addColumn<int>("button");
+    QTest::addColumn<int>("clicks");
+    QTest::newRow("inside") << QPoint(5, 4) << int(Qt::LeftButton) << 1;
+    QTest::newRow("on the far edge") << QPoint(9, 7) << int(Qt::LeftButton) << 1;
+    QTest::newRow("right button counts") << QPoint(5, 4) << int(Qt::RightButton) << 1;
+    // Pressing, then changing one's mind and leaving the button, must not click.
+    QTest::newRow("released outside") << QPoint(30, 4) << int(Qt::LeftButton) << 0;
+    QTest::newRow("released just past the edge") << QPoint(10, 8) << int(Qt::LeftButton) << 0;
+}
+
+void TestImageCtrl::clickNeedsPressAndReleaseInside()
+{
+    QFETCH(QPoint, release);
+    QFETCH(int, button);
+    QFETCH(int, clicks);
+
+    QWidget host;
+    host.resize(100, 50);
+    CImageButton control(&host);
+    control.SetSprite(m_sprite4, 4);
+    host.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&host));
+
+    QSignalSpy clicked(&control, qOverload<>(&CImageButton::clicked));
+    const auto mouseButton = Qt::MouseButton(button);
+    sendMouse(&control, QEvent::MouseButtonPress, {5, 4}, mouseButton, mouseButton);
+    QCOMPARE(control.CurrentState(), CBaseImageCtrl::State::Pressed);
+    sendMouse(&control, QEvent::MouseMove, release, mouseButton, Qt::NoButton);
+    sendMouse(&control, QEvent::MouseButtonRelease, release, Qt::NoButton, mouseButton);
+    QCOMPARE(clicked.count(), clicks);
+    // After the release the pressed picture is gone, wherever it happened.
+    QVERIFY(control.CurrentState() != CBaseImageCtrl::State::Pressed);
+    if (clicks == 0)
+        QCOMPARE(centreColour(control), kNormal);
+}
+
+void TestImageCtrl::clickedWithArgumentComesFirst()
+{
+    CImageButton control;
+    control.SetSprite(m_sprite3, 3);
+    QStringList order;
+    connect(&control, qOverload<bool>(&CImageButton::clicked), this,
+            [&](bool checked) { order << (checked ? "clicked(true)" : "clicked(false)"); });
+    connect(&control, qOverload<>(&CImageButton::clicked), this, [&] { order << "clicked()"; });
+    QTest::mouseClick(&control, Qt::LeftButton, {}, QPoint(3, 3));
+    QTest::mouseClick(&control, Qt::LeftButton, {}, QPoint(3, 3));
+    QCOMPARE(order, (QStringList{"clicked(true)", "clicked()", "clicked(true)", "clicked()"}));
+}
+
+void TestImageCtrl::spriteFrames_data()
+{
+    QTest::addColumn<int>("frames");
+    QTest::addColumn<QString>("state");
+    QTest::addColumn<QColor>("colour");
+    QTest::newRow("4 frames normal") << 4 << "normal" << kNormal;
+    QTest::newRow("4 frames hover") << 4 << "hover" << kHover;
+    QTest::newRow("4 frames pressed") << 4 << "pressed" << kPressed;
+    QTest::newRow("4 frames disabled") << 4 << "disabled" << kDisabled;
+    // Without a disabled frame a disabled button shows its normal frame.
+    QTest::newRow("3 frames disabled") << 3 << "disabled" << kNormal;
+    QTest::newRow("3 frames pressed") << 3 << "pressed" << kPressed;
+}
+
+void TestImageCtrl::spriteFrames()
+{
+    QFETCH(int, frames);
+    QFETCH(QString, state);
+    QFETCH(QColor, colour);
+
+    CImageButton control;
+    control.SetSprite(frames == 4 ? m_sprite4 : m_sprite3, frames);
+    QCOMPARE(control.size(), QSize(10, 8));
+    if (state == "disabled") {
+        control.setEnabled(false);
+    } else if (state != "normal") {
+        QEnterEvent enter(QPointF(3, 3), QPointF(3, 3), QPointF(3, 3));
+        QApplication::sendEvent(&control, &enter);
+        if (state == "pressed")
+            sendMouse(&control, QEvent::MouseButtonPress, {3, 3}, Qt::LeftButton);
+    }
+    QCOMPARE(centreColour(control), colour);
+}
+
+void TestImageCtrl::separatePictureStates()
+{
+    const QDir dir(m_dir.path());
+    CImageButton control;
+    control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"), dir.filePath("pressed.png"),
+                      QString());
+    QCOMPARE(control.size(), QSize(20, 10));
+    QCOMPARE(control.FrameCount(), 0);
+    QCOMPARE(centreColour(control), kNormal);
+    // No disabled picture: the normal one stands in.
+    control.setEnabled(false);
+    QCOMPARE(centreColour(control), kNormal);
+    control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"), dir.filePath("pressed.png"),
+                      dir.filePath("disabled.png"));
+    QCOMPARE(centreColour(control), kDisabled);
+}
+
+void TestImageCtrl::mismatchedPicturesAreRejected_data()
+{
+    QTest::addColumn<QString>("normal");
+    QTest::addColumn<QString>("hover");
+    QTest::addColumn<bool>("accepted");
+    QTest::newRow("same sizes") << "normal.png" << "hover.png" << true;
+    QTest::newRow("hover one pixel wider") << "normal.png" << "wide.png" << false;
+    QTest::newRow("normal does not load") << "missing.png" << "hover.png" << false;
+    // A state picture that does not load is taken as it is (it paints nothing).
+    QTest::newRow("hover does not load") << "normal.png" << "missing.png" << true;
+}
+
+void TestImageCtrl::mismatchedPicturesAreRejected()
+{
+    QFETCH(QString, normal);
+    QFETCH(QString, hover);
+    QFETCH(bool, accepted);
+
+    const QDir dir(m_dir.path());
+    CImageButton control;
+    control.SetSprite(m_sprite4, 4);
+    control.SetImages(dir.filePath(normal), dir.filePath(hover), QString(), QString());
+    QCOMPARE(control.size(), accepted ? QSize(20, 10) : QSize(10, 8));
+    QCOMPARE(control.FrameCount(), accepted ? 0 : 4);
+}
+
+void TestImageCtrl::alignment_data()
+{
+    QTest::addColumn<int>("alignment");
+    QTest::addColumn<QPoint>("inside");
+    QTest::addColumn<QPoint>("outside");
+    QTest::newRow("centre") << -1 << QPoint(15, 15) << QPoint(1, 15);
+    QTest::newRow("left") << 0 << QPoint(1, 15) << QPoint(28, 15);
+    QTest::newRow("top") << 1 << QPoint(15, 1) << QPoint(15, 28);
+    QTest::newRow("right") << 2 << QPoint(28, 15) << QPoint(1, 15);
+    QTest::newRow("bottom") << 3 << QPoint(15, 28) << QPoint(15, 1);
+}
+
+void TestImageCtrl::alignment()
+{
+    QFETCH(int, alignment);
+    QFETCH(QPoint, inside);
+    QFETCH(QPoint, outside);
+
+    CImageButton control;
+    control.SetAutoSize(false);
+    control.SetSprite(m_sprite4, 4);
+    control.setFixedSize(30, 30);
+    control.SetAlignment(alignment);
+    const QImage image = control.grab().toImage();
+    QCOMPARE(image.pixelColor(inside), kNormal);
+    QVERIFY(image.pixelColor(outside) != kNormal);
+}
+
+void TestImageCtrl::dialogTakesBackgroundSize()
+{
+    ImageDialog dialog;
+    dialog.resize(400, 300);
+    dialog.SetBackgroundImage(QDir(m_dir.path()).filePath("background.png"));
+    QCOMPARE(dialog.size(), QSize(120, 90));
+    // A picture that cannot be loaded keeps the previous one and its size.
+    dialog.SetBackgroundImage(QDir(m_dir.path()).filePath("missing.png"));
+    QCOMPARE(dialog.size(), QSize(120, 90));
+    QCOMPARE(dialog.BackgroundImage(), QDir(m_dir.path()).filePath("background.png"));
+    QCOMPARE(dialog.grab().toImage().pixelColor(60, 45), QColor(10, 20, 30));
+}
+
+void TestImageCtrl::dragMovesOnlyMovableWindows_data()
+{
+    QTest::addColumn<bool>("movable");
+    QTest::addColumn<bool>("onButton");
+    QTest::addColumn<QPoint>("expectedShift");
+    QTest::newRow("movable") << true << false << QPoint(40, 25);
+    QTest::newRow("not movable") << false << false << QPoint(0, 0);
+    // A press on a picture button belongs to the button, never to a drag.
+    QTest::newRow("press on a button") << true << true << QPoint(0, 0);
+}
+
+void TestImageCtrl::dragMovesOnlyMovableWindows()
+{
+    QFETCH(bool, movable);
+    QFETCH(bool, onButton);
+    QFETCH(QPoint, expectedShift);
+
+    ImageDialog dialog;
+    dialog.SetBackgroundImage(QDir(m_dir.path()).filePath("background.png"));
+    dialog.SetMovable(movable);
+    auto* button = new CImageButton(&dialog);
+    button->SetSprite(m_sprite4, 4);
+    button->move(100, 80);
+    dialog.move(200, 150);
+    dialog.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+    const QPoint start = dialog.pos();
+
+    QWidget* target = onButton ? static_cast<QWidget*>(button) : &dialog;
+    const QPoint pressAt = onButton ? QPoint(3, 3) : QPoint(30, 30);
+    QPoint global = target->mapToGlobal(pressAt);
+    const auto send = [&](QEvent::Type type, Qt::MouseButtons buttons) {
+        QWidget* receiver = (onButton || type == QEvent::MouseButtonPress) ? target : &dialog;
+        const QPoint local = receiver->mapFromGlobal(global);
+        QMouseEvent event(type, QPointF(local), QPointF(global), Qt::LeftButton, buttons, Qt::NoModifier);
+        QApplication::sendEvent(receiver, &event);
+    };
+    send(QEvent::MouseButtonPress, Qt::LeftButton);
+    QCOMPARE(dialog.IsDragging(), !onButton);
+    for (int step = 0; step < 5; ++step) {
+        global += QPoint(8, 5);
+        send(QEvent::MouseMove, Qt::LeftButton);
+    }
+    send(QEvent::MouseButtonRelease, Qt::NoButton);
+    QVERIFY(!dialog.IsDragging());
+    QCOMPARE(dialog.pos() - start, expectedShift);
+}
+
+void TestImageCtrl::comboReportsLeftPress()
+{
+    CMyComboBox combo;
+    combo.addItems({"/dev/sdb", "/dev/sdc"});
+    QSignalSpy pressed(&combo, &CMyComboBox::dropdownclicked);
+    QTest::mousePress(&combo, Qt::RightButton);
+    QCOMPARE(pressed.count(), 0);
+    QTest::mousePress(&combo, Qt::LeftButton);
+    QCOMPARE(pressed.count(), 1);
+}
+
+QTEST_MAIN(TestImageCtrl)
 #include "tst_imagectrl.moc"
