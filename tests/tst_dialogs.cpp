@@ -1,4 +1,236 @@
 #include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+
+#include <QDesktopServices>
+#include <QLabel>
+#include <QLineEdit>
+#include <QProgressBar>
+
+#include "app/util.h"
+#include "ui/baseimagectrl.h"
+#include "ui/commdialog.h"
+#include "ui/gerneraldialog.h"
+#include "ui/inputdialog.h"
+#include "ui/messagedialogs.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+void click(QWidget* button)
+{
+    QVERIFY(button != nullptr);
+    QVERIFY(button->isVisible());
+    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+}
+
+// Runs `action` on the modal dialog once its exec() has started.
+template <typename Dialog, typename Action>
+void whenModal(Action action)
+{
+    QTimer::singleShot(0, [action] {
+        auto* dialog = qobject_cast<Dialog*>(QApplication::activeModalWidget());
+        if (dialog == nullptr) {
+            QFAIL("no modal dialog of the expected kind");
+            return;
+        }
+        action(dialog);
+    });
+}
+
+} // namespace
+
+class TestDialogs final : public QObject
+{
+    Q_OBJECT
+
+public Q_SLOTS:
+    void recordUrl(const QUrl& url) { m_opened << url; }
+
+private Q_SLOTS:
+    void initTestCase();
+    void init() { m_opened.clear(); }
+
+    void percentText_data();
+    void percentText();
+    void stopHidesBeforeCancel();
+    void disabledStopDoesNothing();
+
+    void messageHasOneCentredButton();
+    void confirmPictureResults_data();
+    void confirmPictureResults();
+    void openFolderKeepsDialogOpen();
+    void inputIsTrimmed();
+    void noticeButtons_data();
+    void noticeButtons();
+
+private:
+    QList<QUrl> m_opened;
+};
+
+void TestDialogs::initTestCase()
+{
+    // Open Folder goes to the desktop; here it comes to the test instead.
+    QDesktopServices::setUrlHandler("file", this, "recordUrl");
+}
+
+void TestDialogs::percentText_data()
+{
+    QTest::addColumn<int>("minimum");
+    QTest::addColumn<int>("maximum");
+    QTest::addColumn<int>("value");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("start") << 0 << 10000 << 0 << "0%";
+    QTest::newRow("two decimals") << 0 << 10000 << 2550 << "25.50%";
+    QTest::newRow("whole number has no decimals") << 0 << 10000 << 4500 << "45%";
+    QTest::newRow("end") << 0 << 10000 << 10000 << "100%";
+    QTest::newRow("a third") << 0 << 3 << 1 << "33.33%";
+    QTest::newRow("empty range") << 0 << 0 << 0 << "0%";
+    QTest::newRow("offset range") << 100 << 300 << 150 << "25%";
+    QTest::newRow("value clamped by the bar") << 0 << 100 << 250 << "0%";
+}
+
+void TestDialogs::percentText()
+{
+    QFETCH(int, minimum);
+    QFETCH(int, maximum);
+    QFETCH(int, value);
+    QFETCH(QString, text);
+
+    CProgressDialog dialog;
+    dialog.SetRange(minimum, maximum);
+    dialog.SetValue(value);
+    QCOMPARE(dialog.PercentText(), text);
+    QCOMPARE(dialog.Bar()->text(), text);
+    QCOMPARE(dialog.IsComplete(), dialog.Bar()->value() == maximum);
+}
+
+// The page reacts to SigCancel by stopping its tool and perhaps showing a
+// message; the progress dialog must already be out of the way by then.
+void TestDialogs::stopHidesBeforeCancel()
+{
+    CProgressDialog dialog;
+    dialog.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+    QList<bool> visibleAtCancel;
+    connect(&dialog, &CProgressDialog::SigCancel, this, [&] { visibleAtCancel << dialog.isVisible(); });
+    QVERIFY(!dialog.OkButton()->isVisible());
+    QVERIFY(!dialog.CloseButton()->isVisible());
+    QCOMPARE(dialog.CancelButton()->pos(), QPoint(325, 140));
+    click(dialog.CancelButton());
+    QCOMPARE(visibleAtCancel, QList<bool>{false});
+}
+
+void TestDialogs::disabledStopDoesNothing()
+{
+    CProgressDialog dialog;
+    dialog.show();
+    dialog.DisableStop();
+    QSignalSpy cancelled(&dialog, &CProgressDialog::SigCancel);
+    QTest::mouseClick(dialog.CancelButton(), Qt::LeftButton);
+    QCOMPARE(cancelled.count(), 0);
+    QVERIFY(dialog.isVisible());
+}
+
+void TestDialogs::messageHasOneCentredButton()
+{
+    const QString text = "The image could not be opened because the archive tool said it is not an image. "
+                         "Please choose another file.";
+    auto dialog = MessageDialogs::Message(text);
+    QCOMPARE(dialog->size(), QSize(420, 188));
+    QCOMPARE(dialog->Label()->text(), text);
+    QVERIFY(dialog->Label()->wordWrap());
+    QCOMPARE(dialog->OkButton()->x(), (420 - dialog->OkButton()->width()) / 2);
+    dialog->show();
+    QVERIFY(!dialog->CancelButton()->isVisible());
+    dialog->hide();
+
+    // The finished message keeps one line.
+    QVERIFY(!MessageDialogs::Finished("Extract files successfully.", "/tmp")->Label()->wordWrap());
+
+    whenModal<CommDialog>([](CommDialog* shown) { click(shown->OkButton()); });
+    Util::ShowMessage(text);
+}
+
+void TestDialogs::confirmPictureResults_data()
+{
+    QTest::addColumn<QString>("button");
+    QTest::addColumn<int>("result");
+    QTest::newRow("OK") << "ok" << 1;
+    QTest::newRow("Cancel") << "cancel" << 0;
+    QTest::newRow("close") << "close" << 0;
+}
+
+void TestDialogs::confirmPictureResults()
+{
+    QFETCH(QString, button);
+    QFETCH(int, result);
+    whenModal<CommDialog>([button](CommDialog* dialog) {
+        QCOMPARE(dialog->BackgroundImage(), QString(":/nwu/format_usb"));
+        QCOMPARE(dialog->Label()->text(), QString());
+        click(button == "ok"       ? dialog->OkButton()
+              : button == "cancel" ? dialog->CancelButton()
+                                   : dialog->CloseButton());
+    });
+    QCOMPARE(Util::ConfirmPicture(":/nwu/format_usb"), result);
+}
+
+void TestDialogs::openFolderKeepsDialogOpen()
+{
+    for (const bool closeWithOk : {true, false}) {
+        auto dialog = MessageDialogs::Finished("Create ISO successfully!", "/tmp/out folder");
+        QTimer::singleShot(0, this, [&] {
+            click(dialog->CancelButton());
+            click(dialog->CancelButton());
+            QVERIFY(dialog->isVisible());
+            click(closeWithOk ? dialog->OkButton() : dialog->CloseButton());
+        });
+        QCOMPARE(dialog->exec(), closeWithOk ? int(QDialog::Accepted) : int(QDialog::Rejected));
+    }
+    QCOMPARE(m_opened.size(), 4);
+    QCOMPARE(m_opened.first(), QUrl::fromLocalFile("/tmp/out folder"));
+}
+
+void TestDialogs::inputIsTrimmed()
+{
+    CInputDialog dialog;
+    QCOMPARE(dialog.Label()->text(), QString("Please input the name:"));
+    dialog.SetInputText("  report 2024.txt \t");
+    QCOMPARE(dialog.Edit()->text(), QString("report 2024.txt"));
+    QCOMPARE(dialog.Edit()->selectedText(), QString("report 2024.txt"));
+
+    dialog.Edit()->clear();
+    QTest::keyClicks(dialog.Edit(), "   new name  ");
+    QCOMPARE(dialog.GetInputText(), QString("new name"));
+
+    QTimer::singleShot(0, this, [&] { click(dialog.OkButton()); });
+    QCOMPARE(dialog.exec(), int(QDialog::Accepted));
+}
+
+void TestDialogs::noticeButtons_data()
+{
+    QTest::addColumn<QString>("picture");
+    QTest::addColumn<int>("y");
+    QTest::addColumn<bool>("ok");
+    QTest::newRow("insert usb, OK") << ":/nwu/insert_usb" << 123 << true;
+    QTest::newRow("burn fails, close") << ":/nwu/burn-fails" << 123 << false;
+    QTest::newRow("select files, OK") << ":/nwu/select_files_extract" << 120 << true;
+}
+
+void TestDialogs::noticeButtons()
+{
+    QFETCH(QString, picture);
+    QFETCH(int, y);
+    QFETCH(bool, ok);
+    auto dialog = MessageDialogs::Notice(picture, y);
+    QCOMPARE(dialog->size(), QPixmap(picture).size());
+    const int width = dialog->width();
+    QCOMPARE(dialog->CloseButton()->geometry(), QRect(width - 29, 1, 28, 25));
+    QCOMPARE(dialog->OkButton()->geometry(), QRect((width - 92) / 2, y, 92, 22));
+    // Both buttons must sit on the picture, not hang over its edge.
+    QVERIFY(dialog->rect().contains(dialog->OkButton()->geometry()));
+
+    QTimer::singleShot(0, this, [&] { click(ok ? dialog->OkButton() : dialog->CloseButton()); });
+    QCOMPARE(dialog->exec(), ok ? int(QDialog::Accepted) : int(QDialog::Rejected));
+}
+
+QTEST_MAIN(TestDialogs)
 #include "tst_dialogs.moc"

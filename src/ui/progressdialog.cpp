@@ -25,12 +25,17 @@ CProgressDialog::CProgressDialog(QWidget* parent) : CommDialog(parent)
     m_btncancel->SetImages(QStringLiteral(":/nwu/Stop1"), QStringLiteral(":/nwu/Stop2"),
                            QStringLiteral(":/nwu/Stop3"), QStringLiteral(":/nwu/Stop4"));
     m_btncancel->move(325, 140);
+    SetRange(0, 100);
     SetValue(0);
 }
 
 void CProgressDialog::SetRange(int minimum, int maximum)
 {
-    m_bar->setRange(minimum, maximum);
+    // An empty range would turn the bar into a busy indicator without text;
+    // the dialog shows 0% instead, so the bar keeps a range of one step.
+    m_minimum = minimum;
+    m_maximum = maximum;
+    m_bar->setRange(minimum, maximum > minimum ? maximum : minimum + 1);
 }
 
 QString CProgressDialog::FormatPercent(double percent)
@@ -46,9 +51,9 @@ QString CProgressDialog::FormatPercent(double percent)
 void CProgressDialog::SetValue(int value)
 {
     m_bar->setValue(value);
-    const double range = static_cast<double>(m_bar->maximum()) - m_bar->minimum();
+    const double range = static_cast<double>(m_maximum) - m_minimum;
     const double percent =
-        range <= 0 ? 0.0 : (static_cast<double>(m_bar->value()) - m_bar->minimum()) * 100.0 / range;
+        range <= 0 ? 0.0 : (static_cast<double>(m_bar->value()) - m_minimum) * 100.0 / range;
     m_bar->setFormat(FormatPercent(percent));
 }
 
@@ -64,7 +69,7 @@ void CProgressDialog::DisableStop()
 
 bool CProgressDialog::IsComplete() const
 {
-    return m_bar->value() == m_bar->maximum();
+    return m_bar->value() == m_maximum;
 }
 
 void CProgressDialog::OnBtnCancel()

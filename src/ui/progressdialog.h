@@ -34,4 +34,6 @@ public Q_SLOTS:
 
 private:
     QProgressBar* m_bar = nullptr;
+    int m_minimum = 0;
+    int m_maximum = 100;
 };
