@@ -1,4 +1,251 @@
 #include <QtTest>
-class T : public QObject { Q_OBJECT };
-QTEST_MAIN(T)
+
+#include <QDesktopServices>
+#include <QLabel>
+#include <QMenu>
+
+#include "app/aboutusdialog.h"
+#include "app/application.h"
+#include "app/links.h"
+#include "app/mainwindow.h"
+#include "pages/comingsoonpage.h"
+#include "ui/baseimagectrl.h"
+
+class TestMainWindow final : public QObject
+{
+    Q_OBJECT
+
+public Q_SLOTS:
+    void recordUrl(const QUrl& url) { m_opened << url; }
+
+private Q_SLOTS:
+    void initTestCase();
+    void init() { m_opened.clear(); }
+
+    void picturesLoadAtTheirSize_data();
+    void picturesLoadAtTheirSize();
+    void headerAndFeatureButtons_data();
+    void headerAndFeatureButtons();
+    void windowIsSkinnedAndStaysOnEscape();
+    void featureButtonOpensFreshPage_data();
+    void featureButtonOpensFreshPage();
+    void menuHasItsActionsAndIsReplaced();
+    void exitClosesTheWindow();
+    void homeAndHelpOpenTheirPages();
+    void aboutShowsProductLink();
+
+private:
+    QList<QUrl> m_opened;
+};
+
+void TestMainWindow::initTestCase()
+{
+    Application::SetUp(*qApp);
+    QVERIFY(!QApplication::windowIcon().isNull());
+    QDesktopServices::setUrlHandler("https", this, "recordUrl");
+    QDesktopServices::setUrlHandler("file", this, "recordUrl");
+}
+
+// Every picture the windows and dialogs name must be compiled in and have the
+// size the layout was drawn for: a picture of another size would shift every
+// widget placed on it.
+void TestMainWindow::picturesLoadAtTheirSize_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QSize>("size");
+    const auto add = [](const QString& name, QSize size) {
+        QTest::newRow(qPrintable(name)) << name << size;
+    };
+    add("main", {860, 580});
+    for (const char* sprite : {"menu", "minimize", "close"})
+        add(sprite, {84, 25});
+    add("Home", {300, 68});
+    add("Help", {300, 68});
+    const struct
+    {
+        const char* stem;
+        QSize size;
+        int states;
+    } sets[] = {
+        {"mburn", {428, 220}, 3},      {"Extract", {206, 220}, 3},   {"Create", {208, 219}, 3},
+        {"Edit", {210, 219}, 3},       {"Copy-Disc", {206, 219}, 3}, {"close_small_", {28, 25}, 3},
+        {"OK", {90, 21}, 3},           {"NO_", {92, 22}, 3},         {"Open-Folder", {90, 21}, 3},
+        {"Stop", {92, 22}, 4},         {"OK_", {92, 22}, 3},         {"Back", {100, 40}, 3},
+    };
+    for (const auto& set : sets) {
+        for (int state = 1; state <= set.states; ++state)
+            add(QLatin1String(set.stem) + QString::number(state), set.size);
+    }
+    add("about_us", {420, 188});
+    add("commdialogbg", {420, 188});
+    add("format_usb", {420, 188});
+    for (const char* notice : {"insert_usb", "burn-fails", "insufficient_space", "select_files_extract"})
+        add(notice, {420, 160});
+    add("logo", {256, 256});
+}
+
+void TestMainWindow::picturesLoadAtTheirSize()
+{
+    QFETCH(QString, name);
+    QFETCH(QSize, size);
+    const QPixmap picture(":/nwu/" + name);
+    QVERIFY2(!picture.isNull(), qPrintable(name + " does not load"));
+    QCOMPARE(picture.size(), size);
+}
+
+void TestMainWindow::headerAndFeatureButtons_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QRect>("geometry");
+    QTest::newRow("menu") << "menu" << QRect(775, 1, 28, 25);
+    QTest::newRow("min") << "min" << QRect(803, 1, 28, 25);
+    QTest::newRow("close") << "close" << QRect(831, 1, 28, 25);
+    QTest::newRow("burn") << "burn" << QRect(205, 120, 428, 220);
+    QTest::newRow("extract") << "extract" << QRect(644, 120, 206, 220);
+    QTest::newRow("create") << "create" << QRect(205, 350, 208, 219);
+    QTest::newRow("edit") << "edit" << QRect(424, 350, 210, 219);
+    QTest::newRow("copy") << "copy" << QRect(644, 350, 206, 219);
+    QTest::newRow("home") << "home" << QRect(627, 38, 75, 68);
+    QTest::newRow("help") << "help" << QRect(699, 38, 75, 68);
+}
+
+void TestMainWindow::headerAndFeatureButtons()
+{
+    QFETCH(QString, name);
+    QFETCH(QRect, geometry);
+    MainWindow window;
+    CImageButton* button = window.Button(name);
+    QVERIFY(button != nullptr);
+    QCOMPARE(button->geometry(), geometry);
+    QVERIFY(window.rect().contains(button->geometry()));
+}
+
+void TestMainWindow::windowIsSkinnedAndStaysOnEscape()
+{
+    MainWindow window;
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QCOMPARE(window.size(), QSize(860, 580));
+    QCOMPARE(window.windowTitle(), QString("Brenta"));
+    QVERIFY(window.windowFlags() & Qt::FramelessWindowHint);
+    QVERIFY(window.testAttribute(Qt::WA_TranslucentBackground));
+    // Escape would reject the underlying dialog and end Brenta by accident.
+    QTest::keyClick(&window, Qt::Key_Escape);
+    QVERIFY(window.isVisible());
+}
+
+void TestMainWindow::featureButtonOpensFreshPage_data()
+{
+    QTest::addColumn<QString>("button");
+    QTest::addColumn<int>("feature");
+    QTest::newRow("burn") << "burn" << int(CComingSoonPage::Feature::Burn);
+    QTest::newRow("extract") << "extract" << int(CComingSoonPage::Feature::Extract);
+    QTest::newRow("create") << "create" << int(CComingSoonPage::Feature::Create);
+    QTest::newRow("edit") << "edit" << int(CComingSoonPage::Feature::Edit);
+    QTest::newRow("copy") << "copy" << int(CComingSoonPage::Feature::Copy);
+}
+
+void TestMainWindow::featureButtonOpensFreshPage()
+{
+    QFETCH(QString, button);
+    QFETCH(int, feature);
+    MainWindow window;
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+
+    QTest::mouseClick(window.Button(button), Qt::LeftButton);
+    QPointer<CComingSoonPage> first = window.findChild<CComingSoonPage*>();
+    QVERIFY(first);
+    QCOMPARE(int(first->Which()), feature);
+    QVERIFY(first->isVisible());
+    QVERIFY(!first->isWindow());
+    QCOMPARE(first->geometry(), QRect(195, 107, 664, 472));
+    QVERIFY(!first->IsMovable());
+    QVERIFY(!first->Title().isEmpty());
+    // The page covers the feature buttons but leaves the header usable.
+    QCOMPARE(window.childAt(300, 200), window.childAt(300, 200)); // sanity
+    QVERIFY(first->isAncestorOf(window.childAt(300, 200)) || window.childAt(300, 200) == first);
+    QCOMPARE(window.childAt(790, 10), window.Button("menu"));
+
+    // Back takes the page away for good; a second click gives a fresh page.
+    QTest::mouseClick(first->BackButton(), Qt::LeftButton);
+    QVERIFY(!first->isVisible());
+    QTRY_VERIFY(first.isNull());
+    QTest::mouseClick(window.Button(button), Qt::LeftButton);
+    const QList<CComingSoonPage*> pages = window.findChildren<CComingSoonPage*>();
+    QCOMPARE(pages.size(), 1);
+    QVERIFY(pages.first()->isVisible());
+}
+
+void TestMainWindow::menuHasItsActionsAndIsReplaced()
+{
+    MainWindow window;
+    QPointer<QMenu> first = window.CreateMenu();
+    QMenu* menu = window.CreateMenu();
+    QVERIFY(first.isNull());
+    QCOMPARE(window.Menu(), menu);
+
+    QStringList texts;
+    QList<QKeySequence> shortcuts;
+    for (QAction* action : menu->actions()) {
+        texts << (action->isSeparator() ? "-" : action->text());
+        shortcuts << action->shortcut();
+    }
+    QCOMPARE(texts, (QStringList{"Help(&H)", "About US(&U)", "-", "Exit(&E)"}));
+    QCOMPARE(shortcuts, (QList<QKeySequence>{QKeySequence("Ctrl+H"), QKeySequence("Ctrl+U"),
+                                             QKeySequence(), QKeySequence("Ctrl+E")}));
+
+    // The menu button opens it at the cursor; Escape dismisses it.
+    QTimer::singleShot(50, this, [&] {
+        QMenu* shown = window.Menu();
+        QVERIFY(shown && shown->isVisible());
+        shown->close();
+    });
+    window.show();
+    QTest::mouseClick(window.Button("menu"), Qt::LeftButton);
+}
+
+void TestMainWindow::exitClosesTheWindow()
+{
+    MainWindow window;
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QMenu* menu = window.CreateMenu();
+    menu->actions().constLast()->trigger();
+    QVERIFY(!window.isVisible());
+}
+
+void TestMainWindow::homeAndHelpOpenTheirPages()
+{
+    MainWindow window;
+    window.show();
+    QTest::mouseClick(window.Button("home"), Qt::LeftButton);
+    QTest::mouseClick(window.Button("help"), Qt::LeftButton);
+    QCOMPARE(m_opened.size(), 2);
+    QCOMPARE(m_opened.at(0), QUrl(Links::ProductPage()));
+    QCOMPARE(m_opened.at(1), QUrl(Links::HelpPage()));
+    // The user guide is shipped beside the program, so Help works offline.
+    QVERIFY(m_opened.at(1).isLocalFile());
+    QVERIFY2(QFileInfo::exists(m_opened.at(1).toLocalFile()) ||
+                 QFileInfo::exists(QString(BRENTA_SOURCE_DIR "/resources/help/index.html")),
+             qPrintable(m_opened.at(1).toString()));
+}
+
+void TestMainWindow::aboutShowsProductLink()
+{
+    CAboutusDialog dialog;
+    QCOMPARE(dialog.size(), QSize(420, 188));
+    QCOMPARE(dialog.LinkLabel()->pos(), QPoint(192, 112));
+    QVERIFY(dialog.LinkLabel()->text().contains(Links::ProductPage()));
+    QCOMPARE(dialog.CloseButton()->geometry(), QRect(420 - 28 - 1, 1, 28, 25));
+
+    dialog.show();
+    Q_EMIT dialog.LinkLabel()->linkActivated(Links::ProductPage());
+    QCOMPARE(m_opened, QList<QUrl>{QUrl(Links::ProductPage())});
+    QVERIFY(dialog.isVisible());
+    QTest::mouseClick(dialog.CloseButton(), Qt::LeftButton);
+    QVERIFY(!dialog.isVisible());
+}
+
+QTEST_MAIN(TestMainWindow)
 #include "tst_mainwindow.moc"

@@ -11,6 +11,7 @@ namespace {
 
 constexpr int kWidth = 664;
 constexpr int kHeight = 472;
+constexpr int kCornerRadius = 8;
 
 } // namespace
 
@@ -96,7 +97,15 @@ void CComingSoonPage::paintEvent(QPaintEvent* /*event*/)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.fillRect(rect(), QColor(0xF4, 0xFC, 0xFF));
+    // The page's bottom-right corner is the window's, which is rounded.
+    QPainterPath page;
+    page.moveTo(0, 0);
+    page.lineTo(kWidth, 0);
+    page.lineTo(kWidth, kHeight - kCornerRadius);
+    page.quadTo(kWidth, kHeight, kWidth - kCornerRadius, kHeight);
+    page.lineTo(0, kHeight);
+    page.closeSubpath();
+    painter.fillPath(page, QColor(0xF4, 0xFC, 0xFF));
 
     // The feature's own tile, so the page is recognisably the button's.
     const QPixmap tile(TilePicture());

@@ -1,9 +1,52 @@
 #include "ui/progressdialog.h"
 
 #include <QLabel>
+#include <QPainter>
+#include <QPainterPath>
 #include <QProgressBar>
 
 #include "ui/baseimagectrl.h"
+
+namespace {
+
+// The bar in Brenta's colours: a light track, a green fill and the percent
+// text inset from the left edge (a style sheet cannot move the text).
+class CSkinnedProgressBar final : public QProgressBar
+{
+public:
+    explicit CSkinnedProgressBar(QWidget* parent) : QProgressBar(parent) {}
+
+protected:
+    void paintEvent(QPaintEvent* /*event*/) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        const QRectF track = QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5);
+        QPainterPath outline;
+        outline.addRoundedRect(track, 4, 4);
+        painter.fillPath(outline, QColor(0xFF, 0xFF, 0xFF));
+
+        const qint64 span = qint64(maximum()) - minimum();
+        const double share = span <= 0 ? 0.0 : double(value() - minimum()) / double(span);
+        if (share > 0) {
+            QPainterPath fill;
+            fill.addRoundedRect(QRectF(track.left(), track.top(), track.width() * share, track.height()),
+                                4, 4);
+            painter.fillPath(fill.intersected(outline), QColor(0x67, 0xd9, 0x95));
+        }
+        painter.setPen(QPen(QColor(0xC2, 0xEF, 0xFD), 1));
+        painter.drawPath(outline);
+
+        QFont font = painter.font();
+        font.setPixelSize(12);
+        font.setBold(true);
+        painter.setFont(font);
+        painter.setPen(QColor(0x40, 0x40, 0x40));
+        painter.drawText(rect().adjusted(8, 0, -8, 0), int(alignment()), text());
+    }
+};
+
+} // namespace
 
 CProgressDialog::CProgressDialog(QWidget* parent) : CommDialog(parent)
 {
@@ -12,13 +55,9 @@ CProgressDialog::CProgressDialog(QWidget* parent) : CommDialog(parent)
     m_btnclose->hide();
     m_btnok->hide();
 
-    m_bar = new QProgressBar(this);
+    m_bar = new CSkinnedProgressBar(this);
     m_bar->setGeometry(40, 100, 360, 20);
     m_bar->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
-    m_bar->setStyleSheet(QStringLiteral(
-        "QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; background: #FFFFFF;"
-        " color: #606060; font: 12px; padding-left: 6px; }"
-        "QProgressBar::chunk { background: #67d995; border-radius: 3px; }"));
     m_label->move(40, 60);
     m_label->resize(340, 25);
 
