@@ -47,6 +47,7 @@ public Q_SLOTS:
 
 private Q_SLOTS:
     void initTestCase();
+    void cleanupTestCase();
     void init() { m_opened.clear(); }
 
     void percentText_data();
@@ -70,6 +71,11 @@ void TestDialogs::initTestCase()
 {
     // Open Folder goes to the desktop; here it comes to the test instead.
     QDesktopServices::setUrlHandler("file", this, "recordUrl");
+}
+
+void TestDialogs::cleanupTestCase()
+{
+    QDesktopServices::unsetUrlHandler("file");
 }
 
 void TestDialogs::percentText_data()

@@ -20,6 +20,7 @@ public Q_SLOTS:
 
 private Q_SLOTS:
     void initTestCase();
+    void cleanupTestCase();
     void init() { m_opened.clear(); }
 
     void picturesLoadAtTheirSize_data();
@@ -44,6 +45,12 @@ void TestMainWindow::initTestCase()
     QVERIFY(!QApplication::windowIcon().isNull());
     QDesktopServices::setUrlHandler("https", this, "recordUrl");
     QDesktopServices::setUrlHandler("file", this, "recordUrl");
+}
+
+void TestMainWindow::cleanupTestCase()
+{
+    QDesktopServices::unsetUrlHandler("https");
+    QDesktopServices::unsetUrlHandler("file");
 }
 
 // Every picture the windows and dialogs name must be compiled in and have the
