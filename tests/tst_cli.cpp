@@ -1,7 +1,5 @@
 #include <QtTest>
 
-#include "app/cli.h"
-
 namespace {
 
 struct Run
@@ -41,40 +39,10 @@ class TestCli final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void parse_data();
-    void parse();
     void answersWithoutWindow_data();
     void answersWithoutWindow();
     void screenshotsRenderEveryWindow();
 };
-
-void TestCli::parse_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<QString>("directory");
-    using Mode = Cli::Request::Mode;
-    QTest::newRow("nothing opens the window") << QStringList{} << int(Mode::Gui) << "";
-    QTest::newRow("version") << QStringList{"--version"} << int(Mode::Version) << "";
-    QTest::newRow("short help") << QStringList{"-h"} << int(Mode::Help) << "";
-    QTest::newRow("screenshots") << QStringList{"--screenshots", "out dir"} << int(Mode::Screenshots)
-                                 << "out dir";
-    QTest::newRow("screenshots without folder") << QStringList{"--screenshots"} << int(Mode::UsageError)
-                                                << "";
-    QTest::newRow("version with extra") << QStringList{"--version", "x"} << int(Mode::UsageError) << "";
-    QTest::newRow("unknown") << QStringList{"--frobnicate"} << int(Mode::UsageError) << "";
-}
-
-void TestCli::parse()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(int, mode);
-    QFETCH(QString, directory);
-    const Cli::Request request = Cli::Parse(arguments);
-    QCOMPARE(int(request.mode), mode);
-    QCOMPARE(request.directory, directory);
-    QCOMPARE(request.error.isEmpty(), mode != int(Cli::Request::Mode::UsageError));
-}
 
 void TestCli::answersWithoutWindow_data()
 {
@@ -86,6 +54,10 @@ void TestCli::answersWithoutWindow_data()
     QTest::newRow("help") << QStringList{"--help"} << 0 << "Usage: brenta" << "";
     QTest::newRow("wrong usage") << QStringList{"--nonsense"} << 2 << ""
                                  << "brenta: Unknown argument: --nonsense";
+    QTest::newRow("screenshots without folder") << QStringList{"--screenshots"} << 2 << ""
+                                                << "brenta: --screenshots takes one folder.";
+    QTest::newRow("version with extra") << QStringList{"--version", "now"} << 2 << ""
+                                        << "brenta: --version takes no arguments.";
 }
 
 void TestCli::answersWithoutWindow()

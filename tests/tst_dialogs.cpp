@@ -6,6 +6,7 @@
 #include <QProgressBar>
 
 #include "app/util.h"
+#include "common/urlrecorder.h"
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
@@ -42,13 +43,8 @@ class TestDialogs final : public QObject
 {
     Q_OBJECT
 
-public Q_SLOTS:
-    void recordUrl(const QUrl& url) { m_opened << url; }
-
 private Q_SLOTS:
-    void initTestCase();
-    void cleanupTestCase();
-    void init() { m_opened.clear(); }
+    void init() { m_urls.opened.clear(); }
 
     void percentText_data();
     void percentText();
@@ -64,19 +60,9 @@ private Q_SLOTS:
     void noticeButtons();
 
 private:
-    QList<QUrl> m_opened;
-};
-
-void TestDialogs::initTestCase()
-{
     // Open Folder goes to the desktop; here it comes to the test instead.
-    QDesktopServices::setUrlHandler("file", this, "recordUrl");
-}
-
-void TestDialogs::cleanupTestCase()
-{
-    QDesktopServices::unsetUrlHandler("file");
-}
+    UrlRecorder m_urls{{"file"}};
+};
 
 void TestDialogs::percentText_data()
 {
@@ -191,8 +177,8 @@ void TestDialogs::openFolderKeepsDialogOpen()
         });
         QCOMPARE(dialog->exec(), closeWithOk ? int(QDialog::Accepted) : int(QDialog::Rejected));
     }
-    QCOMPARE(m_opened.size(), 4);
-    QCOMPARE(m_opened.first(), QUrl::fromLocalFile("/tmp/out folder"));
+    QCOMPARE(m_urls.opened.size(), 4);
+    QCOMPARE(m_urls.opened.first(), QUrl::fromLocalFile("/tmp/out folder"));
 }
 
 void TestDialogs::inputIsTrimmed()
