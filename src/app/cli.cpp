@@ -1,5 +1,13 @@
 #include "app/cli.h"
 
+#include <QEventLoop>
+
+#include <cstdio>
+#include <unistd.h>
+
+#include "iso/isojobs.h"
+#include "iso/itemtree.h"
+
 namespace Cli {
 
 Request Parse(const QStringList& arguments)
@@ -31,7 +39,95 @@ Request Parse(const QStringList& arguments)
         request.directory = arguments.at(1);
         return request;
     }
+    if (first == QLatin1String("list")) {
+        if (arguments.size() != 2)
+            return usageError(QStringLiteral("list takes one image."));
+        request.mode = Request::Mode::List;
+        request.image = arguments.at(1);
+        return request;
+    }
+    if (first == QLatin1String("extract")) {
+        if (arguments.size() < 3)
+            return usageError(QStringLiteral("extract takes an image and a destination folder."));
+        request.mode = Request::Mode::Extract;
+        request.image = arguments.at(1);
+        request.directory = arguments.at(2);
+        request.entries = arguments.mid(3);
+        return request;
+    }
     return usageError(QStringLiteral("Unknown argument: %1").arg(first));
+}
+
+namespace {
+
+void print(FILE* stream, const QString& text)
+{
+    std::fputs(text.toUtf8().constData(), stream);
+}
+
+void printTree(const Item& folder)
+{
+    for (const auto& child : folder.children) {
+        QString path = child->name;
+        path.replace(QLatin1Char('\\'), QLatin1Char('/'));
+        print(stdout, QStringLiteral("%1\t%2\t%3\t%4\n")
+                          .arg(child->isDir ? QStringLiteral("D") : QStringLiteral("F"), child->size,
+                               child->time, path));
+        printTree(*child);
+    }
+}
+
+// Waits in an event loop until the job says it has finished.
+template <typename Job>
+void waitFor(Job& job)
+{
+    QEventLoop loop;
+    QObject::connect(&job, &Job::finished, &loop, &QEventLoop::quit);
+    if (job.IsRunning())
+        loop.exec();
+}
+
+} // namespace
+
+int RunList(const Request& request)
+{
+    ItemTree tree;
+    CListJob job(tree);
+    bool ended = false;
+    QObject::connect(&job, &CListJob::finished, [&ended] { ended = true; });
+    job.Start(request.image);
+    if (!ended)
+        waitFor(job);
+    if (!job.Succeeded()) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
+        return 1;
+    }
+    printTree(tree.Root());
+    std::fflush(stdout);
+    return 0;
+}
+
+int RunExtract(const Request& request)
+{
+    CExtractJob job;
+    const bool showProgress = ::isatty(STDERR_FILENO) == 1;
+    if (showProgress) {
+        QObject::connect(&job, &CExtractJob::progress, [](int percent, const QString& entry) {
+            print(stderr, QStringLiteral("\r\033[K%1% %2").arg(percent, 3).arg(entry));
+        });
+    }
+    bool ended = false;
+    QObject::connect(&job, &CExtractJob::finished, [&ended] { ended = true; });
+    job.Start(request.image, request.directory, request.entries);
+    if (!ended)
+        waitFor(job);
+    if (showProgress)
+        print(stderr, QStringLiteral("\r\033[K"));
+    if (!job.Succeeded()) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
+        return 1;
+    }
+    return 0;
 }
 
 QString VersionText()
@@ -43,9 +139,17 @@ QString HelpText()
 {
     return QStringLiteral(
         "Usage: brenta [OPTION]\n"
+        "       brenta list IMAGE\n"
+        "       brenta extract IMAGE DEST [ENTRY...]\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
         "Without an option Brenta opens its window.\n"
+        "\n"
+        "Commands:\n"
+        "  list IMAGE             print every entry: D or F, size, time, path (tab separated)\n"
+        "  extract IMAGE DEST [ENTRY...]\n"
+        "                         extract the entries (paths inside the image, \"/\" between\n"
+        "                         components; none means the whole image) into DEST\n"
         "\n"
         "Options:\n"
         "  -h, --help             show this help and exit\n"

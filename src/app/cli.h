@@ -9,9 +9,11 @@ namespace Cli {
 
 struct Request
 {
-    enum class Mode { Gui, Version, Help, Screenshots, UsageError };
+    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, UsageError };
     Mode mode = Mode::Gui;
-    QString directory; // Screenshots: where the PNG files go
+    QString directory; // Screenshots: where the PNG files go; Extract: the destination
+    QString image;     // List, Extract
+    QStringList entries; // Extract: paths inside the image, "/" separated
     QString error;     // UsageError: what was wrong
 };
 
@@ -20,5 +22,9 @@ Request Parse(const QStringList& arguments);
 
 QString VersionText();
 QString HelpText();
+
+// The terminal forms of the features. They return the process exit status.
+int RunList(const Request& request);
+int RunExtract(const Request& request);
 
 } // namespace Cli

@@ -1,6 +1,7 @@
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDebug>
+#include <QLoggingCategory>
 
 #include <cstdio>
 
@@ -52,6 +53,9 @@ int main(int argc, char** argv)
         arguments << QString::fromLocal8Bit(argv[i]);
 
     const Cli::Request request = Cli::Parse(arguments);
+    // The terminal forms print what they were asked for and nothing else.
+    if (request.mode != Cli::Request::Mode::Gui && request.mode != Cli::Request::Mode::Screenshots)
+        QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false"));
     switch (request.mode) {
     case Cli::Request::Mode::Version:
         print(stdout, Cli::VersionText());
@@ -62,6 +66,14 @@ int main(int argc, char** argv)
     case Cli::Request::Mode::UsageError:
         print(stderr, QStringLiteral("brenta: %1\n\n").arg(request.error) + Cli::HelpText());
         return 2;
+    case Cli::Request::Mode::List: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunList(request);
+    }
+    case Cli::Request::Mode::Extract: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunExtract(request);
+    }
     case Cli::Request::Mode::Screenshots:
         return runScreenshots(argc, argv, request.directory);
     case Cli::Request::Mode::Gui:

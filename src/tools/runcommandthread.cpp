@@ -117,6 +117,38 @@ QString CRunCommandThread::ErrorText() const
     return m_errorText;
 }
 
+QString CRunCommandThread::FailureText(const QString& toolName) const
+{
+    const Result result = GetResult();
+    if (result == Result::StartFailed) {
+        if (m_program.isEmpty())
+            return QStringLiteral("%1 was not found. Please install it and try again.").arg(toolName);
+        return QStringLiteral("%1 could not be started (%2).").arg(toolName, ErrorText());
+    }
+    if (result == Result::Stopped)
+        return QStringLiteral("Stopped.");
+
+    QStringList quoted;
+    for (const QString& line : m_lastLines) {
+        if (line.contains(QLatin1String("ERROR"), Qt::CaseInsensitive))
+            quoted << line.trimmed();
+    }
+    if (quoted.isEmpty()) {
+        for (const QString& line : m_lastLines.mid(qMax<qsizetype>(0, m_lastLines.size() - 3)))
+            quoted << line.trimmed();
+    }
+    QString text;
+    if (result == Result::Crashed)
+        text = QStringLiteral("%1 ended unexpectedly.").arg(toolName);
+    else if (result == Result::Failed)
+        text = QStringLiteral("%1 failed (exit status %2).").arg(toolName).arg(ExitCode());
+    else
+        text = QStringLiteral("%1 did not finish its work.").arg(toolName);
+    if (!quoted.isEmpty())
+        text += QStringLiteral(" It said: \"%1\"").arg(quoted.join(QStringLiteral(" / ")));
+    return text;
+}
+
 QString CRunCommandThread::CommandLineText(const QString& program, const QStringList& arguments)
 {
     QString text = program + QLatin1Char(' ');

@@ -76,6 +76,10 @@ public:
     QString Program() const { return m_program; }
     QStringList Arguments() const { return m_arguments; }
 
+    // A plain account of a run that did not succeed: what happened, and the
+    // tool's own words (its error lines, or else its last lines).
+    QString FailureText(const QString& toolName) const;
+
     // The command line as logged: the program and every argument, each followed
     // by a blank.
     static QString CommandLineText(const QString& program, const QStringList& arguments);

@@ -1,0 +1,104 @@
+#include "iso/extraction.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+#include "app/util.h"
+
+namespace Extraction {
+
+std::optional<Progress> ParseProgress(const QString& line)
+{
+    const qsizetype percentAt = line.indexOf(QLatin1String("% "));
+    const qsizetype dashAt = line.indexOf(QLatin1String(" - "));
+    if (percentAt < 1 || dashAt < 1)
+        return std::nullopt;
+    QString figure = line.left(percentAt).trimmed();
+    const qsizetype blank = figure.lastIndexOf(QLatin1Char(' '));
+    if (blank >= 0)
+        figure = figure.mid(blank + 1);
+    bool ok = false;
+    const int percent = figure.toInt(&ok);
+    if (!ok)
+        return std::nullopt;
+    QString name = line.mid(dashAt + 3);
+    while (name.endsWith(QLatin1Char('\n')) || name.endsWith(QLatin1Char('\r')))
+        name.chop(1);
+    return Progress{percent, name};
+}
+
+QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries)
+{
+    QStringList arguments{QStringLiteral("x"),    QStringLiteral("-y"),  QStringLiteral("-bb3"),
+                          QStringLiteral("-bsp2"), QStringLiteral("-spd"), QStringLiteral("-r-"),
+                          QStringLiteral("-o") + outputDir, QStringLiteral("--"), image};
+    const qsizetype firstEntry = arguments.size();
+    for (const QString& entry : entries) {
+        if (!arguments.mid(firstEntry).contains(entry))
+            arguments << entry;
+    }
+    return arguments;
+}
+
+bool OutputSaysOk(const QStringList& lines)
+{
+    for (const QString& line : lines) {
+        if (line.trimmed() == QLatin1String("Everything is Ok"))
+            return true;
+    }
+    return false;
+}
+
+QString FreeName(const QString& dir, const QString& name)
+{
+    const QDir folder(dir);
+    if (!QFileInfo::exists(folder.filePath(name)) && !QFileInfo(folder.filePath(name)).isSymLink())
+        return name;
+    // Keep the extension with the name: "report (2).pdf", not "report.pdf (2)".
+    QString stem = name;
+    QString suffix = Util::FileSuffix(name);
+    if (!suffix.isEmpty() && suffix.size() < name.size())
+        stem.chop(suffix.size());
+    else
+        suffix.clear();
+    for (int n = 2;; ++n) {
+        const QString candidate = QStringLiteral("%1 (%2)%3").arg(stem).arg(n).arg(suffix);
+        if (!QFileInfo::exists(folder.filePath(candidate)) && !QFileInfo(folder.filePath(candidate)).isSymLink())
+            return candidate;
+    }
+}
+
+MoveResult MoveUp(const QString& staging, const QStringList& entries, const QString& destination)
+{
+    MoveResult result;
+    const QDir from(staging);
+    const QDir to(destination);
+    QStringList missing;
+    for (const QString& entry : entries) {
+        const QString source = from.filePath(entry);
+        const QFileInfo info(source);
+        if (!info.exists() && !info.isSymLink()) {
+            missing << entry;
+            continue;
+        }
+        const QString name = entry.mid(entry.lastIndexOf(QLatin1Char('/')) + 1);
+        const QString target = to.filePath(FreeName(destination, name));
+        // A rename within one file system: the staging folder lives inside the
+        // destination, so nothing is copied and no device is crossed.
+        if (!QDir().rename(source, target)) {
+            result.ok = false;
+            result.message = QStringLiteral("Could not move %1 into %2.").arg(name, destination);
+            continue;
+        }
+        result.placed << target;
+    }
+    QDir(staging).removeRecursively();
+    if (!missing.isEmpty() && result.ok) {
+        result.ok = false;
+        result.message = QStringLiteral("The archive tool did not extract %1.")
+                             .arg(missing.join(QStringLiteral(", ")));
+    }
+    return result;
+}
+
+} // namespace Extraction

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+// Extracting entries of an image with the archive tool, and moving them up
+// from the folder chain the tool recreates to the destination itself.
+namespace Extraction {
+
+struct Progress
+{
+    int percent = 0;
+    QString name; // the entry being extracted
+};
+
+// " 37% 12 - boot/bcd" → 37 and "boot/bcd"; nothing for other lines.
+std::optional<Progress> ParseProgress(const QString& line);
+
+// The extract command. Entries are paths inside the image with "/" between
+// components; none means the whole image. Names are matched literally (no
+// wildcards, no recursion into same-named files elsewhere) and "--" keeps an
+// image or entry whose name starts with "-" or "@" from being read as a switch
+// or a list file.
+QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries);
+
+// True when the tool's last words say the extraction went well.
+bool OutputSaysOk(const QStringList& lines);
+
+struct MoveResult
+{
+    bool ok = true;
+    QString message;     // what went wrong, when not ok
+    QStringList placed;  // the paths the entries now have in the destination
+};
+
+// Moves each entry (a "/" separated path below staging) up into destination
+// under its own last name. An existing file or folder in the destination is
+// never replaced: the entry gets a free name ("name (2).ext") instead. The
+// staging folder is removed afterwards, with whatever else it still holds.
+MoveResult MoveUp(const QString& staging, const QStringList& entries, const QString& destination);
+
+// "name (2).ext", "name (3).ext", ...: the first that does not exist in dir.
+QString FreeName(const QString& dir, const QString& name);
+
+} // namespace Extraction

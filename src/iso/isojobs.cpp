@@ -1,0 +1,178 @@
+#include "iso/isojobs.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include "iso/extraction.h"
+#include "iso/itemtree.h"
+#include "iso/listing.h"
+#include "tools/runcommandthread.h"
+#include "tools/toollocator.h"
+
+namespace {
+
+QString archiveToolName()
+{
+    return ToolLocator::DisplayName(ToolLocator::Tool::Archive);
+}
+
+} // namespace
+
+CListJob::CListJob(ItemTree& tree, QObject* parent) : QObject(parent), m_tree(tree) {}
+
+CListJob::~CListJob()
+{
+    Stop();
+}
+
+void CListJob::Start(const QString& image)
+{
+    Stop();
+    m_tree.Clear();
+    m_tree.title = QFileInfo(image).fileName();
+    m_succeeded = false;
+    m_message.clear();
+
+    // Lines are kept and parsed at the end: the tree is built in one go on
+    // the thread that owns it, and a failed listing leaves it empty.
+    m_lines.clear();
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this,
+            [this](const QString& line) { m_lines << line; });
+    connect(m_runner, &CRunCommandThread::sigfinished, this, &CListJob::OnFinished);
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive), Listing::Arguments(image));
+    m_runner->StartCommand();
+}
+
+void CListJob::Stop()
+{
+    if (m_runner == nullptr)
+        return;
+    m_runner->terminate();
+    m_runner->deleteLater();
+    m_runner = nullptr;
+}
+
+bool CListJob::IsRunning() const
+{
+    return m_runner != nullptr;
+}
+
+void CListJob::OnFinished()
+{
+    Listing::Reader reader(m_tree);
+    for (const QString& line : std::as_const(m_lines))
+        reader.Feed(line);
+    m_lines.clear();
+
+    m_succeeded = reader.Finished() &&
+                  m_runner->GetResult() == CRunCommandThread::Result::Success;
+    if (!m_succeeded) {
+        const QString title = m_tree.title;
+        m_tree.Clear();
+        m_tree.title = title;
+        m_message = QStringLiteral("The image could not be opened. %1")
+                        .arg(m_runner->FailureText(archiveToolName()));
+    }
+    m_runner->deleteLater();
+    m_runner = nullptr;
+    Q_EMIT finished();
+}
+
+CExtractJob::CExtractJob(QObject* parent) : QObject(parent) {}
+
+CExtractJob::~CExtractJob()
+{
+    Stop();
+}
+
+void CExtractJob::Start(const QString& image, const QString& destination, const QStringList& entries)
+{
+    Stop();
+    m_succeeded = false;
+    m_message.clear();
+    m_placed.clear();
+    m_lines.clear();
+    m_destination = destination;
+    m_entries = entries;
+
+    QDir().mkpath(destination);
+    QTemporaryDir staging(QDir(destination).filePath(QStringLiteral(".brenta-extract-XXXXXX")));
+    if (!staging.isValid()) {
+        m_staging.clear();
+        // Reported from the event loop, like every other end, so that a caller
+        // that starts and then waits always sees the signal.
+        const QString message =
+            QStringLiteral("Cannot write into %1 (%2).").arg(destination, staging.errorString());
+        QMetaObject::invokeMethod(this, [this, message] { Finish(false, message); }, Qt::QueuedConnection);
+        return;
+    }
+    staging.setAutoRemove(false);
+    m_staging = staging.path();
+
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, &CExtractJob::OnLine);
+    connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnFinished);
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
+                         Extraction::Arguments(image, m_staging, entries));
+    m_runner->StartCommand();
+}
+
+void CExtractJob::Stop()
+{
+    if (m_runner == nullptr)
+        return;
+    m_runner->terminate();
+    m_runner->deleteLater();
+    m_runner = nullptr;
+    if (!m_staging.isEmpty())
+        QDir(m_staging).removeRecursively();
+    m_staging.clear();
+}
+
+bool CExtractJob::IsRunning() const
+{
+    return m_runner != nullptr;
+}
+
+void CExtractJob::OnLine(const QString& line)
+{
+    m_lines << line;
+    if (const std::optional<Extraction::Progress> step = Extraction::ParseProgress(line))
+        Q_EMIT progress(step->percent, step->name);
+}
+
+void CExtractJob::OnFinished()
+{
+    const bool toolOk = m_runner->GetResult() == CRunCommandThread::Result::Success &&
+                        Extraction::OutputSaysOk(m_lines);
+    const QString failure = toolOk ? QString() : m_runner->FailureText(archiveToolName());
+    m_runner->deleteLater();
+    m_runner = nullptr;
+    m_lines.clear();
+
+    if (!toolOk) {
+        QDir(m_staging).removeRecursively();
+        m_staging.clear();
+        Finish(false, QStringLiteral("Extracting failed. %1").arg(failure));
+        return;
+    }
+    QStringList entries = m_entries;
+    if (entries.isEmpty()) {
+        entries = QDir(m_staging).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                                QDir::NoDotAndDotDot,
+                                            QDir::Name);
+    }
+    const Extraction::MoveResult moved = Extraction::MoveUp(m_staging, entries, m_destination);
+    m_staging.clear();
+    m_placed = moved.placed;
+    Finish(moved.ok, moved.ok ? QString() : QStringLiteral("Extracting failed. %1").arg(moved.message));
+}
+
+void CExtractJob::Finish(bool succeeded, const QString& message)
+{
+    m_succeeded = succeeded;
+    m_message = message;
+    Q_EMIT finished();
+}

@@ -1,0 +1,104 @@
+#include "iso/itemtree.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr QChar kSeparator = QLatin1Char('\\');
+
+} // namespace
+
+ItemTree::ItemTree() : m_root(std::make_unique<Item>()) {}
+
+void ItemTree::Clear()
+{
+    title.clear();
+    spare.clear();
+    m_index.clear();
+    m_root = std::make_unique<Item>();
+}
+
+bool ItemTree::Insert(std::unique_ptr<Item>& item)
+{
+    if (!item || item->name.isEmpty())
+        return false;
+    item->name.replace(QLatin1Char('/'), kSeparator);
+    const QString& name = item->name;
+    if (m_index.contains(name))
+        return false;
+
+    // Walk down from the deepest folder that exists already: find the longest
+    // existing prefix, then create the missing folders below it.
+    Item* parent = m_root.get();
+    qsizetype start = 0;
+    for (qsizetype cut = name.lastIndexOf(kSeparator); cut > 0;
+         cut = name.lastIndexOf(kSeparator, cut - 1)) {
+        if (Item* found = m_index.value(name.left(cut), nullptr)) {
+            parent = found;
+            start = cut + 1;
+            break;
+        }
+    }
+    for (qsizetype next = name.indexOf(kSeparator, start); next >= 0;
+         next = name.indexOf(kSeparator, next + 1)) {
+        auto folder = std::make_unique<Item>();
+        folder->name = name.left(next);
+        Item* raw = folder.get();
+        parent->children.push_back(std::move(folder));
+        m_index.insert(raw->name, raw);
+        parent = raw;
+    }
+    Item* raw = item.get();
+    parent->children.push_back(std::move(item));
+    m_index.insert(raw->name, raw);
+    return true;
+}
+
+Item* ItemTree::Find(const QString& path) const
+{
+    if (path.isEmpty())
+        return nullptr;
+    return m_index.value(path, nullptr);
+}
+
+void ItemTree::Remove(const QString& path)
+{
+    Item* item = Find(path);
+    if (item == nullptr)
+        return;
+    const QString parentPath = ParentPath(path);
+    Item* parent = parentPath.isEmpty() ? m_root.get() : Find(parentPath);
+    if (parent == nullptr)
+        return;
+    auto& siblings = parent->children;
+    const auto at = std::find_if(siblings.begin(), siblings.end(),
+                                 [item](const std::unique_ptr<Item>& child) { return child.get() == item; });
+    if (at == siblings.end())
+        return;
+    Unindex(*item);
+    siblings.erase(at);
+}
+
+void ItemTree::Unindex(const Item& item)
+{
+    m_index.remove(item.name);
+    for (const auto& child : item.children)
+        Unindex(*child);
+}
+
+QString ItemTree::LastComponent(const QString& path)
+{
+    return path.mid(path.lastIndexOf(kSeparator) + 1);
+}
+
+QString ItemTree::ParentPath(const QString& path)
+{
+    const qsizetype cut = path.lastIndexOf(kSeparator);
+    return cut < 0 ? QString() : path.left(cut);
+}
+
+QString ItemTree::ReplaceLastComponent(const QString& path, const QString& name)
+{
+    const QString parent = ParentPath(path);
+    return parent.isEmpty() ? name : parent + kSeparator + name;
+}

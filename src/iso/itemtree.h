@@ -1,0 +1,65 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+
+#include <memory>
+#include <vector>
+
+// One file or folder of an image (or of a collection of local files).
+// `name` is the full path inside the image with "\" between components; the
+// root's name is empty. An Item owns its children.
+struct Item
+{
+    QString name;
+    QString source; // the local path an added entry comes from; empty for listed ones
+    bool isDir = true;
+    QString size;   // bytes as decimal text; empty for implicit folders
+    QString time;   // "yyyy-MM-dd hh:mm:ss" as the tool printed it; empty for implicit folders
+    int flags = 0;
+    std::vector<std::unique_ptr<Item>> children;
+
+    Item() = default;
+    Item(const Item&) = delete;
+    Item& operator=(const Item&) = delete;
+};
+
+// The contents of an image as a tree of Items, built from paths.
+//
+// Insert keeps the listing's rules: children stay in insertion order, missing
+// parent folders are made implicitly, and an entry whose path exists already
+// is ignored (so a folder listed after its files keeps its implicit, empty
+// time and size). An index from each path to its Item makes Insert and Find
+// take constant time per component, however wide a folder is.
+class ItemTree final
+{
+public:
+    ItemTree();
+    ItemTree(const ItemTree&) = delete;
+    ItemTree& operator=(const ItemTree&) = delete;
+
+    void Clear();
+    // Takes the item when it is placed; returns false (and leaves the item
+    // with the caller) when its name is empty or its path exists already.
+    bool Insert(std::unique_ptr<Item>& item);
+    Item* Find(const QString& path) const;
+    void Remove(const QString& path);
+
+    Item& Root() { return *m_root; }
+    const Item& Root() const { return *m_root; }
+    QString title;
+    QString spare;
+
+    qsizetype Count() const { return m_index.size(); }
+
+    // Path helpers ("\" separated).
+    static QString LastComponent(const QString& path);
+    static QString ParentPath(const QString& path);
+    static QString ReplaceLastComponent(const QString& path, const QString& name);
+
+private:
+    void Unindex(const Item& item);
+
+    std::unique_ptr<Item> m_root;
+    QHash<QString, Item*> m_index;
+};

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+class ItemTree;
+
+// The archive tool's listing ("7z l") as Brenta reads it: a fixed-column
+// table between two separator lines of hyphens.
+namespace Listing {
+
+struct Entry
+{
+    QString time; // columns 0-18, as printed
+    bool isDir = false;
+    QString size; // trimmed; empty for folders
+    QString name; // the path inside the image, as printed ("/" separated)
+};
+
+// The list command's arguments. "--" ends the switches, so an image whose
+// name starts with "-" or "@" is read as a file name.
+QStringList Arguments(const QString& image);
+
+bool IsSeparator(const QString& line);
+
+// Cuts one table line; nothing when it has no name (53 characters or fewer
+// once line ends are removed).
+std::optional<Entry> ParseLine(QString line);
+
+// Feeds a listing into an item tree line by line.
+class Reader final
+{
+public:
+    explicit Reader(ItemTree& tree) : m_tree(tree) {}
+
+    // Returns true when this line ended the table.
+    bool Feed(const QString& line);
+    bool Finished() const { return m_finished; }
+    int Entries() const { return m_entries; }
+
+private:
+    ItemTree& m_tree;
+    bool m_inListing = false;
+    bool m_finished = false;
+    int m_entries = 0;
+};
+
+} // namespace Listing
