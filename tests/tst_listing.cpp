@@ -1,0 +1,254 @@
+#include <QtTest>
+
+#include "iso/extraction.h"
+#include "iso/itemtree.h"
+#include "iso/listing.h"
+
+namespace {
+
+std::unique_ptr<Item> entry(const QString& name, bool isDir = false, const QString& size = "1")
+{
+    auto item = std::make_unique<Item>();
+    item->name = name;
+    item->isDir = isDir;
+    item->size = isDir ? QString() : size;
+    item->time = "2024-01-02 03:04:05";
+    return item;
+}
+
+QStringList childNames(const Item& folder)
+{
+    QStringList names;
+    for (const auto& child : folder.children)
+        names << child->name;
+    return names;
+}
+
+// A listing line laid out in the tool's columns.
+QString row(const QString& attributes, const QString& size, const QString& name)
+{
+    return QStringLiteral("2024-05-06 07:08:09 %1 %2 %3  %4\n")
+        .arg(attributes, size.rightJustified(12), QString(12, ' '), name);
+}
+
+} // namespace
+
+class TestListing final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void parseLine_data();
+    void parseLine();
+    void readerKeepsOnlyTheTable();
+    void filesBeforeTheirFolders();
+    void insertRules();
+    void findAndRemove();
+    void pathHelpers();
+    void progress_data();
+    void progress();
+    void argumentsKeepNamesLiteral();
+    void moveUpNeverReplaces();
+};
+
+void TestListing::parseLine_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<bool>("parsed");
+    QTest::addColumn<bool>("isDir");
+    QTest::addColumn<QString>("size");
+    QTest::addColumn<QString>("name");
+    QTest::newRow("file") << row(".....", "1536", "boot/bcd") << true << false << "1536" << "boot/bcd";
+    QTest::newRow("folder") << row("D....", "", "boot") << true << true << "" << "boot";
+    QTest::newRow("blanks inside the name") << row(".....", "7", "My Files/a  b.txt") << true << false
+                                            << "7" << "My Files/a  b.txt";
+    QTest::newRow("leading dash and at") << row(".....", "3", "-x/@y") << true << false << "3" << "-x/@y";
+    QTest::newRow("huge size") << row(".....", "123456789012", "big.wim") << true << false
+                               << "123456789012" << "big.wim";
+    // 53 characters or fewer carry no name.
+    QTest::newRow("no name") << QString("2024-05-06 07:08:09 D....").leftJustified(53) + "\n"
+                             << false << false << "" << "";
+    QTest::newRow("carriage return only") << QString("\r\n") << false << false << "" << "";
+}
+
+void TestListing::parseLine()
+{
+    QFETCH(QString, line);
+    QFETCH(bool, parsed);
+    QFETCH(bool, isDir);
+    QFETCH(QString, size);
+    QFETCH(QString, name);
+    const std::optional<Listing::Entry> entry = Listing::ParseLine(line);
+    QCOMPARE(entry.has_value(), parsed);
+    if (!parsed)
+        return;
+    QCOMPARE(entry->time, QString("2024-05-06 07:08:09"));
+    QCOMPARE(entry->isDir, isDir);
+    QCOMPARE(entry->size, size);
+    QCOMPARE(entry->name, name);
+}
+
+void TestListing::readerKeepsOnlyTheTable()
+{
+    ItemTree tree;
+    Listing::Reader reader(tree);
+    const QString separator = "------------------- ----- ------------ ------------  ------------\n";
+    const QStringList lines = {
+        "Path = x.iso\n", row(".....", "1", "banner-looking line"), separator,
+        row(".....", "5", "a.txt"), row("D....", "", "dir"), separator,
+        row(".....", "9", "totals-looking line"),
+    };
+    QList<bool> ends;
+    for (const QString& line : lines)
+        ends << reader.Feed(line);
+    QCOMPARE(ends, (QList<bool>{false, false, false, false, false, true, false}));
+    QVERIFY(reader.Finished());
+    QCOMPARE(childNames(tree.Root()), (QStringList{"a.txt", "dir"}));
+}
+
+// Some images list a file before its folders: the folders are made on the
+// way, and the later folder lines change nothing.
+void TestListing::filesBeforeTheirFolders()
+{
+    ItemTree tree;
+    auto file = entry("a/b/c.txt");
+    QVERIFY(tree.Insert(file));
+    QVERIFY(!file);
+    auto folderA = entry("a", true);
+    auto folderB = entry("a/b", true);
+    QVERIFY(!tree.Insert(folderA));
+    QVERIFY(!tree.Insert(folderB));
+    QVERIFY(folderA); // left with the caller
+    Item* b = tree.Find("a\\b");
+    QVERIFY(b && b->isDir);
+    QCOMPARE(b->time, QString());
+    QCOMPARE(b->size, QString());
+    QCOMPARE(childNames(*b), QStringList{"a\\b\\c.txt"});
+    QCOMPARE(tree.Count(), 3);
+}
+
+void TestListing::insertRules()
+{
+    ItemTree tree;
+    for (const QString& name : {"z", "y/2", "y/1", "x", "y"}) {
+        auto item = entry(name, name == "y");
+        tree.Insert(item);
+    }
+    // Insertion order, not alphabetical; "/" stored as "\".
+    QCOMPARE(childNames(tree.Root()), (QStringList{"z", "y", "x"}));
+    QCOMPARE(childNames(*tree.Find("y")), (QStringList{"y\\2", "y\\1"}));
+    auto empty = entry("");
+    QVERIFY(!tree.Insert(empty));
+    auto duplicate = entry("y\\1", false, "999");
+    QVERIFY(!tree.Insert(duplicate));
+    QCOMPARE(tree.Find("y\\1")->size, QString("1"));
+    // Names are compared exactly: case matters.
+    auto upper = entry("Z");
+    QVERIFY(tree.Insert(upper));
+}
+
+void TestListing::findAndRemove()
+{
+    ItemTree tree;
+    for (const QString& name : {"a/b/c", "a/b/d", "a/e"}) {
+        auto item = entry(name);
+        tree.Insert(item);
+    }
+    QVERIFY(tree.Find("") == nullptr);
+    QVERIFY(tree.Find("a\\x") == nullptr);
+    tree.Remove("a\\b");
+    QVERIFY(tree.Find("a\\b\\c") == nullptr);
+    QCOMPARE(childNames(*tree.Find("a")), QStringList{"a\\e"});
+    tree.Remove("missing"); // nothing happens
+    // A removed path can be inserted again.
+    auto again = entry("a/b/c");
+    QVERIFY(tree.Insert(again));
+    QCOMPARE(childNames(*tree.Find("a")), (QStringList{"a\\e", "a\\b"}));
+    tree.Clear();
+    QCOMPARE(tree.Count(), 0);
+    QVERIFY(tree.Root().children.empty());
+}
+
+void TestListing::pathHelpers()
+{
+    QCOMPARE(ItemTree::LastComponent("boot\\fonts\\x.pf2"), QString("x.pf2"));
+    QCOMPARE(ItemTree::LastComponent("top"), QString("top"));
+    QCOMPARE(ItemTree::ParentPath("boot\\fonts\\x.pf2"), QString("boot\\fonts"));
+    QCOMPARE(ItemTree::ParentPath("top"), QString());
+    QCOMPARE(ItemTree::ReplaceLastComponent("boot\\old", "new"), QString("boot\\new"));
+    QCOMPARE(ItemTree::ReplaceLastComponent("old", "new"), QString("new"));
+}
+
+void TestListing::progress_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<int>("percent");
+    QTest::addColumn<QString>("name");
+    QTest::newRow("with count") << " 37% 12 - boot\\bcd" << 37 << "boot\\bcd";
+    QTest::newRow("without count") << " 59% - r1.bin" << 59 << "r1.bin";
+    QTest::newRow("hundred") << "100% 3 - a - b.txt\n" << 100 << "a - b.txt";
+    QTest::newRow("not progress") << "- docs/x/a.txt\n" << -1 << "";
+    QTest::newRow("listing of names") << "Extracting archive: x.iso" << -1 << "";
+    QTest::newRow("no figure") << "abc% 1 - x" << -1 << "";
+}
+
+void TestListing::progress()
+{
+    QFETCH(QString, line);
+    QFETCH(int, percent);
+    QFETCH(QString, name);
+    const std::optional<Extraction::Progress> step = Extraction::ParseProgress(line);
+    QCOMPARE(step.has_value(), percent >= 0);
+    if (step) {
+        QCOMPARE(step->percent, percent);
+        QCOMPARE(step->name, name);
+    }
+}
+
+void TestListing::argumentsKeepNamesLiteral()
+{
+    const QStringList arguments =
+        Extraction::Arguments("-image.iso", "/out dir", {"@list", "-y", "@list", "a*b"});
+    const qsizetype end = arguments.indexOf("--");
+    QVERIFY(end > 0);
+    // Everything from the image and the user comes after "--"; names are not
+    // wildcards and not recursive.
+    QCOMPARE(arguments.mid(end + 1), (QStringList{"-image.iso", "@list", "-y", "a*b"}));
+    QVERIFY(arguments.contains("-spd"));
+    QVERIFY(arguments.contains("-r-"));
+    QVERIFY(!arguments.contains("-r"));
+    QVERIFY(arguments.contains("-o/out dir"));
+    QCOMPARE(Listing::Arguments("-x.iso"), (QStringList{"l", "--", "-x.iso"}));
+}
+
+void TestListing::moveUpNeverReplaces()
+{
+    QTemporaryDir dir;
+    const QDir root(dir.path());
+    QVERIFY(root.mkpath("dest/.stage/docs/x/sub"));
+    const auto write = [&](const QString& path, const QByteArray& bytes) {
+        QFile file(root.filePath(path));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(bytes);
+    };
+    write("dest/a.txt", "old");
+    write("dest/a (2).txt", "older");
+    write("dest/.stage/docs/x/a.txt", "new");
+    write("dest/.stage/docs/x/sub/s.txt", "sub");
+
+    const Extraction::MoveResult result = Extraction::MoveUp(
+        root.filePath("dest/.stage"), {"docs/x/a.txt", "docs/x/sub", "docs/x/gone"}, root.filePath("dest"));
+    QVERIFY(!result.ok); // one entry was not there to move
+    QVERIFY(result.message.contains("docs/x/gone"));
+    QCOMPARE(result.placed, (QStringList{root.filePath("dest/a (3).txt"), root.filePath("dest/sub")}));
+    QFile old(root.filePath("dest/a.txt"));
+    QVERIFY(old.open(QIODevice::ReadOnly));
+    QCOMPARE(old.readAll(), QByteArray("old"));
+    QVERIFY(QFileInfo::exists(root.filePath("dest/sub/s.txt")));
+    QVERIFY(!QFileInfo::exists(root.filePath("dest/.stage")));
+    QCOMPARE(Extraction::FreeName(root.filePath("dest"), ".hidden"), QString(".hidden"));
+    QCOMPARE(Extraction::FreeName(root.filePath("dest"), "sub"), QString("sub (2)"));
+}
+
+QTEST_GUILESS_MAIN(TestListing)
+#include "tst_listing.moc"
