@@ -13,6 +13,7 @@
 #include "app/aboutusdialog.h"
 #include "app/links.h"
 #include "pages/comingsoonpage.h"
+#include "pages/page2.h"
 #include "ui/baseimagectrl.h"
 
 namespace {
@@ -164,7 +165,10 @@ void MainWindow::onBurn()
 
 void MainWindow::onExtract()
 {
-    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Extract), kPageX, kPageY);
+    auto* page = new CPage2(this);
+    page->setParent(this);
+    page->InitializeUI();
+    ShowPage(page, kPageX, kPageY);
 }
 
 void MainWindow::onCreate()

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <QtGlobal>
+#include <QStringList>
 
 class QDataStream;
 class QDateTime;
-class QString;
+class QWidget;
 
 // Static helpers shared by every part of Brenta: locations, logging, size and
 // time texts, small file operations, and the message dialogs.
@@ -52,4 +52,12 @@ public:
     static void ShowMessage(const QString& text);
     static void ShowFinished(const QString& text, const QString& folder);
     static int ConfirmPicture(const QString& picture);
+
+    // Pickers (defined in the GUI library); empty when cancelled
+    static QString OpenFileDialog(QWidget* parent, const QString& filter);
+    static QString OpenDirectoryDialog(QWidget* parent);
+    static QString SaveFileDialog(QWidget* parent, const QString& filter);
+    static QStringList OpenFilesDialog(QWidget* parent);
+    static QStringList SelectDirsDialog(QWidget* parent);
+    static QStringList SelectFilesAndDirsDialog(QWidget* parent);
 };

@@ -1,0 +1,317 @@
+#include "pages/page2.h"
+
+#include <QApplication>
+#include <QDebug>
+#include <QFileInfo>
+#include <QHeaderView>
+#include <QKeyEvent>
+#include <QMenu>
+#include <QMouseEvent>
+#include <QTableWidget>
+#include <QTreeWidget>
+
+#include "app/util.h"
+#include "iso/isojobs.h"
+#include "ui/baseimagectrl.h"
+#include "ui/contentsview.h"
+#include "ui/filelistwidgets.h"
+#include "ui/messagedialogs.h"
+#include "ui/gerneraldialog.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+CImageButton* pictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)
+{
+    auto* button = new CImageButton(parent);
+    button->setObjectName(QLatin1String(name));
+    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'), QString());
+    button->move(x, y);
+    return button;
+}
+
+// A click this close to a row's left edge lands on its check box, which
+// toggles by itself.
+constexpr int kCheckBoxEdge = 16;
+
+} // namespace
+
+CPage2::CPage2(QWidget* /*mainWindow*/) : ImageDialog(false)
+{
+    setObjectName(QStringLiteral("CPage2"));
+    setWindowTitle(QStringLiteral("Dialog"));
+    m_list = new CListJob(m_contents, this);
+    m_extract = new CExtractJob(this);
+    m_progress = new CProgressDialog;
+    connect(m_list, &CListJob::finished, this, &CPage2::OnUnzipFinished);
+    connect(m_extract, &CExtractJob::progress, this, &CPage2::OnExtractOutput);
+    connect(m_extract, &CExtractJob::finished, this, &CPage2::OnExtractFinished);
+    connect(m_progress, &CProgressDialog::SigCancel, this, &CPage2::OnStopExtract);
+}
+
+CPage2::~CPage2()
+{
+    // The jobs stop their tools as they go; the progress dialog is a window
+    // of its own and goes with the page.
+    delete m_progress;
+    if (m_waitCursor)
+        QApplication::restoreOverrideCursor();
+}
+
+void CPage2::InitializeUI()
+{
+    qDebug() << "CPage2::InitializeUI() is called!!";
+    SetBackgroundImage(QStringLiteral(":/nwu/page2"));
+
+    m_loadiso = pictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 567, 17);
+    m_back = pictureButton(this, "back", QStringLiteral(":/nwu/Back"), 11, 417);
+    m_extractButton = pictureButton(this, "extract", QStringLiteral(":/nwu/btnextract"), 546, 417);
+    connect(m_loadiso, qOverload<>(&CImageButton::clicked), this, &CPage2::OnLoadISO);
+    connect(m_back, qOverload<>(&CImageButton::clicked), this, &CPage2::OnBack);
+    connect(m_extractButton, qOverload<>(&CImageButton::clicked), this, &CPage2::OnExtract);
+
+    m_tree = new QTreeWidget(this);
+    m_tree->setObjectName(QStringLiteral("tree"));
+    m_tree->move(10, 54);
+    m_tree->setFixedSize(213, 350);
+    m_tree->setHeaderHidden(true);
+    m_tree->setFrameShape(QFrame::NoFrame);
+    m_tree->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_tree->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
+    m_tree->header()->setStretchLastSection(false);
+    m_tree->setAttribute(Qt::WA_MacShowFocusRect, false);
+    m_tree->setStyleSheet(FileListStyle::FolderTree());
+    connect(m_tree, &QTreeWidget::itemClicked, this, &CPage2::OnTreeCurrentChanged);
+
+    m_table = new QTableWidget(this);
+    m_table->setObjectName(QStringLiteral("list"));
+    m_table->move(223, 54);
+    m_table->setFixedSize(431, 350);
+    m_table->setColumnCount(4);
+    m_table->setHorizontalHeaderLabels(
+        {QStringLiteral("File Name"), QStringLiteral(" Size"), QStringLiteral("Type"), QStringLiteral("Time")});
+    m_header = new SCheckBoxHeaderView(Qt::Horizontal, m_table);
+    m_table->setHorizontalHeader(m_header);
+    m_header->setVisible(true);
+    m_header->setHighlightSections(false);
+    QFont headerFont = m_header->font();
+    headerFont.setWeight(QFont::Normal);
+    m_header->setFont(headerFont);
+    m_table->verticalHeader()->setVisible(false);
+    for (int column = 0; column < 4; ++column)
+        m_table->setColumnWidth(column, (m_table->width() - 2) / 4);
+    m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
+    m_table->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_table->setItemDelegate(new NoFocusDelegate(m_table));
+    m_table->setContextMenuPolicy(Qt::CustomContextMenu);
+    m_table->setStyleSheet(FileListStyle::Table());
+    m_table->viewport()->installEventFilter(this);
+    connect(m_table, &QTableWidget::itemDoubleClicked, this, &CPage2::OnListViewDoubleClicked);
+    connect(m_table, &QTableWidget::itemClicked, this, &CPage2::OnListViewClicked);
+    connect(m_table, &QTableWidget::customContextMenuRequested, this, &CPage2::OnListContextMenuRequest);
+    connect(m_header, &SCheckBoxHeaderView::checkStausChange, this, &CPage2::slotSelectAll);
+
+    m_menu = new QMenu(this);
+    QAction* extract = m_menu->addAction(QStringLiteral("Extract(&E)"));
+    connect(extract, &QAction::triggered, this, &CPage2::OnExtract);
+}
+
+void CPage2::SetButtonsEnabled(bool enabled)
+{
+    if (!enabled && !m_waitCursor) {
+        QApplication::setOverrideCursor(Qt::WaitCursor);
+        m_waitCursor = true;
+    } else if (enabled && m_waitCursor) {
+        QApplication::restoreOverrideCursor();
+        m_waitCursor = false;
+    }
+    for (CImageButton* button : {m_back, m_loadiso, m_extractButton})
+        button->setEnabled(enabled);
+}
+
+void CPage2::OnLoadISO()
+{
+    const QString path = Util::OpenFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
+    if (path.isEmpty() || !QFileInfo::exists(path))
+        return;
+    LoadImage(path);
+}
+
+void CPage2::LoadImage(const QString& path)
+{
+    m_image = path;
+    SetButtonsEnabled(false);
+    m_current = nullptr;
+    m_tree->clear();
+    FillTable();
+    m_list->Start(path);
+}
+
+void CPage2::OnUnzipFinished()
+{
+    SetButtonsEnabled(true);
+    ContentsView::FillTree(m_tree, m_contents);
+    m_current = &m_contents.Root();
+    FillTable();
+    const bool succeeded = m_list->Succeeded();
+    if (!succeeded)
+        Util::ShowMessage(m_list->Message());
+    Q_EMIT listingFinished(succeeded);
+}
+
+void CPage2::FillTable()
+{
+    ContentsView::FillTable(m_table, m_current);
+}
+
+void CPage2::OnTreeCurrentChanged()
+{
+    QTreeWidgetItem* item = m_tree->currentItem();
+    if (item == nullptr)
+        return;
+    item->setSelected(true);
+    m_current = ContentsView::ItemOf(item);
+    FillTable();
+}
+
+void CPage2::OnListViewDoubleClicked()
+{
+    QTableWidgetItem* item = m_table->currentItem();
+    if (item == nullptr || m_current == nullptr)
+        return;
+    const int row = item->row();
+    if (row < 0 || row >= static_cast<int>(m_current->children.size()))
+        return;
+    Item* child = m_current->children[static_cast<size_t>(row)].get();
+    if (!child->isDir)
+        return;
+    m_current = child;
+    FillTable();
+    RefreshTreeWidget();
+}
+
+void CPage2::RefreshTreeWidget()
+{
+    ContentsView::ShowInTree(m_tree, m_current);
+}
+
+bool CPage2::eventFilter(QObject* watched, QEvent* event)
+{
+    if (m_table != nullptr && watched == m_table->viewport() && event->type() == QEvent::MouseButtonPress)
+        m_lastPressX = static_cast<QMouseEvent*>(event)->position().toPoint().x();
+    return ImageDialog::eventFilter(watched, event);
+}
+
+void CPage2::OnListViewClicked(QTableWidgetItem* pItem)
+{
+    if (pItem == nullptr || pItem->row() < 0 || pItem->row() >= m_table->rowCount())
+        return;
+    if (m_lastPressX <= kCheckBoxEdge)
+        return;
+    qDebug() << "CPage2::OnListViewClicked";
+    QTableWidgetItem* nameItem = m_table->item(pItem->row(), 0);
+    if (nameItem->checkState() == Qt::Checked)
+        nameItem->setCheckState(Qt::Unchecked);
+    else if (nameItem->checkState() == Qt::Unchecked)
+        nameItem->setCheckState(Qt::Checked);
+}
+
+void CPage2::slotSelectAll(bool bChecked)
+{
+    for (int row = 0; row < m_table->rowCount(); ++row)
+        m_table->item(row, 0)->setCheckState(bChecked ? Qt::Checked : Qt::Unchecked);
+}
+
+void CPage2::OnListContextMenuRequest(const QPoint& /*pos*/)
+{
+    m_menu->exec(QCursor::pos());
+}
+
+QStringList CPage2::TickedNames() const
+{
+    QStringList names;
+    for (int row = 0; row < m_table->rowCount(); ++row) {
+        const QTableWidgetItem* item = m_table->item(row, 0);
+        if (item->checkState() == Qt::Checked && !names.contains(item->text()))
+            names << item->text();
+    }
+    return names;
+}
+
+void CPage2::OnExtract()
+{
+    const QStringList names = TickedNames();
+    if (names.isEmpty()) {
+        auto notice = MessageDialogs::Notice(QStringLiteral(":/nwu/select_files_extract"), 120);
+        notice->exec();
+        return;
+    }
+    const QString destination = Util::OpenDirectoryDialog(this);
+    if (destination.isEmpty())
+        return;
+
+    // Paths inside the image as the archive tool names them.
+    QString prefix = m_current ? m_current->name : QString();
+    prefix.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    QStringList entries;
+    for (const QString& name : names)
+        entries << (prefix.isEmpty() ? name : prefix + QLatin1Char('/') + name);
+
+    m_destination = destination;
+    setEnabled(false);
+    m_progress->show();
+    m_progress->SetText(QStringLiteral("Extracting files..."));
+    m_progress->SetRange(0, 100);
+    m_progress->SetValue(0);
+    m_extract->Start(m_image, destination, entries);
+}
+
+void CPage2::OnExtractOutput(int percent, const QString& entry)
+{
+    qDebug() << "CPage2::OnExtractOutput" << percent << entry;
+    m_progress->SetValue(percent);
+    if (percent >= 100)
+        m_progress->SetText(QStringLiteral("Copying files, please wait a few seconds.."));
+    else
+        m_progress->SetText(QStringLiteral("Extracting files: ") + entry);
+}
+
+void CPage2::OnExtractFinished()
+{
+    setEnabled(true);
+    m_progress->hide();
+    const bool succeeded = m_extract->Succeeded();
+    if (succeeded) {
+        Util::WriteLog(QStringLiteral("Extract files successfully :") + m_destination);
+        Util::ShowFinished(QStringLiteral("Extract files successfully."), m_destination);
+    } else {
+        Util::WriteLog(m_extract->Message());
+        Util::ShowMessage(m_extract->Message());
+    }
+    Q_EMIT extractionFinished(succeeded);
+}
+
+void CPage2::OnStopExtract()
+{
+    m_extract->Stop();
+    setEnabled(true);
+}
+
+void CPage2::OnBack()
+{
+    m_list->Stop();
+    m_extract->Stop();
+    hide();
+    deleteLater();
+}
+
+void CPage2::keyPressEvent(QKeyEvent* event)
+{
+    // Escape would reject the dialog the page is built on and leave it half alive.
+    if (event->key() == Qt::Key_Escape) {
+        event->accept();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}
