@@ -4,10 +4,16 @@
 #include <QDir>
 #include <QLabel>
 #include <QMenu>
+#include <QEventLoop>
 #include <QPixmap>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTimer>
 
 #include "app/aboutusdialog.h"
 #include "app/mainwindow.h"
+#include "pages/page2.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
 #include "ui/inputdialog.h"
@@ -67,6 +73,53 @@ void RenderMainWindow(Writer& writer)
         (host.*page.open)();
         writer.Save(QLatin1String(page.name), host);
     }
+}
+
+// A small image with a few folders and files, built with the image builder,
+// so that the extract page can be shown as a person would see it.
+QString makeSampleImage(const QTemporaryDir& scratch)
+{
+    const QDir root(scratch.filePath(QStringLiteral("sample")));
+    const QStringList files = {
+        QStringLiteral("boot/grub/grub.cfg"), QStringLiteral("boot/grub/fonts/unicode.pf2"),
+        QStringLiteral("docs/Read Me.txt"),    QStringLiteral("docs/manual.pdf"),
+        QStringLiteral("setup.exe"),           QStringLiteral("autorun.inf"),
+        QStringLiteral("photos/holiday.jpg"),  QStringLiteral("install/packages.tar.gz"),
+    };
+    for (const QString& file : files) {
+        root.mkpath(QFileInfo(root.filePath(file)).path());
+        QFile out(root.filePath(file));
+        if (out.open(QIODevice::WriteOnly))
+            out.write(QByteArray(int(qHash(file) % 40000) + 100, 'x'));
+    }
+    const QString builder = QStandardPaths::findExecutable(QStringLiteral("genisoimage"));
+    const QString image = scratch.filePath(QStringLiteral("Sample Disc.iso"));
+    if (builder.isEmpty())
+        return QString();
+    QProcess process;
+    process.start(builder, {QStringLiteral("-quiet"), QStringLiteral("-J"), QStringLiteral("-R"),
+                            QStringLiteral("-V"), QStringLiteral("SAMPLE"), QStringLiteral("-o"), image,
+                            root.path()});
+    process.waitForFinished(60000);
+    return process.exitCode() == 0 ? image : QString();
+}
+
+void RenderExtractPage(Writer& writer)
+{
+    QTemporaryDir scratch;
+    const QString image = makeSampleImage(scratch);
+    MainWindow host;
+    host.show();
+    host.onExtract();
+    auto* page = host.findChild<CPage2*>();
+    if (page == nullptr || image.isEmpty())
+        return;
+    QEventLoop loop;
+    QObject::connect(page, &CPage2::listingFinished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+    page->LoadImage(image);
+    loop.exec();
+    writer.Save(QStringLiteral("page-extract-image"), host);
 }
 
 void RenderDialogs(Writer& writer)
@@ -132,6 +185,7 @@ QStringList RenderAll(const QString& directory, QString* error)
     }
     Writer writer(dir);
     RenderMainWindow(writer);
+    RenderExtractPage(writer);
     RenderDialogs(writer);
     if (!writer.Failed().isEmpty()) {
         if (error)

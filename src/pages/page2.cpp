@@ -98,8 +98,11 @@ void CPage2::InitializeUI()
     headerFont.setWeight(QFont::Normal);
     m_header->setFont(headerFont);
     m_table->verticalHeader()->setVisible(false);
+    // Quarters of the width would cut the 19-character time text short; the
+    // columns are sized to what they hold instead, together the same width.
+    const int widths[] = {140, 72, 88, 129};
     for (int column = 0; column < 4; ++column)
-        m_table->setColumnWidth(column, (m_table->width() - 2) / 4);
+        m_table->setColumnWidth(column, widths[column]);
     m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
     m_table->setSelectionMode(QAbstractItemView::ExtendedSelection);
     m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);

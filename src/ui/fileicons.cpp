@@ -1,10 +1,8 @@
 #include "ui/fileicons.h"
 
-#include <QDir>
 #include <QFileIconProvider>
 #include <QHash>
 #include <QMimeDatabase>
-#include <QTemporaryFile>
 
 #include "app/util.h"
 
@@ -17,18 +15,10 @@ QFileIconProvider& provider()
     return instance;
 }
 
-// The desktop judges an empty file of that extension; the file is removed
-// as soon as it has been asked about.
-template <typename Answer>
-Answer askAbout(const QString& suffix, Answer (*ask)(const QFileInfo&))
+// Judged by the extension alone: entries of an image are not on the disk.
+QMimeType mimeOf(const QString& suffix)
 {
-    QTemporaryFile probe(QDir::tempPath() + QStringLiteral("/brenta_XXXXXX") + suffix);
-    if (!probe.open()) {
-        qDebug("failed to write temporary file %s", qPrintable(probe.fileTemplate()));
-        return Answer();
-    }
-    probe.close();
-    return ask(QFileInfo(probe.fileName()));
+    return QMimeDatabase().mimeTypeForFile(QStringLiteral("x") + suffix, QMimeDatabase::MatchExtension);
 }
 
 } // namespace
@@ -40,9 +30,13 @@ QIcon Icon(const QString& fileName)
     const auto cached = cache.constFind(suffix);
     if (cached != cache.constEnd())
         return *cached;
-    const QIcon icon = suffix.isEmpty()
-                           ? provider().icon(QFileIconProvider::File)
-                           : askAbout<QIcon>(suffix, [](const QFileInfo& info) { return provider().icon(info); });
+    const QIcon generic = provider().icon(QFileIconProvider::File);
+    QIcon icon = generic;
+    if (!suffix.isEmpty()) {
+        const QMimeType mime = mimeOf(suffix);
+        if (!mime.isDefault())
+            icon = QIcon::fromTheme(mime.iconName(), QIcon::fromTheme(mime.genericIconName(), generic));
+    }
     cache.insert(suffix, icon);
     return icon;
 }
@@ -56,11 +50,10 @@ QString Type(const QString& fileName)
     const auto cached = cache.constFind(suffix);
     if (cached != cache.constEnd())
         return *cached;
-    // The MIME database gives the desktop's own description ("PNG image").
-    const QMimeType mime = QMimeDatabase().mimeTypeForFile(fileName, QMimeDatabase::MatchExtension);
-    QString type = mime.isDefault() ? QString() : mime.comment();
-    if (type.isEmpty())
-        type = askAbout<QString>(suffix, [](const QFileInfo& info) { return provider().type(info); });
+    // The desktop's own description ("PNG image"); for an extension it does
+    // not know, what file managers show: "INF file".
+    const QMimeType mime = mimeOf(suffix);
+    const QString type = mime.isDefault() ? suffix.mid(1).toUpper() + QStringLiteral(" file") : mime.comment();
     cache.insert(suffix, type);
     return type;
 }
