@@ -1,0 +1,301 @@
+#include <QtTest>
+
+#include "common/isofixture.h"
+#include "iso/isojobs.h"
+#include "iso/itemtree.h"
+
+namespace {
+
+const QMap<QString, QByteArray> kFiles = {
+    {"docs/x/a.txt", "alpha"},
+    {"docs/x/sub/b c.txt", "bee see"},
+    {"docs/-dash.txt", "inner dash"},
+    {"-dash.txt", "top dash"},
+    {"@at.txt", "at sign"},
+    {"qu'ote\".txt", "quotes"},
+    {QString::fromUtf8("ünï cödé/ñ.txt"), "unicode"},
+    {"a.txt", "root a"},
+};
+
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+QStringList treeLines(const Item& folder)
+{
+    QStringList lines;
+    for (const auto& child : folder.children) {
+        lines << QStringLiteral("%1 %2 %3").arg(child->isDir ? "D" : "F", child->name, child->size);
+        lines << treeLines(*child);
+    }
+    return lines;
+}
+
+template <typename Job>
+void waitFor(Job& job)
+{
+    QSignalSpy finished(&job, &Job::finished);
+    QVERIFY(finished.wait(120000));
+    QCOMPARE(finished.count(), 1);
+}
+
+} // namespace
+
+class TestExtract final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void listsRealImages_data();
+    void listsRealImages();
+    void refusesWhatIsNoImage_data();
+    void refusesWhatIsNoImage();
+    void extractsExactlyTheEntries_data();
+    void extractsExactlyTheEntries();
+    void neverOverwritesWhatWasThere();
+    void failsHonestlyOnUnwritableDestination();
+    void stopRemovesPartialOutput();
+    void commandLine_data();
+    void commandLine();
+
+private:
+    QTemporaryDir m_dir;
+    QMap<QString, QString> m_images;
+};
+
+void TestExtract::initTestCase()
+{
+    QVERIFY(!QStandardPaths::findExecutable("genisoimage").isEmpty());
+    QVERIFY(!QStandardPaths::findExecutable("7z").isEmpty());
+    const QString source = m_dir.filePath("source");
+    QVERIFY(IsoFixture::WriteTree(source, kFiles, {"empty folder"}));
+    QString error;
+    for (const QString& kind : {"joliet", "udf"}) {
+        m_images[kind] = IsoFixture::Build(source, m_dir.filePath("-" + kind + " image.iso"), kind, &error);
+        QVERIFY2(!m_images[kind].isEmpty(), qPrintable(error));
+    }
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("nothing"), {}));
+    m_images["empty"] = IsoFixture::Build(m_dir.filePath("nothing"), m_dir.filePath("empty.iso"), "joliet", &error);
+    QVERIFY(!m_images["empty"].isEmpty());
+}
+
+void TestExtract::listsRealImages_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::newRow("joliet + rock ridge") << "joliet";
+    QTest::newRow("udf") << "udf";
+}
+
+void TestExtract::listsRealImages()
+{
+    QFETCH(QString, kind);
+    ItemTree tree;
+    CListJob job(tree);
+    job.Start(m_images[kind]);
+    waitFor(job);
+    QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
+    QCOMPARE(tree.title, QFileInfo(m_images[kind]).fileName());
+
+    const QStringList lines = treeLines(tree.Root());
+    for (const QString& expected : {QString("F docs\\x\\sub\\b c.txt 7"), QString("F -dash.txt 8"),
+                                    QString("F @at.txt 7"), QString("F qu'ote\".txt 6"),
+                                    QString::fromUtf8("F ünï cödé\\ñ.txt 7"), QString("D empty folder ")})
+        QVERIFY2(lines.contains(expected), qPrintable(expected + " not in\n" + lines.join('\n')));
+    QVERIFY(tree.Find("docs\\x")->isDir);
+    QCOMPARE(tree.Find("docs\\x\\a.txt")->time.size(), 19);
+}
+
+void TestExtract::refusesWhatIsNoImage_data()
+{
+    QTest::addColumn<QString>("content");
+    QTest::addColumn<bool>("empty");
+    QTest::newRow("text file") << "just some text, not an image" << false;
+    QTest::newRow("missing file") << QString() << false;
+    QTest::newRow("empty image lists fine") << QString() << true;
+}
+
+// A file the tool cannot read must give the page back with a reason, never
+// leave it waiting.
+void TestExtract::refusesWhatIsNoImage()
+{
+    QFETCH(QString, content);
+    QFETCH(bool, empty);
+    QString path = m_images["empty"];
+    if (!empty) {
+        path = m_dir.filePath("not-an-image.iso");
+        QFile::remove(path);
+        if (!content.isEmpty()) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(content.toUtf8());
+        }
+    }
+    ItemTree tree;
+    CListJob job(tree);
+    job.Start(path);
+    waitFor(job);
+    QCOMPARE(job.Succeeded(), empty);
+    QVERIFY(tree.Root().children.empty());
+    if (!empty) {
+        QVERIFY(job.Message().startsWith("The image could not be opened."));
+        QVERIFY2(job.Message().contains("ERROR"), qPrintable(job.Message())); // the tool's own words
+    }
+}
+
+void TestExtract::extractsExactlyTheEntries_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QStringList>("entries");
+    QTest::addColumn<QStringList>("expected"); // relative file paths in the destination
+    QTest::newRow("from the root") << "joliet" << QStringList{"-dash.txt", "@at.txt", "qu'ote\".txt"}
+                                   << QStringList{"-dash.txt", "@at.txt", "qu'ote\".txt"};
+    // Only the named entry: not docs/-dash.txt, which has the same name.
+    QTest::newRow("same name elsewhere stays") << "joliet" << QStringList{"-dash.txt"}
+                                               << QStringList{"-dash.txt"};
+    QTest::newRow("nested file and folder move up")
+        << "joliet" << QStringList{"docs/x/a.txt", "docs/x/sub"} << QStringList{"a.txt", "sub/b c.txt"};
+    QTest::newRow("unicode from udf") << "udf" << QStringList{QString::fromUtf8("ünï cödé/ñ.txt")}
+                                      << QStringList{QString::fromUtf8("ñ.txt")};
+    QTest::newRow("whole image") << "udf" << QStringList{}
+                                 << QStringList{"-dash.txt", "@at.txt", "a.txt", "docs/-dash.txt",
+                                                "docs/x/a.txt", "docs/x/sub/b c.txt", "qu'ote\".txt",
+                                                QString::fromUtf8("ünï cödé/ñ.txt")};
+}
+
+void TestExtract::extractsExactlyTheEntries()
+{
+    QFETCH(QString, kind);
+    QFETCH(QStringList, entries);
+    QFETCH(QStringList, expected);
+    QTemporaryDir destination;
+    CExtractJob job;
+    QSignalSpy progress(&job, &CExtractJob::progress);
+    job.Start(m_images[kind], destination.path(), entries);
+    waitFor(job);
+    QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
+
+    QStringList found;
+    QDirIterator it(destination.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        found << QDir(destination.path()).relativeFilePath(it.next());
+    found.sort();
+    expected.sort();
+    QCOMPARE(found, expected);
+    for (const QString& path : expected) {
+        const QString inImage = entries.isEmpty() ? path : QString();
+        if (!inImage.isEmpty())
+            QCOMPARE(readAll(destination.filePath(path)), kFiles.value(inImage));
+    }
+    if (kind == "joliet" && entries.contains("docs/x/a.txt"))
+        QCOMPARE(readAll(destination.filePath("a.txt")), QByteArray("alpha"));
+}
+
+void TestExtract::neverOverwritesWhatWasThere()
+{
+    QTemporaryDir destination;
+    QVERIFY(IsoFixture::WriteTree(destination.path(), {{"a.txt", "mine"}, {"sub/keep", "mine too"}}));
+    CExtractJob job;
+    job.Start(m_images["joliet"], destination.path(), {"docs/x/a.txt", "docs/x/sub"});
+    waitFor(job);
+    QVERIFY(job.Succeeded());
+    QCOMPARE(readAll(destination.filePath("a.txt")), QByteArray("mine"));
+    QCOMPARE(readAll(destination.filePath("sub/keep")), QByteArray("mine too"));
+    QCOMPARE(readAll(destination.filePath("a (2).txt")), QByteArray("alpha"));
+    QCOMPARE(readAll(destination.filePath("sub (2)/b c.txt")), QByteArray("bee see"));
+    QCOMPARE(QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 4);
+}
+
+void TestExtract::failsHonestlyOnUnwritableDestination()
+{
+    // A folder below a plain file can never be made, not even by root.
+    QTemporaryDir dir;
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"plain", "file"}}));
+    CExtractJob job;
+    job.Start(m_images["joliet"], dir.filePath("plain/out"), {"a.txt"});
+    waitFor(job);
+    QVERIFY(!job.Succeeded());
+    QVERIFY2(job.Message().startsWith("Cannot write into"), qPrintable(job.Message()));
+}
+
+void TestExtract::stopRemovesPartialOutput()
+{
+    // A large file keeps the tool busy long enough to stop it; a sparse one
+    // costs no time to make.
+    const QString source = m_dir.filePath("big");
+    QVERIFY(QDir().mkpath(source));
+    for (const QString& name : {"zeros1.bin", "zeros2.bin"}) {
+        QFile file(QDir(source).filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QVERIFY(file.resize(qint64(768) * 1024 * 1024));
+    }
+    QString error;
+    const QString image = IsoFixture::Build(source, m_dir.filePath("big.iso"), "joliet", &error);
+    QVERIFY(!image.isEmpty());
+
+    QTemporaryDir destination;
+    CExtractJob job;
+    QSignalSpy finished(&job, &CExtractJob::finished);
+    QSignalSpy progress(&job, &CExtractJob::progress);
+    job.Start(image, destination.path(), {});
+    QVERIFY(job.IsRunning());
+    QVERIFY(progress.wait(60000));
+    QCOMPARE(finished.count(), 0);
+    job.Stop();
+    QVERIFY(!job.IsRunning());
+    QTest::qWait(300);
+    QCOMPARE(finished.count(), 0);
+    QCOMPARE(QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList());
+}
+
+void TestExtract::commandLine_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("expectedOut");
+    QTest::newRow("list") << QStringList{"list", "@joliet"} << 0 << "F\t5\t*\tdocs/x/a.txt";
+    QTest::newRow("extract") << QStringList{"extract", "@joliet", "@dest", "docs/x/sub", "-dash.txt"} << 0
+                             << "";
+    QTest::newRow("list no image") << QStringList{"list", "@missing"} << 1 << "";
+    QTest::newRow("extract usage") << QStringList{"extract", "@joliet"} << 2 << "";
+}
+
+void TestExtract::commandLine()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, expectedOut);
+    QTemporaryDir destination;
+    for (QString& argument : arguments) {
+        if (argument == "@joliet")
+            argument = m_images["joliet"];
+        else if (argument == "@dest")
+            argument = destination.path();
+        else if (argument == "@missing")
+            argument = m_dir.filePath("missing.iso");
+    }
+    QProcess brenta;
+    brenta.start(BRENTA_EXECUTABLE, arguments);
+    QVERIFY(brenta.waitForFinished(120000));
+    QCOMPARE(brenta.exitCode(), exitCode);
+    const QString out = QString::fromUtf8(brenta.readAllStandardOutput());
+    const QString err = QString::fromUtf8(brenta.readAllStandardError());
+    if (exitCode != 0)
+        QVERIFY(!err.isEmpty());
+    else
+        QVERIFY2(err.isEmpty(), qPrintable(err)); // no progress when not a terminal
+    if (!expectedOut.isEmpty()) {
+        const QRegularExpression line(QRegularExpression::wildcardToRegularExpression(expectedOut));
+        QVERIFY2(out.split('\n').indexOf(line) >= 0, qPrintable(out));
+    }
+    if (arguments.value(0) == "extract" && exitCode == 0) {
+        QCOMPARE(readAll(destination.filePath("sub/b c.txt")), QByteArray("bee see"));
+        QCOMPARE(readAll(destination.filePath("-dash.txt")), QByteArray("top dash"));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestExtract)
+#include "tst_extract.moc"
