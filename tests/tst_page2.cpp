@@ -1,0 +1,268 @@
+#include <QtTest>
+
+#include <QDialogButtonBox>
+#include <QLabel>
+#include <QListView>
+#include <QTableWidget>
+#include <QTreeWidget>
+
+#include "common/isofixture.h"
+#include "pages/page2.h"
+#include "ui/baseimagectrl.h"
+#include "ui/commdialog.h"
+#include "ui/filelistwidgets.h"
+#include "ui/gerneraldialog.h"
+#include "ui/pickers.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+// Answers the modal dialog that the next action opens, once it is up (it
+// may come only when a tool has ended).
+template <typename Dialog, typename Action>
+void whenModal(Action action, int triesLeft = 3000)
+{
+    QTimer::singleShot(20, [action, triesLeft] {
+        auto* dialog = qobject_cast<Dialog*>(QApplication::activeModalWidget());
+        if (dialog == nullptr && triesLeft > 0) {
+            whenModal<Dialog>(action, triesLeft - 1);
+            return;
+        }
+        QVERIFY2(dialog != nullptr, "no modal dialog of the expected kind");
+        action(dialog);
+    });
+}
+
+// A person's double click: two clicks in quick succession on the same cell.
+void doubleClick(QTableWidget* table, QPoint at)
+{
+    QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, at);
+    QTest::mouseDClick(table->viewport(), Qt::LeftButton, {}, at);
+}
+
+void clickButton(CImageButton* button)
+{
+    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+}
+
+QStringList column(QTableWidget* table, int column)
+{
+    QStringList texts;
+    for (int row = 0; row < table->rowCount(); ++row)
+        texts << table->item(row, column)->text();
+    return texts;
+}
+
+QList<bool> ticks(QTableWidget* table)
+{
+    QList<bool> states;
+    for (int row = 0; row < table->rowCount(); ++row)
+        states << (table->item(row, 0)->checkState() == Qt::Checked);
+    return states;
+}
+
+QPoint cellPoint(QTableWidget* table, int row, int x)
+{
+    const QRect rect = table->visualItemRect(table->item(row, 0));
+    return QPoint(x, rect.center().y());
+}
+
+} // namespace
+
+class TestPage2 final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void opensImageAndBrowses();
+    void rowClicksAndHeaderTick();
+    void extractNeedsTickedRows();
+    void extractsTickedEntriesFromNestedFolder();
+    void imageThatCannotBeReadGivesThePageBack();
+    void folderPickerSelectsSeveralFolders();
+
+private:
+    void openImage(const QString& path, bool expectSuccess = true);
+
+    QTemporaryDir m_dir;
+    QString m_image;
+    std::unique_ptr<CPage2> m_page;
+    QStringList m_answers; // what the pickers answer, in order
+};
+
+void TestPage2::initTestCase()
+{
+    const QString source = m_dir.filePath("src");
+    QVERIFY(IsoFixture::WriteTree(source, {{"setup.exe", QByteArray(1536, 'x')},
+                                           {"docs/x/a.txt", "alpha"},
+                                           {"docs/x/sub/b.txt", "bee"},
+                                           {"docs/readme.txt", "read"}}));
+    QString error;
+    m_image = IsoFixture::Build(source, m_dir.filePath("disc.iso"), "joliet", &error);
+    QVERIFY2(!m_image.isEmpty(), qPrintable(error));
+}
+
+void TestPage2::init()
+{
+    PickerSeam::Set([this](PickerSeam::Kind, const QString&) {
+        return m_answers.isEmpty() ? QStringList() : QStringList{m_answers.takeFirst()};
+    });
+    m_page = std::make_unique<CPage2>();
+    m_page->InitializeUI();
+    m_page->show();
+    QVERIFY(QTest::qWaitForWindowExposed(m_page.get()));
+}
+
+void TestPage2::cleanup()
+{
+    m_page.reset();
+    PickerSeam::Reset();
+    m_answers.clear();
+}
+
+void TestPage2::openImage(const QString& path, bool expectSuccess)
+{
+    QSignalSpy listed(m_page.get(), &CPage2::listingFinished);
+    m_answers << path;
+    if (!expectSuccess) {
+        whenModal<CommDialog>([](CommDialog* dialog) {
+            QVERIFY(dialog->Label()->text().startsWith("The image could not be opened."));
+            clickButton(dialog->OkButton());
+        });
+    }
+    clickButton(m_page->findChild<CImageButton*>("loadiso"));
+    QVERIFY(listed.wait(60000) || listed.count() == 1);
+    QCOMPARE(listed.first().at(0).toBool(), expectSuccess);
+}
+
+void TestPage2::opensImageAndBrowses()
+{
+    openImage(m_image);
+    QTreeWidget* tree = m_page->Tree();
+    QTableWidget* table = m_page->Table();
+    QCOMPARE(tree->topLevelItemCount(), 1);
+    QCOMPARE(tree->topLevelItem(0)->text(0), QString("disc.iso"));
+    QCOMPARE(column(table, 0), (QStringList{"docs", "setup.exe"}));
+    QCOMPARE(column(table, 1), (QStringList{"", "1.50 KB"}));
+    QCOMPARE(column(table, 2).first(), QString("Folder"));
+    QVERIFY(table->item(1, 3)->text().size() == 19);
+
+    // Double-clicking a folder opens it, and the tree follows.
+    doubleClick(table, cellPoint(table, 0, 60));
+    QCOMPARE(column(table, 0), (QStringList{"readme.txt", "x"}));
+    QCOMPARE(tree->currentItem()->text(0), QString("docs"));
+    // Double-clicking a file changes nothing.
+    doubleClick(table, cellPoint(table, 0, 60));
+    QCOMPARE(column(table, 0), (QStringList{"readme.txt", "x"}));
+
+    // The top tree item shows the root again.
+    const QRect top = tree->visualItemRect(tree->topLevelItem(0));
+    QTest::mouseClick(tree->viewport(), Qt::LeftButton, {}, top.center());
+    QCOMPARE(column(table, 0), (QStringList{"docs", "setup.exe"}));
+}
+
+void TestPage2::rowClicksAndHeaderTick()
+{
+    openImage(m_image);
+    QTableWidget* table = m_page->Table();
+    // A click on the row's text ticks it; a second one unticks it.
+    QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, cellPoint(table, 1, 100));
+    QCOMPARE(ticks(table), (QList<bool>{false, true}));
+    QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, cellPoint(table, 1, 100));
+    QCOMPARE(ticks(table), (QList<bool>{false, false}));
+
+    // The header's box ticks every row, then unticks them all.
+    SCheckBoxHeaderView* header = m_page->Header();
+    QSignalSpy changed(header, &SCheckBoxHeaderView::checkStausChange);
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, QPoint(10, header->height() / 2));
+    QCOMPARE(ticks(table), (QList<bool>{true, true}));
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, QPoint(10, header->height() / 2));
+    QCOMPARE(ticks(table), (QList<bool>{false, false}));
+    QCOMPARE(changed.count(), 2);
+    // Another section is an ordinary header click.
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, QPoint(200, header->height() / 2));
+    QCOMPARE(changed.count(), 2);
+    QCOMPARE(ticks(table), (QList<bool>{false, false}));
+}
+
+void TestPage2::extractNeedsTickedRows()
+{
+    openImage(m_image);
+    bool noticeShown = false;
+    whenModal<GerneralDialog>([&](GerneralDialog* dialog) {
+        noticeShown = dialog->BackgroundImage() == ":/nwu/select_files_extract";
+        clickButton(dialog->OkButton());
+    });
+    clickButton(m_page->findChild<CImageButton*>("extract"));
+    QVERIFY(noticeShown);
+    QVERIFY(m_answers.isEmpty()); // no folder was asked for
+}
+
+void TestPage2::extractsTickedEntriesFromNestedFolder()
+{
+    openImage(m_image);
+    QTableWidget* table = m_page->Table();
+    doubleClick(table, cellPoint(table, 0, 60)); // docs
+    doubleClick(table, cellPoint(table, 1, 60)); // x
+    QCOMPARE(column(table, 0), (QStringList{"a.txt", "sub"}));
+    m_page->slotSelectAll(true);
+
+    QTemporaryDir destination;
+    m_answers << destination.path();
+    QSignalSpy extracted(m_page.get(), &CPage2::extractionFinished);
+    QString said;
+    whenModal<CommDialog>([&](CommDialog* dialog) {
+        said = dialog->Label()->text();
+        clickButton(dialog->OkButton());
+    });
+    clickButton(m_page->findChild<CImageButton*>("extract"));
+    QVERIFY(extracted.wait(60000) || extracted.count() == 1);
+    QVERIFY(extracted.first().at(0).toBool());
+    QCOMPARE(said, QString("Extract files successfully."));
+    QVERIFY(m_page->isEnabled());
+    QVERIFY(!m_page->Progress()->isVisible());
+    QVERIFY(QFileInfo::exists(destination.filePath("a.txt")));
+    QVERIFY(QFileInfo::exists(destination.filePath("sub/b.txt")));
+    QVERIFY(!QFileInfo::exists(destination.filePath("docs")));
+}
+
+void TestPage2::imageThatCannotBeReadGivesThePageBack()
+{
+    const QString bogus = m_dir.filePath("bogus.iso");
+    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"bogus.iso", "not an image at all"}}));
+    openImage(bogus, false);
+    QVERIFY(m_page->findChild<CImageButton*>("loadiso")->isEnabled());
+    QVERIFY(m_page->findChild<CImageButton*>("back")->isEnabled());
+    QVERIFY(QApplication::overrideCursor() == nullptr);
+    QCOMPARE(m_page->Table()->rowCount(), 0);
+}
+
+// Qt's own dialog must still have the parts the multi-folder picker adapts.
+void TestPage2::folderPickerSelectsSeveralFolders()
+{
+    QTemporaryDir dir;
+    for (const QString& name : {"one", "two", "three"})
+        QVERIFY(QDir(dir.path()).mkpath(name));
+    CFileDialog dialog(nullptr, false);
+    QCOMPARE(dialog.FallbackLevel(), 0);
+    dialog.setDirectory(dir.path());
+    auto* list = dialog.findChild<QListView*>("listView");
+    QVERIFY(list);
+    QTRY_COMPARE(list->model()->rowCount(list->rootIndex()), 3);
+    QTimer::singleShot(0, [&] {
+        list->selectAll();
+        auto* buttons = dialog.findChild<QDialogButtonBox*>("buttonBox");
+        Q_EMIT buttons->accepted();
+    });
+    QCOMPARE(dialog.exec(), 1);
+    QStringList chosen = dialog.SelectedPaths();
+    chosen.sort();
+    QCOMPARE(chosen, (QStringList{dir.filePath("one"), dir.filePath("three"), dir.filePath("two")}));
+}
+
+QTEST_MAIN(TestPage2)
+#include "tst_page2.moc"
