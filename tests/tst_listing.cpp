@@ -95,15 +95,17 @@ void TestListing::readerKeepsOnlyTheTable()
     const QString separator = "------------------- ----- ------------ ------------  ------------\n";
     const QStringList lines = {
         "Path = x.iso\n", row(".....", "1", "banner-looking line"), separator,
-        row(".....", "5", "a.txt"), row("D....", "", "dir"), separator,
+        row(".....", "5", "a.txt"), row("D....", "", "dir"),
+        // A name made of hyphens is an entry, not the end of the table.
+        row(".....", "2", "-------------------.txt"), separator,
         row(".....", "9", "totals-looking line"),
     };
     QList<bool> ends;
     for (const QString& line : lines)
         ends << reader.Feed(line);
-    QCOMPARE(ends, (QList<bool>{false, false, false, false, false, true, false}));
+    QCOMPARE(ends, (QList<bool>{false, false, false, false, false, false, true, false}));
     QVERIFY(reader.Finished());
-    QCOMPARE(childNames(tree.Root()), (QStringList{"a.txt", "dir"}));
+    QCOMPARE(childNames(tree.Root()), (QStringList{"a.txt", "dir", "-------------------.txt"}));
 }
 
 // Some images list a file before its folders: the folders are made on the

@@ -13,20 +13,30 @@ QStringList Arguments(const QString& image)
 
 bool IsSeparator(const QString& line)
 {
-    return line.contains(QLatin1String("-------------------"));
+    // The separator starts the line; a table line starts with its date. So an
+    // entry whose name holds a run of hyphens never ends the table.
+    return line.startsWith(QLatin1String("-------------------"));
 }
 
-std::optional<Entry> ParseLine(QString line)
+std::optional<Entry> ParseLine(const QString& line)
 {
-    line.remove(QLatin1Char('\r'));
-    line.remove(QLatin1Char('\n'));
-    if (line.size() <= 53)
+    QStringView text(line);
+    while (text.endsWith(QLatin1Char('\n')) || text.endsWith(QLatin1Char('\r')))
+        text.chop(1);
+    if (text.size() <= 53)
         return std::nullopt;
+    QString name = text.mid(53).toString();
+    // Line ends inside a line cannot come from the tool; drop them as the
+    // table's cutting rule does.
+    if (name.contains(QLatin1Char('\r')) || name.contains(QLatin1Char('\n'))) {
+        name.remove(QLatin1Char('\r'));
+        name.remove(QLatin1Char('\n'));
+    }
     Entry entry;
-    entry.time = line.left(19);
-    entry.isDir = line.mid(20, 5).contains(QLatin1Char('D'));
-    entry.size = line.mid(26, 12).trimmed();
-    entry.name = line.mid(53);
+    entry.time = text.left(19).toString();
+    entry.isDir = text.mid(20, 5).contains(QLatin1Char('D'));
+    entry.size = text.mid(26, 12).trimmed().toString();
+    entry.name = std::move(name);
     return entry;
 }
 
@@ -49,10 +59,10 @@ bool Reader::Feed(const QString& line)
     if (!entry)
         return false;
     auto item = std::make_unique<Item>();
-    item->name = entry->name;
+    item->name = std::move(entry->name);
     item->isDir = entry->isDir;
-    item->size = entry->size;
-    item->time = entry->time;
+    item->size = std::move(entry->size);
+    item->time = std::move(entry->time);
     if (m_tree.Insert(item))
         ++m_entries;
     return false;

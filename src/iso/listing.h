@@ -27,7 +27,7 @@ bool IsSeparator(const QString& line);
 
 // Cuts one table line; nothing when it has no name (53 characters or fewer
 // once line ends are removed).
-std::optional<Entry> ParseLine(QString line);
+std::optional<Entry> ParseLine(const QString& line);
 
 // Feeds a listing into an item tree line by line.
 class Reader final

@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -16,27 +17,37 @@ qsizetype utf8SafeCut(const QByteArray& bytes, qsizetype cut)
     return at > 0 ? at : cut;
 }
 
+bool isBreak(char c)
+{
+    return c == '\n' || c == '\r' || c == '\b';
+}
+
 } // namespace
 
 QStringList OutputSplitter::Feed(const QByteArray& chunk)
 {
     QStringList out;
-    for (const char c : chunk) {
-        if (c == '\n') {
-            m_pending.append(c);
-            Emit(std::exchange(m_pending, {}), out);
-        } else if (c == '\r' || c == '\b') {
-            // A run of backspaces arrives as one break: the first one ends the
-            // figure, the rest find an empty line and are dropped as blank.
-            Emit(std::exchange(m_pending, {}), out);
-        } else {
-            m_pending.append(c);
-            if (m_pending.size() > MaxLineBytes) {
-                const qsizetype cut = utf8SafeCut(m_pending, MaxLineBytes);
-                Emit(m_pending.left(cut), out);
-                m_pending.remove(0, cut);
-            }
+    const char* data = chunk.constData();
+    const qsizetype size = chunk.size();
+    qsizetype start = 0;
+    while (start < size) {
+        qsizetype end = start;
+        while (end < size && !isBreak(data[end]))
+            ++end;
+        m_pending.append(data + start, end - start);
+        while (m_pending.size() > MaxLineBytes) {
+            const qsizetype cut = utf8SafeCut(m_pending, MaxLineBytes);
+            Emit(m_pending.left(cut), out);
+            m_pending.remove(0, cut);
         }
+        if (end == size)
+            break;
+        // A line feed stays with its line; "\r" and a run of backspaces only
+        // end it (the rest of a run finds an empty line and is dropped).
+        if (data[end] == '\n')
+            m_pending.append('\n');
+        Emit(std::exchange(m_pending, {}), out);
+        start = end + 1;
     }
     return out;
 }
@@ -50,7 +61,10 @@ QStringList OutputSplitter::Finish()
 
 void OutputSplitter::Emit(QByteArray line, QStringList& out)
 {
-    if (line.trimmed().isEmpty())
+    const bool blank = std::all_of(line.cbegin(), line.cend(), [](char c) {
+        return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
+    });
+    if (blank)
         return;
     out.append(QString::fromLocal8Bit(line));
 }

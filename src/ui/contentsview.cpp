@@ -44,6 +44,11 @@ void FillTable(QTableWidget* table, const Item* folder)
         return;
     table->setUpdatesEnabled(false);
     table->setRowCount(static_cast<int>(folder->children.size()));
+    // The rows exist now; their cells are new data only, so the model's
+    // per-cell change signals (which make a large folder slow) are held back
+    // and the view is repainted once at the end.
+    QAbstractItemModel* model = table->model();
+    const bool wasBlocked = model->blockSignals(true);
     int row = 0;
     for (const auto& child : folder->children) {
         const QString name = ItemTree::LastComponent(child->name);
@@ -64,7 +69,9 @@ void FillTable(QTableWidget* table, const Item* folder)
         table->setItem(row, 3, new QTableWidgetItem(child->time));
         ++row;
     }
+    model->blockSignals(wasBlocked);
     table->setUpdatesEnabled(true);
+    table->viewport()->update();
 }
 
 Item* ItemOf(const QTreeWidgetItem* treeItem)
