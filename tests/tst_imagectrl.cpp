@@ -4,6 +4,7 @@
 
 #include "ui/baseimagectrl.h"
 #include "ui/imagedialog.h"
+#include "ui/lineedit.h"
 #include "ui/mycombobox.h"
 
 namespace {
@@ -64,6 +65,8 @@ private Q_SLOTS:
     void dragMovesOnlyMovableWindows_data();
     void dragMovesOnlyMovableWindows();
     void comboReportsLeftPress();
+    void searchBoxPictureClicks_data();
+    void searchBoxPictureClicks();
 
 private:
     QTemporaryDir m_dir;
@@ -312,6 +315,32 @@ void TestImageCtrl::comboReportsLeftPress()
     QCOMPARE(pressed.count(), 0);
     QTest::mousePress(&combo, Qt::LeftButton);
     QCOMPARE(pressed.count(), 1);
+}
+
+void TestImageCtrl::searchBoxPictureClicks_data()
+{
+    QTest::addColumn<QPoint>("release");
+    QTest::addColumn<int>("clicks");
+    // The picture area is a square of the height less 14, 7 px in from the top left.
+    QTest::newRow("on the magnifier") << QPoint(10, 12) << 1;
+    QTest::newRow("on the text") << QPoint(100, 12) << 0;
+}
+
+void TestImageCtrl::searchBoxPictureClicks()
+{
+    QFETCH(QPoint, release);
+    QFETCH(int, clicks);
+    CLineEdit search;
+    search.resize(136, 27);
+    search.SetImages(m_sprite3, m_sprite3, m_sprite3, 7, 7);
+    QCOMPARE(search.PictureArea(), QRect(7, 7, 13, 13));
+    QSignalSpy clicked(&search, &CLineEdit::OnClicked);
+    QTest::mouseClick(&search, Qt::LeftButton, {}, release);
+    QCOMPARE(clicked.count(), clicks);
+    // Return asks for the search too; the keypad's Enter does not.
+    QTest::keyClick(&search, Qt::Key_Return);
+    QTest::keyClick(&search, Qt::Key_Enter);
+    QCOMPARE(clicked.count(), clicks + 1);
 }
 
 QTEST_MAIN(TestImageCtrl)
