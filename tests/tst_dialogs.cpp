@@ -6,6 +6,7 @@
 #include <QProgressBar>
 
 #include "app/util.h"
+#include "common/modal.h"
 #include "common/urlrecorder.h"
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
@@ -21,20 +22,6 @@ void click(QWidget* button)
     QVERIFY(button != nullptr);
     QVERIFY(button->isVisible());
     QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
-}
-
-// Runs `action` on the modal dialog once its exec() has started.
-template <typename Dialog, typename Action>
-void whenModal(Action action)
-{
-    QTimer::singleShot(0, [action] {
-        auto* dialog = qobject_cast<Dialog*>(QApplication::activeModalWidget());
-        if (dialog == nullptr) {
-            QFAIL("no modal dialog of the expected kind");
-            return;
-        }
-        action(dialog);
-    });
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <QTreeWidget>
 
 #include "common/isofixture.h"
+#include "common/modal.h"
 #include "pages/page2.h"
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
@@ -16,22 +17,6 @@
 #include "ui/progressdialog.h"
 
 namespace {
-
-// Answers the modal dialog that the next action opens, once it is up (it
-// may come only when a tool has ended).
-template <typename Dialog, typename Action>
-void whenModal(Action action, int triesLeft = 3000)
-{
-    QTimer::singleShot(20, [action, triesLeft] {
-        auto* dialog = qobject_cast<Dialog*>(QApplication::activeModalWidget());
-        if (dialog == nullptr && triesLeft > 0) {
-            whenModal<Dialog>(action, triesLeft - 1);
-            return;
-        }
-        QVERIFY2(dialog != nullptr, "no modal dialog of the expected kind");
-        action(dialog);
-    });
-}
 
 // A person's double click: two clicks in quick succession on the same cell.
 void doubleClick(QTableWidget* table, QPoint at)
