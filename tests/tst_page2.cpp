@@ -3,7 +3,7 @@
 #include <QDialogButtonBox>
 #include <QLabel>
 #include <QListView>
-#include <QTableWidget>
+#include <QTableView>
 #include <QTreeWidget>
 
 #include "common/isofixture.h"
@@ -12,6 +12,7 @@
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
 #include "ui/filelistwidgets.h"
+#include "ui/foldermodel.h"
 #include "ui/gerneraldialog.h"
 #include "ui/pickers.h"
 #include "ui/progressdialog.h"
@@ -19,7 +20,7 @@
 namespace {
 
 // A person's double click: two clicks in quick succession on the same cell.
-void doubleClick(QTableWidget* table, QPoint at)
+void doubleClick(QTableView* table, QPoint at)
 {
     QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, at);
     QTest::mouseDClick(table->viewport(), Qt::LeftButton, {}, at);
@@ -30,25 +31,26 @@ void clickButton(CImageButton* button)
     QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
 }
 
-QStringList column(QTableWidget* table, int column)
+// What the table shows, as a person reads it.
+QStringList column(QTableView* table, int column)
 {
     QStringList texts;
-    for (int row = 0; row < table->rowCount(); ++row)
-        texts << table->item(row, column)->text();
+    for (int row = 0; row < table->model()->rowCount(); ++row)
+        texts << table->model()->index(row, column).data().toString();
     return texts;
 }
 
-QList<bool> ticks(QTableWidget* table)
+QList<bool> ticks(QTableView* table)
 {
     QList<bool> states;
-    for (int row = 0; row < table->rowCount(); ++row)
-        states << (table->item(row, 0)->checkState() == Qt::Checked);
+    for (int row = 0; row < table->model()->rowCount(); ++row)
+        states << (table->model()->index(row, 0).data(Qt::CheckStateRole).toInt() == Qt::Checked);
     return states;
 }
 
-QPoint cellPoint(QTableWidget* table, int row, int x)
+QPoint cellPoint(QTableView* table, int row, int x)
 {
-    const QRect rect = table->visualItemRect(table->item(row, 0));
+    const QRect rect = table->visualRect(table->model()->index(row, 0));
     return QPoint(x, rect.center().y());
 }
 
@@ -128,13 +130,15 @@ void TestPage2::opensImageAndBrowses()
 {
     openImage(m_image);
     QTreeWidget* tree = m_page->Tree();
-    QTableWidget* table = m_page->Table();
+    QTableView* table = m_page->Table();
     QCOMPARE(tree->topLevelItemCount(), 1);
     QCOMPARE(tree->topLevelItem(0)->text(0), QString("disc.iso"));
     QCOMPARE(column(table, 0), (QStringList{"docs", "setup.exe"}));
     QCOMPARE(column(table, 1), (QStringList{"", "1.50 KB"}));
     QCOMPARE(column(table, 2).first(), QString("Folder"));
-    QVERIFY(table->item(1, 3)->text().size() == 19);
+    QCOMPARE(column(table, 3).at(1).size(), 19);
+    QCOMPARE(table->model()->index(0, 0).data(Qt::UserRole).toInt(), CFolderModel::FolderMark);
+    QVERIFY(table->model()->index(1, 0).data(Qt::UserRole).isNull());
 
     // Double-clicking a folder opens it, and the tree follows.
     doubleClick(table, cellPoint(table, 0, 60));
@@ -153,12 +157,17 @@ void TestPage2::opensImageAndBrowses()
 void TestPage2::rowClicksAndHeaderTick()
 {
     openImage(m_image);
-    QTableWidget* table = m_page->Table();
+    QTableView* table = m_page->Table();
     // A click on the row's text ticks it; a second one unticks it.
     QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, cellPoint(table, 1, 100));
     QCOMPARE(ticks(table), (QList<bool>{false, true}));
     QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, cellPoint(table, 1, 100));
     QCOMPARE(ticks(table), (QList<bool>{false, false}));
+    // A click on the box itself ticks the row once, not twice.
+    const QRect box = table->visualRect(table->model()->index(0, 0));
+    QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, QPoint(box.left() + 10, box.center().y()));
+    QCOMPARE(ticks(table), (QList<bool>{true, false}));
+    m_page->slotSelectAll(false);
 
     // The header's box ticks every row, then unticks them all.
     SCheckBoxHeaderView* header = m_page->Header();
@@ -190,7 +199,7 @@ void TestPage2::extractNeedsTickedRows()
 void TestPage2::extractsTickedEntriesFromNestedFolder()
 {
     openImage(m_image);
-    QTableWidget* table = m_page->Table();
+    QTableView* table = m_page->Table();
     doubleClick(table, cellPoint(table, 0, 60)); // docs
     doubleClick(table, cellPoint(table, 1, 60)); // x
     QCOMPARE(column(table, 0), (QStringList{"a.txt", "sub"}));
@@ -223,7 +232,7 @@ void TestPage2::imageThatCannotBeReadGivesThePageBack()
     QVERIFY(m_page->findChild<CImageButton*>("loadiso")->isEnabled());
     QVERIFY(m_page->findChild<CImageButton*>("back")->isEnabled());
     QVERIFY(QApplication::overrideCursor() == nullptr);
-    QCOMPARE(m_page->Table()->rowCount(), 0);
+    QCOMPARE(m_page->Table()->model()->rowCount(), 0);
 }
 
 // Qt's own dialog must still have the parts the multi-folder picker adapts.

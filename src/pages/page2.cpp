@@ -7,7 +7,7 @@
 #include <QKeyEvent>
 #include <QMenu>
 #include <QMouseEvent>
-#include <QTableWidget>
+#include <QTableView>
 #include <QTreeWidget>
 
 #include "app/util.h"
@@ -15,6 +15,7 @@
 #include "ui/baseimagectrl.h"
 #include "ui/contentsview.h"
 #include "ui/filelistwidgets.h"
+#include "ui/foldermodel.h"
 #include "ui/messagedialogs.h"
 #include "ui/gerneraldialog.h"
 #include "ui/progressdialog.h"
@@ -83,13 +84,12 @@ void CPage2::InitializeUI()
     m_tree->setStyleSheet(FileListStyle::FolderTree());
     connect(m_tree, &QTreeWidget::itemClicked, this, &CPage2::OnTreeCurrentChanged);
 
-    m_table = new QTableWidget(this);
+    m_table = new QTableView(this);
     m_table->setObjectName(QStringLiteral("list"));
     m_table->move(223, 54);
     m_table->setFixedSize(431, 350);
-    m_table->setColumnCount(4);
-    m_table->setHorizontalHeaderLabels(
-        {QStringLiteral("File Name"), QStringLiteral(" Size"), QStringLiteral("Type"), QStringLiteral("Time")});
+    m_model = new CFolderModel(m_table);
+    m_table->setModel(m_model);
     m_header = new SCheckBoxHeaderView(Qt::Horizontal, m_table);
     m_table->setHorizontalHeader(m_header);
     m_header->setVisible(true);
@@ -98,6 +98,9 @@ void CPage2::InitializeUI()
     headerFont.setWeight(QFont::Normal);
     m_header->setFont(headerFont);
     m_table->verticalHeader()->setVisible(false);
+    // Rows of one height: the view then never measures a hundred thousand of them.
+    m_table->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
+    m_table->verticalHeader()->setDefaultSectionSize(30);
     // Quarters of the width would cut the 19-character time text short; the
     // columns are sized to what they hold instead, together the same width.
     const int widths[] = {140, 72, 88, 129};
@@ -110,9 +113,9 @@ void CPage2::InitializeUI()
     m_table->setContextMenuPolicy(Qt::CustomContextMenu);
     m_table->setStyleSheet(FileListStyle::Table());
     m_table->viewport()->installEventFilter(this);
-    connect(m_table, &QTableWidget::itemDoubleClicked, this, &CPage2::OnListViewDoubleClicked);
-    connect(m_table, &QTableWidget::itemClicked, this, &CPage2::OnListViewClicked);
-    connect(m_table, &QTableWidget::customContextMenuRequested, this, &CPage2::OnListContextMenuRequest);
+    connect(m_table, &QTableView::doubleClicked, this, &CPage2::OnListViewDoubleClicked);
+    connect(m_table, &QTableView::clicked, this, &CPage2::OnListViewClicked);
+    connect(m_table, &QTableView::customContextMenuRequested, this, &CPage2::OnListContextMenuRequest);
     connect(m_header, &SCheckBoxHeaderView::checkStausChange, this, &CPage2::slotSelectAll);
 
     m_menu = new QMenu(this);
@@ -165,7 +168,7 @@ void CPage2::OnUnzipFinished()
 
 void CPage2::FillTable()
 {
-    ContentsView::FillTable(m_table, m_current);
+    m_model->SetFolder(m_current);
 }
 
 void CPage2::OnTreeCurrentChanged()
@@ -178,12 +181,11 @@ void CPage2::OnTreeCurrentChanged()
     FillTable();
 }
 
-void CPage2::OnListViewDoubleClicked()
+void CPage2::OnListViewDoubleClicked(const QModelIndex& index)
 {
-    QTableWidgetItem* item = m_table->currentItem();
-    if (item == nullptr || m_current == nullptr)
+    if (m_current == nullptr || !index.isValid())
         return;
-    const int row = item->row();
+    const int row = index.row();
     if (row < 0 || row >= static_cast<int>(m_current->children.size()))
         return;
     Item* child = m_current->children[static_cast<size_t>(row)].get();
@@ -206,24 +208,19 @@ bool CPage2::eventFilter(QObject* watched, QEvent* event)
     return ImageDialog::eventFilter(watched, event);
 }
 
-void CPage2::OnListViewClicked(QTableWidgetItem* pItem)
+void CPage2::OnListViewClicked(const QModelIndex& index)
 {
-    if (pItem == nullptr || pItem->row() < 0 || pItem->row() >= m_table->rowCount())
+    if (!index.isValid() || index.row() >= m_model->rowCount())
         return;
     if (m_lastPressX <= kCheckBoxEdge)
         return;
     qDebug() << "CPage2::OnListViewClicked";
-    QTableWidgetItem* nameItem = m_table->item(pItem->row(), 0);
-    if (nameItem->checkState() == Qt::Checked)
-        nameItem->setCheckState(Qt::Unchecked);
-    else if (nameItem->checkState() == Qt::Unchecked)
-        nameItem->setCheckState(Qt::Checked);
+    m_model->SetChecked(index.row(), !m_model->IsChecked(index.row()));
 }
 
 void CPage2::slotSelectAll(bool bChecked)
 {
-    for (int row = 0; row < m_table->rowCount(); ++row)
-        m_table->item(row, 0)->setCheckState(bChecked ? Qt::Checked : Qt::Unchecked);
+    m_model->SetAllChecked(bChecked);
 }
 
 void CPage2::OnListContextMenuRequest(const QPoint& /*pos*/)
@@ -231,20 +228,9 @@ void CPage2::OnListContextMenuRequest(const QPoint& /*pos*/)
     m_menu->exec(QCursor::pos());
 }
 
-QStringList CPage2::TickedNames() const
-{
-    QStringList names;
-    for (int row = 0; row < m_table->rowCount(); ++row) {
-        const QTableWidgetItem* item = m_table->item(row, 0);
-        if (item->checkState() == Qt::Checked && !names.contains(item->text()))
-            names << item->text();
-    }
-    return names;
-}
-
 void CPage2::OnExtract()
 {
-    const QStringList names = TickedNames();
+    const QStringList names = m_model->CheckedNames();
     if (names.isEmpty()) {
         auto notice = MessageDialogs::Notice(QStringLiteral(":/nwu/select_files_extract"), 120);
         notice->exec();

@@ -11,8 +11,9 @@ class CImageButton;
 class CListJob;
 class CProgressDialog;
 class QMenu;
-class QTableWidget;
-class QTableWidgetItem;
+class CFolderModel;
+class QModelIndex;
+class QTableView;
 class QTreeWidget;
 class SCheckBoxHeaderView;
 
@@ -33,7 +34,8 @@ public:
     void LoadImage(const QString& path);
 
     QTreeWidget* Tree() const { return m_tree; }
-    QTableWidget* Table() const { return m_table; }
+    QTableView* Table() const { return m_table; }
+    CFolderModel* Model() const { return m_model; }
     SCheckBoxHeaderView* Header() const { return m_header; }
     CProgressDialog* Progress() const { return m_progress; }
     const Item* CurrentFolder() const { return m_current; }
@@ -53,12 +55,12 @@ public Q_SLOTS:
     void OnStopExtract();
     void OnUnzipFinished();
     void OnTreeCurrentChanged();
-    void OnListViewDoubleClicked();
+    void OnListViewDoubleClicked(const QModelIndex& index);
     void OnListContextMenuRequest(const QPoint& pos);
     void OnExtractOutput(int percent, const QString& entry);
     void OnExtractFinished();
     void RefreshTreeWidget();
-    void OnListViewClicked(QTableWidgetItem* pItem);
+    void OnListViewClicked(const QModelIndex& index);
     void slotSelectAll(bool bChecked);
 
 protected:
@@ -68,7 +70,6 @@ protected:
 private:
     void SetButtonsEnabled(bool enabled);
     void FillTable();
-    QStringList TickedNames() const;
 
     QString m_image;
     QString m_destination;
@@ -83,7 +84,8 @@ private:
     CImageButton* m_back = nullptr;
     CImageButton* m_extractButton = nullptr;
     QTreeWidget* m_tree = nullptr;
-    QTableWidget* m_table = nullptr;
+    QTableView* m_table = nullptr;
+    CFolderModel* m_model = nullptr;
     bool m_waitCursor = false;
     int m_lastPressX = -1;
 };

@@ -1,9 +1,7 @@
 #include "ui/contentsview.h"
 
-#include <QTableWidget>
 #include <QTreeWidget>
 
-#include "app/util.h"
 #include "iso/itemtree.h"
 #include "ui/fileicons.h"
 
@@ -35,43 +33,6 @@ void FillTree(QTreeWidget* tree, ItemTree& contents)
     tree->addTopLevelItem(top);
     addFolders(contents.Root(), top);
     top->setExpanded(true);
-}
-
-void FillTable(QTableWidget* table, const Item* folder)
-{
-    table->setRowCount(0);
-    if (folder == nullptr)
-        return;
-    table->setUpdatesEnabled(false);
-    table->setRowCount(static_cast<int>(folder->children.size()));
-    // The rows exist now; their cells are new data only, so the model's
-    // per-cell change signals (which make a large folder slow) are held back
-    // and the view is repainted once at the end.
-    QAbstractItemModel* model = table->model();
-    const bool wasBlocked = model->blockSignals(true);
-    int row = 0;
-    for (const auto& child : folder->children) {
-        const QString name = ItemTree::LastComponent(child->name);
-        auto* nameItem = new QTableWidgetItem(child->isDir ? FileIcons::Folder() : FileIcons::Icon(name), name);
-        nameItem->setCheckState(Qt::Unchecked);
-        QString size;
-        QString type;
-        if (child->isDir) {
-            nameItem->setData(Qt::UserRole, FolderMark);
-            type = QStringLiteral("Folder");
-        } else {
-            size = Util::FormatSize(static_cast<qint64>(child->size.toULongLong()));
-            type = FileIcons::Type(name);
-        }
-        table->setItem(row, 0, nameItem);
-        table->setItem(row, 1, new QTableWidgetItem(size));
-        table->setItem(row, 2, new QTableWidgetItem(type));
-        table->setItem(row, 3, new QTableWidgetItem(child->time));
-        ++row;
-    }
-    model->blockSignals(wasBlocked);
-    table->setUpdatesEnabled(true);
-    table->viewport()->update();
 }
 
 Item* ItemOf(const QTreeWidgetItem* treeItem)
