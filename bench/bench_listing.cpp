@@ -7,6 +7,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QFile>
 #include <QProcess>
 #include <QStandardPaths>
@@ -18,6 +19,7 @@
 #include <cstdio>
 #include <malloc.h>
 
+#include "iso/isojobs.h"
 #include "iso/itemtree.h"
 #include "iso/listing.h"
 #include "tools/outputsplitter.h"
@@ -129,13 +131,12 @@ Figures measure(const QString& image, QTableView& table, CFolderModel& model, QT
     model.SetFolder(nullptr);
     tree.clear();
     timer.restart();
-    CRunCommandThread runner;
     ItemTree viaRunner;
-    Listing::Reader reader(viaRunner);
-    QObject::connect(&runner, &CRunCommandThread::standoutputline, [&](const QString& line) { reader.Feed(line); });
-    runner.SetCommand(tool, Listing::Arguments(image));
-    runner.StartCommand();
-    runner.WaitCommand();
+    CListJob job(viaRunner);
+    QEventLoop loop;
+    QObject::connect(&job, &CListJob::finished, &loop, &QEventLoop::quit);
+    job.Start(image);
+    loop.exec();
     ContentsView::FillTree(&tree, viaRunner);
     model.SetFolder(&viaRunner.Root());
     table.viewport()->repaint();

@@ -34,12 +34,14 @@ void CListJob::Start(const QString& image)
     m_succeeded = false;
     m_message.clear();
 
-    // Lines are kept and parsed at the end: the tree is built in one go on
-    // the thread that owns it, and a failed listing leaves it empty.
-    m_lines.clear();
+    // The tree grows while the tool is still listing, batch by batch, so
+    // little is left to do when it ends; a failed listing leaves it empty.
+    m_reader = std::make_unique<Listing::Reader>(m_tree);
     m_runner = new CRunCommandThread;
-    connect(m_runner, &CRunCommandThread::standoutputline, this,
-            [this](const QString& line) { m_lines << line; });
+    connect(m_runner, &CRunCommandThread::standoutputlines, this, [this](const QStringList& lines) {
+        for (const QString& line : lines)
+            m_reader->Feed(line);
+    });
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CListJob::OnFinished);
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive), Listing::Arguments(image));
     m_runner->StartCommand();
@@ -61,12 +63,7 @@ bool CListJob::IsRunning() const
 
 void CListJob::OnFinished()
 {
-    Listing::Reader reader(m_tree);
-    for (const QString& line : std::as_const(m_lines))
-        reader.Feed(line);
-    m_lines.clear();
-
-    m_succeeded = reader.Finished() &&
+    m_succeeded = m_reader->Finished() &&
                   m_runner->GetResult() == CRunCommandThread::Result::Success;
     if (!m_succeeded) {
         const QString title = m_tree.title;
@@ -77,6 +74,7 @@ void CListJob::OnFinished()
     }
     m_runner->deleteLater();
     m_runner = nullptr;
+    m_reader.reset();
     Q_EMIT finished();
 }
 

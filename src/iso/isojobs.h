@@ -5,6 +5,10 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
+
+#include "iso/listing.h"
+
 class CRunCommandThread;
 class ItemTree;
 
@@ -35,7 +39,7 @@ private:
 
     ItemTree& m_tree;
     CRunCommandThread* m_runner = nullptr;
-    QStringList m_lines;
+    std::unique_ptr<Listing::Reader> m_reader;
     bool m_succeeded = false;
     QString m_message;
 };

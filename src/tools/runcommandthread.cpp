@@ -249,6 +249,9 @@ void CRunCommandThread::Deliver(const QStringList& lines)
     QMetaObject::invokeMethod(
         this,
         [this, lines] {
+            if (m_stopped.load())
+                return;
+            Q_EMIT standoutputlines(lines);
             for (const QString& line : lines) {
                 if (m_stopped.load())
                     return;

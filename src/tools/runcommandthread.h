@@ -86,6 +86,9 @@ public:
 
 Q_SIGNALS:
     void standoutputline(const QString& line);
+    // The same lines in the batches they were read in, just before their
+    // standoutputline() signals: cheaper for a consumer of long listings.
+    void standoutputlines(const QStringList& lines);
     void sigfinished();
     void terminateprocess();
 
