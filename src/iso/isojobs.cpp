@@ -17,6 +17,16 @@ QString archiveToolName()
     return ToolLocator::DisplayName(ToolLocator::Tool::Archive);
 }
 
+// Ends a job's run, if any: nothing more arrives from it afterwards.
+void stopRunner(CRunCommandThread*& runner)
+{
+    if (runner == nullptr)
+        return;
+    runner->terminate();
+    runner->deleteLater();
+    runner = nullptr;
+}
+
 } // namespace
 
 CListJob::CListJob(ItemTree& tree, QObject* parent) : QObject(parent), m_tree(tree) {}
@@ -49,11 +59,7 @@ void CListJob::Start(const QString& image)
 
 void CListJob::Stop()
 {
-    if (m_runner == nullptr)
-        return;
-    m_runner->terminate();
-    m_runner->deleteLater();
-    m_runner = nullptr;
+    stopRunner(m_runner);
 }
 
 bool CListJob::IsRunning() const
@@ -121,9 +127,7 @@ void CExtractJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    m_runner->terminate();
-    m_runner->deleteLater();
-    m_runner = nullptr;
+    stopRunner(m_runner);
     if (!m_staging.isEmpty())
         QDir(m_staging).removeRecursively();
     m_staging.clear();

@@ -27,55 +27,54 @@ CComingSoonPage::CComingSoonPage(Feature feature) : ImageDialog(false), m_featur
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CComingSoonPage::OnBack);
 }
 
+namespace {
+
+struct FeatureTexts
+{
+    CComingSoonPage::Feature feature;
+    const char* title;
+    const char* description;
+    const char* tile; // the home page's button picture
+};
+
+const FeatureTexts kFeatures[] = {
+    {CComingSoonPage::Feature::Burn, "Burn an image",
+     "Write an ISO image to a USB drive, bootable if you like, or to a CD or DVD.", ":/nwu/mburn1"},
+    {CComingSoonPage::Feature::Extract, "Extract files from an image",
+     "Open an ISO image, browse its folders and extract the files you tick.", ":/nwu/Extract1"},
+    {CComingSoonPage::Feature::Create, "Create an image",
+     "Collect files and folders and build an ISO9660, Joliet or UDF image from them.", ":/nwu/Create1"},
+    {CComingSoonPage::Feature::Edit, "Edit an image",
+     "Add, rename and delete entries of an image and save it as a new one, boot setup included.",
+     ":/nwu/Edit1"},
+    {CComingSoonPage::Feature::Copy, "Copy a disc", "Read a CD or DVD into an ISO image file.",
+     ":/nwu/Copy-Disc1"},
+};
+
+const FeatureTexts& textsOf(CComingSoonPage::Feature feature)
+{
+    for (const FeatureTexts& texts : kFeatures) {
+        if (texts.feature == feature)
+            return texts;
+    }
+    return kFeatures[0];
+}
+
+} // namespace
+
 QString CComingSoonPage::Title() const
 {
-    switch (m_feature) {
-    case Feature::Burn:
-        return QStringLiteral("Burn an image");
-    case Feature::Extract:
-        return QStringLiteral("Extract files from an image");
-    case Feature::Create:
-        return QStringLiteral("Create an image");
-    case Feature::Edit:
-        return QStringLiteral("Edit an image");
-    case Feature::Copy:
-        return QStringLiteral("Copy a disc");
-    }
-    return QString();
+    return QLatin1String(textsOf(m_feature).title);
 }
 
 QString CComingSoonPage::Description() const
 {
-    switch (m_feature) {
-    case Feature::Burn:
-        return QStringLiteral("Write an ISO image to a USB drive, bootable if you like, or to a CD or DVD.");
-    case Feature::Extract:
-        return QStringLiteral("Open an ISO image, browse its folders and extract the files you tick.");
-    case Feature::Create:
-        return QStringLiteral("Collect files and folders and build an ISO9660, Joliet or UDF image from them.");
-    case Feature::Edit:
-        return QStringLiteral("Add, rename and delete entries of an image and save it as a new one, boot setup included.");
-    case Feature::Copy:
-        return QStringLiteral("Read a CD or DVD into an ISO image file.");
-    }
-    return QString();
+    return QLatin1String(textsOf(m_feature).description);
 }
 
 QString CComingSoonPage::TilePicture() const
 {
-    switch (m_feature) {
-    case Feature::Burn:
-        return QStringLiteral(":/nwu/mburn1");
-    case Feature::Extract:
-        return QStringLiteral(":/nwu/Extract1");
-    case Feature::Create:
-        return QStringLiteral(":/nwu/Create1");
-    case Feature::Edit:
-        return QStringLiteral(":/nwu/Edit1");
-    case Feature::Copy:
-        return QStringLiteral(":/nwu/Copy-Disc1");
-    }
-    return QString();
+    return QLatin1String(textsOf(m_feature).tile);
 }
 
 void CComingSoonPage::OnBack()
