@@ -17,7 +17,9 @@ namespace {
 
 // The kernel copies this much at a time; the abort flag is looked at between
 // chunks. No user-space buffer is needed, so a worker's memory stays fixed.
-constexpr qint64 kChunk = 8 * 1024 * 1024;
+// Large requests let the kernel copy at the disk's speed (small ones cost
+// half of it); at that speed a stop still takes effect within a second.
+constexpr qint64 kChunk = 512 * 1024 * 1024;
 
 // Fallback for file systems that cannot copy in the kernel.
 constexpr qint64 kBufferSize = 256 * 1024;
@@ -27,6 +29,7 @@ bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomi
 {
     bool kernel = true;
     std::unique_ptr<char[]> buffer;
+    ::posix_fadvise(in, 0, 0, POSIX_FADV_SEQUENTIAL);
     for (;;) {
         if (abort && abort->load()) {
             *error = QStringLiteral("stopped");
