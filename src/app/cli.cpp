@@ -1,6 +1,7 @@
 #include "app/cli.h"
 
 #include <QEventLoop>
+#include <QFileInfo>
 
 #include <cstdio>
 #include <unistd.h>
@@ -55,6 +56,21 @@ Request Parse(const QStringList& arguments)
         request.entries = arguments.mid(3);
         return request;
     }
+    if (first == QLatin1String("create")) {
+        QStringList rest = arguments.mid(1);
+        if (rest.value(0) == QLatin1String("--type")) {
+            if (!ImageBuild::TypeFromName(rest.value(1)))
+                return usageError(QStringLiteral("--type takes joliet, iso9660 or udf."));
+            request.type = rest.value(1);
+            rest = rest.mid(2);
+        }
+        if (rest.size() < 2)
+            return usageError(QStringLiteral("create takes an output image and at least one file or folder."));
+        request.mode = Request::Mode::Create;
+        request.image = rest.first();
+        request.entries = rest.mid(1);
+        return request;
+    }
     return usageError(QStringLiteral("Unknown argument: %1").arg(first));
 }
 
@@ -107,6 +123,36 @@ int RunList(const Request& request)
     return 0;
 }
 
+int RunCreate(const Request& request)
+{
+    for (const QString& path : request.entries) {
+        if (!QFileInfo::exists(path)) {
+            print(stderr, QStringLiteral("brenta: %1 does not exist.\n").arg(path));
+            return 1;
+        }
+    }
+    CCreateJob job;
+    const bool showProgress = ::isatty(STDERR_FILENO) == 1;
+    if (showProgress) {
+        QObject::connect(&job, &CCreateJob::progress, [](CCreateJob::Phase phase, qint64 value, qint64 maximum) {
+            const double percent = maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
+            print(stderr, QStringLiteral("\r\033[K%1 %2%")
+                              .arg(phase == CCreateJob::Phase::Copying ? QStringLiteral("Copying")
+                                                                       : QStringLiteral("Building"))
+                              .arg(percent, 0, 'f', 1));
+        });
+    }
+    job.Start(*ImageBuild::TypeFromName(request.type), request.image, request.entries);
+    waitFor(job);
+    if (showProgress)
+        print(stderr, QStringLiteral("\r\033[K"));
+    if (!job.Succeeded()) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
+        return 1;
+    }
+    return 0;
+}
+
 int RunExtract(const Request& request)
 {
     CExtractJob job;
@@ -141,6 +187,7 @@ QString HelpText()
         "Usage: brenta [OPTION]\n"
         "       brenta list IMAGE\n"
         "       brenta extract IMAGE DEST [ENTRY...]\n"
+        "       brenta create [--type joliet|iso9660|udf] OUTPUT PATH...\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
         "Without an option Brenta opens its window.\n"
@@ -150,6 +197,9 @@ QString HelpText()
         "  extract IMAGE DEST [ENTRY...]\n"
         "                         extract the entries (paths inside the image, \"/\" between\n"
         "                         components; none means the whole image) into DEST\n"
+        "  create [--type TYPE] OUTPUT PATH...\n"
+        "                         build OUTPUT from the files and folders, each at the\n"
+        "                         image's root under its own name (type joliet if not given)\n"
         "\n"
         "Options:\n"
         "  -h, --help             show this help and exit\n"

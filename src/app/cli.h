@@ -9,11 +9,12 @@ namespace Cli {
 
 struct Request
 {
-    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, UsageError };
+    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, UsageError };
     Mode mode = Mode::Gui;
     QString directory; // Screenshots: where the PNG files go; Extract: the destination
     QString image;     // List, Extract
-    QStringList entries; // Extract: paths inside the image, "/" separated
+    QStringList entries; // Extract: paths inside the image, "/" separated; Create: local paths
+    QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
     QString error;     // UsageError: what was wrong
 };
 
@@ -26,5 +27,6 @@ QString HelpText();
 // The terminal forms of the features. They return the process exit status.
 int RunList(const Request& request);
 int RunExtract(const Request& request);
+int RunCreate(const Request& request);
 
 } // namespace Cli

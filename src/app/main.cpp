@@ -74,6 +74,11 @@ int main(int argc, char** argv)
         QCoreApplication application(argc, argv);
         return Cli::RunExtract(request);
     }
+    case Cli::Request::Mode::Create: {
+        QCoreApplication application(argc, argv);
+        QCoreApplication::setApplicationName(QStringLiteral("brenta"));
+        return Cli::RunCreate(request);
+    }
     case Cli::Request::Mode::Screenshots:
         return runScreenshots(argc, argv, request.directory);
     case Cli::Request::Mode::Gui:

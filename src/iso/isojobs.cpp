@@ -3,6 +3,10 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QTemporaryDir>
+#include <QTimer>
+
+#include "app/util.h"
+#include "tools/filecopy.h"
 
 #include "iso/extraction.h"
 #include "iso/itemtree.h"
@@ -177,4 +181,122 @@ void CExtractJob::Finish(bool succeeded, const QString& message)
     m_succeeded = succeeded;
     m_message = message;
     Q_EMIT finished();
+}
+
+CCreateJob::CCreateJob(QObject* parent) : QObject(parent)
+{
+    m_poll = new QTimer(this);
+    m_poll->setInterval(100);
+    connect(m_poll, &QTimer::timeout, this, &CCreateJob::PollCopies);
+}
+
+CCreateJob::~CCreateJob()
+{
+    Stop();
+}
+
+void CCreateJob::Start(ImageBuild::Type type, const QString& output, const QStringList& paths)
+{
+    Stop();
+    m_type = type;
+    m_output = QFileInfo(output).absoluteFilePath();
+    m_succeeded = false;
+    m_message.clear();
+    m_running = true;
+
+    const QString scratch = Util::ScratchDir();
+    QDir().mkpath(scratch);
+    m_staging = std::make_unique<QTemporaryDir>(scratch + QStringLiteral("create-XXXXXX"));
+    if (!m_staging->isValid()) {
+        const QString message = QStringLiteral("Cannot prepare the files in %1 (%2).").arg(scratch, m_staging->errorString());
+        QMetaObject::invokeMethod(this, [this, message] { Finish(false, message); }, Qt::QueuedConnection);
+        return;
+    }
+    m_worker = std::make_unique<CFileCopy>();
+    for (const QString& path : paths) {
+        const QFileInfo info(path);
+        if (info.isDir())
+            m_worker->AddJob(info.absoluteFilePath(), m_staging->path(), CFileCopy::Copy);
+        else
+            m_worker->AddJob(info.absoluteFilePath(), m_staging->filePath(info.fileName()), CFileCopy::Copy);
+    }
+    m_total = m_worker->RemainingBytes();
+    m_poll->start();
+}
+
+void CCreateJob::PollCopies()
+{
+    const qint64 remaining = m_worker->RemainingBytes();
+    if (remaining > 0) {
+        Q_EMIT progress(Phase::Copying, (m_total - remaining) / 1024, m_total / 1024);
+        return;
+    }
+    m_poll->stop();
+    const QStringList failures = m_worker->TakeFailures();
+    m_worker.reset();
+    if (!failures.isEmpty()) {
+        Finish(false, QStringLiteral("These could not be read, so no image was made: %1")
+                          .arg(failures.join(QStringLiteral("; "))));
+        return;
+    }
+    StartBuilder();
+}
+
+void CCreateJob::StartBuilder()
+{
+    Q_EMIT progress(Phase::Building, 0, 10000);
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
+        if (const std::optional<int> value = ImageBuild::ParseProgress(line))
+            Q_EMIT progress(Phase::Building, *value, 10000);
+    });
+    connect(m_runner, &CRunCommandThread::sigfinished, this, &CCreateJob::OnBuilderFinished);
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder),
+                         ImageBuild::Arguments(m_type, m_output, m_staging->path()));
+    m_runner->StartCommand();
+}
+
+void CCreateJob::OnBuilderFinished()
+{
+    const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_output).isFile();
+    QString message;
+    if (!ok) {
+        message = QStringLiteral("The image could not be created. %1")
+                      .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
+        const QString said = m_runner->LastLines().join(QLatin1Char(' '));
+        if (m_type != ImageBuild::Type::Udf && said.contains(QLatin1String("too large"), Qt::CaseInsensitive))
+            message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
+        QFile::remove(m_output);
+    }
+    stopRunner(m_runner);
+    Finish(ok, message);
+}
+
+void CCreateJob::Stop()
+{
+    if (!m_running)
+        return;
+    m_poll->stop();
+    const bool building = m_runner != nullptr;
+    stopRunner(m_runner);
+    if (building)
+        QFile::remove(m_output);
+    Cleanup();
+    m_running = false;
+}
+
+void CCreateJob::Finish(bool succeeded, const QString& message)
+{
+    Cleanup();
+    m_running = false;
+    m_succeeded = succeeded;
+    m_message = message;
+    Q_EMIT finished();
+}
+
+void CCreateJob::Cleanup()
+{
+    // The worker is stopped and joined before its folder goes.
+    m_worker.reset();
+    m_staging.reset();
 }

@@ -7,7 +7,12 @@
 
 #include <memory>
 
+#include "iso/imagebuild.h"
 #include "iso/listing.h"
+
+class CFileCopy;
+class QTemporaryDir;
+class QTimer;
 
 class CRunCommandThread;
 class ItemTree;
@@ -85,4 +90,51 @@ private:
     bool m_succeeded = false;
     QString m_message;
     QStringList m_placed;
+};
+
+// Builds an image from local files and folders: each is copied, under its own
+// name, into a staging folder of this job's own (so no other job's files can
+// ever end up in its image), then the image builder runs on that folder.
+// Files that cannot be copied fail the job instead of being left out.
+class CCreateJob final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CCreateJob)
+
+public:
+    enum class Phase { Copying, Building };
+
+    explicit CCreateJob(QObject* parent = nullptr);
+    ~CCreateJob() override;
+
+    void Start(ImageBuild::Type type, const QString& output, const QStringList& paths);
+    // Ends the copies or the builder; a half-built image is removed.
+    void Stop();
+    bool IsRunning() const { return m_running; }
+
+    bool Succeeded() const { return m_succeeded; }
+    QString Message() const { return m_message; }
+
+Q_SIGNALS:
+    // Copying: value and maximum in KiB; building: hundredths of a percent of 10000.
+    void progress(CCreateJob::Phase phase, qint64 value, qint64 maximum);
+    void finished();
+
+private:
+    void PollCopies();
+    void StartBuilder();
+    void OnBuilderFinished();
+    void Finish(bool succeeded, const QString& message);
+    void Cleanup();
+
+    ImageBuild::Type m_type = ImageBuild::Type::Joliet;
+    QString m_output;
+    std::unique_ptr<QTemporaryDir> m_staging;
+    std::unique_ptr<CFileCopy> m_worker;
+    QTimer* m_poll = nullptr;
+    CRunCommandThread* m_runner = nullptr;
+    qint64 m_total = 0;
+    bool m_running = false;
+    bool m_succeeded = false;
+    QString m_message;
 };

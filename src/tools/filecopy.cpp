@@ -192,7 +192,11 @@ qint64 CFileCopy::RemainingBytes() const
     // What the job under way copied counts only while that job counts; the
     // count goes back to 0 when a job ends, so a finished job never makes
     // the next one look done before it has begun.
-    return runningQueued ? total - m_copied.load() : total;
+    const qint64 remaining = runningQueued ? total - m_copied.load() : total;
+    // A job is done when it has ended, not when its last byte is written: an
+    // empty folder or a delete may still be to come. So while any job is
+    // queued the figure stays above zero.
+    return m_queue.empty() ? remaining : qMax<qint64>(remaining, 1);
 }
 
 void CFileCopy::Stop()

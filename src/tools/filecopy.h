@@ -35,8 +35,8 @@ public:
     void RemoveJob(const QString& source);
     void ClearJobs();
     // Bytes still to copy for every queued job, the one under way included,
-    // less what that one has copied; 0 or less means done. Sizes are taken
-    // once, when a job is queued, so this never walks the disk.
+    // less what that one has copied; 0 or less means every job has ended.
+    // Sizes are taken once, when a job is queued, so this never walks the disk.
     qint64 RemainingBytes() const;
     void ResetCopiedBytes() { m_copied = 0; }
     // Ends the worker after the job under way; queued jobs are dropped.

@@ -1,0 +1,140 @@
+#include <QtTest>
+
+#include "common/isofixture.h"
+#include "iso/imagebuild.h"
+#include "iso/isojobs.h"
+#include "iso/itemtree.h"
+
+namespace {
+
+const QString kLongName =
+    QStringLiteral("a rather long file name that no short ISO9660 name could ever hold.txt");
+
+QStringList listed(const QString& image)
+{
+    ItemTree tree;
+    CListJob job(tree);
+    QSignalSpy finished(&job, &CListJob::finished);
+    job.Start(image);
+    if (!finished.wait(60000) || !job.Succeeded())
+        return {QStringLiteral("<listing failed>")};
+    QStringList lines;
+    std::function<void(const Item&)> walk = [&](const Item& folder) {
+        for (const auto& child : folder.children) {
+            lines << QStringLiteral("%1 %2 %3").arg(child->isDir ? "D" : "F", child->name, child->size);
+            walk(*child);
+        }
+    };
+    walk(tree.Root());
+    return lines;
+}
+
+} // namespace
+
+class TestCreate final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void progress_data();
+    void progress();
+    void buildsEachType_data();
+    void buildsEachType();
+    void unreadableFilesFailTheImage();
+    void refusedBuildSaysWhy();
+
+private:
+    QTemporaryDir m_dir;
+};
+
+void TestCreate::initTestCase()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("docs"), {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}, {kLongName, "long"}},
+                                  {"empty"}));
+    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"single.bin", QByteArray(3000, 's')}}));
+}
+
+void TestCreate::progress_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<int>("value");
+    QTest::newRow("typical") << " 45.61% done, estimate finish Mon Nov 23 10:00:00 2026" << 4561;
+    // Cut, not rounded.
+    QTest::newRow("cut toward zero") << "  0.29% done, estimate finish Mon Nov 23 10:00:00 2026" << 28;
+    QTest::newRow("not a number") << "abc% done, estimate finish x" << 0;
+    QTest::newRow("other line") << "Total translation table size: 0" << -1;
+    QTest::newRow("marker at the start") << "% done, estimate finish" << -1;
+}
+
+void TestCreate::progress()
+{
+    QFETCH(QString, line);
+    QFETCH(int, value);
+    const std::optional<int> parsed = ImageBuild::ParseProgress(line);
+    QCOMPARE(parsed.has_value(), value >= 0);
+    if (parsed)
+        QCOMPARE(*parsed, value);
+}
+
+void TestCreate::buildsEachType_data()
+{
+    QTest::addColumn<QString>("type");
+    QTest::newRow("joliet") << "joliet";
+    QTest::newRow("iso9660") << "iso9660";
+    QTest::newRow("udf") << "udf";
+}
+
+// What the image holds is exactly what was given: names, sizes, folders,
+// empty ones included, each at the root under its own name.
+void TestCreate::buildsEachType()
+{
+    QFETCH(QString, type);
+    const QString output = m_dir.filePath("-out " + type + ".iso");
+    CCreateJob job;
+    QSignalSpy finished(&job, &CCreateJob::finished);
+    job.Start(*ImageBuild::TypeFromName(type), output, {m_dir.filePath("docs"), m_dir.filePath("single.bin")});
+    QVERIFY(finished.wait(120000));
+    QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
+
+    const QStringList lines = listed(output);
+    for (const QString& expected : {QString("D docs "), QString("F docs\\a.txt 5"), QString("F docs\\sub\\b.txt 3"),
+                                    QString("D docs\\empty "), QString("F single.bin 3000"),
+                                    QString("F docs\\%1 4").arg(kLongName)})
+        QVERIFY2(lines.contains(expected), qPrintable(expected + " not in\n" + lines.join('\n')));
+    QCOMPARE(lines.size(), 7);
+    // The staging folder is gone with the job.
+    QVERIFY(QDir(QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) + "/tmp")
+                .entryList(QDir::AllEntries | QDir::NoDotAndDotDot)
+                .isEmpty());
+}
+
+void TestCreate::unreadableFilesFailTheImage()
+{
+    const QString source = m_dir.filePath("withbroken");
+    QVERIFY(IsoFixture::WriteTree(source, {{"ok.txt", "ok"}}));
+    QVERIFY(QFile::link(m_dir.filePath("nowhere"), source + "/broken.txt"));
+    const QString output = m_dir.filePath("broken.iso");
+    CCreateJob job;
+    QSignalSpy finished(&job, &CCreateJob::finished);
+    job.Start(ImageBuild::Type::Joliet, output, {source});
+    QVERIFY(finished.wait(60000));
+    QVERIFY(!job.Succeeded());
+    QVERIFY2(job.Message().contains("broken.txt"), qPrintable(job.Message()));
+    QVERIFY(!QFileInfo::exists(output));
+}
+
+void TestCreate::refusedBuildSaysWhy()
+{
+    CCreateJob job;
+    QSignalSpy finished(&job, &CCreateJob::finished);
+    job.Start(ImageBuild::Type::Udf, m_dir.filePath("no such folder/out.iso"), {m_dir.filePath("single.bin")});
+    QVERIFY(finished.wait(60000));
+    QVERIFY(!job.Succeeded());
+    QVERIFY2(job.Message().startsWith("The image could not be created."), qPrintable(job.Message()));
+    QVERIFY2(job.Message().contains("It said"), qPrintable(job.Message()));
+}
+
+QTEST_GUILESS_MAIN(TestCreate)
+#include "tst_create.moc"
