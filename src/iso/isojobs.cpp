@@ -183,11 +183,60 @@ void CExtractJob::Finish(bool succeeded, const QString& message)
     Q_EMIT finished();
 }
 
+CBuildJob::~CBuildJob()
+{
+    Stop();
+}
+
+void CBuildJob::Start(ImageBuild::Type type, const QString& output, const QString& sourceDir)
+{
+    Stop();
+    m_type = type;
+    m_output = QFileInfo(output).absoluteFilePath();
+    m_succeeded = false;
+    m_message.clear();
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
+        if (const std::optional<int> value = ImageBuild::ParseProgress(line))
+            Q_EMIT progress(*value);
+    });
+    connect(m_runner, &CRunCommandThread::sigfinished, this, &CBuildJob::OnFinished);
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder),
+                         ImageBuild::Arguments(type, m_output, sourceDir));
+    m_runner->StartCommand();
+}
+
+void CBuildJob::Stop()
+{
+    if (m_runner == nullptr)
+        return;
+    stopRunner(m_runner);
+    QFile::remove(m_output);
+}
+
+void CBuildJob::OnFinished()
+{
+    m_succeeded = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_output).isFile();
+    if (!m_succeeded) {
+        m_message = QStringLiteral("The image could not be created. %1")
+                        .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
+        const QString said = m_runner->LastLines().join(QLatin1Char(' '));
+        if (m_type != ImageBuild::Type::Udf && said.contains(QLatin1String("too large"), Qt::CaseInsensitive))
+            m_message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
+        QFile::remove(m_output);
+    }
+    stopRunner(m_runner);
+    Q_EMIT finished();
+}
+
 CCreateJob::CCreateJob(QObject* parent) : QObject(parent)
 {
     m_poll = new QTimer(this);
     m_poll->setInterval(100);
     connect(m_poll, &QTimer::timeout, this, &CCreateJob::PollCopies);
+    m_build = new CBuildJob(this);
+    connect(m_build, &CBuildJob::progress, this, [this](int value) { Q_EMIT progress(Phase::Building, value, 10000); });
+    connect(m_build, &CBuildJob::finished, this, [this] { Finish(m_build->Succeeded(), m_build->Message()); });
 }
 
 CCreateJob::~CCreateJob()
@@ -199,7 +248,7 @@ void CCreateJob::Start(ImageBuild::Type type, const QString& output, const QStri
 {
     Stop();
     m_type = type;
-    m_output = QFileInfo(output).absoluteFilePath();
+    m_output = output;
     m_succeeded = false;
     m_message.clear();
     m_running = true;
@@ -239,37 +288,8 @@ void CCreateJob::PollCopies()
                           .arg(failures.join(QStringLiteral("; "))));
         return;
     }
-    StartBuilder();
-}
-
-void CCreateJob::StartBuilder()
-{
     Q_EMIT progress(Phase::Building, 0, 10000);
-    m_runner = new CRunCommandThread;
-    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
-        if (const std::optional<int> value = ImageBuild::ParseProgress(line))
-            Q_EMIT progress(Phase::Building, *value, 10000);
-    });
-    connect(m_runner, &CRunCommandThread::sigfinished, this, &CCreateJob::OnBuilderFinished);
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder),
-                         ImageBuild::Arguments(m_type, m_output, m_staging->path()));
-    m_runner->StartCommand();
-}
-
-void CCreateJob::OnBuilderFinished()
-{
-    const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_output).isFile();
-    QString message;
-    if (!ok) {
-        message = QStringLiteral("The image could not be created. %1")
-                      .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
-        const QString said = m_runner->LastLines().join(QLatin1Char(' '));
-        if (m_type != ImageBuild::Type::Udf && said.contains(QLatin1String("too large"), Qt::CaseInsensitive))
-            message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
-        QFile::remove(m_output);
-    }
-    stopRunner(m_runner);
-    Finish(ok, message);
+    m_build->Start(m_type, m_output, m_staging->path());
 }
 
 void CCreateJob::Stop()
@@ -277,10 +297,7 @@ void CCreateJob::Stop()
     if (!m_running)
         return;
     m_poll->stop();
-    const bool building = m_runner != nullptr;
-    stopRunner(m_runner);
-    if (building)
-        QFile::remove(m_output);
+    m_build->Stop();
     Cleanup();
     m_running = false;
 }

@@ -92,6 +92,38 @@ private:
     QStringList m_placed;
 };
 
+// Runs the image builder over a folder and tells honestly how it went: a
+// build the tool refuses ends with its reasons, and a half-built image is
+// removed.
+class CBuildJob final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CBuildJob)
+
+public:
+    explicit CBuildJob(QObject* parent = nullptr) : QObject(parent) {}
+    ~CBuildJob() override;
+
+    void Start(ImageBuild::Type type, const QString& output, const QString& sourceDir);
+    void Stop();
+    bool IsRunning() const { return m_runner != nullptr; }
+    bool Succeeded() const { return m_succeeded; }
+    QString Message() const { return m_message; }
+
+Q_SIGNALS:
+    void progress(int value); // hundredths of a percent, 0 to 10000
+    void finished();
+
+private:
+    void OnFinished();
+
+    ImageBuild::Type m_type = ImageBuild::Type::Joliet;
+    QString m_output;
+    CRunCommandThread* m_runner = nullptr;
+    bool m_succeeded = false;
+    QString m_message;
+};
+
 // Builds an image from local files and folders: each is copied, under its own
 // name, into a staging folder of this job's own (so no other job's files can
 // ever end up in its image), then the image builder runs on that folder.
@@ -122,8 +154,6 @@ Q_SIGNALS:
 
 private:
     void PollCopies();
-    void StartBuilder();
-    void OnBuilderFinished();
     void Finish(bool succeeded, const QString& message);
     void Cleanup();
 
@@ -132,7 +162,7 @@ private:
     std::unique_ptr<QTemporaryDir> m_staging;
     std::unique_ptr<CFileCopy> m_worker;
     QTimer* m_poll = nullptr;
-    CRunCommandThread* m_runner = nullptr;
+    CBuildJob* m_build = nullptr;
     qint64 m_total = 0;
     bool m_running = false;
     bool m_succeeded = false;
