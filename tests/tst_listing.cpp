@@ -166,6 +166,10 @@ void TestListing::findAndRemove()
     auto again = entry("a/b/c");
     QVERIFY(tree.Insert(again));
     QCOMPARE(childNames(*tree.Find("a")), (QStringList{"a\\e", "a\\b"}));
+    // Appended entries are found like inserted ones.
+    auto appended = entry("a\\fresh");
+    tree.Append(*tree.Find("a"), std::move(appended));
+    QVERIFY(tree.Find("a\\fresh") != nullptr);
     tree.Clear();
     QCOMPARE(tree.Count(), 0);
     QVERIFY(tree.Root().children.empty());

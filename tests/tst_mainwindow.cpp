@@ -107,7 +107,7 @@ void TestMainWindow::featureButtonOpensFreshPage_data()
     QTest::addColumn<QString>("pageClass");
     QTest::newRow("burn") << "burn" << "CComingSoonPage";
     QTest::newRow("extract") << "extract" << "CPage2";
-    QTest::newRow("create") << "create" << "CComingSoonPage";
+    QTest::newRow("create") << "create" << "CPage3";
     QTest::newRow("edit") << "edit" << "CComingSoonPage";
     QTest::newRow("copy") << "copy" << "CComingSoonPage";
 }

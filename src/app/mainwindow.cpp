@@ -14,6 +14,7 @@
 #include "app/links.h"
 #include "pages/comingsoonpage.h"
 #include "pages/page2.h"
+#include "pages/page3.h"
 #include "ui/baseimagectrl.h"
 
 namespace {
@@ -173,7 +174,7 @@ void MainWindow::onExtract()
 
 void MainWindow::onCreate()
 {
-    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Create), kPageX, kPageY);
+    ShowPage(new CPage3(this), kPageX, kPageY);
 }
 
 void MainWindow::onEdit()

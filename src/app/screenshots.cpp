@@ -14,6 +14,8 @@
 #include "app/aboutusdialog.h"
 #include "app/mainwindow.h"
 #include "pages/page2.h"
+#include "pages/page3.h"
+#include "ui/pickers.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
 #include "ui/inputdialog.h"
@@ -122,6 +124,28 @@ void RenderExtractPage(Writer& writer)
     writer.Save(QStringLiteral("page-extract-image"), host);
 }
 
+void RenderCreatePage(Writer& writer)
+{
+    QTemporaryDir scratch;
+    const QString sample = QFileInfo(makeSampleImage(scratch)).path() + QStringLiteral("/sample");
+    MainWindow host;
+    host.show();
+    host.onCreate();
+    auto* page = host.findChild<CPage3*>();
+    if (page == nullptr)
+        return;
+    // The pickers are answered as a person would answer them.
+    QList<QStringList> answers = {{sample + QStringLiteral("/docs"), sample + QStringLiteral("/boot")},
+                                  {sample + QStringLiteral("/setup.exe"), sample + QStringLiteral("/autorun.inf")}};
+    PickerSeam::Set([&answers](PickerSeam::Kind, const QString&) {
+        return answers.isEmpty() ? QStringList() : answers.takeFirst();
+    });
+    page->OnAddDir();
+    page->OnAddFile();
+    PickerSeam::Reset();
+    writer.Save(QStringLiteral("page-create-files"), host);
+}
+
 void RenderDialogs(Writer& writer)
 {
     CAboutusDialog about;
@@ -186,6 +210,7 @@ QStringList RenderAll(const QString& directory, QString* error)
     Writer writer(dir);
     RenderMainWindow(writer);
     RenderExtractPage(writer);
+    RenderCreatePage(writer);
     RenderDialogs(writer);
     if (!writer.Failed().isEmpty()) {
         if (error)

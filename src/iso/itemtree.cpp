@@ -54,6 +54,14 @@ bool ItemTree::Insert(std::unique_ptr<Item>& item)
     return true;
 }
 
+Item* ItemTree::Append(Item& folder, std::unique_ptr<Item> child)
+{
+    Item* raw = child.get();
+    folder.children.push_back(std::move(child));
+    m_index.insert(raw->name, raw);
+    return raw;
+}
+
 Item* ItemTree::Find(const QString& path) const
 {
     if (path.isEmpty())

@@ -42,6 +42,9 @@ public:
     // Takes the item when it is placed; returns false (and leaves the item
     // with the caller) when its name is empty or its path exists already.
     bool Insert(std::unique_ptr<Item>& item);
+    // Appends a child whose path is known to be new (a folder just read from
+    // disk) without the walk Insert makes; returns it.
+    Item* Append(Item& folder, std::unique_ptr<Item> child);
     Item* Find(const QString& path) const;
     void Remove(const QString& path);
 

@@ -1,0 +1,402 @@
+#include "pages/page3.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QHeaderView>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QMenu>
+#include <QProgressBar>
+#include <QRadioButton>
+#include <QTemporaryDir>
+#include <QTreeWidget>
+
+#include "app/util.h"
+#include "iso/isojobs.h"
+#include "tools/filecopy.h"
+#include "ui/baseimagectrl.h"
+#include "ui/fileicons.h"
+#include "ui/filelistwidgets.h"
+#include "ui/foldermodel.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+constexpr qint64 kGaugeFullScale = qint64(5) * 1024 * 1024 * 1024;
+constexpr QChar kSeparator = QLatin1Char('\\');
+
+CImageButton* pictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)
+{
+    auto* button = new CImageButton(parent);
+    button->setObjectName(QLatin1String(name));
+    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'), QString());
+    button->move(x, y);
+    return button;
+}
+
+QString localPath(QString name)
+{
+    return name.replace(kSeparator, QLatin1Char('/'));
+}
+
+qint64 sizeOnDisk(const Item& folder)
+{
+    qint64 total = 0;
+    for (const auto& child : folder.children) {
+        if (child->isDir)
+            total += sizeOnDisk(*child);
+        else if (!child->source.isEmpty())
+            total += QFileInfo(child->source).size();
+    }
+    return total;
+}
+
+} // namespace
+
+CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
+{
+    setObjectName(QStringLiteral("CPage3"));
+    SetBackgroundImage(QStringLiteral(":/nwu/page3"));
+
+    m_list = new CMyTreeWidget(this);
+    m_list->setObjectName(QStringLiteral("list"));
+    m_list->move(11, 48);
+    m_list->setFixedSize(643, 226);
+    m_list->setColumnCount(5);
+    m_list->setHeaderLabels({QStringLiteral("File Name"), QStringLiteral("File Path"), QStringLiteral(" Size"),
+                             QStringLiteral("Type"), QStringLiteral("Time")});
+    const int widths[] = {170, 130, 80, 110, 151};
+    for (int column = 0; column < 5; ++column)
+        m_list->setColumnWidth(column, widths[column]);
+    QFont headerFont = m_list->header()->font();
+    headerFont.setWeight(QFont::Normal);
+    m_list->header()->setFont(headerFont);
+    m_list->header()->setHighlightSections(false);
+    m_list->setSelectionBehavior(QAbstractItemView::SelectRows);
+    m_list->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_list->setEditTriggers(QAbstractItemView::NoEditTriggers);
+    m_list->setItemDelegate(new NoFocusDelegate(m_list));
+    m_list->setContextMenuPolicy(Qt::CustomContextMenu);
+    m_list->setStyleSheet(FileListStyle::Table());
+    connect(m_list, &QTreeWidget::customContextMenuRequested, this, &CPage3::OnListContextMenuRequest);
+
+    const QString radioStyle = QStringLiteral(
+        "QRadioButton::indicator:checked {\n    image: url(:/nwu/rchecked);\n}\n\n"
+        "QRadioButton::indicator:unchecked {\n    image: url(:/nwu/runchecked);\n}");
+    const auto radio = [&](const char* name, const QString& text, int x) {
+        auto* button = new QRadioButton(text, this);
+        button->setObjectName(QLatin1String(name));
+        button->move(x, 298);
+        button->setStyleSheet(radioStyle);
+        button->adjustSize();
+        return button;
+    };
+    m_jolet = radio("jolet", QStringLiteral("ISO9660 Jolet"), 76);
+    m_iso9600 = radio("iso9600", QStringLiteral("ISO9660"), 196);
+    m_udf = radio("udf", QStringLiteral("UDF ISO"), 292);
+    m_jolet->setChecked(true);
+
+    auto* gaugeFrame = new QWidget(this);
+    gaugeFrame->setObjectName(QStringLiteral("widget"));
+    gaugeFrame->move(11, 333);
+    gaugeFrame->setFixedSize(643, 62);
+    gaugeFrame->setStyleSheet(QStringLiteral("#widget{border:1px solid #C2EFFD;;}"));
+    m_totalsize = new QLabel(QStringLiteral("Total Size: 0KB"), gaugeFrame);
+    m_totalsize->setGeometry(10, 8, 161, 16);
+    auto* maxSize = new QLabel(QStringLiteral("Max Size: 5.00 GB"), gaugeFrame);
+    maxSize->setGeometry(643 - 10 - 121, 5, 121, 16);
+    maxSize->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    for (QLabel* label : {m_totalsize, maxSize})
+        label->setStyleSheet(QStringLiteral("color:#606060; font-size:12px;"));
+    m_gauge = new QProgressBar(gaugeFrame);
+    m_gauge->setGeometry(10, 26, 643 - 20, 27);
+    m_gauge->setRange(0, 100);
+    m_gauge->setValue(0);
+    m_gauge->setTextVisible(false);
+    m_gauge->setStyleSheet(QStringLiteral(
+        "QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; background: #FFFFFF; }"
+        "QProgressBar::chunk { background: #67d995; border-radius: 3px; }"));
+
+    auto* addfile = pictureButton(this, "addfile", QStringLiteral(":/nwu/addfile"), 15, 419);
+    auto* adddir = pictureButton(this, "adddir", QStringLiteral(":/nwu/adddir"), 120, 419);
+    auto* remove = pictureButton(this, "remove", QStringLiteral(":/nwu/Remove"), 220, 419);
+    auto* back = pictureButton(this, "back", QStringLiteral(":/nwu/Back"), 435, 417);
+    auto* create = pictureButton(this, "create", QStringLiteral(":/nwu/Create-IOS"), 546, 417);
+    connect(addfile, qOverload<>(&CImageButton::clicked), this, &CPage3::OnAddFile);
+    connect(adddir, qOverload<>(&CImageButton::clicked), this, &CPage3::OnAddDir);
+    connect(remove, qOverload<>(&CImageButton::clicked), this, &CPage3::OnRemove);
+    connect(back, qOverload<>(&CImageButton::clicked), this, &CPage3::OnBack);
+    connect(create, qOverload<>(&CImageButton::clicked), this, &CPage3::OnCreate);
+
+    m_menu = new QMenu(this);
+    connect(m_menu->addAction(QStringLiteral("Add Files(&F)")), &QAction::triggered, this, &CPage3::OnAddFile);
+    connect(m_menu->addAction(QStringLiteral("Add Dirs(&D)")), &QAction::triggered, this, &CPage3::OnAddDir);
+    m_menu->addSeparator();
+    connect(m_menu->addAction(QStringLiteral("Remove(&R)")), &QAction::triggered, this, &CPage3::OnRemove);
+
+    m_progress = new CProgressDialog;
+    connect(m_progress, &CProgressDialog::SigCancel, this, &CPage3::StopCreate);
+    m_build = new CBuildJob(this);
+    connect(m_build, &CBuildJob::progress, m_progress, &CProgressDialog::SetValue);
+    connect(m_build, &CBuildJob::finished, this, &CPage3::OnBuildFinished);
+
+    // A working copy of this page's own inside the scratch folder: a page
+    // opened later never shares it with a worker that may still be writing.
+    const QString scratch = Util::ScratchDir();
+    QDir().mkpath(scratch);
+    m_workingCopy = std::make_unique<QTemporaryDir>(scratch + QStringLiteral("page-XXXXXX"));
+    m_copier = std::make_unique<CFileCopy>();
+}
+
+CPage3::~CPage3()
+{
+    m_build->Stop();
+    // The worker is stopped and joined before its working copy is removed.
+    m_copier.reset();
+    m_workingCopy.reset();
+    delete m_progress;
+}
+
+QString CPage3::WorkingCopy() const
+{
+    return m_workingCopy->path();
+}
+
+QString CPage3::StagingPath(const QString& name) const
+{
+    return m_workingCopy->path() + QLatin1Char('/') + localPath(name);
+}
+
+QTreeWidgetItem* CPage3::TargetRow() const
+{
+    const QList<QTreeWidgetItem*> selected = m_list->selectedItems();
+    if (selected.isEmpty())
+        return nullptr;
+    QTreeWidgetItem* row = selected.first();
+    // New entries go into the selected folder, or beside the selected file.
+    return row->data(0, Qt::UserRole).toInt() == CFolderModel::FolderMark ? row : row->parent();
+}
+
+QString CPage3::SelectedParentPath() const
+{
+    QString path;
+    for (QTreeWidgetItem* row = TargetRow(); row != nullptr; row = row->parent())
+        path.prepend(row->text(0).trimmed() + kSeparator);
+    return path;
+}
+
+QTreeWidgetItem* CPage3::MakeRow(const Item& item, bool isDir, QTreeWidgetItem* parent)
+{
+    auto* row = new QTreeWidgetItem;
+    const QString name = ItemTree::LastComponent(item.name);
+    row->setText(0, name);
+    row->setText(1, ItemTree::ParentPath(item.name));
+    row->setText(4, item.time);
+    if (isDir) {
+        row->setIcon(0, FileIcons::Folder());
+        row->setText(3, QStringLiteral("Folder"));
+        row->setData(0, Qt::UserRole, CFolderModel::FolderMark);
+    } else {
+        row->setIcon(0, FileIcons::Icon(name));
+        row->setText(2, Util::FormatSize(item.size.toLongLong()));
+        row->setText(3, FileIcons::Type(name));
+    }
+    if (parent)
+        parent->addChild(row);
+    else
+        m_list->addTopLevelItem(row);
+    return row;
+}
+
+void CPage3::OnAddFile()
+{
+    QTreeWidgetItem* target = TargetRow();
+    const QStringList files = Util::OpenFilesDialog(this);
+    if (files.isEmpty())
+        return;
+    const QString parent = SelectedParentPath();
+    const Item* folder = parent.isEmpty() ? &m_items.Root() : m_items.Find(parent.chopped(1));
+    if (folder == nullptr || !folder->isDir)
+        return;
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    for (const QString& file : files) {
+        const QFileInfo info(file);
+        auto item = std::make_unique<Item>();
+        item->name = parent + info.fileName();
+        item->source = info.absoluteFilePath();
+        item->isDir = false;
+        item->size = QString::number(info.size());
+        item->time = Util::FormatTime(info.lastModified());
+        const QString name = item->name;
+        Item* raw = item.get();
+        if (!m_items.Insert(item))
+            continue;
+        MakeRow(*raw, false, target);
+        m_copier->AddJob(info.absoluteFilePath(), StagingPath(name), CFileCopy::Copy);
+    }
+    UpdateTotalSize();
+    QApplication::restoreOverrideCursor();
+}
+
+void CPage3::OnAddDir()
+{
+    QTreeWidgetItem* target = TargetRow();
+    const QStringList folders = Util::SelectDirsDialog(this);
+    if (folders.isEmpty())
+        return;
+    const QString parent = SelectedParentPath();
+    const Item* folder = parent.isEmpty() ? &m_items.Root() : m_items.Find(parent.chopped(1));
+    if (folder == nullptr || !folder->isDir)
+        return;
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    for (const QString& path : folders) {
+        const QFileInfo info(path);
+        auto item = std::make_unique<Item>();
+        item->name = parent + info.fileName();
+        item->source = info.absoluteFilePath();
+        item->isDir = true;
+        item->time = Util::FormatTime(info.lastModified());
+        const QString name = item->name;
+        if (!m_items.Insert(item))
+            continue;
+        Item* added = m_items.Find(name);
+        QTreeWidgetItem* row = MakeRow(*added, true, target);
+        AddDirContents(added, info.absoluteFilePath(), row);
+        m_copier->AddJob(info.absoluteFilePath(), StagingPath(parent).chopped(1),
+                         CFileCopy::Copy);
+    }
+    UpdateTotalSize();
+    QApplication::restoreOverrideCursor();
+}
+
+void CPage3::AddDirContents(Item* folder, const QString& localDir, QTreeWidgetItem* row)
+{
+    const QFileInfoList entries =
+        QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
+    for (const QFileInfo& entry : entries) {
+        auto item = std::make_unique<Item>();
+        item->source = entry.absoluteFilePath();
+        item->isDir = entry.isDir();
+        item->name = folder->name + kSeparator + entry.fileName();
+        item->size = entry.isDir() ? QString() : QString::number(entry.size());
+        item->time = Util::FormatTime(entry.lastModified());
+        // Straight into the folder: these paths are new by construction.
+        Item* raw = m_items.Append(*folder, std::move(item));
+        QTreeWidgetItem* childRow = MakeRow(*raw, raw->isDir, row);
+        if (raw->isDir && !entry.isSymLink())
+            AddDirContents(raw, entry.absoluteFilePath(), childRow);
+    }
+}
+
+void CPage3::OnRemove()
+{
+    const QList<QTreeWidgetItem*> selected = m_list->selectedItems();
+    if (selected.isEmpty())
+        return;
+    QTreeWidgetItem* row = selected.first();
+    QString full = row->text(0).trimmed();
+    for (QTreeWidgetItem* up = row->parent(); up != nullptr; up = up->parent())
+        full.prepend(up->text(0).trimmed() + kSeparator);
+    Item* item = m_items.Find(full);
+    if (item == nullptr)
+        return;
+    m_copier->RemoveJob(item->source);
+    m_copier->AddJob(StagingPath(full), QString(), CFileCopy::Delete);
+    delete row;
+    m_items.Remove(full);
+    UpdateTotalSize();
+}
+
+void CPage3::UpdateTotalSize()
+{
+    const qint64 sum = sizeOnDisk(m_items.Root());
+    m_totalsize->setText(QStringLiteral("Total Size: ") + Util::FormatSize(sum));
+    m_gauge->setValue(static_cast<int>(qMin<qint64>(sum * 100 / kGaugeFullScale, 100)));
+}
+
+void CPage3::OnCreate()
+{
+    if (m_items.Root().children.empty()) {
+        Util::ShowMessage(QStringLiteral("Please add files or directorys first!"));
+        return;
+    }
+    const QString output = Util::SaveFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
+    if (output.isEmpty())
+        return;
+    m_output = output;
+    m_progress->show();
+
+    // Wait for the working copy, the window staying live meanwhile.
+    const qint64 total = m_copier->RemainingBytes();
+    if (total > 0) {
+        m_progress->SetText(QStringLiteral("Copy files and directories..."));
+        m_progress->SetRange(0, static_cast<int>(total / 1024));
+    }
+    m_waiting = true;
+    for (qint64 remaining = total; m_waiting && remaining >= 1; remaining = m_copier->RemainingBytes()) {
+        m_progress->SetValue(static_cast<int>((total - remaining) / 1024));
+        QElapsedTimer slice;
+        slice.start();
+        while (slice.elapsed() < 100)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    if (!m_waiting)
+        return; // stopped, or the page is going
+    m_waiting = false;
+
+    const QStringList failures = m_copier->TakeFailures();
+    if (!failures.isEmpty()) {
+        m_progress->hide();
+        Util::ShowMessage(QStringLiteral("These could not be read, so no image was made: %1")
+                              .arg(failures.join(QStringLiteral("; "))));
+        Q_EMIT createFinished(false);
+        return;
+    }
+    m_progress->SetText(QStringLiteral("Creating ISO file..."));
+    m_progress->SetRange(0, 10000);
+    m_progress->SetValue(0);
+    const ImageBuild::Type type = m_udf->isChecked()       ? ImageBuild::Type::Udf
+                                  : m_iso9600->isChecked() ? ImageBuild::Type::Iso9660
+                                                           : ImageBuild::Type::Joliet;
+    m_build->Start(type, m_output, m_workingCopy->path());
+}
+
+void CPage3::OnBuildFinished()
+{
+    m_progress->hide();
+    const bool succeeded = m_build->Succeeded();
+    if (succeeded)
+        Util::ShowFinished(QStringLiteral("Create ISO successfully!"), QFileInfo(m_output).absolutePath());
+    else
+        Util::ShowMessage(m_build->Message());
+    Q_EMIT createFinished(succeeded);
+}
+
+void CPage3::StopCreate()
+{
+    m_waiting = false;
+    m_build->Stop();
+}
+
+void CPage3::OnListContextMenuRequest(const QPoint& /*pos*/)
+{
+    m_menu->exec(QCursor::pos());
+}
+
+void CPage3::OnBack()
+{
+    StopCreate();
+    hide();
+    deleteLater();
+}
+
+void CPage3::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Escape) {
+        event->accept();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <QString>
+
+#include <memory>
+
+#include "iso/itemtree.h"
+#include "ui/imagedialog.h"
+
+class CBuildJob;
+class CFileCopy;
+class CImageButton;
+class CMyTreeWidget;
+class CProgressDialog;
+class QLabel;
+class QMenu;
+class QProgressBar;
+class QRadioButton;
+class QTemporaryDir;
+class QTreeWidgetItem;
+
+// The create page: collects files and folders in a list, copies each one at
+// once into a working copy of the page's own, shows their total against a
+// gauge, and builds an image of the chosen type from the working copy.
+class CPage3 final : public ImageDialog
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CPage3)
+
+public:
+    explicit CPage3(QWidget* mainWindow = nullptr);
+    ~CPage3() override;
+
+    CMyTreeWidget* List() const { return m_list; }
+    const ItemTree& Items() const { return m_items; }
+    QLabel* TotalSize() const { return m_totalsize; }
+    QProgressBar* Gauge() const { return m_gauge; }
+    CProgressDialog* Progress() const { return m_progress; }
+    QString WorkingCopy() const;
+    // The folder path (ending in "\") that new entries go into: the selected
+    // folder, or the folder of the selected file; empty at the top level.
+    QString SelectedParentPath() const;
+
+Q_SIGNALS:
+    void createFinished(bool succeeded);
+
+public Q_SLOTS:
+    void OnAddFile();
+    void OnAddDir();
+    void OnRemove();
+    void OnCreate();
+    void StopCreate();
+    void OnBack();
+    void OnListContextMenuRequest(const QPoint& pos);
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+
+private:
+    void UpdateTotalSize();
+    QTreeWidgetItem* TargetRow() const;
+    QTreeWidgetItem* MakeRow(const Item& item, bool isDir, QTreeWidgetItem* parent);
+    void AddDirContents(Item* folder, const QString& localDir, QTreeWidgetItem* row);
+    QString StagingPath(const QString& name) const;
+    void OnBuildFinished();
+
+    ItemTree m_items;
+    std::unique_ptr<QTemporaryDir> m_workingCopy;
+    std::unique_ptr<CFileCopy> m_copier;
+    CBuildJob* m_build = nullptr;
+    CProgressDialog* m_progress = nullptr;
+    QMenu* m_menu = nullptr;
+    CMyTreeWidget* m_list = nullptr;
+    QRadioButton* m_jolet = nullptr;
+    QRadioButton* m_iso9600 = nullptr;
+    QRadioButton* m_udf = nullptr;
+    QLabel* m_totalsize = nullptr;
+    QProgressBar* m_gauge = nullptr;
+    QString m_output;
+    bool m_waiting = false;
+};

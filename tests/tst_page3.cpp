@@ -1,0 +1,171 @@
+#include <QtTest>
+
+#include <QLabel>
+#include <QProgressBar>
+#include <QTreeWidget>
+
+#include "common/isofixture.h"
+#include "common/modal.h"
+#include "iso/isojobs.h"
+#include "pages/page3.h"
+#include "ui/baseimagectrl.h"
+#include "ui/commdialog.h"
+#include "ui/filelistwidgets.h"
+#include "ui/pickers.h"
+
+namespace {
+
+void clickButton(QWidget* page, const char* name)
+{
+    auto* button = page->findChild<CImageButton*>(name);
+    QVERIFY(button);
+    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+}
+
+QStringList rows(QTreeWidget* list)
+{
+    QStringList out;
+    std::function<void(QTreeWidgetItem*, int)> walk = [&](QTreeWidgetItem* row, int depth) {
+        out << QString(depth * 2, ' ') + row->text(0) + " | " + row->text(1);
+        for (int i = 0; i < row->childCount(); ++i)
+            walk(row->child(i), depth + 1);
+    };
+    for (int i = 0; i < list->topLevelItemCount(); ++i)
+        walk(list->topLevelItem(i), 0);
+    return out;
+}
+
+QStringList imageEntries(const QString& image)
+{
+    ItemTree tree;
+    CListJob job(tree);
+    QSignalSpy finished(&job, &CListJob::finished);
+    job.Start(image);
+    finished.wait(60000);
+    QStringList names;
+    std::function<void(const Item&)> walk = [&](const Item& folder) {
+        for (const auto& child : folder.children) {
+            names << child->name;
+            walk(*child);
+        }
+    };
+    walk(tree.Root());
+    names.sort();
+    return names;
+}
+
+} // namespace
+
+class TestPage3 final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void addsIntoTheSelectedFolderAndBuilds();
+    void removeTakesEntryOutOfListAndImage();
+    void createNeedsEntries();
+
+private:
+    QTemporaryDir m_dir;
+    std::unique_ptr<CPage3> m_page;
+    QList<QStringList> m_answers;
+};
+
+void TestPage3::initTestCase()
+{
+    QStandardPaths::setTestModeEnabled(true);
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("docs"), {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}}));
+    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"one.txt", QByteArray(1536, '1')}, {"two.txt", "2"}}));
+}
+
+void TestPage3::init()
+{
+    PickerSeam::Set([this](PickerSeam::Kind, const QString&) {
+        return m_answers.isEmpty() ? QStringList() : m_answers.takeFirst();
+    });
+    m_page = std::make_unique<CPage3>();
+    m_page->show();
+    QVERIFY(QTest::qWaitForWindowExposed(m_page.get()));
+}
+
+void TestPage3::cleanup()
+{
+    m_page.reset();
+    PickerSeam::Reset();
+    m_answers.clear();
+}
+
+// The list and the image must agree: what is shown under a folder is in that
+// folder of the image.
+void TestPage3::addsIntoTheSelectedFolderAndBuilds()
+{
+    m_answers << QStringList{m_dir.filePath("docs")};
+    clickButton(m_page.get(), "adddir");
+    QTreeWidget* list = m_page->List();
+    QCOMPARE(rows(list), (QStringList{"docs | ", "  a.txt | docs", "  sub | docs", "    b.txt | docs\\sub"}));
+
+    // With the folder "sub" selected, new files go into it.
+    list->setCurrentItem(list->topLevelItem(0)->child(1));
+    QCOMPARE(m_page->SelectedParentPath(), QString("docs\\sub\\"));
+    m_answers << QStringList{m_dir.filePath("one.txt")};
+    clickButton(m_page.get(), "addfile");
+    QCOMPARE(rows(list).last(), QString("    one.txt | docs\\sub"));
+    // 1536 + 5 + 3 bytes.
+    QCOMPARE(m_page->TotalSize()->text(), QString("Total Size: 1.51 KB"));
+    QCOMPARE(m_page->Gauge()->value(), 0);
+
+    // Adding the same name again changes nothing.
+    m_answers << QStringList{m_dir.filePath("one.txt")};
+    clickButton(m_page.get(), "addfile");
+    QCOMPARE(rows(list).size(), 5);
+
+    const QString output = m_dir.filePath("made.iso");
+    m_answers << QStringList{output};
+    QSignalSpy done(m_page.get(), &CPage3::createFinished);
+    QString said;
+    whenModal<CommDialog>([&](CommDialog* dialog) {
+        said = dialog->Label()->text();
+        QTest::mouseClick(dialog->OkButton(), Qt::LeftButton);
+    });
+    clickButton(m_page.get(), "create");
+    QVERIFY(done.count() == 1 || done.wait(120000));
+    QCOMPARE(said, QString("Create ISO successfully!"));
+    QCOMPARE(imageEntries(output), (QStringList{"docs", "docs\\a.txt", "docs\\sub", "docs\\sub\\b.txt",
+                                                "docs\\sub\\one.txt"}));
+}
+
+void TestPage3::removeTakesEntryOutOfListAndImage()
+{
+    m_answers << QStringList{m_dir.filePath("one.txt"), m_dir.filePath("two.txt")};
+    clickButton(m_page.get(), "addfile");
+    QTreeWidget* list = m_page->List();
+    list->setCurrentItem(list->topLevelItem(0));
+    clickButton(m_page.get(), "remove");
+    QCOMPARE(rows(list), QStringList{"two.txt | "});
+    QCOMPARE(m_page->TotalSize()->text(), QString("Total Size: 1 B"));
+
+    const QString output = m_dir.filePath("removed.iso");
+    m_answers << QStringList{output};
+    QSignalSpy done(m_page.get(), &CPage3::createFinished);
+    whenModal<CommDialog>([](CommDialog* dialog) { QTest::mouseClick(dialog->OkButton(), Qt::LeftButton); });
+    clickButton(m_page.get(), "create");
+    QVERIFY(done.count() == 1 || done.wait(120000));
+    QCOMPARE(imageEntries(output), QStringList{"two.txt"});
+}
+
+void TestPage3::createNeedsEntries()
+{
+    QString said;
+    whenModal<CommDialog>([&](CommDialog* dialog) {
+        said = dialog->Label()->text();
+        QTest::mouseClick(dialog->OkButton(), Qt::LeftButton);
+    });
+    clickButton(m_page.get(), "create");
+    QCOMPARE(said, QString("Please add files or directorys first!"));
+}
+
+QTEST_MAIN(TestPage3)
+#include "tst_page3.moc"
