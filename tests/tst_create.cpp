@@ -43,6 +43,7 @@ private Q_SLOTS:
     void buildsEachType();
     void unreadableFilesFailTheImage();
     void refusedBuildSaysWhy();
+    void tooLargeFileSuggestsUdf();
 
 private:
     QTemporaryDir m_dir;
@@ -134,6 +135,26 @@ void TestCreate::refusedBuildSaysWhy()
     QVERIFY(!job.Succeeded());
     QVERIFY2(job.Message().startsWith("The image could not be created."), qPrintable(job.Message()));
     QVERIFY2(job.Message().contains("It said"), qPrintable(job.Message()));
+}
+
+// ISO9660 and Joliet cannot hold a file of 4 GiB or more; UDF can, and the
+// message must say so. (A sparse file: the builder refuses before writing.)
+void TestCreate::tooLargeFileSuggestsUdf()
+{
+    const QString source = m_dir.filePath("huge");
+    QVERIFY(QDir().mkpath(source));
+    QFile file(source + "/install.wim");
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QVERIFY(file.resize(qint64(5) * 1024 * 1024 * 1024));
+    file.close();
+    CBuildJob job;
+    QSignalSpy finished(&job, &CBuildJob::finished);
+    job.Start(ImageBuild::Type::Joliet, m_dir.filePath("huge.iso"), source);
+    QVERIFY(finished.wait(60000));
+    QVERIFY(!job.Succeeded());
+    QVERIFY2(job.Message().contains("choose UDF"), qPrintable(job.Message()));
+    QVERIFY(!QFileInfo::exists(m_dir.filePath("huge.iso")));
+    QVERIFY(ImageBuild::Arguments(ImageBuild::Type::Udf, "o.iso", "src").contains("-allow-limited-size"));
 }
 
 QTEST_GUILESS_MAIN(TestCreate)

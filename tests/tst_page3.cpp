@@ -12,6 +12,7 @@
 #include "ui/commdialog.h"
 #include "ui/filelistwidgets.h"
 #include "ui/pickers.h"
+#include "ui/progressdialog.h"
 
 namespace {
 
@@ -67,6 +68,8 @@ private Q_SLOTS:
     void addsIntoTheSelectedFolderAndBuilds();
     void removeTakesEntryOutOfListAndImage();
     void createNeedsEntries();
+    void stopWhileCopyingMakesNoImage();
+    void backWhileCopyingLeavesNothingBehind();
 
 private:
     QTemporaryDir m_dir;
@@ -165,6 +168,53 @@ void TestPage3::createNeedsEntries()
     });
     clickButton(m_page.get(), "create");
     QCOMPARE(said, QString("Please add files or directorys first!"));
+}
+
+namespace {
+
+// Keeps the page's worker busy for a while; sparse, so it costs no time to make.
+QString bigFile(const QString& dir)
+{
+    const QString path = dir + "/big.bin";
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.resize(qint64(2) * 1024 * 1024 * 1024);
+    return path;
+}
+
+} // namespace
+
+void TestPage3::stopWhileCopyingMakesNoImage()
+{
+    m_answers << QStringList{bigFile(m_dir.path())};
+    clickButton(m_page.get(), "addfile");
+    const QString output = m_dir.filePath("stopped.iso");
+    m_answers << QStringList{output};
+    QSignalSpy done(m_page.get(), &CPage3::createFinished);
+    // Stop as soon as the page is waiting for its copies.
+    QTimer::singleShot(200, this, [this] {
+        QVERIFY(m_page->Progress()->isVisible());
+        QTest::mouseClick(m_page->Progress()->CancelButton(), Qt::LeftButton);
+    });
+    clickButton(m_page.get(), "create");
+    QVERIFY(!m_page->Progress()->isVisible());
+    QTest::qWait(300);
+    QCOMPARE(done.count(), 0);
+    QVERIFY(!QFileInfo::exists(output));
+}
+
+// Departure from the page must stop its worker before its working copy goes.
+void TestPage3::backWhileCopyingLeavesNothingBehind()
+{
+    m_answers << QStringList{bigFile(m_dir.path())};
+    clickButton(m_page.get(), "addfile");
+    const QString workingCopy = m_page->WorkingCopy();
+    QVERIFY(QFileInfo(workingCopy).isDir());
+    CPage3* page = m_page.release();
+    QPointer<CPage3> watch(page);
+    clickButton(page, "back");
+    QTRY_VERIFY_WITH_TIMEOUT(watch.isNull(), 30000);
+    QVERIFY(!QFileInfo::exists(workingCopy));
 }
 
 QTEST_MAIN(TestPage3)

@@ -29,8 +29,13 @@ QStringList Arguments(Type type, const QString& output, const QString& sourceDir
     }
     // The output follows -o as its value, so a name starting with "-" is safe;
     // the source is Brenta's own staging folder.
-    return {typeArgument, QStringLiteral("-R"), QStringLiteral("-joliet-long"), QStringLiteral("-o"), output,
-            sourceDir};
+    QStringList arguments{typeArgument, QStringLiteral("-R"), QStringLiteral("-joliet-long")};
+    // UDF holds files of 4 GiB and more in full; the builder must be told it
+    // may write them although the ISO9660 directory beside cannot describe them.
+    if (type == Type::Udf)
+        arguments << QStringLiteral("-allow-limited-size");
+    arguments << QStringLiteral("-o") << output << sourceDir;
+    return arguments;
 }
 
 std::optional<int> ParseProgress(const QString& line)

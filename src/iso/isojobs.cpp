@@ -221,7 +221,7 @@ void CBuildJob::OnFinished()
         m_message = QStringLiteral("The image could not be created. %1")
                         .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
         const QString said = m_runner->LastLines().join(QLatin1Char(' '));
-        if (m_type != ImageBuild::Type::Udf && said.contains(QLatin1String("too large"), Qt::CaseInsensitive))
+        if (m_type != ImageBuild::Type::Udf && said.contains(QLatin1String("larger than 4GiB"), Qt::CaseInsensitive))
             m_message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
         QFile::remove(m_output);
     }
