@@ -44,6 +44,7 @@ private Q_SLOTS:
     void unreadableFilesFailTheImage();
     void refusedBuildSaysWhy();
     void tooLargeFileSuggestsUdf();
+    void stopDuringBuildRemovesTheImage();
 
 private:
     QTemporaryDir m_dir;
@@ -155,6 +156,27 @@ void TestCreate::tooLargeFileSuggestsUdf()
     QVERIFY2(job.Message().contains("choose UDF"), qPrintable(job.Message()));
     QVERIFY(!QFileInfo::exists(m_dir.filePath("huge.iso")));
     QVERIFY(ImageBuild::Arguments(ImageBuild::Type::Udf, "o.iso", "src").contains("-allow-limited-size"));
+}
+
+void TestCreate::stopDuringBuildRemovesTheImage()
+{
+    const QString source = m_dir.filePath("large");
+    QVERIFY(QDir().mkpath(source));
+    QFile file(source + "/zeros.bin");
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QVERIFY(file.resize(qint64(3) * 1024 * 1024 * 1024));
+    file.close();
+    const QString output = m_dir.filePath("stopped.iso");
+    CBuildJob job;
+    QSignalSpy progress(&job, &CBuildJob::progress);
+    QSignalSpy finished(&job, &CBuildJob::finished);
+    job.Start(ImageBuild::Type::Udf, output, source);
+    QVERIFY(progress.wait(60000));
+    job.Stop();
+    QVERIFY(!job.IsRunning());
+    QTest::qWait(300);
+    QCOMPARE(finished.count(), 0);
+    QVERIFY(!QFileInfo::exists(output));
 }
 
 QTEST_GUILESS_MAIN(TestCreate)
