@@ -103,21 +103,35 @@ void waitFor(Job& job)
         loop.exec();
 }
 
+// Starts a job, waits for its end and reports as every terminal form does:
+// exit status 0, or 1 with the job's message on standard error.
+template <typename Job, typename Start>
+int runToEnd(Job& job, bool showProgress, Start start)
+{
+    start();
+    waitFor(job);
+    if (showProgress)
+        print(stderr, QStringLiteral("\r\033[K"));
+    if (!job.Succeeded()) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
+        return 1;
+    }
+    return 0;
+}
+
+bool progressWanted()
+{
+    return ::isatty(STDERR_FILENO) == 1;
+}
+
 } // namespace
 
 int RunList(const Request& request)
 {
     ItemTree tree;
     CListJob job(tree);
-    bool ended = false;
-    QObject::connect(&job, &CListJob::finished, [&ended] { ended = true; });
-    job.Start(request.image);
-    if (!ended)
-        waitFor(job);
-    if (!job.Succeeded()) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
-        return 1;
-    }
+    if (const int status = runToEnd(job, false, [&] { job.Start(request.image); }))
+        return status;
     printTree(tree.Root());
     std::fflush(stdout);
     return 0;
@@ -132,7 +146,7 @@ int RunCreate(const Request& request)
         }
     }
     CCreateJob job;
-    const bool showProgress = ::isatty(STDERR_FILENO) == 1;
+    const bool showProgress = progressWanted();
     if (showProgress) {
         QObject::connect(&job, &CCreateJob::progress, [](CCreateJob::Phase phase, qint64 value, qint64 maximum) {
             const double percent = maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
@@ -142,38 +156,21 @@ int RunCreate(const Request& request)
                               .arg(percent, 0, 'f', 1));
         });
     }
-    job.Start(*ImageBuild::TypeFromName(request.type), request.image, request.entries);
-    waitFor(job);
-    if (showProgress)
-        print(stderr, QStringLiteral("\r\033[K"));
-    if (!job.Succeeded()) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
-        return 1;
-    }
-    return 0;
+    return runToEnd(job, showProgress, [&] {
+        job.Start(*ImageBuild::TypeFromName(request.type), request.image, request.entries);
+    });
 }
 
 int RunExtract(const Request& request)
 {
     CExtractJob job;
-    const bool showProgress = ::isatty(STDERR_FILENO) == 1;
+    const bool showProgress = progressWanted();
     if (showProgress) {
         QObject::connect(&job, &CExtractJob::progress, [](int percent, const QString& entry) {
             print(stderr, QStringLiteral("\r\033[K%1% %2").arg(percent, 3).arg(entry));
         });
     }
-    bool ended = false;
-    QObject::connect(&job, &CExtractJob::finished, [&ended] { ended = true; });
-    job.Start(request.image, request.directory, request.entries);
-    if (!ended)
-        waitFor(job);
-    if (showProgress)
-        print(stderr, QStringLiteral("\r\033[K"));
-    if (!job.Succeeded()) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
-        return 1;
-    }
-    return 0;
+    return runToEnd(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
 }
 
 QString VersionText()

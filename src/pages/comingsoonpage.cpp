@@ -19,10 +19,7 @@ CComingSoonPage::CComingSoonPage(Feature feature) : ImageDialog(false), m_featur
 {
     setObjectName(QStringLiteral("CComingSoonPage"));
     setFixedSize(kWidth, kHeight);
-    m_back = new CImageButton(this);
-    m_back->setObjectName(QStringLiteral("back"));
-    m_back->SetImages(QStringLiteral(":/nwu/Back1"), QStringLiteral(":/nwu/Back2"),
-                      QStringLiteral(":/nwu/Back3"), QString());
+    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/Back"), 20, 0);
     m_back->move(20, kHeight - m_back->height() - 15);
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CComingSoonPage::OnBack);
 }

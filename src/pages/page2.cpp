@@ -22,15 +22,6 @@
 
 namespace {
 
-CImageButton* pictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)
-{
-    auto* button = new CImageButton(parent);
-    button->setObjectName(QLatin1String(name));
-    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'), QString());
-    button->move(x, y);
-    return button;
-}
-
 // A click this close to a row's left edge lands on its check box, which
 // toggles by itself.
 constexpr int kCheckBoxEdge = 16;
@@ -64,9 +55,9 @@ void CPage2::InitializeUI()
     qDebug() << "CPage2::InitializeUI() is called!!";
     SetBackgroundImage(QStringLiteral(":/nwu/page2"));
 
-    m_loadiso = pictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 567, 17);
-    m_back = pictureButton(this, "back", QStringLiteral(":/nwu/Back"), 11, 417);
-    m_extractButton = pictureButton(this, "extract", QStringLiteral(":/nwu/btnextract"), 546, 417);
+    m_loadiso = MakePictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 567, 17);
+    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/Back"), 11, 417);
+    m_extractButton = MakePictureButton(this, "extract", QStringLiteral(":/nwu/btnextract"), 546, 417);
     connect(m_loadiso, qOverload<>(&CImageButton::clicked), this, &CPage2::OnLoadISO);
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CPage2::OnBack);
     connect(m_extractButton, qOverload<>(&CImageButton::clicked), this, &CPage2::OnExtract);

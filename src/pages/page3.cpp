@@ -27,15 +27,6 @@ namespace {
 constexpr qint64 kGaugeFullScale = qint64(5) * 1024 * 1024 * 1024;
 constexpr QChar kSeparator = QLatin1Char('\\');
 
-CImageButton* pictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)
-{
-    auto* button = new CImageButton(parent);
-    button->setObjectName(QLatin1String(name));
-    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'), QString());
-    button->move(x, y);
-    return button;
-}
-
 QString localPath(QString name)
 {
     return name.replace(kSeparator, QLatin1Char('/'));
@@ -119,11 +110,11 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
         "QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; background: #FFFFFF; }"
         "QProgressBar::chunk { background: #67d995; border-radius: 3px; }"));
 
-    auto* addfile = pictureButton(this, "addfile", QStringLiteral(":/nwu/addfile"), 15, 419);
-    auto* adddir = pictureButton(this, "adddir", QStringLiteral(":/nwu/adddir"), 120, 419);
-    auto* remove = pictureButton(this, "remove", QStringLiteral(":/nwu/Remove"), 220, 419);
-    auto* back = pictureButton(this, "back", QStringLiteral(":/nwu/Back"), 435, 417);
-    auto* create = pictureButton(this, "create", QStringLiteral(":/nwu/Create-IOS"), 546, 417);
+    auto* addfile = MakePictureButton(this, "addfile", QStringLiteral(":/nwu/addfile"), 15, 419);
+    auto* adddir = MakePictureButton(this, "adddir", QStringLiteral(":/nwu/adddir"), 120, 419);
+    auto* remove = MakePictureButton(this, "remove", QStringLiteral(":/nwu/Remove"), 220, 419);
+    auto* back = MakePictureButton(this, "back", QStringLiteral(":/nwu/Back"), 435, 417);
+    auto* create = MakePictureButton(this, "create", QStringLiteral(":/nwu/Create-IOS"), 546, 417);
     connect(addfile, qOverload<>(&CImageButton::clicked), this, &CPage3::OnAddFile);
     connect(adddir, qOverload<>(&CImageButton::clicked), this, &CPage3::OnAddDir);
     connect(remove, qOverload<>(&CImageButton::clicked), this, &CPage3::OnRemove);
@@ -187,6 +178,12 @@ QString CPage3::SelectedParentPath() const
     return path;
 }
 
+bool CPage3::IsFolder(const QString& parentPath) const
+{
+    const Item* folder = parentPath.isEmpty() ? &m_items.Root() : m_items.Find(parentPath.chopped(1));
+    return folder != nullptr && folder->isDir;
+}
+
 QTreeWidgetItem* CPage3::MakeRow(const Item& item, bool isDir, QTreeWidgetItem* parent)
 {
     auto* row = new QTreeWidgetItem;
@@ -214,11 +211,8 @@ void CPage3::OnAddFile()
 {
     QTreeWidgetItem* target = TargetRow();
     const QStringList files = Util::OpenFilesDialog(this);
-    if (files.isEmpty())
-        return;
     const QString parent = SelectedParentPath();
-    const Item* folder = parent.isEmpty() ? &m_items.Root() : m_items.Find(parent.chopped(1));
-    if (folder == nullptr || !folder->isDir)
+    if (files.isEmpty() || !IsFolder(parent))
         return;
     QApplication::setOverrideCursor(Qt::WaitCursor);
     for (const QString& file : files) {
@@ -244,11 +238,8 @@ void CPage3::OnAddDir()
 {
     QTreeWidgetItem* target = TargetRow();
     const QStringList folders = Util::SelectDirsDialog(this);
-    if (folders.isEmpty())
-        return;
     const QString parent = SelectedParentPath();
-    const Item* folder = parent.isEmpty() ? &m_items.Root() : m_items.Find(parent.chopped(1));
-    if (folder == nullptr || !folder->isDir)
+    if (folders.isEmpty() || !IsFolder(parent))
         return;
     QApplication::setOverrideCursor(Qt::WaitCursor);
     for (const QString& path : folders) {

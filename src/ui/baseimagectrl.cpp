@@ -178,3 +178,12 @@ void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
     QPainter painter(this);
     painter.drawPixmap(at, picture, source);
 }
+
+CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)
+{
+    auto* button = new CImageButton(parent);
+    button->setObjectName(QLatin1String(name));
+    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'), QString());
+    button->move(x, y);
+    return button;
+}

@@ -67,3 +67,7 @@ class CImageButton final : public CBaseImageCtrl
 public:
     explicit CImageButton(QWidget* parent = nullptr) : CBaseImageCtrl(parent) {}
 };
+
+// A picture button named `name` at (x, y), with the pictures stem1, stem2 and
+// stem3 for normal, hover and pressed, as the pages lay out theirs.
+CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y);
