@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <unistd.h>
 
+#include "iso/eltorito.h"
 #include "iso/isojobs.h"
 #include "iso/itemtree.h"
 
@@ -54,6 +55,13 @@ Request Parse(const QStringList& arguments)
         request.image = arguments.at(1);
         request.directory = arguments.at(2);
         request.entries = arguments.mid(3);
+        return request;
+    }
+    if (first == QLatin1String("boot-info")) {
+        if (arguments.size() != 2)
+            return usageError(QStringLiteral("boot-info takes one image."));
+        request.mode = Request::Mode::BootInfo;
+        request.image = arguments.at(1);
         return request;
     }
     if (first == QLatin1String("create")) {
@@ -137,6 +145,27 @@ int RunList(const Request& request)
     return 0;
 }
 
+int RunBootInfo(const Request& request)
+{
+    ElTorito::Error error = ElTorito::Error::None;
+    const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(request.image, &error);
+    if (!catalog) {
+        print(stderr, QStringLiteral("brenta: %1 has no valid El Torito boot record: %2\n")
+                          .arg(request.image, ElTorito::ErrorText(error)));
+        return 1;
+    }
+    const ElTorito::Entry& entry = catalog->defaultEntry;
+    QString text;
+    text += QStringLiteral("bootable: %1\n").arg(entry.bootable ? "yes" : "no");
+    text += QStringLiteral("media: %1\n").arg(ElTorito::MediaName(entry.media));
+    text += QStringLiteral("load-size: %1\n").arg(entry.sectorCount);
+    text += QStringLiteral("load-rba: %1\n").arg(entry.loadRba);
+    for (const ElTorito::Entry& efi : catalog->efiEntries)
+        text += QStringLiteral("efi-entry: load-rba=%1 sectors=%2\n").arg(efi.loadRba).arg(efi.sectorCount);
+    print(stdout, text);
+    return 0;
+}
+
 int RunCreate(const Request& request)
 {
     for (const QString& path : request.entries) {
@@ -185,6 +214,7 @@ QString HelpText()
         "       brenta list IMAGE\n"
         "       brenta extract IMAGE DEST [ENTRY...]\n"
         "       brenta create [--type joliet|iso9660|udf] OUTPUT PATH...\n"
+        "       brenta boot-info IMAGE\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
         "Without an option Brenta opens its window.\n"
@@ -197,6 +227,7 @@ QString HelpText()
         "  create [--type TYPE] OUTPUT PATH...\n"
         "                         build OUTPUT from the files and folders, each at the\n"
         "                         image's root under its own name (type joliet if not given)\n"
+        "  boot-info IMAGE        print the image's El Torito boot setup\n"
         "\n"
         "Options:\n"
         "  -h, --help             show this help and exit\n"

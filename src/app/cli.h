@@ -9,7 +9,7 @@ namespace Cli {
 
 struct Request
 {
-    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, UsageError };
+    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, UsageError };
     Mode mode = Mode::Gui;
     QString directory; // Screenshots: where the PNG files go; Extract: the destination
     QString image;     // List, Extract
@@ -28,5 +28,6 @@ QString HelpText();
 int RunList(const Request& request);
 int RunExtract(const Request& request);
 int RunCreate(const Request& request);
+int RunBootInfo(const Request& request);
 
 } // namespace Cli

@@ -79,6 +79,8 @@ int main(int argc, char** argv)
         QCoreApplication::setApplicationName(QStringLiteral("brenta"));
         return Cli::RunCreate(request);
     }
+    case Cli::Request::Mode::BootInfo:
+        return Cli::RunBootInfo(request);
     case Cli::Request::Mode::Screenshots:
         return runScreenshots(argc, argv, request.directory);
     case Cli::Request::Mode::Gui:

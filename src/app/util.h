@@ -47,6 +47,10 @@ public:
     // Writes length bytes at the start of the file without truncating it.
     static void WriteData(const QString& path, const char* data, int length);
 
+    // Writes the boot image of the image's default El Torito entry to
+    // `output`; false when the image has no valid boot record (iso/eltorito).
+    static bool BootExtract(const QString& image, const QString& output);
+
     // Widgets (defined in the GUI library)
     static void OpenFolder(QString path);
     static void ShowMessage(const QString& text);

@@ -1,0 +1,303 @@
+#include <QtTest>
+
+#include "common/isofixture.h"
+#include "iso/eltorito.h"
+#include "app/util.h"
+
+namespace {
+
+constexpr int kSector = 2048;
+
+// A hand-made image: the boot record at sector 17, the catalogue at sector
+// 19, and a boot image of recognisable bytes from sector 20 on.
+struct Layout
+{
+    int sectors = 40;
+    quint8 type = 0;
+    QByteArray signature = "EL TORITO SPECIFICATION";
+    quint32 catalogSector = 19;
+    quint8 header = 1;
+    quint8 key1 = 0x55;
+    quint8 key2 = 0xAA;
+    bool breakChecksum = false;
+    quint8 indicator = 0x88;
+    quint8 media = 0;
+    quint16 count = 4;
+    quint32 loadRba = 20;
+    bool efiSection = false;
+};
+
+void put16(QByteArray& bytes, int at, quint16 value)
+{
+    bytes[at] = char(value & 0xFF);
+    bytes[at + 1] = char(value >> 8);
+}
+
+void put32(QByteArray& bytes, int at, quint32 value)
+{
+    for (int i = 0; i < 4; ++i)
+        bytes[at + i] = char((value >> (8 * i)) & 0xFF);
+}
+
+QByteArray makeImage(const Layout& layout)
+{
+    QByteArray bytes(layout.sectors * kSector, '\0');
+    for (int i = 20 * kSector; i < bytes.size(); ++i)
+        bytes[i] = char((i * 7 + 3) & 0xFF);
+    const int record = 17 * kSector;
+    bytes[record] = char(layout.type);
+    bytes.replace(record + 1, 5, "CD001");
+    bytes[record + 6] = 1;
+    bytes.replace(record + 7, layout.signature.size(), layout.signature);
+    put32(bytes, record + 71, layout.catalogSector);
+
+    const int catalog = 19 * kSector;
+    bytes.replace(catalog, kSector, QByteArray(kSector, '\0'));
+    bytes[catalog] = char(layout.header);
+    bytes[catalog + 30] = char(layout.key1);
+    bytes[catalog + 31] = char(layout.key2);
+    quint16 sum = 0;
+    for (int i = 0; i < 32; i += 2)
+        sum += quint16(quint8(bytes[catalog + i]) | (quint8(bytes[catalog + i + 1]) << 8));
+    put16(bytes, catalog + 28, quint16(-sum + (layout.breakChecksum ? 1 : 0)));
+    bytes[catalog + 32] = char(layout.indicator);
+    bytes[catalog + 33] = char(layout.media);
+    put16(bytes, catalog + 38, layout.count);
+    put32(bytes, catalog + 40, layout.loadRba);
+    if (layout.efiSection) {
+        bytes[catalog + 64] = char(0x91);
+        bytes[catalog + 65] = char(0xEF);
+        put16(bytes, catalog + 66, 1);
+        bytes[catalog + 96] = char(0x88);
+        put16(bytes, catalog + 102, 64);
+        put32(bytes, catalog + 104, 30);
+    }
+    return bytes;
+}
+
+std::optional<ElTorito::Catalog> parse(const QByteArray& bytes, ElTorito::Error* error)
+{
+    return ElTorito::Parse(
+        [&bytes](qint64 offset, int length, char* buffer) {
+            if (offset < 0 || offset + length > bytes.size())
+                return false;
+            std::memcpy(buffer, bytes.constData() + offset, size_t(length));
+            return true;
+        },
+        error);
+}
+
+} // namespace
+
+class TestElTorito final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void parses_data();
+    void parses();
+    void extractsTheBootImage_data();
+    void extractsTheBootImage();
+    void readsRealImages_data();
+    void readsRealImages();
+    void corpusReplaysCleanly();
+};
+
+void TestElTorito::parses_data()
+{
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<int>("error");
+    QTest::addColumn<QString>("media");
+    QTest::addColumn<qint64>("length");
+    QTest::addColumn<bool>("bootable");
+    using E = ElTorito::Error;
+    const auto row = [](const char* name, const Layout& layout, E error, const char* media = "", qint64 length = 0,
+                        bool bootable = true) {
+        QTest::newRow(name) << makeImage(layout) << int(error) << QString(media) << length << bootable;
+    };
+    Layout layout;
+    row("no emulation, 4 sectors", layout, E::None, "no-emulation", 2048);
+    layout = {};
+    layout.media = 0x12; // only the low four bits count
+    row("media byte 0x12 is a 1.44M diskette", layout, E::None, "1.44M", 1474560);
+    layout.media = 0x01;
+    row("1.2M diskette", layout, E::None, "1.2M", 1228800);
+    layout.media = 0x03;
+    row("2.88M diskette", layout, E::None, "2.88M", 2949120);
+    layout.media = 0x04;
+    row("hard disk", layout, E::None, "hard-disk", 2048);
+    layout.media = 0x05;
+    row("unknown media", layout, E::None, "unknown", 2048);
+    layout = {};
+    layout.count = 0;
+    row("sector count 0", layout, E::None, "no-emulation", 0);
+    layout = {};
+    layout.indicator = 0;
+    row("not bootable", layout, E::None, "no-emulation", 2048, false);
+    layout = {};
+    layout.breakChecksum = true;
+    row("wrong checksum is accepted", layout, E::None, "no-emulation", 2048);
+    layout = {};
+    layout.sectors = 17; // ends before sector 17 is complete
+    QTest::newRow("truncated file") << makeImage(layout).left(36863) << int(E::SectorUnreadable) << "" << qint64(0)
+                                    << true;
+    layout = {};
+    layout.type = 1;
+    row("not a boot record", layout, E::NotBootRecord);
+    layout = {};
+    layout.signature = "EL TORITO SPECIFICATIOX";
+    row("wrong signature", layout, E::BadSignature);
+    layout = {};
+    layout.catalogSector = 100;
+    row("catalogue beyond the end", layout, E::CatalogUnreadable);
+    layout.catalogSector = 0xFFFFFFFF; // 8 TiB in: must not wrap to an early sector
+    row("catalogue at the last sector number", layout, E::CatalogUnreadable);
+    layout = {};
+    layout.key2 = 0xAB;
+    row("wrong key bytes", layout, E::BadValidationEntry);
+    layout = {};
+    layout.header = 2;
+    row("wrong header", layout, E::BadValidationEntry);
+}
+
+void TestElTorito::parses()
+{
+    QFETCH(QByteArray, image);
+    QFETCH(int, error);
+    QFETCH(QString, media);
+    QFETCH(qint64, length);
+    QFETCH(bool, bootable);
+    ElTorito::Error found = ElTorito::Error::None;
+    const std::optional<ElTorito::Catalog> catalog = parse(image, &found);
+    QCOMPARE(int(found), error);
+    QCOMPARE(catalog.has_value(), error == int(ElTorito::Error::None));
+    if (!catalog)
+        return;
+    QCOMPARE(ElTorito::MediaName(catalog->defaultEntry.media), media);
+    QCOMPARE(ElTorito::BootImageLength(catalog->defaultEntry), length);
+    QCOMPARE(catalog->defaultEntry.bootable, bootable);
+    QVERIFY(catalog->efiEntries.empty());
+}
+
+void TestElTorito::extractsTheBootImage_data()
+{
+    QTest::addColumn<QByteArray>("image");
+    QTest::addColumn<bool>("result");
+    QTest::addColumn<qint64>("written"); // -1: no file
+    Layout layout;
+    QTest::newRow("no emulation writes 2048 bytes") << makeImage(layout) << true << qint64(2048);
+    layout.media = 0x02;
+    layout.count = 1;
+    layout.sectors = 20 + 720;
+    QTest::newRow("diskette writes the whole diskette") << makeImage(layout) << true << qint64(1474560);
+    layout = {};
+    layout.indicator = 0;
+    QTest::newRow("not bootable writes nothing") << makeImage(layout) << true << qint64(-1);
+    layout = {};
+    layout.loadRba = 5000;
+    QTest::newRow("load RBA beyond the end writes nothing") << makeImage(layout) << true << qint64(-1);
+    layout = {};
+    layout.type = 1;
+    QTest::newRow("no boot record") << makeImage(layout) << false << qint64(-1);
+}
+
+void TestElTorito::extractsTheBootImage()
+{
+    QFETCH(QByteArray, image);
+    QFETCH(bool, result);
+    QFETCH(qint64, written);
+    QTemporaryDir dir;
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"image.iso", image}}));
+    const QString output = dir.filePath("boot.bin");
+    QCOMPARE(Util::BootExtract(dir.filePath("image.iso"), output), result);
+    QCOMPARE(QFileInfo(output).exists() ? QFileInfo(output).size() : -1, written);
+    if (written > 0) {
+        QFile file(output);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), image.mid(20 * kSector, int(written)));
+    }
+}
+
+void TestElTorito::readsRealImages_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QString>("media");
+    QTest::addColumn<int>("loadSize");
+    QTest::addColumn<int>("efiEntries");
+    QTest::newRow("no emulation, load size 4, with EFI")
+        << QStringList{"-b", "boot/loader.bin", "-no-emul-boot", "-boot-load-size", "4", "-eltorito-alt-boot", "-e",
+                       "boot/efi.img", "-no-emul-boot"}
+        << "no-emulation" << 4 << 1;
+    QTest::newRow("1.44M diskette") << QStringList{"-b", "boot/floppy.img"} << "1.44M" << 1 << 0;
+    QTest::newRow("hard disk") << QStringList{"-b", "boot/disk.img", "-hard-disk-boot"} << "hard-disk" << 1 << 0;
+}
+
+// The reader must agree with what the image builder wrote.
+void TestElTorito::readsRealImages()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QString, media);
+    QFETCH(int, loadSize);
+    QFETCH(int, efiEntries);
+    QTemporaryDir dir;
+    QByteArray disk(1024 * 1024, '\0');
+    disk[446] = char(0x80); // one active partition from sector 1 to the end
+    disk[450] = 0x0C;
+    put32(disk, 454, 1);
+    put32(disk, 458, 2047);
+    disk[510] = char(0x55);
+    disk[511] = char(0xAA);
+    QByteArray loader(8192, Qt::Uninitialized);
+    for (int i = 0; i < loader.size(); ++i)
+        loader[i] = char(i * 13);
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("src"), {{"boot/loader.bin", loader},
+                                                        {"boot/floppy.img", QByteArray(1474560, 'f')},
+                                                        {"boot/efi.img", QByteArray(65536, 'e')},
+                                                        {"boot/disk.img", disk}}));
+    QProcess builder;
+    builder.setProcessChannelMode(QProcess::MergedChannels);
+    builder.start("genisoimage", QStringList{"-quiet", "-o", dir.filePath("boot.iso")} + options
+                                     + QStringList{dir.filePath("src")});
+    QVERIFY(builder.waitForFinished(60000));
+    QVERIFY2(builder.exitCode() == 0, builder.readAll().constData());
+
+    const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(dir.filePath("boot.iso"));
+    QVERIFY(catalog);
+    QVERIFY(catalog->defaultEntry.bootable);
+    QCOMPARE(ElTorito::MediaName(catalog->defaultEntry.media), media);
+    QCOMPARE(int(catalog->defaultEntry.sectorCount), loadSize);
+    QCOMPARE(int(catalog->efiEntries.size()), efiEntries);
+    if (efiEntries)
+        QCOMPARE(int(catalog->efiEntries.front().sectorCount), 65536 / 512);
+
+    QVERIFY(Util::BootExtract(dir.filePath("boot.iso"), dir.filePath("boot.bin")));
+    QFile extracted(dir.filePath("boot.bin"));
+    QVERIFY(extracted.open(QIODevice::ReadOnly));
+    const QByteArray bytes = extracted.readAll();
+    if (media == "no-emulation")
+        QCOMPARE(bytes, loader.left(2048));
+    else if (media == "1.44M")
+        QCOMPARE(bytes, QByteArray(1474560, 'f'));
+    else
+        QCOMPARE(bytes, disk.left(512));
+}
+
+// Every input the fuzzer kept is read again: none may crash the reader or
+// make it size a boot image beyond its bound.
+void TestElTorito::corpusReplaysCleanly()
+{
+    const QDir corpus(BRENTA_SOURCE_DIR "/fuzz/corpus");
+    const QStringList files = corpus.entryList(QDir::Files);
+    QVERIFY(!files.isEmpty());
+    for (const QString& name : files) {
+        QFile file(corpus.filePath(name));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray bytes = file.readAll();
+        const std::optional<ElTorito::Catalog> catalog = parse(bytes, nullptr);
+        if (catalog)
+            QVERIFY(ElTorito::BootImageLength(catalog->defaultEntry) <= 2949120 + 65535 * 512);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestElTorito)
+#include "tst_eltorito.moc"
