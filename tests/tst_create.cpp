@@ -143,11 +143,7 @@ void TestCreate::refusedBuildSaysWhy()
 void TestCreate::tooLargeFileSuggestsUdf()
 {
     const QString source = m_dir.filePath("huge");
-    QVERIFY(QDir().mkpath(source));
-    QFile file(source + "/install.wim");
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QVERIFY(file.resize(qint64(5) * 1024 * 1024 * 1024));
-    file.close();
+    QVERIFY(!IsoFixture::SparseFile(source + "/install.wim", 5 * 1024).isEmpty());
     CBuildJob job;
     QSignalSpy finished(&job, &CBuildJob::finished);
     job.Start(ImageBuild::Type::Joliet, m_dir.filePath("huge.iso"), source);
@@ -161,11 +157,7 @@ void TestCreate::tooLargeFileSuggestsUdf()
 void TestCreate::stopDuringBuildRemovesTheImage()
 {
     const QString source = m_dir.filePath("large");
-    QVERIFY(QDir().mkpath(source));
-    QFile file(source + "/zeros.bin");
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QVERIFY(file.resize(qint64(3) * 1024 * 1024 * 1024));
-    file.close();
+    QVERIFY(!IsoFixture::SparseFile(source + "/zeros.bin", 3 * 1024).isEmpty());
     const QString output = m_dir.filePath("stopped.iso");
     CBuildJob job;
     QSignalSpy progress(&job, &CBuildJob::progress);

@@ -11,15 +11,10 @@ QByteArray readAll(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 
-// A large file keeps the worker busy while a test arranges the queue behind
-// it; sparse, so it costs no time to make.
+// A large file keeps the worker busy while a test arranges the queue behind it.
 QString bigFile(const QDir& dir)
 {
-    const QString path = dir.filePath("big.bin");
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.resize(qint64(1) * 1024 * 1024 * 1024);
-    return path;
+    return IsoFixture::SparseFile(dir.filePath("big.bin"), 1024);
 }
 
 } // namespace

@@ -175,11 +175,7 @@ namespace {
 // Keeps the page's worker busy for a while; sparse, so it costs no time to make.
 QString bigFile(const QString& dir)
 {
-    const QString path = dir + "/big.bin";
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.resize(qint64(2) * 1024 * 1024 * 1024);
-    return path;
+    return IsoFixture::SparseFile(dir + "/big.bin", 2 * 1024);
 }
 
 } // namespace

@@ -40,6 +40,14 @@ Entry entryAt(const unsigned char* p, quint8 platform)
     return entry;
 }
 
+// Reads through Util::Read, so offsets are 64-bit and a short read fails.
+ReadFunction streamReader(QDataStream& stream)
+{
+    return [&stream](qint64 offset, int length, char* buffer) {
+        return Util::Read(stream, offset, length, buffer) == Util::ReadOk;
+    };
+}
+
 std::optional<Catalog> fail(Error* error, Error what)
 {
     if (error)
@@ -184,9 +192,7 @@ std::optional<Catalog> ReadFile(const QString& image, Error* error)
     if (!file.open(QIODevice::ReadOnly))
         return fail(error, Error::CannotOpen);
     QDataStream stream(&file);
-    return Parse([&stream](qint64 offset, int length, char* buffer) {
-        return Util::Read(stream, offset, length, buffer) == Util::ReadOk;
-    }, error);
+    return Parse(streamReader(stream), error);
 }
 
 } // namespace ElTorito
@@ -200,9 +206,7 @@ bool Util::BootExtract(const QString& image, const QString& output)
         return false;
     }
     QDataStream stream(&file);
-    const ReadFunction read = [&stream](qint64 offset, int length, char* buffer) {
-        return Util::Read(stream, offset, length, buffer) == Util::ReadOk;
-    };
+    const ReadFunction read = streamReader(stream);
     Error error = Error::None;
     const std::optional<Catalog> catalog = Parse(read, &error);
     if (!catalog) {

@@ -32,6 +32,18 @@ QString localPath(QString name)
     return name.replace(kSeparator, QLatin1Char('/'));
 }
 
+// An entry for a local file or folder, named `name` inside the image.
+std::unique_ptr<Item> itemFor(const QFileInfo& info, const QString& name)
+{
+    auto item = std::make_unique<Item>();
+    item->name = name;
+    item->source = info.absoluteFilePath();
+    item->isDir = info.isDir();
+    item->size = info.isDir() ? QString() : QString::number(info.size());
+    item->time = Util::FormatTime(info.lastModified());
+    return item;
+}
+
 qint64 sizeOnDisk(const Item& folder)
 {
     qint64 total = 0;
@@ -184,14 +196,14 @@ bool CPage3::IsFolder(const QString& parentPath) const
     return folder != nullptr && folder->isDir;
 }
 
-QTreeWidgetItem* CPage3::MakeRow(const Item& item, bool isDir, QTreeWidgetItem* parent)
+QTreeWidgetItem* CPage3::MakeRow(const Item& item, QTreeWidgetItem* parent)
 {
     auto* row = new QTreeWidgetItem;
     const QString name = ItemTree::LastComponent(item.name);
     row->setText(0, name);
     row->setText(1, ItemTree::ParentPath(item.name));
     row->setText(4, item.time);
-    if (isDir) {
+    if (item.isDir) {
         row->setIcon(0, FileIcons::Folder());
         row->setText(3, QStringLiteral("Folder"));
         row->setData(0, Qt::UserRole, CFolderModel::FolderMark);
@@ -217,17 +229,12 @@ void CPage3::OnAddFile()
     QApplication::setOverrideCursor(Qt::WaitCursor);
     for (const QString& file : files) {
         const QFileInfo info(file);
-        auto item = std::make_unique<Item>();
-        item->name = parent + info.fileName();
-        item->source = info.absoluteFilePath();
-        item->isDir = false;
-        item->size = QString::number(info.size());
-        item->time = Util::FormatTime(info.lastModified());
-        const QString name = item->name;
+        const QString name = parent + info.fileName();
+        auto item = itemFor(info, name);
         Item* raw = item.get();
         if (!m_items.Insert(item))
             continue;
-        MakeRow(*raw, false, target);
+        MakeRow(*raw, target);
         m_copier->AddJob(info.absoluteFilePath(), StagingPath(name), CFileCopy::Copy);
     }
     UpdateTotalSize();
@@ -244,16 +251,12 @@ void CPage3::OnAddDir()
     QApplication::setOverrideCursor(Qt::WaitCursor);
     for (const QString& path : folders) {
         const QFileInfo info(path);
-        auto item = std::make_unique<Item>();
-        item->name = parent + info.fileName();
-        item->source = info.absoluteFilePath();
-        item->isDir = true;
-        item->time = Util::FormatTime(info.lastModified());
-        const QString name = item->name;
+        const QString name = parent + info.fileName();
+        auto item = itemFor(info, name);
+        Item* added = item.get();
         if (!m_items.Insert(item))
             continue;
-        Item* added = m_items.Find(name);
-        QTreeWidgetItem* row = MakeRow(*added, true, target);
+        QTreeWidgetItem* row = MakeRow(*added, target);
         AddDirContents(added, info.absoluteFilePath(), row);
         m_copier->AddJob(info.absoluteFilePath(), StagingPath(parent).chopped(1),
                          CFileCopy::Copy);
@@ -267,15 +270,9 @@ void CPage3::AddDirContents(Item* folder, const QString& localDir, QTreeWidgetIt
     const QFileInfoList entries =
         QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries) {
-        auto item = std::make_unique<Item>();
-        item->source = entry.absoluteFilePath();
-        item->isDir = entry.isDir();
-        item->name = folder->name + kSeparator + entry.fileName();
-        item->size = entry.isDir() ? QString() : QString::number(entry.size());
-        item->time = Util::FormatTime(entry.lastModified());
         // Straight into the folder: these paths are new by construction.
-        Item* raw = m_items.Append(*folder, std::move(item));
-        QTreeWidgetItem* childRow = MakeRow(*raw, raw->isDir, row);
+        Item* raw = m_items.Append(*folder, itemFor(entry, folder->name + kSeparator + entry.fileName()));
+        QTreeWidgetItem* childRow = MakeRow(*raw, row);
         if (raw->isDir && !entry.isSymLink())
             AddDirContents(raw, entry.absoluteFilePath(), childRow);
     }

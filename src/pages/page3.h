@@ -61,7 +61,7 @@ private:
     QTreeWidgetItem* TargetRow() const;
     // Whether a "\"-ended path (empty for the top) names a folder of the list.
     bool IsFolder(const QString& parentPath) const;
-    QTreeWidgetItem* MakeRow(const Item& item, bool isDir, QTreeWidgetItem* parent);
+    QTreeWidgetItem* MakeRow(const Item& item, QTreeWidgetItem* parent);
     void AddDirContents(Item* folder, const QString& localDir, QTreeWidgetItem* row);
     QString StagingPath(const QString& name) const;
     void OnBuildFinished();

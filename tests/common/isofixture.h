@@ -31,6 +31,18 @@ inline bool WriteTree(const QString& root, const QMap<QString, QByteArray>& file
     return true;
 }
 
+// A file of `mebibytes` MiB of zeros that takes no time or disk to make
+// (sparse), for keeping a tool or worker busy. Returns the path, or an empty
+// string when it cannot be made.
+inline QString SparseFile(const QString& path, qint64 mebibytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || !file.resize(mebibytes * 1024 * 1024))
+        return QString();
+    return path;
+}
+
 // kind: "joliet" (Joliet + Rock Ridge) or "udf". Returns the image path, or an
 // empty string with the builder's words in *error.
 inline QString Build(const QString& source, const QString& image, const QString& kind, QString* error)
