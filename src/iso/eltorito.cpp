@@ -34,6 +34,7 @@ Entry entryAt(const unsigned char* p, quint8 platform)
     entry.bootable = p[0] == 0x88;
     entry.mediaByte = p[1];
     entry.media = MediaOf(p[1]);
+    entry.loadSegment = le16(p + 2);
     entry.sectorCount = le16(p + 6);
     entry.loadRba = le32(p + 8);
     entry.platform = platform;

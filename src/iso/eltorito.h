@@ -21,6 +21,7 @@ struct Entry
     bool bootable = false;
     quint8 mediaByte = 0;
     Media media = Media::NoEmulation;
+    quint16 loadSegment = 0; // 0 means the usual 0x7C0
     quint16 sectorCount = 0; // 512-byte virtual sectors
     quint32 loadRba = 0;     // first 2048-byte sector of the boot image
     quint8 platform = 0;     // 0 x86, 0xEF EFI, ... (the section header's)

@@ -38,7 +38,7 @@ QStringList Arguments(Type type, const QString& output, const QString& sourceDir
     return arguments;
 }
 
-std::optional<int> ParseProgress(const QString& line)
+std::optional<int> ParseProgress(const QString& line, bool roundToNearest)
 {
     const qsizetype at = line.indexOf(QLatin1String("% done, estimate finish"));
     if (at <= 0)
@@ -47,7 +47,40 @@ std::optional<int> ParseProgress(const QString& line)
     const float percent = line.left(at).trimmed().toFloat(&ok);
     // The figure is read in single precision and multiplied in double, then
     // cut: 0.29 gives 28, 45.61 gives 4561.
-    return ok ? static_cast<int>(static_cast<double>(percent) * 100.0) : 0;
+    if (!ok)
+        return 0;
+    const double hundredths = static_cast<double>(percent) * 100.0;
+    return roundToNearest ? qRound(hundredths) : static_cast<int>(hundredths);
+}
+
+namespace {
+
+// In a graft point "path in image=local path", "=" and "\" are escaped.
+QString graftEscaped(QString path)
+{
+    path.replace(QLatin1Char('\\'), QLatin1String("\\\\"));
+    path.replace(QLatin1Char('='), QLatin1String("\\="));
+    return path;
+}
+
+} // namespace
+
+QStringList EditArguments(const QString& label, const QStringList& bootOptions, const QString& output,
+                          const QString& sourceDir, const QList<QPair<QString, QString>>& rootFiles)
+{
+    QStringList arguments{QStringLiteral("-udf"), QStringLiteral("-J"), QStringLiteral("-R"),
+                          QStringLiteral("-joliet-long"), QStringLiteral("-allow-limited-size")};
+    if (!label.isEmpty())
+        arguments << QStringLiteral("-V") << label;
+    arguments << bootOptions << QStringLiteral("-o") << output;
+    if (rootFiles.isEmpty())
+        return arguments << sourceDir;
+    // Boot images go into the root by graft points, so the working copy
+    // itself stays exactly what the page shows.
+    arguments << QStringLiteral("-graft-points") << QStringLiteral("/=") + graftEscaped(sourceDir);
+    for (const auto& [name, path] : rootFiles)
+        arguments << graftEscaped(name) + QLatin1Char('=') + graftEscaped(path);
+    return arguments;
 }
 
 } // namespace ImageBuild

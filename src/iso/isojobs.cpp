@@ -190,19 +190,26 @@ CBuildJob::~CBuildJob()
 
 void CBuildJob::Start(ImageBuild::Type type, const QString& output, const QString& sourceDir)
 {
+    const QString absolute = QFileInfo(output).absoluteFilePath();
+    Run(ImageBuild::Arguments(type, absolute, sourceDir), absolute);
+    m_suggestUdf = type != ImageBuild::Type::Udf;
+}
+
+void CBuildJob::Run(const QStringList& arguments, const QString& output, bool roundProgress)
+{
     Stop();
-    m_type = type;
-    m_output = QFileInfo(output).absoluteFilePath();
+    m_suggestUdf = false;
+    m_roundProgress = roundProgress;
+    m_output = output;
     m_succeeded = false;
     m_message.clear();
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
-        if (const std::optional<int> value = ImageBuild::ParseProgress(line))
+        if (const std::optional<int> value = ImageBuild::ParseProgress(line, m_roundProgress))
             Q_EMIT progress(*value);
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CBuildJob::OnFinished);
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder),
-                         ImageBuild::Arguments(type, m_output, sourceDir));
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder), arguments);
     m_runner->StartCommand();
 }
 
@@ -221,7 +228,7 @@ void CBuildJob::OnFinished()
         m_message = QStringLiteral("The image could not be created. %1")
                         .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
         const QString said = m_runner->LastLines().join(QLatin1Char(' '));
-        if (m_type != ImageBuild::Type::Udf && said.contains(QLatin1String("larger than 4GiB"), Qt::CaseInsensitive))
+        if (m_suggestUdf && said.contains(QLatin1String("larger than 4GiB"), Qt::CaseInsensitive))
             m_message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
         QFile::remove(m_output);
     }

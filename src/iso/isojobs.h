@@ -105,6 +105,9 @@ public:
     ~CBuildJob() override;
 
     void Start(ImageBuild::Type type, const QString& output, const QString& sourceDir);
+    // Runs the builder with ready-made arguments that write `output`;
+    // progress is rounded to the nearest hundredth when asked, else cut.
+    void Run(const QStringList& arguments, const QString& output, bool roundProgress = false);
     void Stop();
     bool IsRunning() const { return m_runner != nullptr; }
     bool Succeeded() const { return m_succeeded; }
@@ -117,7 +120,8 @@ Q_SIGNALS:
 private:
     void OnFinished();
 
-    ImageBuild::Type m_type = ImageBuild::Type::Joliet;
+    bool m_suggestUdf = false;
+    bool m_roundProgress = false;
     QString m_output;
     CRunCommandThread* m_runner = nullptr;
     bool m_succeeded = false;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "app/util.h"
+
 namespace {
 
 constexpr QChar kSeparator = QLatin1Char('\\');
@@ -87,11 +89,41 @@ void ItemTree::Remove(const QString& path)
     siblings.erase(at);
 }
 
+bool ItemTree::Rename(const QString& path, const QString& newName)
+{
+    Item* item = Find(path);
+    const QString renamed = ReplaceLastComponent(path, newName);
+    if (item == nullptr || newName.isEmpty() || newName.contains(kSeparator) || m_index.contains(renamed))
+        return false;
+    Unindex(*item);
+    Reindex(*item, renamed);
+    return true;
+}
+
+void ItemTree::Reindex(Item& item, const QString& name)
+{
+    item.name = name;
+    m_index.insert(name, &item);
+    for (auto& child : item.children)
+        Reindex(*child, name + kSeparator + LastComponent(child->name));
+}
+
 void ItemTree::Unindex(const Item& item)
 {
     m_index.remove(item.name);
     for (const auto& child : item.children)
         Unindex(*child);
+}
+
+std::unique_ptr<Item> ItemTree::FromLocal(const QFileInfo& info, const QString& name)
+{
+    auto item = std::make_unique<Item>();
+    item->name = name;
+    item->source = info.absoluteFilePath();
+    item->isDir = info.isDir();
+    item->size = info.isDir() ? QString() : QString::number(info.size());
+    item->time = Util::FormatTime(info.lastModified());
+    return item;
 }
 
 QString ItemTree::LastComponent(const QString& path)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QFileInfo>
 #include <QHash>
 #include <QString>
 
@@ -47,6 +48,9 @@ public:
     Item* Append(Item& folder, std::unique_ptr<Item> child);
     Item* Find(const QString& path) const;
     void Remove(const QString& path);
+    // Gives the entry a new last name component, and everything below it the
+    // new path; false when the entry is missing or the new path exists.
+    bool Rename(const QString& path, const QString& newName);
 
     Item& Root() { return *m_root; }
     const Item& Root() const { return *m_root; }
@@ -55,6 +59,10 @@ public:
 
     qsizetype Count() const { return m_index.size(); }
 
+    // An entry for a local file or folder, named `name`, its source the
+    // file's absolute path.
+    static std::unique_ptr<Item> FromLocal(const QFileInfo& info, const QString& name);
+
     // Path helpers ("\" separated).
     static QString LastComponent(const QString& path);
     static QString ParentPath(const QString& path);
@@ -62,6 +70,7 @@ public:
 
 private:
     void Unindex(const Item& item);
+    void Reindex(Item& item, const QString& name);
 
     std::unique_ptr<Item> m_root;
     QHash<QString, Item*> m_index;

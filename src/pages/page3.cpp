@@ -32,18 +32,6 @@ QString localPath(QString name)
     return name.replace(kSeparator, QLatin1Char('/'));
 }
 
-// An entry for a local file or folder, named `name` inside the image.
-std::unique_ptr<Item> itemFor(const QFileInfo& info, const QString& name)
-{
-    auto item = std::make_unique<Item>();
-    item->name = name;
-    item->source = info.absoluteFilePath();
-    item->isDir = info.isDir();
-    item->size = info.isDir() ? QString() : QString::number(info.size());
-    item->time = Util::FormatTime(info.lastModified());
-    return item;
-}
-
 qint64 sizeOnDisk(const Item& folder)
 {
     qint64 total = 0;
@@ -230,7 +218,7 @@ void CPage3::OnAddFile()
     for (const QString& file : files) {
         const QFileInfo info(file);
         const QString name = parent + info.fileName();
-        auto item = itemFor(info, name);
+        auto item = ItemTree::FromLocal(info, name);
         Item* raw = item.get();
         if (!m_items.Insert(item))
             continue;
@@ -252,7 +240,7 @@ void CPage3::OnAddDir()
     for (const QString& path : folders) {
         const QFileInfo info(path);
         const QString name = parent + info.fileName();
-        auto item = itemFor(info, name);
+        auto item = ItemTree::FromLocal(info, name);
         Item* added = item.get();
         if (!m_items.Insert(item))
             continue;
@@ -271,7 +259,7 @@ void CPage3::AddDirContents(Item* folder, const QString& localDir, QTreeWidgetIt
         QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries) {
         // Straight into the folder: these paths are new by construction.
-        Item* raw = m_items.Append(*folder, itemFor(entry, folder->name + kSeparator + entry.fileName()));
+        Item* raw = m_items.Append(*folder, ItemTree::FromLocal(entry, folder->name + kSeparator + entry.fileName()));
         QTreeWidgetItem* childRow = MakeRow(*raw, row);
         if (raw->isDir && !entry.isSymLink())
             AddDirContents(raw, entry.absoluteFilePath(), childRow);

@@ -156,7 +156,8 @@ void CFileCopy::AddJob(const QString& source, const QString& target, int mode)
     job.mode = mode;
     job.source = source;
     job.target = target;
-    job.size = SourceSize(source);
+    // Only copies count; deleting or renaming has no bytes to wait for.
+    job.size = (mode == Copy || mode == CopyAs) ? SourceSize(source) : 0;
     QMutexLocker locker(&m_lock);
     job.id = m_nextId++;
     m_queue.push_back(std::move(job));
@@ -254,6 +255,17 @@ void CFileCopy::Carry(const Job& job)
                 failures << QStringLiteral("%1: %2").arg(job.source, error);
         } else if (info.exists()) {
             CopyDir(job.source, job.target, &m_copied, &m_stop, &failures);
+        } else {
+            failures << QStringLiteral("%1: no longer exists").arg(job.source);
+        }
+        break;
+    case CopyAs:
+        if (isFile) {
+            QString error;
+            if (!CopyFile(job.source, job.target, &m_copied, &m_stop, &error))
+                failures << QStringLiteral("%1: %2").arg(job.source, error);
+        } else if (info.exists()) {
+            CopyDirContents(job.source, job.target, &m_copied, &m_stop, &failures);
         } else {
             failures << QStringLiteral("%1: no longer exists").arg(job.source);
         }

@@ -22,7 +22,9 @@ class CFileCopy final : public QThread
     Q_DISABLE_COPY_MOVE(CFileCopy)
 
 public:
-    enum Mode { Copy = 0, Delete = 1, Move = 2 };
+    // Copy puts a folder into the target folder under its own name; CopyAs
+    // makes the target path itself the copy, whatever the source is called.
+    enum Mode { Copy = 0, Delete = 1, Move = 2, CopyAs = 3 };
 
     // Starts the worker at once.
     explicit CFileCopy(QObject* parent = nullptr);
