@@ -25,10 +25,10 @@ const QString kPseudoBootFolder = QStringLiteral("[BOOT]");
 
 bool isPseudoBootFolder(const Item& item)
 {
-    if (item.name != kPseudoBootFolder || !item.isDir || !item.time.isEmpty())
+    if (item.name != kPseudoBootFolder || !item.isDir || !item.time.trimmed().isEmpty())
         return false;
     for (const auto& child : item.children) {
-        if (child->isDir || !child->time.isEmpty())
+        if (child->isDir || !child->time.trimmed().isEmpty())
             return false;
     }
     return true;
