@@ -105,17 +105,21 @@ void TestMainWindow::featureButtonOpensFreshPage_data()
 {
     QTest::addColumn<QString>("button");
     QTest::addColumn<QString>("pageClass");
-    QTest::newRow("burn") << "burn" << "CComingSoonPage";
-    QTest::newRow("extract") << "extract" << "CPage2";
-    QTest::newRow("create") << "create" << "CPage3";
-    QTest::newRow("edit") << "edit" << "CComingSoonPage";
-    QTest::newRow("copy") << "copy" << "CComingSoonPage";
+    QTest::addColumn<QRect>("geometry");
+    const QRect beside(195, 107, 664, 472);
+    QTest::newRow("burn") << "burn" << "CComingSoonPage" << beside;
+    QTest::newRow("extract") << "extract" << "CPage2" << beside;
+    QTest::newRow("create") << "create" << "CPage3" << beside;
+    // The edit page takes the whole width below the header.
+    QTest::newRow("edit") << "edit" << "CPage4" << QRect(3, 107, 854, 470);
+    QTest::newRow("copy") << "copy" << "CComingSoonPage" << beside;
 }
 
 void TestMainWindow::featureButtonOpensFreshPage()
 {
     QFETCH(QString, button);
     QFETCH(QString, pageClass);
+    QFETCH(QRect, geometry);
     MainWindow window;
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
@@ -127,7 +131,7 @@ void TestMainWindow::featureButtonOpensFreshPage()
     QCOMPARE(QString(first->metaObject()->className()), pageClass);
     QVERIFY(first->isVisible());
     QVERIFY(!first->isWindow());
-    QCOMPARE(first->geometry(), QRect(195, 107, 664, 472));
+    QCOMPARE(first->geometry(), geometry);
     QVERIFY(!first->IsMovable());
     if (auto* soon = qobject_cast<CComingSoonPage*>(first.data()))
         QVERIFY(!soon->Title().isEmpty());

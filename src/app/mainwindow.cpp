@@ -15,6 +15,7 @@
 #include "pages/comingsoonpage.h"
 #include "pages/page2.h"
 #include "pages/page3.h"
+#include "pages/page4.h"
 #include "ui/baseimagectrl.h"
 
 namespace {
@@ -179,7 +180,11 @@ void MainWindow::onCreate()
 
 void MainWindow::onEdit()
 {
-    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Edit), kPageX, kPageY);
+    // The edit page covers the whole window below the header.
+    auto* page = new CPage4(this);
+    page->setParent(this);
+    page->InitializeUI();
+    ShowPage(page, 3, kPageY);
 }
 
 void MainWindow::onCopy()

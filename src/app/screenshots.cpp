@@ -3,6 +3,8 @@
 #include <QApplication>
 #include <QDir>
 #include <QLabel>
+#include <QLineEdit>
+#include <QTableView>
 #include <QMenu>
 #include <QEventLoop>
 #include <QPixmap>
@@ -15,6 +17,7 @@
 #include "app/mainwindow.h"
 #include "pages/page2.h"
 #include "pages/page3.h"
+#include "pages/page4.h"
 #include "ui/pickers.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
@@ -146,6 +149,27 @@ void RenderCreatePage(Writer& writer)
     writer.Save(QStringLiteral("page-create-files"), host);
 }
 
+void RenderEditPage(Writer& writer)
+{
+    QTemporaryDir scratch;
+    const QString image = makeSampleImage(scratch);
+    MainWindow host;
+    host.show();
+    host.onEdit();
+    auto* page = host.findChild<CPage4*>();
+    if (page == nullptr || image.isEmpty())
+        return;
+    QEventLoop loop;
+    QObject::connect(page, &CPage4::loaded, &loop, &QEventLoop::quit);
+    QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+    page->LoadImage(image);
+    loop.exec();
+    page->Table()->setFocus();
+    writer.Save(QStringLiteral("page-edit-image"), host);
+    page->Search()->setText(QStringLiteral("IN"));
+    writer.Save(QStringLiteral("page-edit-search"), host);
+}
+
 void RenderDialogs(Writer& writer)
 {
     CAboutusDialog about;
@@ -175,6 +199,11 @@ void RenderDialogs(Writer& writer)
     burning.SetValue(45);
     burning.DisableStop();
     writer.Save(QStringLiteral("dialog-progress-no-stop"), burning);
+
+    auto question = MessageDialogs::Question(QStringLiteral(
+        "The boot setup of this image cannot be carried over (BIOS boot image: its catalogue entry does not "
+        "say how long it is). The saved image will hold the files but will not boot. Save it anyway?"));
+    writer.Save(QStringLiteral("dialog-question"), *question);
 
     CInputDialog input;
     input.SetInputText(QStringLiteral("  new name.txt  "));
@@ -211,6 +240,7 @@ QStringList RenderAll(const QString& directory, QString* error)
     RenderMainWindow(writer);
     RenderExtractPage(writer);
     RenderCreatePage(writer);
+    RenderEditPage(writer);
     RenderDialogs(writer);
     if (!writer.Failed().isEmpty()) {
         if (error)

@@ -56,6 +56,8 @@ public:
     static void ShowMessage(const QString& text);
     static void ShowFinished(const QString& text, const QString& folder);
     static int ConfirmPicture(const QString& picture);
+    // Asks with OK and Cancel; true for OK.
+    static bool Confirm(const QString& text);
 
     // Pickers (defined in the GUI library); empty when cancelled
     static QString OpenFileDialog(QWidget* parent, const QString& filter);

@@ -24,6 +24,11 @@ void Util::ShowFinished(const QString& text, const QString& folder)
     MessageDialogs::Finished(text, folder)->exec();
 }
 
+bool Util::Confirm(const QString& text)
+{
+    return MessageDialogs::Question(text)->exec() == QDialog::Accepted;
+}
+
 int Util::ConfirmPicture(const QString& picture)
 {
     return MessageDialogs::Confirm(picture)->exec();

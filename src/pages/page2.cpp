@@ -62,47 +62,12 @@ void CPage2::InitializeUI()
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CPage2::OnBack);
     connect(m_extractButton, qOverload<>(&CImageButton::clicked), this, &CPage2::OnExtract);
 
-    m_tree = new QTreeWidget(this);
-    m_tree->setObjectName(QStringLiteral("tree"));
-    m_tree->move(10, 54);
-    m_tree->setFixedSize(213, 350);
-    m_tree->setHeaderHidden(true);
-    m_tree->setFrameShape(QFrame::NoFrame);
-    m_tree->setSelectionMode(QAbstractItemView::SingleSelection);
-    m_tree->header()->setSectionResizeMode(QHeaderView::ResizeToContents);
-    m_tree->header()->setStretchLastSection(false);
-    m_tree->setAttribute(Qt::WA_MacShowFocusRect, false);
-    m_tree->setStyleSheet(FileListStyle::FolderTree());
+    m_tree = ContentsView::MakeTree(this, QRect(10, 54, 213, 350), FileListStyle::FolderTree());
     connect(m_tree, &QTreeWidget::itemClicked, this, &CPage2::OnTreeCurrentChanged);
 
-    m_table = new QTableView(this);
-    m_table->setObjectName(QStringLiteral("list"));
-    m_table->move(223, 54);
-    m_table->setFixedSize(431, 350);
-    m_model = new CFolderModel(m_table);
-    m_table->setModel(m_model);
-    m_header = new SCheckBoxHeaderView(Qt::Horizontal, m_table);
-    m_table->setHorizontalHeader(m_header);
-    m_header->setVisible(true);
-    m_header->setHighlightSections(false);
-    QFont headerFont = m_header->font();
-    headerFont.setWeight(QFont::Normal);
-    m_header->setFont(headerFont);
-    m_table->verticalHeader()->setVisible(false);
-    // Rows of one height: the view then never measures a hundred thousand of them.
-    m_table->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
-    m_table->verticalHeader()->setDefaultSectionSize(30);
     // Quarters of the width would cut the 19-character time text short; the
     // columns are sized to what they hold instead, together the same width.
-    const int widths[] = {140, 72, 88, 129};
-    for (int column = 0; column < 4; ++column)
-        m_table->setColumnWidth(column, widths[column]);
-    m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
-    m_table->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    m_table->setEditTriggers(QAbstractItemView::NoEditTriggers);
-    m_table->setItemDelegate(new NoFocusDelegate(m_table));
-    m_table->setContextMenuPolicy(Qt::CustomContextMenu);
-    m_table->setStyleSheet(FileListStyle::Table());
+    m_table = ContentsView::MakeTable(this, QRect(223, 54, 431, 350), {140, 72, 88, 129}, &m_model, &m_header);
     m_table->viewport()->installEventFilter(this);
     connect(m_table, &QTableView::doubleClicked, this, &CPage2::OnListViewDoubleClicked);
     connect(m_table, &QTableView::clicked, this, &CPage2::OnListViewClicked);

@@ -5,6 +5,17 @@
 #include "app/util.h"
 #include "ui/baseimagectrl.h"
 
+namespace {
+
+constexpr int kWidth = 420;
+constexpr int kHeight = 188;
+constexpr int kLabelWidth = 351;
+constexpr int kLabelHeight = 41;
+constexpr int kButtonsY = 140;
+constexpr int kMaxGrowth = 320;
+
+} // namespace
+
 CommDialog::CommDialog(QWidget* /*parent*/) : ImageDialog(false)
 {
     setObjectName(QStringLiteral("CommDialog"));
@@ -24,12 +35,14 @@ CommDialog::CommDialog(QWidget* /*parent*/) : ImageDialog(false)
     m_label->setGeometry(40, 70, 351, 41);
     m_label->setStyleSheet(QStringLiteral("font:13px;\ncolor:#606060;"));
     m_label->setWordWrap(false);
+    m_label->setTextInteractionFlags(Qt::TextSelectableByMouse);
     m_label->setText(tr("TextLabel"));
 
     setWindowTitle(QStringLiteral("Brenta"));
     SetMovable(true);
     setModal(true);
     SetBackgroundImage(QStringLiteral(":/nwu/commdialogbg"));
+    SetStretchBand(60, 120);
 
     m_btnclose->SetImages(QStringLiteral(":/nwu/close_small_1"), QStringLiteral(":/nwu/close_small_2"),
                           QStringLiteral(":/nwu/close_small_3"), QStringLiteral(":/nwu/close_small_3"));
@@ -46,6 +59,16 @@ CommDialog::CommDialog(QWidget* /*parent*/) : ImageDialog(false)
 void CommDialog::SetText(const QString& text)
 {
     m_label->setText(text);
+    if (!m_label->wordWrap())
+        return;
+    // A long message (a tool's own words, say) makes the dialog taller
+    // instead of being cut off; the white middle of the picture stretches.
+    m_label->ensurePolished();
+    const int grow = qBound(0, m_label->heightForWidth(kLabelWidth) - kLabelHeight, kMaxGrowth);
+    m_label->setFixedHeight(kLabelHeight + grow);
+    m_btnok->move(m_btnok->x(), kButtonsY + grow);
+    m_btncancel->move(m_btncancel->x(), kButtonsY + grow);
+    setFixedSize(kWidth, kHeight + grow);
 }
 
 void CommDialog::SetWordWrap()

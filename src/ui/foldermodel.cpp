@@ -8,15 +8,39 @@ void CFolderModel::SetFolder(const Item* folder)
 {
     beginResetModel();
     m_folder = folder;
-    m_checked.assign(folder ? folder->children.size() : 0, 0);
+    m_rows.clear();
+    if (folder && !m_filter.isEmpty()) {
+        for (size_t i = 0; i < folder->children.size(); ++i) {
+            if (ItemTree::LastComponent(folder->children[i]->name).contains(m_filter, Qt::CaseInsensitive))
+                m_rows.push_back(static_cast<int>(i));
+        }
+    }
+    m_checked.assign(static_cast<size_t>(rowCount()), 0);
     endResetModel();
+}
+
+void CFolderModel::SetFilter(const QString& filter)
+{
+    m_filter = filter.trimmed();
+    SetFolder(m_folder);
 }
 
 const Item* CFolderModel::ItemAt(int row) const
 {
     if (m_folder == nullptr || row < 0 || row >= rowCount())
         return nullptr;
-    return m_folder->children[static_cast<size_t>(row)].get();
+    const size_t child = m_filter.isEmpty() ? static_cast<size_t>(row) : static_cast<size_t>(m_rows[size_t(row)]);
+    return m_folder->children[child].get();
+}
+
+QList<const Item*> CFolderModel::CheckedItems() const
+{
+    QList<const Item*> items;
+    for (int row = 0; row < rowCount(); ++row) {
+        if (m_checked[static_cast<size_t>(row)])
+            items << ItemAt(row);
+    }
+    return items;
 }
 
 bool CFolderModel::IsChecked(int row) const
@@ -44,10 +68,8 @@ void CFolderModel::SetAllChecked(bool checked)
 QStringList CFolderModel::CheckedNames() const
 {
     QStringList names;
-    for (int row = 0; row < rowCount(); ++row) {
-        if (m_checked[static_cast<size_t>(row)])
-            names << ItemTree::LastComponent(ItemAt(row)->name);
-    }
+    for (const Item* item : CheckedItems())
+        names << ItemTree::LastComponent(item->name);
     return names;
 }
 
@@ -55,7 +77,7 @@ int CFolderModel::rowCount(const QModelIndex& parent) const
 {
     if (parent.isValid() || m_folder == nullptr)
         return 0;
-    return static_cast<int>(m_folder->children.size());
+    return static_cast<int>(m_filter.isEmpty() ? m_folder->children.size() : m_rows.size());
 }
 
 int CFolderModel::columnCount(const QModelIndex& parent) const

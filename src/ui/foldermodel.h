@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QAbstractTableModel>
+#include <QList>
 #include <QStringList>
 
 #include <vector>
@@ -22,10 +23,15 @@ public:
 
     explicit CFolderModel(QObject* parent = nullptr) : QAbstractTableModel(parent) {}
 
-    // Shows the folder's children, all unticked; null shows nothing.
+    // Shows the folder's children, all unticked; null shows nothing. With a
+    // filter set, only children whose name contains it (ignoring case) show.
     void SetFolder(const Item* folder);
+    void SetFilter(const QString& filter);
+    QString Filter() const { return m_filter; }
     const Item* Folder() const { return m_folder; }
     const Item* ItemAt(int row) const;
+    // The items of the ticked rows, in row order.
+    QList<const Item*> CheckedItems() const;
 
     bool IsChecked(int row) const;
     void SetChecked(int row, bool checked);
@@ -42,5 +48,7 @@ public:
 
 private:
     const Item* m_folder = nullptr;
+    QString m_filter;
+    std::vector<int> m_rows; // the children shown, when filtered
     std::vector<char> m_checked;
 };

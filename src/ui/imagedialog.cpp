@@ -88,7 +88,25 @@ void ImageDialog::paintEvent(QPaintEvent* event)
         return;
     }
     QPainter painter(this);
-    painter.drawPixmap(rect(), QPixmap(m_background));
+    const QPixmap picture(m_background);
+    const int pictureHeight = picture.height();
+    if (m_bandTop < 0 || height() <= pictureHeight || m_bandBottom > pictureHeight) {
+        painter.drawPixmap(rect(), picture);
+        return;
+    }
+    const int below = pictureHeight - m_bandBottom;
+    painter.drawPixmap(QRect(0, 0, width(), m_bandTop), picture, QRect(0, 0, picture.width(), m_bandTop));
+    painter.drawPixmap(QRect(0, m_bandTop, width(), height() - below - m_bandTop), picture,
+                       QRect(0, m_bandTop, picture.width(), m_bandBottom - m_bandTop));
+    painter.drawPixmap(QRect(0, height() - below, width(), below), picture,
+                       QRect(0, m_bandBottom, picture.width(), below));
+}
+
+void ImageDialog::SetStretchBand(int top, int bottom)
+{
+    m_bandTop = top;
+    m_bandBottom = bottom;
+    update();
 }
 
 void ImageDialog::moveEvent(QMoveEvent* event)

@@ -22,6 +22,10 @@ public:
     void SetBackgroundImage(const QString& path);
     void SetBackgroundColor(const QColor& color);
     void SetMovable(bool movable);
+    // When the window is taller than its picture, only the picture's rows
+    // from `top` to `bottom` are stretched; above and below are drawn as they
+    // are. Without a band the whole picture is scaled to the window.
+    void SetStretchBand(int top, int bottom);
 
     QString BackgroundImage() const { return m_background; }
     bool IsMovable() const { return m_movable; }
@@ -47,6 +51,8 @@ protected:
 
 private:
     QString m_background;
+    int m_bandTop = -1;
+    int m_bandBottom = -1;
     bool m_movable = false;
     bool m_dragging = false;
     bool m_dragStarted = false;

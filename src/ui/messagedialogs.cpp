@@ -22,6 +22,14 @@ std::unique_ptr<CommDialog> Finished(const QString& text, const QString& folder)
     return dialog;
 }
 
+std::unique_ptr<CommDialog> Question(const QString& text)
+{
+    auto dialog = std::make_unique<CommDialog>();
+    dialog->SetWordWrap();
+    dialog->SetText(text);
+    return dialog;
+}
+
 std::unique_ptr<CommDialog> Confirm(const QString& picture)
 {
     auto dialog = std::make_unique<CommDialog>();

@@ -1,0 +1,455 @@
+#include "pages/page4.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDebug>
+#include <QFileInfo>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QMouseEvent>
+#include <QTableView>
+#include <QTimer>
+#include <QTreeWidget>
+
+#include "app/util.h"
+#include "ui/baseimagectrl.h"
+#include "ui/contentsview.h"
+#include "ui/filelistwidgets.h"
+#include "ui/foldermodel.h"
+#include "ui/inputdialog.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+// A click this close to a row's left edge lands on its check box, which
+// toggles by itself.
+constexpr int kCheckBoxEdge = 16;
+constexpr int kDefaultWidth = 854;
+constexpr int kDefaultHeight = 470;
+
+} // namespace
+
+CPage4::CPage4(QWidget* mainWindow) : ImageDialog(false)
+{
+    setObjectName(QStringLiteral("CPage4"));
+    setWindowTitle(QStringLiteral("Dialog"));
+    // The page covers the main window below its header.
+    const QSize size = mainWindow ? QSize(mainWindow->width() - 6, mainWindow->height() - 110)
+                                  : QSize(kDefaultWidth, kDefaultHeight);
+    setFixedSize(size);
+    m_progress = new CProgressDialog;
+    connect(m_progress, &CProgressDialog::SigCancel, this, &CPage4::StopCreate);
+    connect(&m_session, &CEditSession::listed, this, &CPage4::OnUnzipFinished);
+    connect(&m_session, &CEditSession::extracted, this, &CPage4::OnExtractFinished);
+    connect(&m_session, &CEditSession::progress, this, &CPage4::ShowProgress);
+    connect(&m_session, &CEditSession::exportFinished, this, &CPage4::OnExported);
+    connect(&m_session, &CEditSession::saveFinished, this, &CPage4::OnSaved);
+}
+
+CPage4::~CPage4()
+{
+    delete m_progress;
+    if (m_waitCursor)
+        QApplication::restoreOverrideCursor();
+}
+
+void CPage4::InitializeUI()
+{
+    qDebug() << "CPage4::InitializeUI() is called!!";
+    // The picture is drawn scaled to the page, which keeps its own size.
+    const QSize pageSize = size();
+    SetBackgroundImage(QStringLiteral(":/nwu/page4"));
+    setFixedSize(pageSize);
+    SetBackgroundColor(Qt::white);
+
+    const auto button = [this](const char* name, const char* stem, int x, int y, void (CPage4::*slot)()) {
+        CImageButton* made = MakePictureButton(this, name, QLatin1String(stem), x, y);
+        connect(made, qOverload<>(&CImageButton::clicked), this, slot);
+        m_buttons << made;
+        return made;
+    };
+    button("loadiso", ":/nwu/loadiso", 11, 16, &CPage4::OnLoadISO);
+    button("add", ":/nwu/Add", 226, 24, &CPage4::OnAdd);
+    button("export_2", ":/nwu/Export", 303, 24, &CPage4::OnExport);
+    button("rename", ":/nwu/Rename", 399, 24, &CPage4::OnRename);
+    button("delete_2", ":/nwu/Delete", 509, 24, &CPage4::OnDelete);
+    button("new_2", ":/nwu/New", 609, 24, &CPage4::OnNew)->hide();
+    button("back", ":/nwu/backwhite", 11, 416, &CPage4::OnBack);
+    button("save", ":/nwu/save", 741, 416, &CPage4::OnSave);
+
+    m_search = new QLineEdit(this);
+    m_search->setObjectName(QStringLiteral("search"));
+    m_search->move(711, 16);
+    m_search->setFixedSize(136, 27);
+    m_search->setStyleSheet(QStringLiteral("padding-left:28px;"));
+    m_search->setPlaceholderText(QStringLiteral("Search"));
+    auto* zoom = new QLabel(m_search);
+    zoom->setObjectName(QStringLiteral("zoom"));
+    const QPixmap magnifier(QStringLiteral(":/nwu/zoom"));
+    zoom->setPixmap(magnifier);
+    zoom->setFixedSize(magnifier.size());
+    zoom->move(6, (m_search->height() - magnifier.height()) / 2);
+    zoom->setAttribute(Qt::WA_TransparentForMouseEvents);
+    // The box's padding would otherwise reach the label and push the picture out.
+    zoom->setStyleSheet(QStringLiteral("padding:0px;"));
+    connect(m_search, &QLineEdit::textChanged, this, &CPage4::OnSearch);
+
+    m_tree = ContentsView::MakeTree(this, QRect(11, 58, 179, 338), FileListStyle::Table());
+    connect(m_tree, &QTreeWidget::itemClicked, this, &CPage4::OnTreeCurrentChanged);
+    m_table = ContentsView::MakeTable(this, QRect(190, 58, 658, 338), {236, 80, 164, 176}, &m_model, &m_header);
+    m_table->viewport()->installEventFilter(this);
+    connect(m_table, &QTableView::doubleClicked, this, &CPage4::OnListViewDoubleClicked);
+    connect(m_table, &QTableView::clicked, this, &CPage4::OnListViewClicked);
+    connect(m_table, &QTableView::customContextMenuRequested, this, &CPage4::OnListContextMenuRequest);
+    connect(m_header, &SCheckBoxHeaderView::checkStausChange, this, &CPage4::slotSelectAll);
+
+    // While the working copy is being filled, a line between Back and Save
+    // says so: edits are taken and carried out once it is complete.
+    m_status = new QLabel(this);
+    m_status->setObjectName(QStringLiteral("status"));
+    m_status->setGeometry(130, 424, 590, 20);
+    m_status->setAlignment(Qt::AlignCenter);
+    m_status->setStyleSheet(QStringLiteral("color:#606060; font-size:12px;"));
+    m_status->hide();
+    m_statusTimer = new QTimer(this);
+    m_statusTimer->setInterval(200);
+    connect(m_statusTimer, &QTimer::timeout, this, &CPage4::UpdateStatus);
+
+    m_menu = new QMenu(this);
+    const auto action = [this](const QString& text, void (CPage4::*slot)(), const QKeySequence& key) {
+        QAction* made = m_menu->addAction(text);
+        connect(made, &QAction::triggered, this, slot);
+        if (!key.isEmpty()) {
+            // The same keys work on the table without opening the menu.
+            auto* shortcut = new QAction(m_table);
+            shortcut->setShortcut(key);
+            shortcut->setShortcutContext(Qt::WidgetShortcut);
+            connect(shortcut, &QAction::triggered, this, slot);
+            m_table->addAction(shortcut);
+        }
+        return made;
+    };
+    action(QStringLiteral("Add(&A)"), &CPage4::OnAdd, QKeySequence(Qt::Key_Insert));
+    action(QStringLiteral("Export(&E)"), &CPage4::OnExport, QKeySequence());
+    action(QStringLiteral("Rename(&R)"), &CPage4::OnRename, QKeySequence(Qt::Key_F2));
+    action(QStringLiteral("Delete(&D)"), &CPage4::OnDelete, QKeySequence(QKeySequence::Delete));
+    // New has nothing to make: shown, but not offered.
+    action(QStringLiteral("New(&N)"), &CPage4::OnNew, QKeySequence())->setEnabled(false);
+}
+
+void CPage4::SetButtonsEnabled(bool enabled)
+{
+    if (!enabled && !m_waitCursor) {
+        QApplication::setOverrideCursor(Qt::WaitCursor);
+        m_waitCursor = true;
+    } else if (enabled && m_waitCursor) {
+        QApplication::restoreOverrideCursor();
+        m_waitCursor = false;
+    }
+    for (CImageButton* button : std::as_const(m_buttons))
+        button->setEnabled(enabled);
+    m_table->setEnabled(enabled);
+    m_tree->setEnabled(enabled);
+}
+
+void CPage4::OnLoadISO()
+{
+    const QString path = Util::OpenFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
+    if (path.isEmpty() || !QFileInfo::exists(path))
+        return;
+    LoadImage(path);
+}
+
+void CPage4::LoadImage(const QString& path)
+{
+    SetButtonsEnabled(false);
+    ResetContents();
+    m_session.Load(path);
+    m_statusTimer->start();
+    UpdateStatus();
+}
+
+void CPage4::ResetContents()
+{
+    m_current = nullptr;
+    m_tree->clear();
+    FillTable();
+}
+
+void CPage4::OnUnzipFinished(bool succeeded)
+{
+    SetButtonsEnabled(true);
+    if (!succeeded) {
+        m_statusTimer->stop();
+        m_status->hide();
+        ResetContents();
+        Util::ShowMessage(m_session.LoadProblem());
+        Q_EMIT loaded(false);
+        return;
+    }
+    ContentsView::FillTree(m_tree, m_session.Contents());
+    m_current = &m_session.Contents().Root();
+    FillTable();
+    if (!m_session.IsExtracting())
+        Q_EMIT loaded(true);
+}
+
+void CPage4::OnExtractFinished(bool succeeded)
+{
+    qDebug() << "CPage4::OnExtractFinished() is called!!";
+    m_statusTimer->stop();
+    m_status->hide();
+    if (!succeeded) {
+        SetButtonsEnabled(true);
+        ResetContents();
+        // A save that was waiting ends through the session; only the load's
+        // problem is told here.
+        if (!m_session.IsBusy())
+            Util::ShowMessage(m_session.LoadProblem());
+        Q_EMIT loaded(false);
+        return;
+    }
+    if (!m_session.IsListing())
+        Q_EMIT loaded(true);
+}
+
+void CPage4::UpdateStatus()
+{
+    if (!m_session.IsExtracting()) {
+        m_status->hide();
+        return;
+    }
+    m_status->setText(QStringLiteral("Reading the image: %1%").arg(m_session.ExtractProgress()));
+    m_status->show();
+}
+
+void CPage4::FillTable()
+{
+    m_model->SetFolder(m_current);
+}
+
+void CPage4::OnSearch()
+{
+    m_model->SetFilter(m_search->text());
+}
+
+void CPage4::OnTreeCurrentChanged()
+{
+    QTreeWidgetItem* item = m_tree->currentItem();
+    if (item == nullptr)
+        return;
+    item->setSelected(true);
+    m_current = ContentsView::ItemOf(item);
+    FillTable();
+}
+
+void CPage4::OnListViewDoubleClicked(const QModelIndex& index)
+{
+    // The row shown, whatever the search leaves out.
+    const Item* child = m_model->ItemAt(index.row());
+    if (child == nullptr || !child->isDir)
+        return;
+    m_current = const_cast<Item*>(child);
+    RefreshTreeWidget();
+    FillTable();
+}
+
+void CPage4::RefreshTreeWidget()
+{
+    ContentsView::ShowInTree(m_tree, m_current);
+}
+
+bool CPage4::eventFilter(QObject* watched, QEvent* event)
+{
+    if (m_table != nullptr && watched == m_table->viewport() && event->type() == QEvent::MouseButtonPress)
+        m_lastPressX = static_cast<QMouseEvent*>(event)->position().toPoint().x();
+    return ImageDialog::eventFilter(watched, event);
+}
+
+void CPage4::OnListViewClicked(const QModelIndex& index)
+{
+    if (!index.isValid() || index.row() >= m_model->rowCount() || m_lastPressX <= kCheckBoxEdge)
+        return;
+    m_model->SetChecked(index.row(), !m_model->IsChecked(index.row()));
+}
+
+void CPage4::slotSelectAll(bool bChecked)
+{
+    m_model->SetAllChecked(bChecked);
+}
+
+void CPage4::OnListContextMenuRequest(const QPoint& /*pos*/)
+{
+    m_menu->exec(QCursor::pos());
+}
+
+void CPage4::OnAdd()
+{
+    if (m_current == nullptr)
+        return;
+    const QStringList paths = Util::SelectFilesAndDirsDialog(this);
+    if (paths.isEmpty() || m_current == nullptr)
+        return;
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    const QList<Item*> added = m_session.Add(*m_current, paths);
+    QTreeWidgetItem* folderItem = ContentsView::FindTreeItem(m_tree->topLevelItem(0), m_current);
+    for (Item* item : added) {
+        if (item->isDir && folderItem)
+            ContentsView::AddFolder(folderItem, item);
+    }
+    FillTable();
+    QApplication::restoreOverrideCursor();
+}
+
+void CPage4::OnExport()
+{
+    const QList<const Item*> items = m_model->CheckedItems();
+    if (items.isEmpty()) {
+        Util::ShowMessage(QStringLiteral("Please select files or directorys in the list first."));
+        return;
+    }
+    const QString destination = Util::OpenDirectoryDialog(this);
+    if (destination.isEmpty())
+        return;
+    m_destination = destination;
+    SetButtonsEnabled(false);
+    m_progressPhase = -1;
+    m_progress->show();
+    m_session.Export(items, destination);
+}
+
+void CPage4::OnRename()
+{
+    const QList<const Item*> items = m_model->CheckedItems();
+    if (items.isEmpty()) {
+        Util::ShowMessage(QStringLiteral("Please select one row in the table list first"));
+        return;
+    }
+    Item* item = const_cast<Item*>(items.first());
+    const QString old = ItemTree::LastComponent(item->name);
+    CInputDialog dialog;
+    dialog.SetInputText(old);
+    if (dialog.exec() != QDialog::Accepted)
+        return;
+    QString why;
+    if (!m_session.Rename(*item, dialog.GetInputText(), &why)) {
+        if (!why.isEmpty())
+            Util::ShowMessage(why);
+        return;
+    }
+    if (item->isDir) {
+        if (QTreeWidgetItem* treeItem = ContentsView::FindTreeItem(m_tree->topLevelItem(0), item))
+            treeItem->setText(0, ItemTree::LastComponent(item->name));
+    }
+    FillTable();
+}
+
+void CPage4::OnDelete()
+{
+    const QList<const Item*> items = m_model->CheckedItems();
+    if (items.isEmpty()) {
+        Util::ShowMessage(QStringLiteral("Please select one row in the table list first"));
+        return;
+    }
+    QList<Item*> doomed;
+    for (const Item* item : items) {
+        // Tree items hold their folder: they go before the folder does.
+        if (item->isDir)
+            delete ContentsView::FindTreeItem(m_tree->topLevelItem(0), item);
+        doomed << const_cast<Item*>(item);
+    }
+    m_model->SetFolder(nullptr);
+    m_session.Remove(doomed);
+    FillTable();
+}
+
+void CPage4::OnNew() {}
+
+void CPage4::OnBack()
+{
+    // The page goes with its session: tools stopped, worker joined, working
+    // copy removed.
+    m_session.Stop();
+    hide();
+    deleteLater();
+}
+
+void CPage4::OnSave()
+{
+    if (m_session.Contents().Root().children.empty()) {
+        Util::ShowMessage(QStringLiteral("Please add files or directorys first!"));
+        return;
+    }
+    const BootSetup::Plan& boot = m_session.Boot();
+    if (boot.originalBoots && !boot.Reproducible() && !Util::Confirm(boot.Warning()))
+        return;
+    const QString output = Util::SaveFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
+    if (output.isEmpty())
+        return;
+    SetButtonsEnabled(false);
+    m_progressPhase = -1;
+    m_progress->show();
+    m_session.Save(output);
+}
+
+void CPage4::ShowProgress(CEditSession::Phase phase, qint64 value, qint64 maximum)
+{
+    if (int(phase) != m_progressPhase) {
+        m_progressPhase = int(phase);
+        switch (phase) {
+        case CEditSession::Phase::Extracting:
+            m_progress->SetText(QStringLiteral("Extracting iso..."));
+            break;
+        case CEditSession::Phase::Copying:
+            m_progress->SetText(QStringLiteral("Copy files and directories..."));
+            break;
+        case CEditSession::Phase::Building:
+            m_progress->SetText(QStringLiteral("Saving ISO file..."));
+            break;
+        }
+    }
+    m_progress->SetRange(0, int(qMax<qint64>(maximum, 1)));
+    m_progress->SetValue(int(value));
+}
+
+void CPage4::OnExported(bool succeeded, const QString& message)
+{
+    m_progress->hide();
+    SetButtonsEnabled(true);
+    if (succeeded)
+        Util::ShowFinished(QStringLiteral("Export Successfully !"), m_destination);
+    else
+        Util::ShowMessage(message);
+    Q_EMIT exportDone(succeeded);
+}
+
+void CPage4::OnSaved(bool succeeded, const QString& message)
+{
+    m_progress->hide();
+    SetButtonsEnabled(true);
+    if (succeeded)
+        Util::ShowFinished(QStringLiteral("Save ISO file successfully!"),
+                           QFileInfo(m_session.OutputPath()).absolutePath());
+    else
+        Util::ShowMessage(message);
+    Q_EMIT saveDone(succeeded);
+}
+
+void CPage4::StopCreate()
+{
+    m_session.Stop();
+    m_progress->hide();
+    SetButtonsEnabled(true);
+}
+
+void CPage4::keyPressEvent(QKeyEvent* event)
+{
+    // Escape would reject the dialog the page is built on and leave it half alive.
+    if (event->key() == Qt::Key_Escape) {
+        event->accept();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}
