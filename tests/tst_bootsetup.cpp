@@ -1,5 +1,7 @@
 #include <QtTest>
 
+#include "common/bytes.h"
+
 #include "iso/bootsetup.h"
 #include "iso/imagebuild.h"
 
@@ -8,17 +10,8 @@ namespace {
 constexpr int kSector = 2048;
 constexpr quint32 kBootRba = 4;
 
-void put16(QByteArray& bytes, int at, quint16 value)
-{
-    bytes[at] = char(value & 0xFF);
-    bytes[at + 1] = char(value >> 8);
-}
-
-void put32(QByteArray& bytes, int at, quint32 value)
-{
-    for (int i = 0; i < 4; ++i)
-        bytes[at + i] = char((value >> (8 * i)) & 0xFF);
-}
+using Bytes::Put16;
+using Bytes::Put32;
 
 // An image of `sectors` sectors whose boot image (at sector 4) starts with `head`.
 QByteArray imageWith(const QByteArray& head, int sectors)
@@ -42,9 +35,9 @@ QByteArray withBootSignature(QByteArray head)
 QByteArray fatHead(quint16 bytesPerSector, quint16 smallCount, quint32 largeCount)
 {
     QByteArray head(kSector, '\0');
-    put16(head, 11, bytesPerSector);
-    put16(head, 19, smallCount);
-    put32(head, 32, largeCount);
+    Put16(head, 11, bytesPerSector);
+    Put16(head, 19, smallCount);
+    Put32(head, 32, largeCount);
     return withBootSignature(head);
 }
 
@@ -52,8 +45,8 @@ QByteArray mbrHead(quint32 start, quint32 count)
 {
     QByteArray head(kSector, '\0');
     head[446 + 4] = 0x0C;
-    put32(head, 446 + 8, start);
-    put32(head, 446 + 12, count);
+    Put32(head, 446 + 8, start);
+    Put32(head, 446 + 12, count);
     return withBootSignature(head);
 }
 
@@ -63,14 +56,14 @@ QByteArray infoTableLoader(int length, quint32 rba, bool goodChecksum)
     QByteArray loader(length, '\0');
     for (int i = 0; i < length; ++i)
         loader[i] = char((i * 13 + 1) & 0xFF);
-    put32(loader, 8, 16);
-    put32(loader, 12, rba);
-    put32(loader, 16, quint32(length));
+    Put32(loader, 8, 16);
+    Put32(loader, 12, rba);
+    Put32(loader, 16, quint32(length));
     quint32 sum = 0;
     for (int i = 64; i + 4 <= length; i += 4)
         sum += quint8(loader[i]) | (quint8(loader[i + 1]) << 8) | (quint8(loader[i + 2]) << 16) |
                (quint32(quint8(loader[i + 3])) << 24);
-    put32(loader, 20, goodChecksum ? sum : sum + 1);
+    Put32(loader, 20, goodChecksum ? sum : sum + 1);
     return loader;
 }
 

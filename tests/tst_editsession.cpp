@@ -1,5 +1,7 @@
 #include <QtTest>
 
+#include "common/bytes.h"
+
 #include "common/isofixture.h"
 #include "iso/editsession.h"
 #include "iso/eltorito.h"
@@ -9,17 +11,8 @@ namespace {
 
 using Phase = CEditSession::Phase;
 
-void put16(QByteArray& bytes, int at, quint16 value)
-{
-    bytes[at] = char(value & 0xFF);
-    bytes[at + 1] = char(value >> 8);
-}
-
-void put32(QByteArray& bytes, int at, quint32 value)
-{
-    for (int i = 0; i < 4; ++i)
-        bytes[at + i] = char((value >> (8 * i)) & 0xFF);
-}
+using Bytes::Put16;
+using Bytes::Put32;
 
 QByteArray pattern(int length, int seed)
 {
@@ -32,8 +25,8 @@ QByteArray pattern(int length, int seed)
 QByteArray fatImage(int sectors)
 {
     QByteArray image = pattern(sectors * 512, 17);
-    put16(image, 11, 512);
-    put16(image, 19, quint16(sectors));
+    Put16(image, 11, 512);
+    Put16(image, 19, quint16(sectors));
     image[510] = char(0x55);
     image[511] = char(0xAA);
     return image;
@@ -45,8 +38,8 @@ QByteArray diskImage()
     disk.replace(446, 64, QByteArray(64, '\0'));
     disk[446] = char(0x80);
     disk[450] = 0x0C;
-    put32(disk, 454, 1);
-    put32(disk, 458, 2047);
+    Put32(disk, 454, 1);
+    Put32(disk, 458, 2047);
     disk[510] = char(0x55);
     disk[511] = char(0xAA);
     return disk;

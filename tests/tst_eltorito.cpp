@@ -1,5 +1,7 @@
 #include <QtTest>
 
+#include "common/bytes.h"
+
 #include "common/isofixture.h"
 #include "iso/eltorito.h"
 #include "app/util.h"
@@ -27,17 +29,8 @@ struct Layout
     bool efiSection = false;
 };
 
-void put16(QByteArray& bytes, int at, quint16 value)
-{
-    bytes[at] = char(value & 0xFF);
-    bytes[at + 1] = char(value >> 8);
-}
-
-void put32(QByteArray& bytes, int at, quint32 value)
-{
-    for (int i = 0; i < 4; ++i)
-        bytes[at + i] = char((value >> (8 * i)) & 0xFF);
-}
+using Bytes::Put16;
+using Bytes::Put32;
 
 QByteArray makeImage(const Layout& layout)
 {
@@ -49,7 +42,7 @@ QByteArray makeImage(const Layout& layout)
     bytes.replace(record + 1, 5, "CD001");
     bytes[record + 6] = 1;
     bytes.replace(record + 7, layout.signature.size(), layout.signature);
-    put32(bytes, record + 71, layout.catalogSector);
+    Put32(bytes, record + 71, layout.catalogSector);
 
     const int catalog = 19 * kSector;
     bytes.replace(catalog, kSector, QByteArray(kSector, '\0'));
@@ -59,18 +52,18 @@ QByteArray makeImage(const Layout& layout)
     quint16 sum = 0;
     for (int i = 0; i < 32; i += 2)
         sum += quint16(quint8(bytes[catalog + i]) | (quint8(bytes[catalog + i + 1]) << 8));
-    put16(bytes, catalog + 28, quint16(-sum + (layout.breakChecksum ? 1 : 0)));
+    Put16(bytes, catalog + 28, quint16(-sum + (layout.breakChecksum ? 1 : 0)));
     bytes[catalog + 32] = char(layout.indicator);
     bytes[catalog + 33] = char(layout.media);
-    put16(bytes, catalog + 38, layout.count);
-    put32(bytes, catalog + 40, layout.loadRba);
+    Put16(bytes, catalog + 38, layout.count);
+    Put32(bytes, catalog + 40, layout.loadRba);
     if (layout.efiSection) {
         bytes[catalog + 64] = char(0x91);
         bytes[catalog + 65] = char(0xEF);
-        put16(bytes, catalog + 66, 1);
+        Put16(bytes, catalog + 66, 1);
         bytes[catalog + 96] = char(0x88);
-        put16(bytes, catalog + 102, 64);
-        put32(bytes, catalog + 104, 30);
+        Put16(bytes, catalog + 102, 64);
+        Put32(bytes, catalog + 104, 30);
     }
     return bytes;
 }
@@ -239,8 +232,8 @@ void TestElTorito::readsRealImages()
     QByteArray disk(1024 * 1024, '\0');
     disk[446] = char(0x80); // one active partition from sector 1 to the end
     disk[450] = 0x0C;
-    put32(disk, 454, 1);
-    put32(disk, 458, 2047);
+    Put32(disk, 454, 1);
+    Put32(disk, 458, 2047);
     disk[510] = char(0x55);
     disk[511] = char(0xAA);
     QByteArray loader(8192, Qt::Uninitialized);

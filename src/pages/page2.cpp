@@ -3,10 +3,7 @@
 #include <QApplication>
 #include <QDebug>
 #include <QFileInfo>
-#include <QHeaderView>
-#include <QKeyEvent>
 #include <QMenu>
-#include <QMouseEvent>
 #include <QTableView>
 #include <QTreeWidget>
 
@@ -20,15 +17,7 @@
 #include "ui/gerneraldialog.h"
 #include "ui/progressdialog.h"
 
-namespace {
-
-// A click this close to a row's left edge lands on its check box, which
-// toggles by itself.
-constexpr int kCheckBoxEdge = 16;
-
-} // namespace
-
-CPage2::CPage2(QWidget* /*mainWindow*/) : ImageDialog(false)
+CPage2::CPage2(QWidget* /*mainWindow*/)
 {
     setObjectName(QStringLiteral("CPage2"));
     setWindowTitle(QStringLiteral("Dialog"));
@@ -46,8 +35,6 @@ CPage2::~CPage2()
     // The jobs stop their tools as they go; the progress dialog is a window
     // of its own and goes with the page.
     delete m_progress;
-    if (m_waitCursor)
-        QApplication::restoreOverrideCursor();
 }
 
 void CPage2::InitializeUI()
@@ -62,32 +49,17 @@ void CPage2::InitializeUI()
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CPage2::OnBack);
     connect(m_extractButton, qOverload<>(&CImageButton::clicked), this, &CPage2::OnExtract);
 
-    m_tree = ContentsView::MakeTree(this, QRect(10, 54, 213, 350), FileListStyle::FolderTree());
-    connect(m_tree, &QTreeWidget::itemClicked, this, &CPage2::OnTreeCurrentChanged);
-
     // Quarters of the width would cut the 19-character time text short; the
     // columns are sized to what they hold instead, together the same width.
-    m_table = ContentsView::MakeTable(this, QRect(223, 54, 431, 350), {140, 72, 88, 129}, &m_model, &m_header);
-    m_table->viewport()->installEventFilter(this);
-    connect(m_table, &QTableView::doubleClicked, this, &CPage2::OnListViewDoubleClicked);
-    connect(m_table, &QTableView::clicked, this, &CPage2::OnListViewClicked);
-    connect(m_table, &QTableView::customContextMenuRequested, this, &CPage2::OnListContextMenuRequest);
-    connect(m_header, &SCheckBoxHeaderView::checkStausChange, this, &CPage2::slotSelectAll);
-
-    m_menu = new QMenu(this);
+    MakeContentsViews(QRect(10, 54, 213, 350), FileListStyle::FolderTree(), QRect(223, 54, 431, 350),
+                      {140, 72, 88, 129});
     QAction* extract = m_menu->addAction(QStringLiteral("Extract(&E)"));
     connect(extract, &QAction::triggered, this, &CPage2::OnExtract);
 }
 
 void CPage2::SetButtonsEnabled(bool enabled)
 {
-    if (!enabled && !m_waitCursor) {
-        QApplication::setOverrideCursor(Qt::WaitCursor);
-        m_waitCursor = true;
-    } else if (enabled && m_waitCursor) {
-        QApplication::restoreOverrideCursor();
-        m_waitCursor = false;
-    }
+    SetWaitCursor(!enabled);
     for (CImageButton* button : {m_back, m_loadiso, m_extractButton})
         button->setEnabled(enabled);
 }
@@ -120,68 +92,6 @@ void CPage2::OnUnzipFinished()
     if (!succeeded)
         Util::ShowMessage(m_list->Message());
     Q_EMIT listingFinished(succeeded);
-}
-
-void CPage2::FillTable()
-{
-    m_model->SetFolder(m_current);
-}
-
-void CPage2::OnTreeCurrentChanged()
-{
-    QTreeWidgetItem* item = m_tree->currentItem();
-    if (item == nullptr)
-        return;
-    item->setSelected(true);
-    m_current = ContentsView::ItemOf(item);
-    FillTable();
-}
-
-void CPage2::OnListViewDoubleClicked(const QModelIndex& index)
-{
-    if (m_current == nullptr || !index.isValid())
-        return;
-    const int row = index.row();
-    if (row < 0 || row >= static_cast<int>(m_current->children.size()))
-        return;
-    Item* child = m_current->children[static_cast<size_t>(row)].get();
-    if (!child->isDir)
-        return;
-    m_current = child;
-    FillTable();
-    RefreshTreeWidget();
-}
-
-void CPage2::RefreshTreeWidget()
-{
-    ContentsView::ShowInTree(m_tree, m_current);
-}
-
-bool CPage2::eventFilter(QObject* watched, QEvent* event)
-{
-    if (m_table != nullptr && watched == m_table->viewport() && event->type() == QEvent::MouseButtonPress)
-        m_lastPressX = static_cast<QMouseEvent*>(event)->position().toPoint().x();
-    return ImageDialog::eventFilter(watched, event);
-}
-
-void CPage2::OnListViewClicked(const QModelIndex& index)
-{
-    if (!index.isValid() || index.row() >= m_model->rowCount())
-        return;
-    if (m_lastPressX <= kCheckBoxEdge)
-        return;
-    qDebug() << "CPage2::OnListViewClicked";
-    m_model->SetChecked(index.row(), !m_model->IsChecked(index.row()));
-}
-
-void CPage2::slotSelectAll(bool bChecked)
-{
-    m_model->SetAllChecked(bChecked);
-}
-
-void CPage2::OnListContextMenuRequest(const QPoint& /*pos*/)
-{
-    m_menu->exec(QCursor::pos());
 }
 
 void CPage2::OnExtract()
@@ -251,12 +161,3 @@ void CPage2::OnBack()
     deleteLater();
 }
 
-void CPage2::keyPressEvent(QKeyEvent* event)
-{
-    // Escape would reject the dialog the page is built on and leave it half alive.
-    if (event->key() == Qt::Key_Escape) {
-        event->accept();
-        return;
-    }
-    ImageDialog::keyPressEvent(event);
-}

@@ -4,11 +4,9 @@
 #include <QApplication>
 #include <QDebug>
 #include <QFileInfo>
-#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
-#include <QMouseEvent>
 #include <QTableView>
 #include <QTimer>
 #include <QTreeWidget>
@@ -23,15 +21,12 @@
 
 namespace {
 
-// A click this close to a row's left edge lands on its check box, which
-// toggles by itself.
-constexpr int kCheckBoxEdge = 16;
 constexpr int kDefaultWidth = 854;
 constexpr int kDefaultHeight = 470;
 
 } // namespace
 
-CPage4::CPage4(QWidget* mainWindow) : ImageDialog(false)
+CPage4::CPage4(QWidget* mainWindow)
 {
     setObjectName(QStringLiteral("CPage4"));
     setWindowTitle(QStringLiteral("Dialog"));
@@ -51,8 +46,6 @@ CPage4::CPage4(QWidget* mainWindow) : ImageDialog(false)
 CPage4::~CPage4()
 {
     delete m_progress;
-    if (m_waitCursor)
-        QApplication::restoreOverrideCursor();
 }
 
 void CPage4::InitializeUI()
@@ -96,14 +89,8 @@ void CPage4::InitializeUI()
     zoom->setStyleSheet(QStringLiteral("padding:0px;"));
     connect(m_search, &QLineEdit::textChanged, this, &CPage4::OnSearch);
 
-    m_tree = ContentsView::MakeTree(this, QRect(11, 58, 179, 338), FileListStyle::Table());
-    connect(m_tree, &QTreeWidget::itemClicked, this, &CPage4::OnTreeCurrentChanged);
-    m_table = ContentsView::MakeTable(this, QRect(190, 58, 658, 338), {236, 80, 164, 176}, &m_model, &m_header);
-    m_table->viewport()->installEventFilter(this);
-    connect(m_table, &QTableView::doubleClicked, this, &CPage4::OnListViewDoubleClicked);
-    connect(m_table, &QTableView::clicked, this, &CPage4::OnListViewClicked);
-    connect(m_table, &QTableView::customContextMenuRequested, this, &CPage4::OnListContextMenuRequest);
-    connect(m_header, &SCheckBoxHeaderView::checkStausChange, this, &CPage4::slotSelectAll);
+    MakeContentsViews(QRect(11, 58, 179, 338), FileListStyle::Table(), QRect(190, 58, 658, 338),
+                      {236, 80, 164, 176});
 
     // While the working copy is being filled, a line between Back and Save
     // says so: edits are taken and carried out once it is complete.
@@ -117,7 +104,6 @@ void CPage4::InitializeUI()
     m_statusTimer->setInterval(200);
     connect(m_statusTimer, &QTimer::timeout, this, &CPage4::UpdateStatus);
 
-    m_menu = new QMenu(this);
     const auto action = [this](const QString& text, void (CPage4::*slot)(), const QKeySequence& key) {
         QAction* made = m_menu->addAction(text);
         connect(made, &QAction::triggered, this, slot);
@@ -141,13 +127,7 @@ void CPage4::InitializeUI()
 
 void CPage4::SetButtonsEnabled(bool enabled)
 {
-    if (!enabled && !m_waitCursor) {
-        QApplication::setOverrideCursor(Qt::WaitCursor);
-        m_waitCursor = true;
-    } else if (enabled && m_waitCursor) {
-        QApplication::restoreOverrideCursor();
-        m_waitCursor = false;
-    }
+    SetWaitCursor(!enabled);
     for (CImageButton* button : std::as_const(m_buttons))
         button->setEnabled(enabled);
     m_table->setEnabled(enabled);
@@ -225,64 +205,9 @@ void CPage4::UpdateStatus()
     m_status->show();
 }
 
-void CPage4::FillTable()
-{
-    m_model->SetFolder(m_current);
-}
-
 void CPage4::OnSearch()
 {
     m_model->SetFilter(m_search->text());
-}
-
-void CPage4::OnTreeCurrentChanged()
-{
-    QTreeWidgetItem* item = m_tree->currentItem();
-    if (item == nullptr)
-        return;
-    item->setSelected(true);
-    m_current = ContentsView::ItemOf(item);
-    FillTable();
-}
-
-void CPage4::OnListViewDoubleClicked(const QModelIndex& index)
-{
-    // The row shown, whatever the search leaves out.
-    const Item* child = m_model->ItemAt(index.row());
-    if (child == nullptr || !child->isDir)
-        return;
-    m_current = const_cast<Item*>(child);
-    RefreshTreeWidget();
-    FillTable();
-}
-
-void CPage4::RefreshTreeWidget()
-{
-    ContentsView::ShowInTree(m_tree, m_current);
-}
-
-bool CPage4::eventFilter(QObject* watched, QEvent* event)
-{
-    if (m_table != nullptr && watched == m_table->viewport() && event->type() == QEvent::MouseButtonPress)
-        m_lastPressX = static_cast<QMouseEvent*>(event)->position().toPoint().x();
-    return ImageDialog::eventFilter(watched, event);
-}
-
-void CPage4::OnListViewClicked(const QModelIndex& index)
-{
-    if (!index.isValid() || index.row() >= m_model->rowCount() || m_lastPressX <= kCheckBoxEdge)
-        return;
-    m_model->SetChecked(index.row(), !m_model->IsChecked(index.row()));
-}
-
-void CPage4::slotSelectAll(bool bChecked)
-{
-    m_model->SetAllChecked(bChecked);
-}
-
-void CPage4::OnListContextMenuRequest(const QPoint& /*pos*/)
-{
-    m_menu->exec(QCursor::pos());
 }
 
 void CPage4::OnAdd()
@@ -444,12 +369,3 @@ void CPage4::StopCreate()
     SetButtonsEnabled(true);
 }
 
-void CPage4::keyPressEvent(QKeyEvent* event)
-{
-    // Escape would reject the dialog the page is built on and leave it half alive.
-    if (event->key() == Qt::Key_Escape) {
-        event->accept();
-        return;
-    }
-    ImageDialog::keyPressEvent(event);
-}
