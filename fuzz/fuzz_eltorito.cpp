@@ -1,10 +1,12 @@
-// libFuzzer target for the El Torito reader: the input is an image's bytes.
+// libFuzzer target for the El Torito reader and the measuring of the boot
+// images it names: the input is an image's bytes.
 // Build: cmake -DBRENTA_FUZZ=ON -DCMAKE_CXX_COMPILER=clang++ ..; run:
 //   ./fuzz_eltorito -max_total_time=600 ../fuzz/corpus
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
+#include "iso/bootsetup.h"
 #include "iso/eltorito.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -20,6 +22,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         const qint64 length = ElTorito::BootImageLength(catalog->defaultEntry);
         if (length < 0 || length > 2949120 + 65535 * 512)
             __builtin_trap();
+        // And measure each boot image as a save does: never past the image.
+        const auto measure = [&](const ElTorito::Entry& entry, bool efi) {
+            const BootSetup::Measure m = BootSetup::MeasureEntry(entry, efi, read, qint64(size));
+            if (m.length < 0 || (m.length > 0 && qint64(entry.loadRba) * 2048 + m.length > qint64(size)))
+                __builtin_trap();
+        };
+        measure(catalog->defaultEntry, false);
+        for (const ElTorito::Entry& efi : catalog->efiEntries)
+            measure(efi, true);
     }
     return 0;
 }

@@ -3,6 +3,7 @@
 #include "common/bytes.h"
 
 #include "common/isofixture.h"
+#include "iso/bootsetup.h"
 #include "iso/eltorito.h"
 #include "app/util.h"
 
@@ -283,8 +284,24 @@ void TestElTorito::corpusReplaysCleanly()
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QByteArray bytes = file.readAll();
         const std::optional<ElTorito::Catalog> catalog = parse(bytes, nullptr);
-        if (catalog)
-            QVERIFY(ElTorito::BootImageLength(catalog->defaultEntry) <= 2949120 + 65535 * 512);
+        if (!catalog)
+            continue;
+        QVERIFY(ElTorito::BootImageLength(catalog->defaultEntry) <= 2949120 + 65535 * 512);
+        // Measuring the boot images never reaches past the image.
+        const BootSetup::ReadFunction read = [&bytes](qint64 offset, int length, char* buffer) {
+            if (offset < 0 || length < 0 || offset + length > bytes.size())
+                return false;
+            std::memcpy(buffer, bytes.constData() + offset, size_t(length));
+            return true;
+        };
+        std::vector<std::pair<ElTorito::Entry, bool>> entries{{catalog->defaultEntry, false}};
+        for (const ElTorito::Entry& efi : catalog->efiEntries)
+            entries.emplace_back(efi, true);
+        for (const auto& [entry, efi] : entries) {
+            const BootSetup::Measure measure = BootSetup::MeasureEntry(entry, efi, read, bytes.size());
+            QVERIFY(measure.length >= 0);
+            QVERIFY(measure.length == 0 || qint64(entry.loadRba) * 2048 + measure.length <= bytes.size());
+        }
     }
 }
 
