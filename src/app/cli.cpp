@@ -1,14 +1,19 @@
 #include "app/cli.h"
 
 #include <QEventLoop>
+#include <QFile>
 #include <QFileInfo>
 
 #include <cstdio>
+#include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "iso/eltorito.h"
 #include "iso/isojobs.h"
 #include "iso/itemtree.h"
+#include "media/disctools.h"
+#include "media/drives.h"
 
 namespace Cli {
 
@@ -62,6 +67,28 @@ Request Parse(const QStringList& arguments)
             return usageError(QStringLiteral("boot-info takes one image."));
         request.mode = Request::Mode::BootInfo;
         request.image = arguments.at(1);
+        return request;
+    }
+    if (first == QLatin1String("drives")) {
+        if (arguments.size() != 1)
+            return usageError(QStringLiteral("drives takes no arguments."));
+        request.mode = Request::Mode::Drives;
+        return request;
+    }
+    if (first == QLatin1String("burn-disc")) {
+        if (arguments.size() != 3)
+            return usageError(QStringLiteral("burn-disc takes an image and a drive."));
+        request.mode = Request::Mode::BurnDisc;
+        request.image = arguments.at(1);
+        request.device = arguments.at(2);
+        return request;
+    }
+    if (first == QLatin1String("copy-disc")) {
+        if (arguments.size() != 3)
+            return usageError(QStringLiteral("copy-disc takes a drive and an output image."));
+        request.mode = Request::Mode::CopyDisc;
+        request.device = arguments.at(1);
+        request.output = arguments.at(2);
         return request;
     }
     if (first == QLatin1String("create")) {
@@ -202,6 +229,102 @@ int RunExtract(const Request& request)
     return runToEnd(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
 }
 
+int RunDrives(const Request& /*request*/)
+{
+    QString text;
+    for (const RemovableDrive& drive : Drives::Removable())
+        text += QStringLiteral("usb\t%1\t%2\n").arg(drive.node, drive.text);
+    COpticalScan scan;
+    QObject::connect(&scan, &COpticalScan::entry, [&text](const QString& entry, const QString& node) {
+        text += QStringLiteral("optical\t%1\t%2\n").arg(node, entry);
+    });
+    scan.Start();
+    waitFor(scan);
+    print(stdout, text);
+    return 0;
+}
+
+namespace {
+
+// A drive named on the command line must be a block device node; what kind
+// of drive it is, the disc tool finds out.
+bool checkDevice(const QString& device)
+{
+    struct stat info;
+    if (!device.startsWith(QLatin1Char('/')) || ::stat(QFile::encodeName(device).constData(), &info) != 0 ||
+        !S_ISBLK(info.st_mode)) {
+        print(stderr, QStringLiteral("brenta: %1 is not a drive's device node (such as /dev/sr0).\n").arg(device));
+        return false;
+    }
+    return true;
+}
+
+// Waits for a disc job and reports its end: 0, or 1 with its message.
+template <typename Job>
+int finishDiscJob(Job& job, bool showProgress)
+{
+    bool succeeded = false;
+    QString message;
+    QEventLoop loop;
+    QObject::connect(&job, &Job::finished, [&](bool ok, const QString& text) {
+        succeeded = ok;
+        message = text;
+        loop.quit();
+    });
+    if (job.IsRunning())
+        loop.exec();
+    if (showProgress)
+        print(stderr, QStringLiteral("\r\033[K"));
+    if (!succeeded) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int RunBurnDisc(const Request& request)
+{
+    if (!QFileInfo(request.image).isFile()) {
+        print(stderr, QStringLiteral("brenta: %1 is not an image file.\n").arg(request.image));
+        return 1;
+    }
+    if (!checkDevice(request.device))
+        return 1;
+    CDiscBurnJob job;
+    const bool showProgress = progressWanted();
+    if (showProgress) {
+        QObject::connect(&job, &CDiscBurnJob::progress, [](int percent) {
+            print(stderr, QStringLiteral("\r\033[KBurning %1%").arg(percent));
+        });
+    }
+    job.Start(request.image, request.device);
+    return finishDiscJob(job, showProgress);
+}
+
+int RunCopyDisc(const Request& request)
+{
+    if (!checkDevice(request.device))
+        return 1;
+    if (!QFileInfo(QFileInfo(request.output).absolutePath()).isDir()) {
+        print(stderr, QStringLiteral("brenta: the folder of %1 does not exist.\n").arg(request.output));
+        return 1;
+    }
+    CDiscCopyJob job;
+    const bool showProgress = progressWanted();
+    if (showProgress) {
+        auto end = std::make_shared<qint64>(0);
+        QObject::connect(&job, &CDiscCopyJob::sectors, [end](qint64 sectors) { *end = sectors; });
+        QObject::connect(&job, &CDiscCopyJob::position, [end](qint64 sector) {
+            if (*end > 0)
+                print(stderr, QStringLiteral("\r\033[KReading %1%").arg(sector * 100 / *end));
+        });
+    }
+    job.Start(request.device, request.output);
+    return finishDiscJob(job, showProgress);
+}
+
 QString VersionText()
 {
     return QStringLiteral("Brenta %1\n").arg(QStringLiteral(BRENTA_VERSION));
@@ -215,6 +338,9 @@ QString HelpText()
         "       brenta extract IMAGE DEST [ENTRY...]\n"
         "       brenta create [--type joliet|iso9660|udf] OUTPUT PATH...\n"
         "       brenta boot-info IMAGE\n"
+        "       brenta drives\n"
+        "       brenta burn-disc IMAGE DEVICE\n"
+        "       brenta copy-disc DEVICE OUTPUT\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
         "Without an option Brenta opens its window.\n"
@@ -228,6 +354,15 @@ QString HelpText()
         "                         build OUTPUT from the files and folders, each at the\n"
         "                         image's root under its own name (type joliet if not given)\n"
         "  boot-info IMAGE        print the image's El Torito boot setup\n"
+        "  drives                 print the drives Brenta offers, USB ones first: usb or\n"
+        "                         optical, the device node and the list text (tab separated)\n"
+        "  burn-disc IMAGE DEVICE burn IMAGE to the disc in DEVICE and eject it\n"
+        "  copy-disc DEVICE OUTPUT\n"
+        "                         read the disc in DEVICE into the image file OUTPUT\n"
+        "                         DEVICE is a device node such as /dev/sr0: one that\n"
+        "                         'drives' lists, or any block device you name. Brenta\n"
+        "                         checks only that it is a block device; the disc tools\n"
+        "                         refuse a drive that cannot burn or read a disc.\n"
         "\n"
         "Options:\n"
         "  -h, --help             show this help and exit\n"

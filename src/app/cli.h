@@ -9,12 +9,14 @@ namespace Cli {
 
 struct Request
 {
-    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, UsageError };
+    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, Drives, BurnDisc, CopyDisc, UsageError };
     Mode mode = Mode::Gui;
     QString directory; // Screenshots: where the PNG files go; Extract: the destination
     QString image;     // List, Extract
     QStringList entries; // Extract: paths inside the image, "/" separated; Create: local paths
     QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
+    QString device;    // BurnDisc, CopyDisc: the drive's device node
+    QString output;    // CopyDisc: the image to write
     QString error;     // UsageError: what was wrong
 };
 
@@ -29,5 +31,8 @@ int RunList(const Request& request);
 int RunExtract(const Request& request);
 int RunCreate(const Request& request);
 int RunBootInfo(const Request& request);
+int RunDrives(const Request& request);
+int RunBurnDisc(const Request& request);
+int RunCopyDisc(const Request& request);
 
 } // namespace Cli

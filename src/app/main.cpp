@@ -81,6 +81,18 @@ int main(int argc, char** argv)
     }
     case Cli::Request::Mode::BootInfo:
         return Cli::RunBootInfo(request);
+    case Cli::Request::Mode::Drives: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunDrives(request);
+    }
+    case Cli::Request::Mode::BurnDisc: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunBurnDisc(request);
+    }
+    case Cli::Request::Mode::CopyDisc: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunCopyDisc(request);
+    }
     case Cli::Request::Mode::Screenshots:
         return runScreenshots(argc, argv, request.directory);
     case Cli::Request::Mode::Gui:

@@ -1,0 +1,182 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+
+#include <functional>
+#include <optional>
+
+#include "media/drives.h"
+
+class CRunCommandThread;
+
+// The disc writer's bus scan, the burn and read progress lines, and the jobs
+// that burn an image, copy a disc and eject a tray with the disc tools.
+namespace DiscTools {
+
+// One device line of "-scanbus": "\t1,0,0\t100) 'ACMECORP' 'DVDRW UNIT-100  ' 'R001' Removable CD-ROM".
+struct ScanLine
+{
+    int bus = 0;
+    int target = 0;
+    int lun = 0;
+    QString address; // "1,0,0" as printed
+    QString name;    // "ACMECORP DVDRW UNIT-100 R001" (quotes removed, blanks collapsed)
+    QString product; // "DVDRW UNIT-100  " as quoted
+    bool optical = false; // the line ends in "CD-ROM" or "WORM"
+};
+// Nothing for lines that are not device lines (headers, empty slots, banners).
+std::optional<ScanLine> ParseScanLine(const QString& line);
+
+// Reads a drive's INQUIRY product identification (bytes 16 to 31); nothing
+// when the drive cannot be asked.
+using InquiryFunction = std::function<std::optional<QByteArray>(const QString& node)>;
+// SG_IO INQUIRY on the device node, opened read-only and non-blocking.
+std::optional<QByteArray> InquiryProduct(const QString& node);
+
+// The drive of `drives` a scan line names: the one at the same host, target
+// and lun; where a drive's address is unknown, the first whose INQUIRY
+// product (lower case, blanks collapsed) is contained in the line's name.
+// Empty when none matches.
+QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives, const InquiryFunction& inquiry);
+
+// The optical list: drives the scan names, in its order, each paired with its
+// node, then every other drive udev knows, in node order. Entries are
+// (text, node), the text "/dev/sr0: ACMECORP DVDRW UNIT-100 R001".
+struct ListEntry
+{
+    QString text;
+    QString node;
+};
+QList<ListEntry> OpticalEntries(const QList<ScanLine>& scanned, const QList<OpticalDrive>& drives,
+                                const InquiryFunction& inquiry);
+
+// "Track 01:   12 of  650 MB written (fifo 100%) ..." → 12 * 100 / 650; nothing
+// for other lines or a total of 0.
+std::optional<int> ParseBurnProgress(const QString& line);
+// "end:   2275968" → 2275968.
+std::optional<qint64> ParseReadEnd(const QString& line);
+// "addr:  1000000 cnt: 32" or "addr: 300" → the address.
+std::optional<qint64> ParseReadAddress(const QString& line);
+
+// The tools' argument lists.
+QStringList BurnArguments(const QString& node, const QString& image);
+QStringList CopyArguments(const QString& node, const QString& output);
+QStringList EjectArguments(const QString& node);
+
+// The plain reason a disc writer or reader run failed, as far as its exit
+// status and its last lines tell ("There is no disc in the drive, ..."),
+// empty when they do not.
+QString BurnFailure(int exitCode, const QStringList& lines);
+QString CopyFailure(int exitCode, const QStringList& lines);
+QString EjectFailure(int exitCode, const QStringList& lines);
+
+} // namespace DiscTools
+
+// Fills an optical list: runs the bus scan and pairs its lines with the
+// drives udev knows, then adds those the scan did not name. entry() comes for
+// each drive as it is known; finished() once at the end. The scan runs on the
+// runner's thread, so the window never waits for it.
+class COpticalScan final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(COpticalScan)
+
+public:
+    explicit COpticalScan(QObject* parent = nullptr);
+    ~COpticalScan() override;
+
+    void Start();
+    void Stop();
+    bool IsRunning() const { return m_runner != nullptr; }
+    // Replaces the INQUIRY (tests).
+    void SetInquiry(DiscTools::InquiryFunction inquiry) { m_inquiry = std::move(inquiry); }
+
+Q_SIGNALS:
+    void entry(const QString& text, const QString& node);
+    void finished();
+
+private:
+    void OnLine(const QString& line);
+    void OnFinished();
+
+    CRunCommandThread* m_runner = nullptr;
+    QList<DiscTools::ScanLine> m_scanned;
+    QStringList m_sent;
+    QList<OpticalDrive> m_drives;
+    DiscTools::InquiryFunction m_inquiry;
+};
+
+// Burns an image to the disc in a drive with the disc writer; cannot be
+// stopped once started (that would ruin the disc).
+class CDiscBurnJob final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CDiscBurnJob)
+
+public:
+    explicit CDiscBurnJob(QObject* parent = nullptr);
+    ~CDiscBurnJob() override;
+    void Start(const QString& image, const QString& node);
+    bool IsRunning() const { return m_runner != nullptr; }
+
+Q_SIGNALS:
+    void progress(int percent);
+    // "Burning disc successfully." when it succeeded, else what went wrong.
+    void finished(bool succeeded, const QString& message);
+
+private:
+    CRunCommandThread* m_runner = nullptr;
+    bool m_trackWritten = false;
+};
+
+// Reads the disc in a drive into an image file with the disc reader. Stop()
+// ends the reader and removes the incomplete file.
+class CDiscCopyJob final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CDiscCopyJob)
+
+public:
+    explicit CDiscCopyJob(QObject* parent = nullptr);
+    ~CDiscCopyJob() override;
+    void Start(const QString& node, const QString& output);
+    void Stop();
+    bool IsRunning() const { return m_runner != nullptr; }
+
+Q_SIGNALS:
+    // The sector count, once, when the reader announces it.
+    void sectors(qint64 end);
+    void position(qint64 sector);
+    // "Copy CD/DVD successfully!" when it succeeded, else what went wrong.
+    void finished(bool succeeded, const QString& message);
+
+private:
+    CRunCommandThread* m_runner = nullptr;
+    QString m_output;
+    qint64 m_end = -1;
+    qint64 m_last = -1;
+    bool m_readError = false;
+};
+
+// Opens a drive's tray with the disc writer.
+class CEjectJob final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CEjectJob)
+
+public:
+    explicit CEjectJob(QObject* parent = nullptr);
+    ~CEjectJob() override;
+    void Start(const QString& node);
+    bool IsRunning() const { return m_runner != nullptr; }
+
+Q_SIGNALS:
+    void finished(bool succeeded, const QString& message);
+
+private:
+    CRunCommandThread* m_runner = nullptr;
+};
