@@ -1,0 +1,334 @@
+#include <QtTest>
+
+#include "media/disctools.h"
+#include "media/drives.h"
+
+namespace {
+
+OpticalDrive drive(const QString& node, int host, int target, int lun)
+{
+    OpticalDrive d;
+    d.node = node;
+    d.vendor = "ACMECORP";
+    d.model = "DVDRW UNIT-100";
+    d.revision = "R001";
+    d.host = host;
+    d.channel = host < 0 ? -1 : 0;
+    d.target = target;
+    d.lun = lun;
+    return d;
+}
+
+const QString kOptical = "\t1,0,0\t100) 'ACMECORP' 'DVDRW UNIT-100  ' 'R001' Removable CD-ROM";
+
+QStringList logged(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QString text = QString::fromUtf8(file.readAll());
+    QStringList calls = text.split("--\n", Qt::SkipEmptyParts);
+    for (QString& call : calls)
+        call = call.trimmed().replace('\n', ' ');
+    return calls;
+}
+
+} // namespace
+
+class TestDiscTools final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void parsesScanLines_data();
+    void parsesScanLines();
+    void matchesDrives_data();
+    void matchesDrives();
+    void listsScannedDrivesThenTheRest();
+    void parsesProgress_data();
+    void parsesProgress();
+    void burns_data();
+    void burns();
+    void copies_data();
+    void copies();
+    void stoppingACopyRemovesTheFileAndTheReader();
+    void ejectFailureIsExplained();
+    void scanFillsTheListWithoutTheWriter();
+
+private:
+    QTemporaryDir m_dir;
+    QString m_log;
+};
+
+void TestDiscTools::initTestCase()
+{
+    qputenv("BRENTA_TOOLS_DIR", BRENTA_SOURCE_DIR "/tests/standins");
+}
+
+void TestDiscTools::init()
+{
+    m_log = m_dir.filePath(QString("log-%1.txt").arg(QTest::currentTestFunction()) +
+                           QString(QTest::currentDataTag()).replace(' ', '_'));
+    qputenv("BRENTA_STANDIN_LOG", m_log.toUtf8());
+    DriveSeam::SetOptical([] { return QList<OpticalDrive>{drive("/dev/sr0", 1, 0, 0)}; });
+}
+
+void TestDiscTools::cleanup()
+{
+    qunsetenv("BRENTA_STANDIN_MODE");
+    qunsetenv("BRENTA_STANDIN_SCAN");
+    DriveSeam::Reset();
+}
+
+void TestDiscTools::parsesScanLines_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<bool>("device");
+    QTest::addColumn<QString>("address");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("optical");
+    QTest::newRow("optical drive") << kOptical << true << "1,0,0" << "ACMECORP DVDRW UNIT-100 R001" << true;
+    QTest::newRow("with a line feed") << kOptical + "\n" << true << "1,0,0" << "ACMECORP DVDRW UNIT-100 R001" << true;
+    QTest::newRow("disk") << "\t0,0,0\t  0) 'ATA     ' 'ACMEDISK SSD 860' '4B6Q' Disk" << true << "0,0,0"
+                          << "ATA ACMEDISK SSD 860 4B6Q" << false;
+    QTest::newRow("writer of once-only discs") << "\t2,1,0\t201) 'OLD' 'WRITER' '1' Removable WORM" << true
+                                               << "2,1,0" << "OLD WRITER 1" << true;
+    QTest::newRow("empty slot") << "\t1,1,0\t101) *" << false << "" << "" << false;
+    QTest::newRow("bus header") << "scsibus1:" << false << "" << "" << false;
+    QTest::newRow("error text") << "Cannot open SCSI driver!" << false << "" << "" << false;
+    QTest::newRow("two numbers") << "\t1,0\t100) 'A' 'B' 'C' CD-ROM" << false << "" << "" << false;
+}
+
+void TestDiscTools::parsesScanLines()
+{
+    QFETCH(QString, line);
+    QFETCH(bool, device);
+    QFETCH(QString, address);
+    QFETCH(QString, name);
+    QFETCH(bool, optical);
+    const std::optional<DiscTools::ScanLine> scan = DiscTools::ParseScanLine(line);
+    QCOMPARE(scan.has_value(), device);
+    if (!scan)
+        return;
+    QCOMPARE(scan->address, address);
+    QCOMPARE(scan->name, name);
+    QCOMPARE(scan->optical, optical);
+}
+
+void TestDiscTools::matchesDrives_data()
+{
+    QTest::addColumn<QList<OpticalDrive>>("drives");
+    QTest::addColumn<QString>("product"); // what INQUIRY answers; empty: it cannot be asked
+    QTest::addColumn<QString>("node");
+    QTest::newRow("same address") << QList<OpticalDrive>{drive("/dev/sr0", 0, 0, 0), drive("/dev/sr1", 1, 0, 0)}
+                                  << "" << "/dev/sr1";
+    QTest::newRow("other host, same target and lun") << QList<OpticalDrive>{drive("/dev/sr0", 2, 0, 0)} << ""
+                                                     << "";
+    QTest::newRow("address unknown, product matches")
+        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "DVDRW  UNIT-100  " << "/dev/sr3";
+    QTest::newRow("address unknown, other product")
+        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "BLURAY X" << "";
+    QTest::newRow("address unknown, no answer") << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "" << "";
+}
+
+void TestDiscTools::matchesDrives()
+{
+    QFETCH(QList<OpticalDrive>, drives);
+    QFETCH(QString, product);
+    QFETCH(QString, node);
+    const auto inquiry = [&](const QString&) -> std::optional<QByteArray> {
+        return product.isEmpty() ? std::nullopt : std::optional<QByteArray>(product.toLatin1());
+    };
+    QCOMPARE(DiscTools::MatchDrive(*DiscTools::ParseScanLine(kOptical), drives, inquiry), node);
+}
+
+void TestDiscTools::listsScannedDrivesThenTheRest()
+{
+    const QList<DiscTools::ScanLine> scanned{*DiscTools::ParseScanLine("\t3,0,0\t300) 'B' 'SECOND' '2' CD-ROM"),
+                                             *DiscTools::ParseScanLine(kOptical),
+                                             *DiscTools::ParseScanLine("\t9,0,0\t900) 'X' 'NOWHERE' '1' CD-ROM")};
+    const QList<OpticalDrive> drives{drive("/dev/sr0", 1, 0, 0), drive("/dev/sr1", 5, 0, 0),
+                                     drive("/dev/sr2", 3, 0, 0)};
+    const QList<DiscTools::ListEntry> entries = DiscTools::OpticalEntries(scanned, drives, {});
+    QStringList texts;
+    for (const DiscTools::ListEntry& entry : entries)
+        texts << entry.node + " = " + entry.text;
+    QCOMPARE(texts, (QStringList{"/dev/sr2 = /dev/sr2: B SECOND 2",
+                                 "/dev/sr0 = /dev/sr0: ACMECORP DVDRW UNIT-100 R001",
+                                 "/dev/sr1 = /dev/sr1: ACMECORP DVDRW UNIT-100 R001"}));
+}
+
+void TestDiscTools::parsesProgress_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<qint64>("value"); // -1: nothing
+    QTest::newRow("burn") << "burn" << "Track 01:   12 of  650 MB written (fifo 100%) [buf  99%]   4.0x." << qint64(1);
+    QTest::newRow("burn done") << "burn" << "Track 01:  650 of  650 MB written (fifo 100%) [buf  99%]   4.0x."
+                               << qint64(100);
+    QTest::newRow("burn, first figure") << "burn" << "Track 01:    0 of    3 MB written." << qint64(-1);
+    QTest::newRow("burn, total 0") << "burn" << "Track 01:    0 of    0 MB written (fifo   0%)" << qint64(-1);
+    QTest::newRow("burn, marker first") << "burn" << "written (fifo) of" << qint64(-1);
+    QTest::newRow("burn, summary") << "burn" << "Track 01: Total bytes read/written: 3145728/3145728" << qint64(-1);
+    QTest::newRow("end") << "end" << "end:   2275968" << qint64(2275968);
+    QTest::newRow("end with line end") << "end" << "end:       300\r\n" << qint64(300);
+    QTest::newRow("not end") << "end" << "addr:  1000000 cnt: 32" << qint64(-1);
+    QTest::newRow("address") << "addr" << "addr:  1000000 cnt: 32" << qint64(1000000);
+    QTest::newRow("final address") << "addr" << "addr:      300" << qint64(300);
+    QTest::newRow("not an address") << "addr" << "Time total: 0.000sec" << qint64(-1);
+}
+
+void TestDiscTools::parsesProgress()
+{
+    QFETCH(QString, kind);
+    QFETCH(QString, line);
+    QFETCH(qint64, value);
+    std::optional<qint64> parsed;
+    if (kind == "burn") {
+        if (const std::optional<int> percent = DiscTools::ParseBurnProgress(line))
+            parsed = *percent;
+    } else if (kind == "end") {
+        parsed = DiscTools::ParseReadEnd(line);
+    } else {
+        parsed = DiscTools::ParseReadAddress(line);
+    }
+    QCOMPARE(parsed.value_or(-1), value);
+}
+
+void TestDiscTools::burns_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<bool>("succeeded");
+    QTest::addColumn<QString>("said");
+    QTest::newRow("success") << "success" << true << "Burning disc successfully.";
+    QTest::newRow("no disc") << "nodisc" << false << "There is no writable disc in the drive.";
+    QTest::newRow("too small") << "small" << false << "The image does not fit on the disc";
+    QTest::newRow("write error") << "fail" << false << "Writing failed part of the way through";
+    QTest::newRow("drive busy") << "busy" << false << "The drive is in use";
+}
+
+void TestDiscTools::burns()
+{
+    QFETCH(QString, mode);
+    QFETCH(bool, succeeded);
+    QFETCH(QString, said);
+    qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
+    const QString image = m_dir.filePath("disc.iso");
+    QFile(image).open(QIODevice::WriteOnly);
+    CDiscBurnJob job;
+    QSignalSpy progress(&job, &CDiscBurnJob::progress);
+    QSignalSpy finished(&job, &CDiscBurnJob::finished);
+    job.Start(image, "/dev/sr0");
+    QVERIFY(finished.wait(20000));
+    QCOMPARE(finished.first().at(0).toBool(), succeeded);
+    QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
+    QCOMPARE(logged(m_log), QStringList{"-v -eject dev=/dev/sr0 -sao driveropts=burnfree " + image});
+    if (mode == "success") {
+        QList<int> values;
+        for (const QList<QVariant>& signal : progress)
+            values << signal.first().toInt();
+        QCOMPARE(values, (QList<int>{33, 66, 100}));
+    }
+}
+
+void TestDiscTools::copies_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<bool>("succeeded");
+    QTest::addColumn<QString>("said");
+    QTest::newRow("success") << "success" << true << "Copy CD/DVD successfully!";
+    QTest::newRow("no disc") << "nodisc" << false << "There is no disc in the drive";
+    QTest::newRow("unreadable sector") << "readerror" << false << "could not be read";
+    QTest::newRow("output not writable") << "nospace" << false << "could not be written";
+}
+
+void TestDiscTools::copies()
+{
+    QFETCH(QString, mode);
+    QFETCH(bool, succeeded);
+    QFETCH(QString, said);
+    qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
+    const QString output = m_dir.filePath("copy-" + mode + ".iso");
+    CDiscCopyJob job;
+    QSignalSpy sectors(&job, &CDiscCopyJob::sectors);
+    QSignalSpy position(&job, &CDiscCopyJob::position);
+    QSignalSpy finished(&job, &CDiscCopyJob::finished);
+    job.Start("/dev/sr0", output);
+    QVERIFY(finished.wait(20000));
+    QCOMPARE(finished.first().at(0).toBool(), succeeded);
+    QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
+    QCOMPARE(logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
+    // A failed copy leaves no half image behind.
+    QCOMPARE(QFileInfo::exists(output), succeeded);
+    if (succeeded) {
+        QCOMPARE(sectors.count(), 1);
+        QCOMPARE(sectors.first().first().toLongLong(), qint64(300));
+        QCOMPARE(position.last().first().toLongLong(), qint64(300));
+        QCOMPARE(QFileInfo(output).size(), qint64(300) * 2048);
+    }
+}
+
+void TestDiscTools::stoppingACopyRemovesTheFileAndTheReader()
+{
+    qputenv("BRENTA_STANDIN_MODE", "hang");
+    const QString output = m_dir.filePath("stopped.iso");
+    CDiscCopyJob job;
+    QSignalSpy position(&job, &CDiscCopyJob::position);
+    QSignalSpy finished(&job, &CDiscCopyJob::finished);
+    job.Start("/dev/sr0", output);
+    QTRY_VERIFY_WITH_TIMEOUT(!position.isEmpty() && position.last().first().toLongLong() >= 32, 10000);
+    job.Stop();
+    QVERIFY(!job.IsRunning());
+    QVERIFY(!QFileInfo::exists(output));
+    QTest::qWait(300);
+    QCOMPARE(finished.count(), 0);
+    // The stand-in sleeps after 64 sectors; no reader of this test may be left.
+    QProcess pgrep;
+    pgrep.start("pgrep", {"-f", "-f=" + output});
+    pgrep.waitForFinished();
+    QCOMPARE(pgrep.readAll().trimmed(), QByteArray());
+}
+
+void TestDiscTools::ejectFailureIsExplained()
+{
+    qputenv("BRENTA_STANDIN_MODE", "busy");
+    CEjectJob job;
+    QSignalSpy finished(&job, &CEjectJob::finished);
+    job.Start("/dev/sr0");
+    QVERIFY(finished.wait(20000));
+    QCOMPARE(finished.first().at(0).toBool(), false);
+    QVERIFY(finished.first().at(1).toString().contains("in use"));
+    QCOMPARE(logged(m_log), QStringList{"dev=/dev/sr0 -eject"});
+
+    qputenv("BRENTA_STANDIN_MODE", "success");
+    job.Start("/dev/sr0");
+    QVERIFY(finished.wait(20000));
+    QCOMPARE(finished.last().at(0).toBool(), true);
+}
+
+void TestDiscTools::scanFillsTheListWithoutTheWriter()
+{
+    DriveSeam::SetOptical([] { return QList<OpticalDrive>{drive("/dev/sr0", 1, 0, 0), drive("/dev/sr1", 4, 0, 0)}; });
+    for (const char* scanResult : {"found", "none"}) {
+        qputenv("BRENTA_STANDIN_SCAN", scanResult);
+        COpticalScan scan;
+        QSignalSpy entries(&scan, &COpticalScan::entry);
+        QSignalSpy finished(&scan, &COpticalScan::finished);
+        scan.Start();
+        QVERIFY(finished.wait(20000));
+        QStringList nodes;
+        for (const QList<QVariant>& entry : entries)
+            nodes << entry.at(1).toString();
+        // The drive the scan names first, then the one only the system knows;
+        // with a scan that cannot open anything, both from the system.
+        QCOMPARE(nodes, (QStringList{"/dev/sr0", "/dev/sr1"}));
+        QCOMPARE(entries.first().at(0).toString(), QString("/dev/sr0: ACMECORP DVDRW UNIT-100 R001"));
+    }
+}
+
+QTEST_GUILESS_MAIN(TestDiscTools)
+#include "tst_disctools.moc"
