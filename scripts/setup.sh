@@ -12,7 +12,7 @@ packages=(
   # the disc tools Brenta drives
   p7zip-full genisoimage wodim
   # tests and screenshots
-  xvfb xauth
+  xvfb xauth umockdev libumockdev-dev
 )
 
 missing=()

@@ -9,7 +9,7 @@
 #include "app/links.h"
 #include "app/mainwindow.h"
 #include "common/urlrecorder.h"
-#include "pages/comingsoonpage.h"
+#include "media/drives.h"
 #include "ui/baseimagectrl.h"
 
 class TestMainWindow final : public QObject
@@ -25,6 +25,7 @@ private Q_SLOTS:
     void windowIsSkinnedAndStaysOnEscape();
     void featureButtonOpensFreshPage_data();
     void featureButtonOpensFreshPage();
+    void driveChangesReachThePages();
     void menuHasItsActionsAndIsReplaced();
     void exitClosesTheWindow();
     void homeAndHelpOpenTheirPages();
@@ -38,6 +39,11 @@ void TestMainWindow::initTestCase()
 {
     Application::SetUp(*qApp);
     QVERIFY(!QApplication::windowIcon().isNull());
+    // The burn and copy pages list drives: none here, whatever the machine has.
+    qputenv("BRENTA_TOOLS_DIR", BRENTA_SOURCE_DIR "/tests/standins");
+    qputenv("BRENTA_STANDIN_SCAN", "none");
+    DriveSeam::SetOptical([] { return QList<OpticalDrive>{}; });
+    DriveSeam::SetRemovable([] { return QList<RemovableDrive>{}; });
 }
 
 // Every picture the windows and dialogs name must be compiled in and have the
@@ -65,6 +71,8 @@ void TestMainWindow::picturesLoadAtTheirSize_data()
         {"Edit", {210, 219}, 3},       {"Copy-Disc", {206, 219}, 3}, {"close_small_", {28, 25}, 3},
         {"OK", {90, 21}, 3},           {"NO_", {92, 22}, 3},         {"Open-Folder", {90, 21}, 3},
         {"Stop", {92, 22}, 4},         {"OK_", {92, 22}, 3},         {"Back", {100, 40}, 3},
+        {"backwhite", {100, 40}, 3},   {"burn", {108, 40}, 3},       {"start", {108, 40}, 3},
+        {"Broswe", {80, 24}, 3},       {"filedialog", {28, 28}, 3},  {"refresh", {28, 26}, 3},
     };
     for (const auto& set : sets) {
         for (int state = 1; state <= set.states; ++state)
@@ -76,6 +84,10 @@ void TestMainWindow::picturesLoadAtTheirSize_data()
     for (const char* notice : {"insert_usb", "burn-fails", "insufficient_space", "select_files_extract"})
         add(notice, {420, 160});
     add("logo", {256, 256});
+    for (const char* page : {"page1", "page5"})
+        add(page, {664, 472});
+    add("rchecked", {16, 16});
+    add("runchecked", {16, 16});
 }
 
 void TestMainWindow::picturesLoadAtTheirSize()
@@ -107,12 +119,12 @@ void TestMainWindow::featureButtonOpensFreshPage_data()
     QTest::addColumn<QString>("pageClass");
     QTest::addColumn<QRect>("geometry");
     const QRect beside(195, 107, 664, 472);
-    QTest::newRow("burn") << "burn" << "CComingSoonPage" << beside;
+    QTest::newRow("burn") << "burn" << "CBurnDialog" << beside;
     QTest::newRow("extract") << "extract" << "CPage2" << beside;
     QTest::newRow("create") << "create" << "CPage3" << beside;
     // The edit page takes the whole width below the header.
     QTest::newRow("edit") << "edit" << "CPage4" << QRect(3, 107, 854, 470);
-    QTest::newRow("copy") << "copy" << "CComingSoonPage" << beside;
+    QTest::newRow("copy") << "copy" << "CPage5" << beside;
 }
 
 void TestMainWindow::featureButtonOpensFreshPage()
@@ -133,8 +145,6 @@ void TestMainWindow::featureButtonOpensFreshPage()
     QVERIFY(!first->isWindow());
     QCOMPARE(first->geometry(), geometry);
     QVERIFY(!first->IsMovable());
-    if (auto* soon = qobject_cast<CComingSoonPage*>(first.data()))
-        QVERIFY(!soon->Title().isEmpty());
     // The page covers the feature buttons but leaves the header usable.
     QVERIFY(first->isAncestorOf(window.childAt(300, 200)) || window.childAt(300, 200) == first);
     QCOMPARE(window.childAt(790, 10), window.Button("menu"));
@@ -148,6 +158,16 @@ void TestMainWindow::featureButtonOpensFreshPage()
     QTest::mouseClick(window.Button(button), Qt::LeftButton);
     QCOMPARE(pages().size(), 1);
     QVERIFY(pages().first()->isVisible());
+}
+
+// A stick plugged in or pulled out must refresh the open page's drive lists.
+void TestMainWindow::driveChangesReachThePages()
+{
+    MainWindow window;
+    QVERIFY(window.DriveMonitor());
+    QSignalSpy changed(&window, &MainWindow::sigdrivechange);
+    Q_EMIT window.DriveMonitor()->changed();
+    QCOMPARE(changed.count(), 1);
 }
 
 void TestMainWindow::menuHasItsActionsAndIsReplaced()

@@ -12,10 +12,12 @@
 
 #include "app/aboutusdialog.h"
 #include "app/links.h"
-#include "pages/comingsoonpage.h"
+#include "media/drives.h"
+#include "pages/burndialog.h"
 #include "pages/page2.h"
 #include "pages/page3.h"
 #include "pages/page4.h"
+#include "pages/page5.h"
 #include "ui/baseimagectrl.h"
 
 namespace {
@@ -83,6 +85,10 @@ MainWindow::MainWindow(QWidget* /*parent*/) : ImageDialog(false)
     menu->setToolTip(QStringLiteral("Menu"));
     min->setToolTip(QStringLiteral("Minimise"));
     close->setToolTip(QStringLiteral("Close"));
+
+    // A stick plugged in or pulled out refreshes the drive lists of the pages.
+    m_drives = new CDriveMonitor(this);
+    connect(m_drives, &CDriveMonitor::changed, this, &MainWindow::sigdrivechange);
 }
 
 MainWindow::~MainWindow()
@@ -162,7 +168,7 @@ void MainWindow::onMenu()
 
 void MainWindow::onBurn()
 {
-    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Burn), kPageX, kPageY);
+    ShowPage(new CBurnDialog(this), kPageX, kPageY);
 }
 
 void MainWindow::onExtract()
@@ -189,7 +195,7 @@ void MainWindow::onEdit()
 
 void MainWindow::onCopy()
 {
-    ShowPage(new CComingSoonPage(CComingSoonPage::Feature::Copy), kPageX, kPageY);
+    ShowPage(new CPage5(this), kPageX, kPageY);
 }
 
 void MainWindow::onHome()

@@ -2,6 +2,7 @@
 
 #include "ui/imagedialog.h"
 
+class CDriveMonitor;
 class CImageButton;
 class QMenu;
 
@@ -23,6 +24,7 @@ public:
     QMenu* Menu() const;
 
     CImageButton* Button(const QString& name) const;
+    CDriveMonitor* DriveMonitor() const { return m_drives; }
 
 Q_SIGNALS:
     void sigdrivechange();
@@ -46,4 +48,6 @@ protected:
 private:
     CImageButton* AddButton(const char* name, int x, int y);
     void ShowPage(ImageDialog* page, int x, int y);
+
+    CDriveMonitor* m_drives = nullptr;
 };

@@ -15,9 +15,12 @@
 
 #include "app/aboutusdialog.h"
 #include "app/mainwindow.h"
+#include "media/drives.h"
+#include "pages/burndialog.h"
 #include "pages/page2.h"
 #include "pages/page3.h"
 #include "pages/page4.h"
+#include "pages/page5.h"
 #include "ui/pickers.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
@@ -53,6 +56,51 @@ private:
     QStringList m_failed;
 };
 
+// Drive lists as a person with one USB stick and one DVD writer sees them.
+// The optical drive has an address no bus scan on this machine can name, so
+// it is listed as the system knows it, whatever the scan finds.
+void SetSampleDrives()
+{
+    DriveSeam::SetRemovable([] {
+        RemovableDrive stick;
+        stick.node = QStringLiteral("/dev/sdb");
+        stick.size = qint64(15'600'000'000);
+        stick.text = QStringLiteral("/dev/sdb  ACME Stick Blade  ") + Drives::SizeText(stick.size);
+        return QList<RemovableDrive>{stick};
+    });
+    DriveSeam::SetOptical([] {
+        OpticalDrive writer;
+        writer.node = QStringLiteral("/dev/sr0");
+        writer.vendor = QStringLiteral("ACMECORP");
+        writer.model = QStringLiteral("DVDRW UNIT-100");
+        writer.revision = QStringLiteral("R001");
+        writer.host = 99;
+        writer.channel = 0;
+        writer.target = 0;
+        writer.lun = 0;
+        return QList<OpticalDrive>{writer};
+    });
+}
+
+// No drives at all, so that the plain page pictures do not depend on the machine.
+void SetNoDrives()
+{
+    DriveSeam::SetRemovable([] { return QList<RemovableDrive>{}; });
+    DriveSeam::SetOptical([] { return QList<OpticalDrive>{}; });
+}
+
+// Waits until the page's optical list holds every drive its scan found.
+template <typename Page>
+void waitForOpticalList(Page* page)
+{
+    if (!page->IsScanning())
+        return;
+    QEventLoop loop;
+    QObject::connect(page, &Page::opticalListFilled, &loop, &QEventLoop::quit);
+    QTimer::singleShot(30000, &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
 void RenderMainWindow(Writer& writer)
 {
     MainWindow window;
@@ -72,12 +120,43 @@ void RenderMainWindow(Writer& writer)
         {"page-create", &MainWindow::onCreate}, {"page-edit", &MainWindow::onEdit},
         {"page-copy", &MainWindow::onCopy},
     };
+    SetNoDrives();
     for (const auto& page : pages) {
         MainWindow host;
         host.show();
         (host.*page.open)();
         writer.Save(QLatin1String(page.name), host);
     }
+    DriveSeam::Reset();
+}
+
+void RenderDrivePages(Writer& writer, const QString& folder)
+{
+    SetSampleDrives();
+    {
+        MainWindow host;
+        host.show();
+        host.onBurn();
+        if (auto* page = host.findChild<CBurnDialog*>()) {
+            waitForOpticalList(page);
+            page->findChild<QLineEdit*>(QStringLiteral("isofile"))
+                ->setText(folder + QStringLiteral("/Sample Disc.iso"));
+            page->findChild<QLineEdit*>(QStringLiteral("volumelab"))->setText(QStringLiteral("SAMPLE"));
+            writer.Save(QStringLiteral("page-burn-drives"), host);
+        }
+    }
+    {
+        MainWindow host;
+        host.show();
+        host.onCopy();
+        if (auto* page = host.findChild<CPage5*>()) {
+            waitForOpticalList(page);
+            page->findChild<QLineEdit*>(QStringLiteral("lineEdit"))
+                ->setText(folder + QStringLiteral("/Disc Copy.iso"));
+            writer.Save(QStringLiteral("page-copy-drives"), host);
+        }
+    }
+    DriveSeam::Reset();
 }
 
 // A small image with a few folders and files, built with the image builder,
@@ -241,6 +320,7 @@ QStringList RenderAll(const QString& directory, QString* error)
     RenderExtractPage(writer);
     RenderCreatePage(writer);
     RenderEditPage(writer);
+    RenderDrivePages(writer, QDir::homePath());
     RenderDialogs(writer);
     if (!writer.Failed().isEmpty()) {
         if (error)

@@ -11,6 +11,10 @@
 #include <QMutexLocker>
 #include <QStandardPaths>
 
+#include <sys/statvfs.h>
+
+#include "media/drives.h"
+
 namespace {
 
 constexpr auto kTimePattern = "yyyy-MM-dd hh:mm:ss";
@@ -168,6 +172,16 @@ void Util::RemoveDir(const QString& path, bool removeFiles)
             RemovePath(entry.absoluteFilePath());
     }
     RemovePath(QFileInfo(path).absoluteFilePath());
+}
+
+qint64 Util::DiskTotalSize(const QString& path)
+{
+    if (path.startsWith(QLatin1String("/dev/")))
+        return Drives::DeviceSize(path);
+    struct statvfs info;
+    if (path.isEmpty() || ::statvfs(QFile::encodeName(path).constData(), &info) != 0)
+        return 0;
+    return static_cast<qint64>(info.f_blocks) * static_cast<qint64>(info.f_frsize);
 }
 
 int Util::Read(QDataStream& stream, qint64 offset, int length, char* buffer)

@@ -39,6 +39,10 @@ public:
     static qint64 DirSize(QString path);
     static void RemovePath(const QString& path);
     static void RemoveDir(const QString& path, bool removeFiles);
+    // Capacity in bytes: the size of the device for a device node ("/dev/sdb"),
+    // otherwise the total size of the file system that holds `path`; 0 when
+    // it cannot be told.
+    static qint64 DiskTotalSize(const QString& path);
 
     // Positioned raw read: 0 on success, ReadNoDevice when the stream has no
     // device or cannot be positioned, ReadShort when fewer bytes were read.

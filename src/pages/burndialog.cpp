@@ -1,0 +1,285 @@
+#include "pages/burndialog.h"
+
+#include <QFileInfo>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QRadioButton>
+
+#include "app/mainwindow.h"
+#include "app/util.h"
+#include "media/disctools.h"
+#include "media/drives.h"
+#include "ui/baseimagectrl.h"
+#include "ui/gerneraldialog.h"
+#include "ui/messagedialogs.h"
+#include "ui/mycombobox.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+enum ListType
+{
+    kBothLists = 0,
+    kOpticalList = 1,
+    kRemovableList = 2
+};
+
+constexpr int kNoticeButtonY = 123;
+const QString kGpt = QStringLiteral("GPT(required for UEFI boot)");
+
+void showNotice(const QString& picture)
+{
+    MessageDialogs::Notice(picture, kNoticeButtonY)->exec();
+}
+
+QString currentNode(const QComboBox* list)
+{
+    return list->currentIndex() < 0 ? QString() : list->currentData().toString();
+}
+
+} // namespace
+
+CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
+{
+    setObjectName(QStringLiteral("CBurnDialog"));
+    setWindowTitle(QStringLiteral("Dialog"));
+    SetBackgroundImage(QStringLiteral(":/nwu/page1"));
+
+    m_isofile = new QLineEdit(this);
+    m_isofile->setObjectName(QStringLiteral("isofile"));
+    m_isofile->setGeometry(135, 26, 306, 23);
+    m_isofile->setReadOnly(true);
+    m_browser = MakePictureButton(this, "browser", QStringLiteral(":/nwu/Broswe"), 462, 26);
+
+    const QString radioStyle =
+        QStringLiteral("QRadioButton::indicator:checked {\n    image: url(:/nwu/rchecked);\n}\n\n"
+                       "QRadioButton::indicator:unchecked {\n    image: url(:/nwu/runchecked);\n}");
+    const auto radio = [&](const char* name, int x, int y) {
+        auto* button = new QRadioButton(this);
+        button->setObjectName(QLatin1String(name));
+        button->move(x, y);
+        button->setStyleSheet(radioStyle);
+        button->adjustSize();
+        return button;
+    };
+    const auto list = [&](auto* box, const char* name, const QRect& geometry) {
+        box->setObjectName(QLatin1String(name));
+        box->setGeometry(geometry);
+        return box;
+    };
+    m_rdvd = radio("rdvd", 113, 83);
+    m_rdvd->setChecked(true);
+    m_dvdlist = list(new CMyComboBox(this), "dvdlist", QRect(135, 137, 371, 23));
+    m_rusb = radio("rusb", 113, 179);
+    m_usblist = list(new CMyComboBox(this), "usblist", QRect(135, 222, 371, 23));
+    m_ptlist = list(new QComboBox(this), "ptlist", QRect(260, 258, 246, 23));
+    m_ptlist->addItems({QStringLiteral("MBR(for legacy BIOS/CSM boot)"), kGpt});
+    m_sysfilelist = list(new QComboBox(this), "sysfilelist", QRect(135, 349, 180, 23));
+    m_sysfilelist->addItems({QStringLiteral("FAT32"), QStringLiteral("NTFS"),
+                             QStringLiteral("exFAT"), QStringLiteral("FAT")});
+    m_volumelab = new QLineEdit(this);
+    m_volumelab->setObjectName(QStringLiteral("volumelab"));
+    m_volumelab->setGeometry(405, 351, 208, 23);
+    m_volumelab->setMaxLength(11);
+
+    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 145, 405);
+    m_burn = MakePictureButton(this, "burn", QStringLiteral(":/nwu/burn"), 279, 405);
+
+    m_progress = new CProgressDialog;
+    m_scan = new COpticalScan(this);
+    m_burnJob = new CDiscBurnJob(this);
+    connect(m_scan, &COpticalScan::entry, this, &CBurnDialog::onLineOutput);
+    connect(m_scan, &COpticalScan::finished, this, &CBurnDialog::opticalListFilled);
+    connect(m_burnJob, &CDiscBurnJob::progress, this, &CBurnDialog::onDVDBurnOutput);
+    connect(m_burnJob, &CDiscBurnJob::finished, this, &CBurnDialog::onDVDBurnFinished);
+    // A drive the user picks while a scan is still running is the one to keep.
+    connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
+            [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
+
+    connect(m_browser, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBrowser);
+    connect(m_back, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBack);
+    connect(m_burn, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBurn);
+    connect(m_volumelab, &QLineEdit::textChanged, this, &CBurnDialog::OnVolumeLabTextChange);
+    connect(m_ptlist, qOverload<int>(&QComboBox::currentIndexChanged), this,
+            &CBurnDialog::OnMBRSelect);
+    connect(m_rdvd, &QRadioButton::toggled, this, &CBurnDialog::OnRadioSelected);
+    if (auto* window = qobject_cast<MainWindow*>(mainWindow))
+        connect(window, &MainWindow::sigdrivechange, this,
+                qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
+
+    OnRadioSelected();
+}
+
+CBurnDialog::~CBurnDialog()
+{
+    delete m_progress;
+}
+
+bool CBurnDialog::IsScanning() const
+{
+    return m_scan->IsRunning();
+}
+
+void CBurnDialog::onBrowser()
+{
+    const QString path = Util::OpenFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
+    if (!path.isEmpty() && QFileInfo(path).isFile())
+        m_isofile->setText(path);
+}
+
+void CBurnDialog::onBurn()
+{
+    const QString image = m_isofile->text().trimmed();
+    if (!QFileInfo(image).isFile() || !image.toLower().endsWith(QLatin1String(".iso"))) {
+        showNotice(QStringLiteral(":/nwu/burn-fails"));
+        return;
+    }
+    if (m_rusb->isChecked())
+        BurnToUsb(image);
+    else
+        BurnToDisc(image);
+}
+
+void CBurnDialog::BurnToUsb(const QString& /*image*/)
+{
+    if (m_usblist->currentIndex() < 0 || m_usblist->currentText().isEmpty()) {
+        showNotice(QStringLiteral(":/nwu/insert_usb"));
+        return;
+    }
+    Util::ShowMessage(
+        QStringLiteral("Burning to a USB drive is not available in this version of Brenta yet. "
+                       "You can burn the image to a CD or DVD."));
+}
+
+void CBurnDialog::BurnToDisc(const QString& image)
+{
+    const int index = m_dvdlist->currentIndex();
+    if (index < 0 || index >= m_dvdlist->count())
+        return;
+    m_progress->show();
+    // A burn that is cut short leaves an unusable disc, so it cannot be stopped.
+    m_progress->DisableStop();
+    m_progress->SetRange(0, 100);
+    m_progress->SetValue(0);
+    m_progress->SetText(QStringLiteral("Burning the disc..."));
+    SetButtonsEnabled(false);
+    m_burnJob->Start(image, m_dvdlist->itemData(index).toString());
+}
+
+void CBurnDialog::onDVDBurnOutput(int percent)
+{
+    m_progress->SetValue(percent);
+}
+
+void CBurnDialog::onDVDBurnFinished(bool succeeded, const QString& message)
+{
+    m_progress->hide();
+    SetButtonsEnabled(true);
+    Util::ShowMessage(message);
+    Q_EMIT burnFinished(succeeded);
+}
+
+void CBurnDialog::SetButtonsEnabled(bool enabled)
+{
+    for (CImageButton* button : {m_browser, m_back, m_burn})
+        button->setEnabled(enabled);
+}
+
+void CBurnDialog::onBack()
+{
+    hide();
+    deleteLater();
+}
+
+void CBurnDialog::InitializeUSBAndDVDComboBox(int type)
+{
+    if (type == kBothLists || type == kRemovableList)
+        RefillRemovable();
+    if (type == kBothLists || type == kOpticalList)
+        RefillOptical();
+}
+
+void CBurnDialog::InitializeUSBAndDVDComboBox()
+{
+    InitializeUSBAndDVDComboBox(kBothLists);
+}
+
+void CBurnDialog::RefillRemovable()
+{
+    const QString remembered = currentNode(m_usblist);
+    m_usblist->clear();
+    for (const RemovableDrive& drive : Drives::Removable()) {
+        m_usblist->addItem(drive.text, drive.node);
+        if (drive.node == remembered)
+            m_usblist->setCurrentIndex(m_usblist->count() - 1);
+    }
+}
+
+void CBurnDialog::RefillOptical()
+{
+    // A refill that replaces one still under way keeps what that one was
+    // looking for: the list it left may not hold it yet.
+    if (!m_scan->IsRunning())
+        m_opticalNode = currentNode(m_dvdlist);
+    m_scan->Stop();
+    m_dvdlist->clear();
+    m_scan->Start();
+}
+
+void CBurnDialog::onLineOutput(const QString& text, const QString& node)
+{
+    m_dvdlist->addItem(text, node);
+    if (node == m_opticalNode)
+        m_dvdlist->setCurrentIndex(m_dvdlist->count() - 1);
+}
+
+void CBurnDialog::OnRadioSelected()
+{
+    const bool disc = m_rdvd->isChecked();
+    for (QWidget* usbControl :
+         {static_cast<QWidget*>(m_usblist), static_cast<QWidget*>(m_ptlist),
+          static_cast<QWidget*>(m_sysfilelist), static_cast<QWidget*>(m_volumelab)})
+        usbControl->setEnabled(!disc);
+    m_dvdlist->setEnabled(disc);
+    // Both refills keep their list's selection themselves.
+    InitializeUSBAndDVDComboBox(kBothLists);
+    // A GPT choice keeps the file system fixed while the USB controls return.
+    if (!disc)
+        OnMBRSelect();
+}
+
+void CBurnDialog::OnRefresh()
+{
+    InitializeUSBAndDVDComboBox(sender() == m_dvdlist ? kOpticalList : kRemovableList);
+}
+
+void CBurnDialog::OnVolumeLabTextChange(const QString& text)
+{
+    const QString upper = text.toUpper();
+    if (upper == text)
+        return;
+    // Typing in the middle of the label keeps the cursor where it was.
+    const int cursor = m_volumelab->cursorPosition();
+    m_volumelab->setText(upper);
+    m_volumelab->setCursorPosition(cursor);
+}
+
+void CBurnDialog::OnMBRSelect()
+{
+    if (m_ptlist->currentIndex() == 1) {
+        m_sysfilelist->setEnabled(false);
+        m_sysfilelist->setCurrentIndex(0);
+    } else {
+        m_sysfilelist->setEnabled(m_rusb->isChecked());
+    }
+}
+
+void CBurnDialog::keyPressEvent(QKeyEvent* event)
+{
+    // Escape would reject the dialog the page is built on and leave it hidden.
+    if (event->key() == Qt::Key_Escape) {
+        event->accept();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <QString>
+
+#include "ui/imagedialog.h"
+
+class CDiscBurnJob;
+class CImageButton;
+class CMyComboBox;
+class COpticalScan;
+class CProgressDialog;
+class QComboBox;
+class QLineEdit;
+class QRadioButton;
+
+// The burn page: writes an image to a CD/DVD or to a USB drive. The optical
+// list is filled by a bus scan that runs beside the window, the removable
+// list from the system's USB disks; both keep their selection, by device
+// node, across refills.
+class CBurnDialog final : public ImageDialog
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CBurnDialog)
+
+public:
+    // With the main window, the lists follow its sigdrivechange().
+    explicit CBurnDialog(QWidget* mainWindow = nullptr);
+    ~CBurnDialog() override;
+
+    CProgressDialog* Progress() const { return m_progress; }
+    bool IsScanning() const;
+
+Q_SIGNALS:
+    // An optical refill has ended: every drive it found is in the list.
+    void opticalListFilled();
+    // A disc burn has ended and the page has said how it went.
+    void burnFinished(bool succeeded);
+
+public Q_SLOTS:
+    void onBrowser();
+    void onBurn();
+    void onBack();
+    // 0 both lists, 1 the optical list, 2 the removable list; else nothing.
+    void InitializeUSBAndDVDComboBox(int type);
+    void InitializeUSBAndDVDComboBox();
+    void OnRadioSelected();
+    // Refills the list whose combo box sent the signal.
+    void OnRefresh();
+    void OnVolumeLabTextChange(const QString& text);
+    void OnMBRSelect();
+    // One optical drive found by the running refill.
+    void onLineOutput(const QString& text, const QString& node);
+    void onDVDBurnFinished(bool succeeded, const QString& message);
+    void onDVDBurnOutput(int percent);
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+
+private:
+    void RefillRemovable();
+    void RefillOptical();
+    void BurnToUsb(const QString& image);
+    void BurnToDisc(const QString& image);
+    void SetButtonsEnabled(bool enabled);
+
+    QLineEdit* m_isofile = nullptr;
+    CImageButton* m_browser = nullptr;
+    QRadioButton* m_rdvd = nullptr;
+    CMyComboBox* m_dvdlist = nullptr;
+    QRadioButton* m_rusb = nullptr;
+    CMyComboBox* m_usblist = nullptr;
+    QComboBox* m_ptlist = nullptr;
+    QComboBox* m_sysfilelist = nullptr;
+    QLineEdit* m_volumelab = nullptr;
+    CImageButton* m_back = nullptr;
+    CImageButton* m_burn = nullptr;
+    CProgressDialog* m_progress = nullptr;
+    COpticalScan* m_scan = nullptr;
+    CDiscBurnJob* m_burnJob = nullptr;
+    // The optical drive to select again when a refill finds it.
+    QString m_opticalNode;
+};

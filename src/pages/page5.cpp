@@ -1,0 +1,196 @@
+#include "pages/page5.h"
+
+#include <QComboBox>
+#include <QFileInfo>
+#include <QKeyEvent>
+#include <QLineEdit>
+
+#include <algorithm>
+#include <limits>
+
+#include "app/mainwindow.h"
+#include "app/util.h"
+#include "media/disctools.h"
+#include "ui/baseimagectrl.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+// The progress bar counts in int; a disc has far fewer sectors than that,
+// but a reader that says otherwise must not make the bar wrap around.
+int barValue(qint64 sector)
+{
+    return int(std::clamp<qint64>(sector, 0, std::numeric_limits<int>::max()));
+}
+
+} // namespace
+
+CPage5::CPage5(QWidget* mainWindow) : ImageDialog(false)
+{
+    setObjectName(QStringLiteral("CPage5"));
+    setWindowTitle(QStringLiteral("Dialog"));
+    SetBackgroundImage(QStringLiteral(":/nwu/page5"));
+
+    m_dvdlist = new QComboBox(this);
+    m_dvdlist->setObjectName(QStringLiteral("dvdlist"));
+    m_dvdlist->setGeometry(20, 147, 476, 26);
+    auto* eject = MakePictureButton(this, "eject", QStringLiteral(":/nwu/refresh"), 508, 147);
+    eject->setToolTip(QStringLiteral("Eject the disc"));
+    m_formatlist = new QComboBox(this);
+    m_formatlist->setObjectName(QStringLiteral("formatlist"));
+    m_formatlist->setGeometry(159, 270, 191, 27);
+    m_formatlist->addItem(QStringLiteral("ISO Format"));
+    m_lineEdit = new QLineEdit(this);
+    m_lineEdit->setObjectName(QStringLiteral("lineEdit"));
+    m_lineEdit->setGeometry(20, 334, 476, 28);
+    m_lineEdit->setReadOnly(true);
+    auto* browser =
+        MakePictureButton(this, "browser", QStringLiteral(":/nwu/filedialog"), 508, 334);
+    auto* back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 10, 417);
+    auto* start = MakePictureButton(this, "start", QStringLiteral(":/nwu/start"), 546, 417);
+
+    m_progress = new CProgressDialog;
+    m_scan = new COpticalScan(this);
+    m_copy = new CDiscCopyJob(this);
+    m_eject = new CEjectJob(this);
+    connect(m_scan, &COpticalScan::entry, this, &CPage5::onLineOutput);
+    connect(m_scan, &COpticalScan::finished, this, &CPage5::opticalListFilled);
+    connect(m_copy, &CDiscCopyJob::sectors, this, &CPage5::OnReadSectors);
+    connect(m_copy, &CDiscCopyJob::position, this, &CPage5::OnReadPosition);
+    connect(m_copy, &CDiscCopyJob::finished, this, &CPage5::OnReadFinished);
+    connect(m_eject, &CEjectJob::finished, this, [this](bool succeeded, const QString& message) {
+        if (!succeeded)
+            Util::ShowMessage(message);
+        Q_EMIT ejectFinished(succeeded);
+    });
+    // A drive the user picks while a scan is still running is the one to keep.
+    connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
+            [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
+
+    connect(browser, qOverload<>(&CImageButton::clicked), this, &CPage5::OnBrowser);
+    connect(back, qOverload<>(&CImageButton::clicked), this, &CPage5::OnBack);
+    connect(start, qOverload<>(&CImageButton::clicked), this, &CPage5::OnStart);
+    connect(eject, qOverload<>(&CImageButton::clicked), this, &CPage5::OnEject);
+    connect(m_progress, &CProgressDialog::SigCancel, this, &CPage5::StopCreate);
+    if (auto* window = qobject_cast<MainWindow*>(mainWindow))
+        connect(window, &MainWindow::sigdrivechange, this, &CPage5::InitializeDVDComboBox);
+
+    InitializeDVDComboBox();
+}
+
+CPage5::~CPage5()
+{
+    delete m_progress;
+}
+
+bool CPage5::IsScanning() const
+{
+    return m_scan->IsRunning();
+}
+
+bool CPage5::IsCopying() const
+{
+    return m_copy->IsRunning();
+}
+
+void CPage5::OnBrowser()
+{
+    m_lineEdit->setText(Util::SaveFileDialog(this, QStringLiteral("ISO Files(*.ISO)")));
+}
+
+void CPage5::OnStart()
+{
+    if (m_dvdlist->currentIndex() < 0) {
+        Util::ShowMessage(QStringLiteral("Please select the iso file to save"));
+        return;
+    }
+    if (m_lineEdit->text().isEmpty()) {
+        Util::ShowMessage(QStringLiteral("Please select the iso file to save."));
+        return;
+    }
+    m_output = m_lineEdit->text();
+    m_end = 0;
+    m_progress->SetText(QStringLiteral("Start reading..."));
+    m_progress->SetRange(0, 100);
+    m_progress->SetValue(0);
+    m_progress->show();
+    // Start() ends a reading still under way first.
+    m_copy->Start(m_dvdlist->currentData().toString(), m_output);
+}
+
+void CPage5::OnReadSectors(qint64 end)
+{
+    m_end = barValue(end);
+    m_progress->SetRange(0, m_end);
+    m_progress->SetText(QStringLiteral("Reading Disc..."));
+    m_progress->SetValue(0);
+}
+
+void CPage5::OnReadPosition(qint64 sector)
+{
+    const int value = barValue(sector);
+    m_progress->SetValue(value);
+    if (m_end > 0 && value == m_end)
+        m_progress->SetText(QStringLiteral("Reading is completed,please wait a few seconds..."));
+}
+
+void CPage5::OnReadFinished(bool succeeded, const QString& message)
+{
+    m_progress->hide();
+    if (succeeded)
+        Util::ShowFinished(message, QFileInfo(m_output).absolutePath());
+    else
+        Util::ShowMessage(message);
+    Q_EMIT copyFinished(succeeded);
+}
+
+void CPage5::StopCreate()
+{
+    // The job ends the reader and removes the incomplete image; the user
+    // asked for it, so there is nothing to report.
+    m_copy->Stop();
+    m_progress->hide();
+}
+
+void CPage5::OnEject()
+{
+    if (m_dvdlist->currentIndex() < 0)
+        return;
+    m_eject->Start(m_dvdlist->currentData().toString());
+}
+
+void CPage5::InitializeDVDComboBox()
+{
+    // A refill that replaces one still under way keeps what that one was
+    // looking for: the list it left may not hold it yet.
+    if (!m_scan->IsRunning())
+        m_opticalNode =
+            m_dvdlist->currentIndex() < 0 ? QString() : m_dvdlist->currentData().toString();
+    m_scan->Stop();
+    m_dvdlist->clear();
+    m_scan->Start();
+}
+
+void CPage5::onLineOutput(const QString& text, const QString& node)
+{
+    m_dvdlist->addItem(text, node);
+    if (node == m_opticalNode)
+        m_dvdlist->setCurrentIndex(m_dvdlist->count() - 1);
+}
+
+void CPage5::OnBack()
+{
+    StopCreate();
+    hide();
+    deleteLater();
+}
+
+void CPage5::keyPressEvent(QKeyEvent* event)
+{
+    // Escape would reject the dialog the page is built on and leave it hidden.
+    if (event->key() == Qt::Key_Escape) {
+        event->accept();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <QString>
+
+#include "ui/imagedialog.h"
+
+class CDiscCopyJob;
+class CEjectJob;
+class CImageButton;
+class COpticalScan;
+class CProgressDialog;
+class QComboBox;
+class QLineEdit;
+
+// The copy page: reads the disc in an optical drive into an image file, with
+// progress and Stop, and opens the drive's tray.
+class CPage5 final : public ImageDialog
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CPage5)
+
+public:
+    // With the main window, the drive list follows its sigdrivechange().
+    explicit CPage5(QWidget* mainWindow = nullptr);
+    ~CPage5() override;
+
+    CProgressDialog* Progress() const { return m_progress; }
+    bool IsScanning() const;
+    bool IsCopying() const;
+
+Q_SIGNALS:
+    // An optical refill has ended: every drive it found is in the list.
+    void opticalListFilled();
+    // A copy has ended on its own and the page has said how it went.
+    void copyFinished(bool succeeded);
+    // An eject has ended and a failure has been shown.
+    void ejectFinished(bool succeeded);
+
+public Q_SLOTS:
+    void OnBrowser();
+    void OnStart();
+    void OnEject();
+    void InitializeDVDComboBox();
+    // One optical drive found by the running refill.
+    void onLineOutput(const QString& text, const QString& node);
+    void OnReadSectors(qint64 end);
+    void OnReadPosition(qint64 sector);
+    void OnReadFinished(bool succeeded, const QString& message);
+    void StopCreate();
+    void OnBack();
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+
+private:
+    QComboBox* m_dvdlist = nullptr;
+    QComboBox* m_formatlist = nullptr;
+    QLineEdit* m_lineEdit = nullptr;
+    CProgressDialog* m_progress = nullptr;
+    COpticalScan* m_scan = nullptr;
+    CDiscCopyJob* m_copy = nullptr;
+    CEjectJob* m_eject = nullptr;
+    // The optical drive to select again when a refill finds it.
+    QString m_opticalNode;
+    QString m_output;
+    int m_end = 0;
+};

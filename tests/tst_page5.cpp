@@ -1,0 +1,206 @@
+#include <QtTest>
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QProgressBar>
+
+#include "common/modal.h"
+#include "common/urlrecorder.h"
+#include "media/drives.h"
+#include "pages/page5.h"
+#include "ui/baseimagectrl.h"
+#include "ui/commdialog.h"
+#include "ui/pickers.h"
+#include "ui/progressdialog.h"
+
+namespace {
+
+// The stand-ins' calls other than bus scans, one line each.
+QStringList logged(const QString& path)
+{
+    QFile file(path);
+    file.open(QIODevice::ReadOnly);
+    QStringList out;
+    for (QString call : QString::fromUtf8(file.readAll()).split("--\n", Qt::SkipEmptyParts)) {
+        if ((call = call.trimmed().replace('\n', ' ')) != "-scanbus")
+            out << call;
+    }
+    return out;
+}
+
+void click(QWidget* widget)
+{
+    QTest::mouseClick(widget, Qt::LeftButton, {}, widget->rect().center());
+}
+
+// The text of the next message, which is then closed.
+void answer(QString* said, bool openFolder = false)
+{
+    whenModal<CommDialog>([said, openFolder](CommDialog* dialog) {
+        *said = dialog->Label()->text();
+        if (openFolder)
+            click(dialog->CancelButton());
+        click(dialog->OkButton());
+    });
+}
+
+} // namespace
+
+class TestPage5 final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void init();
+    void cleanup();
+
+    void widgetsSitOnTheirLabels();
+    void startSaysWhatIsMissing();
+    void copiesTheDisc();
+    void stopEndsTheReadingQuietly();
+    void ejectFailureIsShown();
+
+private:
+    void Open()
+    {
+        m_page = std::make_unique<CPage5>();
+        QSignalSpy filled(m_page.get(), &CPage5::opticalListFilled);
+        m_page->show();
+        QVERIFY(filled.count() == 1 || filled.wait(20000));
+    }
+    template <typename T = QWidget> T* Child(const char* name) const
+    {
+        return m_page->findChild<T*>(name);
+    }
+
+    QTemporaryDir m_dir;
+    QString m_log;
+    QList<OpticalDrive> m_optical;
+    std::unique_ptr<CPage5> m_page;
+    UrlRecorder m_urls{{"file"}};
+};
+
+void TestPage5::initTestCase()
+{
+    qputenv("BRENTA_TOOLS_DIR", BRENTA_SOURCE_DIR "/tests/standins");
+}
+
+void TestPage5::init()
+{
+    // A page that goes away must take its tools with it.
+    QTest::failOnWarning(QRegularExpression("QProcess: Destroyed while process"));
+    m_log = m_dir.filePath(
+        QString("%1-%2.log").arg(QTest::currentTestFunction(), QTest::currentDataTag()));
+    qputenv("BRENTA_STANDIN_LOG", m_log.toUtf8());
+    m_optical = {OpticalDrive{"/dev/sr0", "ACMECORP", "DVDRW UNIT-100", "R001", 1, 0, 0, 0}};
+    DriveSeam::SetOptical([this] { return m_optical; });
+}
+
+void TestPage5::cleanup()
+{
+    m_page.reset();
+    DriveSeam::Reset();
+    PickerSeam::Reset();
+    qunsetenv("BRENTA_STANDIN_MODE");
+}
+
+void TestPage5::widgetsSitOnTheirLabels()
+{
+    Open();
+    const std::pair<const char*, QRect> widgets[] = {
+        {"dvdlist", {20, 147, 476, 26}},     {"eject", {508, 147, 28, 26}},
+        {"formatlist", {159, 270, 191, 27}}, {"lineEdit", {20, 334, 476, 28}},
+        {"browser", {508, 334, 28, 28}},     {"back", {10, 417, 100, 40}},
+        {"start", {546, 417, 108, 40}}};
+    for (const auto& [name, geometry] : widgets) {
+        QWidget* widget = Child(name);
+        QVERIFY2(widget && widget->isVisible(), name);
+        QCOMPARE(widget->geometry(), geometry);
+    }
+}
+
+// Both messages speak of the output file; the missing drive is said first.
+void TestPage5::startSaysWhatIsMissing()
+{
+    const QList<OpticalDrive> drives = m_optical;
+    QString message;
+    for (bool drive : {false, true}) {
+        m_optical = drive ? drives : QList<OpticalDrive>();
+        Open();
+        Child<QLineEdit>("lineEdit")->setText(drive ? QString() : m_dir.filePath("out.iso"));
+        answer(&message);
+        click(Child("start"));
+        QCOMPARE(message, QString(drive ? "Please select the iso file to save."
+                                        : "Please select the iso file to save"));
+    }
+    QCOMPARE(logged(m_log), QStringList());
+}
+
+void TestPage5::copiesTheDisc()
+{
+    Open();
+    const QString output = m_dir.filePath("copies/disc copy.iso");
+    QVERIFY(QDir(m_dir.path()).mkpath("copies"));
+    PickerSeam::Set([&](PickerSeam::Kind kind, const QString& filter) {
+        return kind == PickerSeam::Kind::SaveFile && filter == "ISO Files(*.ISO)"
+                   ? QStringList{output}
+                   : QStringList();
+    });
+    click(Child("browser"));
+    QSignalSpy finished(m_page.get(), &CPage5::copyFinished);
+    QString message;
+    answer(&message, true);
+    click(Child("start"));
+    // A reading can be stopped, unlike a burn.
+    QVERIFY(m_page->Progress()->isVisible() && m_page->Progress()->CancelButton()->isEnabled());
+    QVERIFY(finished.count() == 1 || finished.wait(20000));
+    QCOMPARE(message, QString("Copy CD/DVD successfully!"));
+    QCOMPARE(m_urls.opened, QList<QUrl>{QUrl::fromLocalFile(m_dir.filePath("copies"))});
+    QCOMPARE(m_page->Progress()->Bar()->maximum(), 300);
+    QCOMPARE(m_page->Progress()->Label()->text(),
+             QString("Reading is completed,please wait a few seconds..."));
+    QCOMPARE(QFileInfo(output).size(), qint64(300) * 2048);
+    QCOMPARE(logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
+}
+
+// Stop is the user's own choice: no message, no half image, no reader left.
+void TestPage5::stopEndsTheReadingQuietly()
+{
+    qputenv("BRENTA_STANDIN_MODE", "hang");
+    Open();
+    const QString output = m_dir.filePath("stopped.iso");
+    Child<QLineEdit>("lineEdit")->setText(output);
+    QSignalSpy finished(m_page.get(), &CPage5::copyFinished);
+    click(Child("start"));
+    CProgressDialog* progress = m_page->Progress();
+    // The stand-in reports sector 32 of 300, then sleeps.
+    QTRY_VERIFY_WITH_TIMEOUT(progress->Bar()->value() == 32, 10000);
+    QCOMPARE(progress->Label()->text(), QString("Reading Disc..."));
+    click(progress->CancelButton());
+    QVERIFY(!progress->isVisible() && !m_page->IsCopying());
+    QVERIFY(!QFileInfo::exists(output));
+    QTest::qWait(200);
+    QCOMPARE(finished.count(), 0);
+    QProcess pgrep;
+    pgrep.start("pgrep", {"-f", "-f=" + output});
+    QVERIFY(pgrep.waitForFinished());
+    QCOMPARE(pgrep.readAll().trimmed(), QByteArray());
+}
+
+void TestPage5::ejectFailureIsShown()
+{
+    qputenv("BRENTA_STANDIN_MODE", "busy");
+    Open();
+    QSignalSpy ejected(m_page.get(), &CPage5::ejectFinished);
+    QString message;
+    answer(&message);
+    click(Child("eject"));
+    QVERIFY(ejected.count() == 1 || ejected.wait(20000));
+    QVERIFY2(message.startsWith("The tray could not be opened. The drive is in use"),
+             qPrintable(message));
+    QCOMPARE(logged(m_log), QStringList{"dev=/dev/sr0 -eject"});
+}
+
+QTEST_MAIN(TestPage5)
+#include "tst_page5.moc"
