@@ -56,7 +56,6 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void widgetsSitOnTheirLabels();
     void volumeLabel();
     void gptKeepsFat32();
     void refusals_data();
@@ -118,25 +117,6 @@ void TestBurnPage::cleanup()
 }
 
 // The background carries the labels: a widget off its place names nothing.
-void TestBurnPage::widgetsSitOnTheirLabels()
-{
-    Open();
-    const std::pair<const char*, QRect> widgets[] = {
-        {"isofile", {135, 26, 306, 23}},    {"browser", {462, 26, 80, 24}},
-        {"rdvd", {113, 83, 0, 0}},          {"dvdlist", {135, 137, 371, 23}},
-        {"rusb", {113, 179, 0, 0}},         {"usblist", {135, 222, 371, 23}},
-        {"ptlist", {260, 258, 246, 23}},    {"sysfilelist", {135, 349, 180, 23}},
-        {"volumelab", {405, 351, 208, 23}}, {"back", {145, 405, 100, 40}},
-        {"burn", {279, 405, 108, 40}}};
-    for (const auto& [name, geometry] : widgets) {
-        QWidget* widget = Child(name);
-        QVERIFY2(widget && widget->isVisible(), name);
-        QCOMPARE(widget->pos(), geometry.topLeft());
-        if (!geometry.isEmpty())
-            QCOMPARE(widget->size(), geometry.size());
-    }
-}
-
 // Upper case, at most 11 characters, and typing inside the label must not
 // throw the cursor to its end.
 void TestBurnPage::volumeLabel()

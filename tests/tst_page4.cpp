@@ -74,7 +74,6 @@ private Q_SLOTS:
     void init();
     void cleanup();
 
-    void layout();
     void searchFiltersAndActsOnTheRowShown();
     void renameDeleteAndAddThroughTheControls();
     void nothingTickedIsSaid_data();
@@ -134,33 +133,6 @@ void TestPage4::Open(const QString& image)
     clickButton(m_page->findChild<CImageButton*>("loadiso"));
     QVERIFY(loaded.wait(60000));
     QCOMPARE(loaded.first().first().toBool(), true);
-}
-
-void TestPage4::layout()
-{
-    QCOMPARE(m_page->size(), QSize(854, 470));
-    const struct
-    {
-        const char* name;
-        QPoint at;
-    } buttons[] = {{"loadiso", {11, 16}}, {"add", {226, 24}},  {"export_2", {303, 24}}, {"rename", {399, 24}},
-                   {"delete_2", {509, 24}}, {"new_2", {609, 24}}, {"back", {11, 416}},    {"save", {741, 416}}};
-    for (const auto& button : buttons) {
-        auto* found = m_page->findChild<CImageButton*>(button.name);
-        QVERIFY2(found, button.name);
-        QCOMPARE(found->pos(), button.at);
-        QCOMPARE(found->isVisible(), QByteArray(button.name) != "new_2");
-    }
-    QCOMPARE(m_page->Search()->geometry(), QRect(711, 16, 136, 27));
-    QCOMPARE(m_page->Search()->placeholderText(), QString("Search"));
-    QLabel* zoom = m_page->Search()->findChild<QLabel*>("zoom");
-    QVERIFY(zoom && zoom->isVisible() && zoom->geometry().right() < 28);
-    QCOMPARE(m_page->Tree()->geometry(), QRect(11, 58, 179, 338));
-    QCOMPARE(m_page->Table()->geometry(), QRect(190, 58, 658, 338));
-    QStringList actions;
-    for (QAction* action : m_page->ContextMenu()->actions())
-        actions << action->text();
-    QCOMPARE(actions, (QStringList{"Add(&A)", "Export(&E)", "Rename(&R)", "Delete(&D)", "New(&N)"}));
 }
 
 void TestPage4::searchFiltersAndActsOnTheRowShown()
