@@ -11,10 +11,12 @@ struct Run
 
 // Runs the real program with no display at all: the terminal forms must not
 // need one.
-Run runBrenta(const QStringList& arguments, int timeoutMs = 60000)
+Run runBrenta(const QStringList& arguments, int timeoutMs = 60000, const QStringList& variables = {})
 {
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const QString& variable : variables)
+        environment.insert(variable.section('=', 0, 0), variable.section('=', 1));
     environment.remove("DISPLAY");
     environment.remove("WAYLAND_DISPLAY");
     environment.remove("QT_QPA_PLATFORM");
@@ -42,6 +44,8 @@ private Q_SLOTS:
     void answersWithoutWindow_data();
     void answersWithoutWindow();
     void screenshotsRenderEveryWindow();
+    void discCommands_data();
+    void discCommands();
 };
 
 void TestCli::answersWithoutWindow_data()
@@ -97,6 +101,50 @@ void TestCli::screenshotsRenderEveryWindow()
     // Every file it names was written, one per line.
     const QStringList listed = run.out.split('\n', Qt::SkipEmptyParts);
     QCOMPARE(listed.size(), QDir(dir.path()).entryList({"*.png"}).size());
+}
+
+void TestCli::discCommands_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("said");
+    QTest::newRow("burn") << "burn-disc" << "success" << 0 << "";
+    QTest::newRow("burn, no disc") << "burn-disc" << "nodisc" << 1
+                                   << "brenta: The disc was not burned. There is no writable disc";
+    QTest::newRow("copy") << "copy-disc" << "success" << 0 << "";
+    QTest::newRow("copy, unreadable sector") << "copy-disc" << "readerror" << 1 << "brenta: The disc was not copied.";
+}
+
+// The disc commands with stand-in disc tools; any block device of this
+// machine stands in for the drive, which the stand-ins never open.
+void TestCli::discCommands()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, mode);
+    QFETCH(int, exitCode);
+    QFETCH(QString, said);
+    QString device;
+    for (const QString& name : QDir("/sys/class/block").entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::System)) {
+        if (QFileInfo::exists("/dev/" + name)) {
+            device = "/dev/" + name;
+            break;
+        }
+    }
+    if (device.isEmpty())
+        QSKIP("no block device node on this machine");
+    QTemporaryDir dir;
+    const QString image = dir.filePath("disc.iso");
+    QFile(image).open(QIODevice::WriteOnly);
+    const QStringList arguments = command == "burn-disc" ? QStringList{command, image, device}
+                                                         : QStringList{command, device, dir.filePath("copy.iso")};
+    const Run run = runBrenta(arguments, 60000,
+                              {"BRENTA_TOOLS_DIR=" BRENTA_SOURCE_DIR "/tests/standins", "BRENTA_STANDIN_MODE=" + mode});
+    QCOMPARE(run.exitCode, exitCode);
+    QVERIFY2(said.isEmpty() ? run.err.isEmpty() : run.err.startsWith(said), qPrintable(run.err));
+    QCOMPARE(run.out, QString());
+    if (command == "copy-disc")
+        QCOMPARE(QFileInfo(dir.filePath("copy.iso")).size(), exitCode == 0 ? qint64(300) * 2048 : qint64(0));
 }
 
 QTEST_GUILESS_MAIN(TestCli)
