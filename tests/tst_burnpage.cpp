@@ -8,6 +8,7 @@
 
 #include "app/mainwindow.h"
 #include "common/modal.h"
+#include "common/standins.h"
 #include "media/drives.h"
 #include "pages/burndialog.h"
 #include "ui/baseimagectrl.h"
@@ -27,18 +28,7 @@ RemovableDrive stick(const QString& node)
     return {node, node + "  ACME Stick  16.0 GB", qint64(16'000'000'000)};
 }
 
-// The stand-in's calls other than bus scans, one line each.
-QStringList logged(const QString& path)
-{
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
-    QStringList out;
-    for (QString call : QString::fromUtf8(file.readAll()).split("--\n", Qt::SkipEmptyParts)) {
-        if ((call = call.trimmed().replace('\n', ' ')) != "-scanbus")
-            out << call;
-    }
-    return out;
-}
+using Standins::Logged;
 
 void click(QWidget* widget)
 {
@@ -198,7 +188,7 @@ void TestBurnPage::refusals()
     QTest::qWait(150);
     QVERIFY2(said.isEmpty() ? seen.isEmpty() : seen.startsWith(said), qPrintable(seen));
     QVERIFY(!m_page->Progress()->isVisible());
-    QCOMPARE(logged(m_log), QStringList());
+    QCOMPARE(Logged(m_log), QStringList());
 }
 
 void TestBurnPage::burnsTheDisc_data()
@@ -238,7 +228,7 @@ void TestBurnPage::burnsTheDisc()
     QVERIFY2(message.startsWith(said), qPrintable(message));
     QCOMPARE(value, lastValue);
     QVERIFY(Child("back")->isEnabled() && Child("burn")->isEnabled());
-    QCOMPARE(logged(m_log),
+    QCOMPARE(Logged(m_log),
              QStringList{"-v -eject dev=/dev/sr0 -sao driveropts=burnfree " + m_image});
 }
 

@@ -1,5 +1,6 @@
 #include <QtTest>
 
+#include "common/standins.h"
 #include "media/disctools.h"
 #include "media/drives.h"
 
@@ -21,17 +22,7 @@ OpticalDrive drive(const QString& node, int host, int target, int lun)
 
 const QString kOptical = "\t1,0,0\t100) 'ACMECORP' 'DVDRW UNIT-100  ' 'R001' Removable CD-ROM";
 
-QStringList logged(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QString text = QString::fromUtf8(file.readAll());
-    QStringList calls = text.split("--\n", Qt::SkipEmptyParts);
-    for (QString& call : calls)
-        call = call.trimmed().replace('\n', ' ');
-    return calls;
-}
+using Standins::Logged;
 
 } // namespace
 
@@ -226,7 +217,7 @@ void TestDiscTools::burns()
     QVERIFY(finished.wait(20000));
     QCOMPARE(finished.first().at(0).toBool(), succeeded);
     QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
-    QCOMPARE(logged(m_log), QStringList{"-v -eject dev=/dev/sr0 -sao driveropts=burnfree " + image});
+    QCOMPARE(Logged(m_log), QStringList{"-v -eject dev=/dev/sr0 -sao driveropts=burnfree " + image});
     if (mode == "success") {
         QList<int> values;
         for (const QList<QVariant>& signal : progress)
@@ -261,7 +252,7 @@ void TestDiscTools::copies()
     QVERIFY(finished.wait(20000));
     QCOMPARE(finished.first().at(0).toBool(), succeeded);
     QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
-    QCOMPARE(logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
+    QCOMPARE(Logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
     // A failed copy leaves no half image behind.
     QCOMPARE(QFileInfo::exists(output), succeeded);
     if (succeeded) {
@@ -302,7 +293,7 @@ void TestDiscTools::ejectFailureIsExplained()
     QVERIFY(finished.wait(20000));
     QCOMPARE(finished.first().at(0).toBool(), false);
     QVERIFY(finished.first().at(1).toString().contains("in use"));
-    QCOMPARE(logged(m_log), QStringList{"dev=/dev/sr0 -eject"});
+    QCOMPARE(Logged(m_log), QStringList{"dev=/dev/sr0 -eject"});
 
     qputenv("BRENTA_STANDIN_MODE", "success");
     job.Start("/dev/sr0");

@@ -5,6 +5,7 @@
 #include <QProgressBar>
 
 #include "common/modal.h"
+#include "common/standins.h"
 #include "common/urlrecorder.h"
 #include "media/drives.h"
 #include "pages/page5.h"
@@ -15,18 +16,7 @@
 
 namespace {
 
-// The stand-ins' calls other than bus scans, one line each.
-QStringList logged(const QString& path)
-{
-    QFile file(path);
-    file.open(QIODevice::ReadOnly);
-    QStringList out;
-    for (QString call : QString::fromUtf8(file.readAll()).split("--\n", Qt::SkipEmptyParts)) {
-        if ((call = call.trimmed().replace('\n', ' ')) != "-scanbus")
-            out << call;
-    }
-    return out;
-}
+using Standins::Logged;
 
 void click(QWidget* widget)
 {
@@ -118,7 +108,7 @@ void TestPage5::startSaysWhatIsMissing()
         QCOMPARE(message, QString(drive ? "Please select the iso file to save."
                                         : "Please select the iso file to save"));
     }
-    QCOMPARE(logged(m_log), QStringList());
+    QCOMPARE(Logged(m_log), QStringList());
 }
 
 void TestPage5::copiesTheDisc()
@@ -145,7 +135,7 @@ void TestPage5::copiesTheDisc()
     QCOMPARE(m_page->Progress()->Label()->text(),
              QString("Reading is completed,please wait a few seconds..."));
     QCOMPARE(QFileInfo(output).size(), qint64(300) * 2048);
-    QCOMPARE(logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
+    QCOMPARE(Logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
 }
 
 // Stop is the user's own choice: no message, no half image, no reader left.
@@ -183,7 +173,7 @@ void TestPage5::ejectFailureIsShown()
     QVERIFY(ejected.count() == 1 || ejected.wait(20000));
     QVERIFY2(message.startsWith("The tray could not be opened. The drive is in use"),
              qPrintable(message));
-    QCOMPARE(logged(m_log), QStringList{"dev=/dev/sr0 -eject"});
+    QCOMPARE(Logged(m_log), QStringList{"dev=/dev/sr0 -eject"});
 }
 
 QTEST_MAIN(TestPage5)

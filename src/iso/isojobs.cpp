@@ -21,16 +21,6 @@ QString archiveToolName()
     return ToolLocator::DisplayName(ToolLocator::Tool::Archive);
 }
 
-// Ends a job's run, if any: nothing more arrives from it afterwards.
-void stopRunner(CRunCommandThread*& runner)
-{
-    if (runner == nullptr)
-        return;
-    runner->terminate();
-    runner->deleteLater();
-    runner = nullptr;
-}
-
 } // namespace
 
 CListJob::CListJob(ItemTree& tree, QObject* parent) : QObject(parent), m_tree(tree) {}
@@ -63,7 +53,7 @@ void CListJob::Start(const QString& image)
 
 void CListJob::Stop()
 {
-    stopRunner(m_runner);
+    CRunCommandThread::Dispose(m_runner);
 }
 
 bool CListJob::IsRunning() const
@@ -131,7 +121,7 @@ void CExtractJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    stopRunner(m_runner);
+    CRunCommandThread::Dispose(m_runner);
     if (!m_staging.isEmpty())
         QDir(m_staging).removeRecursively();
     m_staging.clear();
@@ -217,7 +207,7 @@ void CBuildJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    stopRunner(m_runner);
+    CRunCommandThread::Dispose(m_runner);
     QFile::remove(m_output);
 }
 
@@ -232,7 +222,7 @@ void CBuildJob::OnFinished()
             m_message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
         QFile::remove(m_output);
     }
-    stopRunner(m_runner);
+    CRunCommandThread::Dispose(m_runner);
     Q_EMIT finished();
 }
 

@@ -268,15 +268,6 @@ QString failureMessage(const QString& what, const QString& plain, const CRunComm
     return text + QLatin1Char(' ') + runner.FailureText(toolName);
 }
 
-void dispose(CRunCommandThread*& runner)
-{
-    if (runner == nullptr)
-        return;
-    runner->terminate();
-    runner->deleteLater();
-    runner = nullptr;
-}
-
 } // namespace
 
 COpticalScan::COpticalScan(QObject* parent) : QObject(parent), m_inquiry(DiscTools::InquiryProduct) {}
@@ -301,7 +292,7 @@ void COpticalScan::Start()
 
 void COpticalScan::Stop()
 {
-    dispose(m_runner);
+    CRunCommandThread::Dispose(m_runner);
 }
 
 void COpticalScan::OnLine(const QString& line)
@@ -333,12 +324,12 @@ CDiscBurnJob::CDiscBurnJob(QObject* parent) : QObject(parent) {}
 
 CDiscBurnJob::~CDiscBurnJob()
 {
-    dispose(m_runner);
+    CRunCommandThread::Dispose(m_runner);
 }
 
 void CDiscBurnJob::Start(const QString& image, const QString& node)
 {
-    dispose(m_runner);
+    CRunCommandThread::Dispose(m_runner);
     m_trackWritten = false;
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
@@ -432,12 +423,12 @@ CEjectJob::CEjectJob(QObject* parent) : QObject(parent) {}
 
 CEjectJob::~CEjectJob()
 {
-    dispose(m_runner);
+    CRunCommandThread::Dispose(m_runner);
 }
 
 void CEjectJob::Start(const QString& node)
 {
-    dispose(m_runner);
+    CRunCommandThread::Dispose(m_runner);
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;

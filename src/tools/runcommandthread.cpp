@@ -83,6 +83,15 @@ void CRunCommandThread::WaitCommand()
     }
 }
 
+void CRunCommandThread::Dispose(CRunCommandThread*& runner)
+{
+    if (runner == nullptr)
+        return;
+    runner->terminate();
+    runner->deleteLater();
+    runner = nullptr;
+}
+
 void CRunCommandThread::terminate()
 {
     qDebug() << "CRunCommandThread::terminate";

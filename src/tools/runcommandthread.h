@@ -80,6 +80,9 @@ public:
     // tool's own words (its error lines, or else its last lines).
     QString FailureText(const QString& toolName) const;
 
+    // Stops a runner that may still run and lets it go: it deletes itself
+    // once its thread has ended. The pointer is set to null.
+    static void Dispose(CRunCommandThread*& runner);
     // The command line as logged: the program and every argument, each followed
     // by a blank.
     static QString CommandLineText(const QString& program, const QStringList& arguments);

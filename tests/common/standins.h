@@ -1,0 +1,25 @@
+#pragma once
+
+#include <QFile>
+#include <QString>
+#include <QStringList>
+
+// Reading what the stand-in disc tools were called with.
+namespace Standins {
+
+// The calls recorded in `path` other than bus scans, one line each with the
+// arguments separated by blanks.
+inline QStringList Logged(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QStringList calls;
+    for (QString call : QString::fromUtf8(file.readAll()).split("--\n", Qt::SkipEmptyParts)) {
+        if ((call = call.trimmed().replace('\n', ' ')) != "-scanbus")
+            calls << call;
+    }
+    return calls;
+}
+
+} // namespace Standins
