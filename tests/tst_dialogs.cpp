@@ -122,6 +122,13 @@ void TestDialogs::messageHasOneCentredButton()
     QVERIFY(!dialog->CancelButton()->isVisible());
     dialog->hide();
 
+    // A long message (a tool's own words) makes the dialog taller instead of
+    // being cut off, the button staying below the whole text.
+    auto longer = MessageDialogs::Message(QString(text + ' ').repeated(6));
+    QVERIFY(longer->height() > 188);
+    QVERIFY(longer->Label()->geometry().bottom() < longer->OkButton()->y());
+    QVERIFY(longer->Label()->height() >= longer->Label()->heightForWidth(longer->Label()->width()));
+
     // The finished message keeps one line.
     QVERIFY(!MessageDialogs::Finished("Extract files successfully.", "/tmp")->Label()->wordWrap());
 
