@@ -434,6 +434,47 @@ qint64 Drives::DeviceSize(const QString& node)
     return ok && sectors > 0 ? sectors * 512 : 0;
 }
 
+Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, const QString& swaps)
+{
+    NodeFacts facts;
+    struct stat info;
+    if (::stat(QFile::encodeName(node).constData(), &info) != 0 || !S_ISBLK(info.st_mode))
+        return facts;
+    facts.blockDevice = true;
+    facts.name = nameForNumber(info.st_rdev);
+    if (facts.name.isEmpty())
+        return facts;
+    facts.partition = QFileInfo::exists(kClassBlock + facts.name + QLatin1String("/partition"));
+    facts.loop = facts.name.startsWith(QLatin1String("loop"));
+    facts.removable = readSys(kClassBlock + facts.name + QLatin1String("/removable")) == QLatin1String("1");
+    facts.holdsSystem = systemDisks(mounts, swaps).contains(diskOf(facts.name));
+
+    const UdevPtr context(udev_new());
+    if (context) {
+        const DevicePtr device(udev_device_new_from_subsystem_sysname(context.get(), "block",
+                                                                      QFile::encodeName(facts.name).constData()));
+        if (device)
+            facts.usb = isOnUsb(device.get());
+    }
+    return facts;
+}
+
+QStringList Drives::PartitionsOf(const QString& diskName)
+{
+    const QString name = sysName(diskName);
+    if (!isBlockName(name))
+        return {};
+    QStringList parts;
+    const QStringList entries = QDir(kClassBlock + name).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& entry : entries) {
+        if (entry.startsWith(name) && QFileInfo::exists(kClassBlock + name + QLatin1Char('/') + entry
+                                                        + QLatin1String("/partition")))
+            parts << entry;
+    }
+    std::sort(parts.begin(), parts.end(), nodeLess);
+    return parts;
+}
+
 QString Drives::SizeText(qint64 bytes)
 {
     const double value = static_cast<double>(std::max<qint64>(bytes, 0));

@@ -53,6 +53,28 @@ qint64 DeviceSize(const QString& node);
 // Decimal units as disk makers print them: "14.9 GB", "500 MB", "2.0 TB".
 QString SizeText(qint64 bytes);
 
+// What the machine says about one block device node, for deciding whether it
+// may be overwritten. Nothing here is a decision yet.
+struct NodeFacts
+{
+    bool blockDevice = false; // the path is a block device node
+    QString name;             // its kernel name ("sdb", "loop3"), empty when unknown
+    bool partition = false;   // a partition, not a whole disk
+    bool loop = false;        // a loop device
+    bool removable = false;   // sysfs removable flag set
+    bool usb = false;         // ID_BUS=usb or a USB ancestor
+    bool holdsSystem = false; // holds a system file system or swap, directly or stacked
+};
+
+// The facts about `node` ("/dev/sdb"), with the system disks found as
+// Removable() finds them.
+NodeFacts Inspect(const QString& node, const QString& mounts = QStringLiteral("/proc/self/mounts"),
+                  const QString& swaps = QStringLiteral("/proc/swaps"));
+
+// The kernel names of the partitions of a whole disk ("sdb1", "loop0p1"), in
+// order; empty for a disk without partitions or an unknown name.
+QStringList PartitionsOf(const QString& diskName);
+
 } // namespace Drives
 
 // Watches udev's block devices: "add" and "remove" of a disk or partition

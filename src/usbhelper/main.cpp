@@ -1,0 +1,430 @@
+// brenta-usb-helper: does what needs root on a USB stick, for Brenta running as
+// the desktop user (through pkexec) or as root. It trusts none of its
+// arguments: every command first checks that the device is a whole USB or
+// removable disk, or a loop device, that the running system does not use.
+//
+// Output is one line per event, for Brenta's command runner:
+//   step: <what now>        progress
+//   mounted: <folder>       prepare's result
+//   ok / refused: <reason>  check's answer (exit 0 / 3)
+//   error: <step>: <reason>. <the tool's last words>   (exit 1)
+// Wrong usage: the usage text on standard error, exit 2.
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryFile>
+#include <QThread>
+
+#include <cstdio>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "usbhelper/usbhelper.h"
+
+using namespace UsbHelper;
+
+namespace {
+
+enum Exit { Ok = 0, Failed = 1, Usage = 2, Refused = 3 };
+
+// A privileged program does not take its search path from the caller.
+const QString kPath = QStringLiteral("/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+
+void say(const QString& line)
+{
+    std::fputs((line + QLatin1Char('\n')).toUtf8().constData(), stdout);
+    std::fflush(stdout);
+}
+
+struct RunResult
+{
+    bool ok = false;
+    QString reason; // why it failed, in plain words
+    QStringList lines;
+};
+
+QString findTool(const QString& program)
+{
+    return QStandardPaths::findExecutable(program, kPath.split(QLatin1Char(':')));
+}
+
+// Runs a tool to its end with C messages. Its output goes through a file
+// rather than a pipe: a FUSE driver stays behind as a daemon and must not
+// write into a pipe nobody reads any more.
+RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
+{
+    RunResult result;
+    const QString program = findTool(call.program);
+    if (program.isEmpty()) {
+        result.reason = call.program + QStringLiteral(" is not installed");
+        return result;
+    }
+    QTemporaryFile output(QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX"));
+    QTemporaryFile feed(QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX"));
+    if (!output.open() || !feed.open() || feed.write(input) != input.size() || !feed.flush()) {
+        result.reason = QStringLiteral("cannot make a temporary file");
+        return result;
+    }
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+    environment.insert(QStringLiteral("PATH"), kPath);
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.setStandardInputFile(feed.fileName());
+    process.setStandardOutputFile(output.fileName());
+    process.start(program, call.arguments);
+    if (!process.waitForStarted(-1)) {
+        result.reason = call.program + QStringLiteral(" could not be started");
+        return result;
+    }
+    process.waitForFinished(-1);
+    output.seek(0);
+    for (const QByteArray& line : output.readAll().split('\n')) {
+        if (!line.trimmed().isEmpty())
+            result.lines << QString::fromUtf8(line).trimmed();
+    }
+    if (process.exitStatus() != QProcess::NormalExit)
+        result.reason = call.program + QStringLiteral(" crashed");
+    else if (process.exitCode() != 0)
+        result.reason = QStringLiteral("%1 failed (exit status %2)").arg(call.program).arg(process.exitCode());
+    else
+        result.ok = true;
+    return result;
+}
+
+struct Mount
+{
+    QString source;
+    QString point;
+};
+
+QString unescape(const QByteArray& field)
+{
+    QByteArray out;
+    for (int i = 0; i < field.size(); ++i) {
+        if (field[i] == '\\' && i + 3 < field.size()) {
+            bool ok = false;
+            const int value = field.mid(i + 1, 3).toInt(&ok, 8);
+            if (ok && value < 256) {
+                out += char(value);
+                i += 3;
+                continue;
+            }
+        }
+        out += field[i];
+    }
+    return QString::fromUtf8(out);
+}
+
+QList<Mount> mounts()
+{
+    QList<Mount> list;
+    QFile file(QStringLiteral("/proc/self/mounts"));
+    if (!file.open(QIODevice::ReadOnly))
+        return list;
+    for (const QByteArray& line : file.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        if (fields.size() >= 2)
+            list << Mount{unescape(fields[0]), unescape(fields[1])};
+    }
+    return list;
+}
+
+dev_t deviceNumber(const QString& path)
+{
+    struct stat info;
+    if (::stat(QFile::encodeName(path).constData(), &info) != 0 || !S_ISBLK(info.st_mode))
+        return 0;
+    return info.st_rdev;
+}
+
+// The mounts of the disk or of its partitions: by the device behind the
+// source, or by the folder the helper gives each partition.
+QList<Mount> mountsOf(const QString& diskName)
+{
+    const QStringList parts = Drives::PartitionsOf(diskName);
+    const QStringList names = QStringList(parts) << diskName;
+    QList<dev_t> numbers;
+    for (const QString& name : names) {
+        if (const dev_t number = deviceNumber(QStringLiteral("/dev/") + name))
+            numbers << number;
+    }
+    QList<Mount> found;
+    for (const Mount& mount : mounts()) {
+        const dev_t number = mount.source.startsWith(QLatin1Char('/')) ? deviceNumber(mount.source) : 0;
+        if ((number && numbers.contains(number)) || IsHelperMountPoint(mount.point, parts))
+            found << mount;
+    }
+    return found;
+}
+
+bool isMountPoint(const QString& folder)
+{
+    for (const Mount& mount : mounts()) {
+        if (mount.point == folder)
+            return true;
+    }
+    return false;
+}
+
+// Unmounts every mount of the disk, the last mounted first; removes the
+// helper's own folders. False with `failure` set when one stays mounted.
+bool unmountAll(const QString& diskName, const QString& step, QString& failure)
+{
+    QList<Mount> list = mountsOf(diskName);
+    for (auto it = list.crbegin(); it != list.crend(); ++it) {
+        const RunResult result = run({QStringLiteral("umount"), {it->point}});
+        if (!result.ok) {
+            failure = ErrorLine(step, QStringLiteral("%1 could not be unmounted").arg(it->point), result.lines);
+            return false;
+        }
+        if (it->point.startsWith(kMountRoot + QLatin1Char('/')))
+            QDir().rmdir(it->point);
+    }
+    return true;
+}
+
+struct Target
+{
+    QString node; // "/dev/sdb", the kernel's name for what was given
+    Drives::NodeFacts facts;
+};
+
+// The check every command starts with; prints the refusal itself.
+bool accept(const QString& path, Target& target)
+{
+    target.facts = IsPlainDevicePath(path) ? Drives::Inspect(path) : Drives::NodeFacts();
+    const QString refusal = Refusal(path, target.facts);
+    if (!refusal.isEmpty()) {
+        say(QStringLiteral("refused: ") + refusal);
+        return false;
+    }
+    target.node = QStringLiteral("/dev/") + target.facts.name;
+    return true;
+}
+
+// Waits for the kernel (and udev, where it runs) to show the new partition.
+bool waitForPartition(const QString& partition)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < 15000) {
+        if (QFileInfo::exists(QStringLiteral("/sys/class/block/") + partition)
+            && deviceNumber(QStringLiteral("/dev/") + partition) != 0)
+            return true;
+        QThread::msleep(100);
+    }
+    return false;
+}
+
+qint64 startSector(const QString& partition)
+{
+    QFile file(QStringLiteral("/sys/class/block/") + partition + QStringLiteral("/start"));
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    return file.readAll().trimmed().toLongLong();
+}
+
+int prepare(const Request& request)
+{
+    Target target;
+    if (!accept(request.device, target))
+        return Refused;
+    const QString disk = target.facts.name;
+    QString failure;
+
+    say(QStringLiteral("step: wiping"));
+    if (!unmountAll(disk, QStringLiteral("wiping"), failure)) {
+        say(failure);
+        return Failed;
+    }
+    for (const QString& part : Drives::PartitionsOf(disk)) {
+        const RunResult result = run({QStringLiteral("wipefs"), {QStringLiteral("-a"), QStringLiteral("/dev/") + part}});
+        if (!result.ok) {
+            say(ErrorLine(QStringLiteral("wiping"), result.reason, result.lines));
+            return Failed;
+        }
+    }
+    RunResult result = run({QStringLiteral("wipefs"), {QStringLiteral("-a"), target.node}});
+    if (!result.ok) {
+        say(ErrorLine(QStringLiteral("wiping"), result.reason, result.lines));
+        return Failed;
+    }
+
+    say(QStringLiteral("step: partitioning"));
+    result = run({QStringLiteral("sfdisk"),
+                  {QStringLiteral("--wipe"), QStringLiteral("always"), QStringLiteral("--wipe-partitions"),
+                   QStringLiteral("always"), target.node}},
+                 SfdiskScript(request.scheme, request.fs).toUtf8());
+    if (!result.ok) {
+        say(ErrorLine(QStringLiteral("partitioning"), result.reason, result.lines));
+        return Failed;
+    }
+    // sfdisk asks the kernel to reread the table; partx covers the devices
+    // where that is refused, and udev may still be making the node.
+    run({QStringLiteral("partx"), {QStringLiteral("-u"), target.node}});
+    if (!findTool(QStringLiteral("udevadm")).isEmpty())
+        run({QStringLiteral("udevadm"), {QStringLiteral("settle")}});
+    const QString partName = PartitionName(disk, 1);
+    if (!waitForPartition(partName)) {
+        result = run({QStringLiteral("blockdev"), {QStringLiteral("--rereadpt"), target.node}});
+        if (!waitForPartition(partName)) {
+            say(ErrorLine(QStringLiteral("partitioning"),
+                          QStringLiteral("the kernel does not show the new partition ") + partName, result.lines));
+            return Failed;
+        }
+    }
+    const QString partition = QStringLiteral("/dev/") + partName;
+
+    say(QStringLiteral("step: formatting"));
+    result = run(MakeFileSystem(request.fs, partition, request.label, startSector(partName)));
+    if (!result.ok) {
+        say(ErrorLine(QStringLiteral("formatting"), result.reason, result.lines));
+        return Failed;
+    }
+
+    say(QStringLiteral("step: mounting"));
+    const QString folder = kMountRoot + QLatin1Char('/') + partName;
+    if (isMountPoint(folder)) {
+        say(ErrorLine(QStringLiteral("mounting"), folder + QStringLiteral(" is in use"), {}));
+        return Failed;
+    }
+    if (!QDir().mkpath(folder)) {
+        say(ErrorLine(QStringLiteral("mounting"), QStringLiteral("cannot make the folder ") + folder, {}));
+        return Failed;
+    }
+    QFile::setPermissions(kMountRoot, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                          | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+    RunResult last;
+    last.reason = QStringLiteral("no way to mount %1 is installed").arg(FileSystemName(request.fs));
+    for (const ToolCall& call : MountCalls(request.fs, partition, folder, request.uid, request.gid)) {
+        if (findTool(call.program).isEmpty())
+            continue;
+        last = run(call);
+        if (last.ok && isMountPoint(folder))
+            break;
+        if (last.ok) {
+            last.ok = false;
+            last.reason = call.program + QStringLiteral(" ended without mounting");
+        }
+    }
+    if (!last.ok) {
+        QDir().rmdir(folder);
+        say(ErrorLine(QStringLiteral("mounting"), last.reason, last.lines));
+        return Failed;
+    }
+    say(QStringLiteral("mounted: ") + folder);
+    return Ok;
+}
+
+// True when the disk's first sector holds an MBR that is not GPT's guard.
+bool hasMbr(const QString& node)
+{
+    QFile file(node);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray sector = file.read(512);
+    return sector.size() == 512 && quint8(sector[510]) == 0x55 && quint8(sector[511]) == 0xaa
+           && quint8(sector[0x1c2]) != 0xee;
+}
+
+bool writeFile(const QString& path, const QByteArray& data)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size() && file.flush();
+}
+
+int bootCode(const Request& request)
+{
+    Target target;
+    if (!accept(request.device, target))
+        return Refused;
+    const QString folder = QDir::cleanPath(request.mountPoint);
+    if (!IsHelperMountPoint(folder, Drives::PartitionsOf(target.facts.name)) || !isMountPoint(folder)) {
+        say(QStringLiteral("refused: %1 is not where a partition of %2 is mounted").arg(folder, target.node));
+        return Refused;
+    }
+    const QString step = QStringLiteral("bootcode");
+    say(QStringLiteral("step: bootcode"));
+    if (!hasMbr(target.node)) {
+        say(ErrorLine(step, target.node + QStringLiteral(" has no MBR partition table"), {}));
+        return Failed;
+    }
+    const QString grubFolder = folder + QStringLiteral("/boot/grub");
+    if (!QDir().mkpath(grubFolder)) {
+        say(ErrorLine(step, QStringLiteral("cannot make the folder ") + grubFolder, {}));
+        return Failed;
+    }
+    // GRUB knows no BIOS drive for a loop device unless a device map names one.
+    const QString deviceMap = grubFolder + QStringLiteral("/device.map");
+    if (target.facts.loop && !writeFile(deviceMap, QStringLiteral("(hd0) %1\n").arg(target.node).toUtf8())) {
+        say(ErrorLine(step, QStringLiteral("cannot write ") + deviceMap, {}));
+        return Failed;
+    }
+    const RunResult result =
+        run({QStringLiteral("grub-install"), GrubInstallArguments(target.node, folder, target.facts.loop)});
+    if (target.facts.loop)
+        QFile::remove(deviceMap);
+    if (!result.ok) {
+        say(ErrorLine(step, result.reason, result.lines));
+        return Failed;
+    }
+    if (!writeFile(grubFolder + QStringLiteral("/grub.cfg"), GrubConfig().toUtf8())) {
+        say(ErrorLine(step, QStringLiteral("cannot write ") + grubFolder + QStringLiteral("/grub.cfg"), {}));
+        return Failed;
+    }
+    ::sync();
+    return Ok;
+}
+
+int unmount(const Request& request)
+{
+    Target target;
+    if (!accept(request.device, target))
+        return Refused;
+    say(QStringLiteral("step: unmounting"));
+    ::sync();
+    QString failure;
+    if (!unmountAll(target.facts.name, QStringLiteral("unmounting"), failure)) {
+        say(failure);
+        return Failed;
+    }
+    ::sync();
+    return Ok;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    Request request;
+    QString error;
+    if (!ParseArguments(app.arguments().mid(1), request, error)) {
+        std::fputs(("brenta-usb-helper: " + error + "\n" + UsageText()).toUtf8().constData(), stderr);
+        return Usage;
+    }
+    switch (request.command) {
+    case Command::Check: {
+        Target target;
+        if (!accept(request.device, target))
+            return Refused;
+        say(QStringLiteral("ok"));
+        return Ok;
+    }
+    case Command::Prepare:
+        return prepare(request);
+    case Command::BootCode:
+        return bootCode(request);
+    case Command::Unmount:
+        return unmount(request);
+    }
+    return Usage;
+}

@@ -1,0 +1,374 @@
+#include "usbhelper/usbhelper.h"
+
+#include <QRegularExpression>
+
+namespace UsbHelper {
+
+namespace {
+
+bool parseScheme(const QString& text, Scheme& scheme)
+{
+    if (text == QLatin1String("mbr"))
+        scheme = Scheme::Mbr;
+    else if (text == QLatin1String("gpt"))
+        scheme = Scheme::Gpt;
+    else
+        return false;
+    return true;
+}
+
+bool parseFileSystem(const QString& text, FileSystem& fs)
+{
+    if (text == QLatin1String("fat32"))
+        fs = FileSystem::Fat32;
+    else if (text == QLatin1String("fat"))
+        fs = FileSystem::Fat;
+    else if (text == QLatin1String("ntfs"))
+        fs = FileSystem::Ntfs;
+    else if (text == QLatin1String("exfat"))
+        fs = FileSystem::ExFat;
+    else
+        return false;
+    return true;
+}
+
+// "1000:1000"; both numbers plain decimal, below the kernel's "no id" value.
+bool parseOwner(const QString& text, uint& uid, uint& gid)
+{
+    static const QRegularExpression pattern(QStringLiteral("^(\\d{1,10}):(\\d{1,10})$"));
+    const QRegularExpressionMatch match = pattern.match(text);
+    if (!match.hasMatch())
+        return false;
+    bool okUid = false;
+    bool okGid = false;
+    const qulonglong u = match.captured(1).toULongLong(&okUid);
+    const qulonglong g = match.captured(2).toULongLong(&okGid);
+    if (!okUid || !okGid || u >= 0xffffffffULL || g >= 0xffffffffULL)
+        return false;
+    uid = uint(u);
+    gid = uint(g);
+    return true;
+}
+
+bool hasControl(const QString& text)
+{
+    for (const QChar c : text) {
+        if (c.category() == QChar::Other_Control)
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+QString UsageText()
+{
+    return QStringLiteral(
+        "usage: brenta-usb-helper check DEVICE\n"
+        "       brenta-usb-helper prepare DEVICE --scheme mbr|gpt --fs fat32|fat|ntfs|exfat"
+        " [--label LABEL] --owner UID:GID\n"
+        "       brenta-usb-helper bootcode DEVICE MOUNTPOINT\n"
+        "       brenta-usb-helper unmount DEVICE\n");
+}
+
+bool ParseArguments(const QStringList& arguments, Request& request, QString& error)
+{
+    request = Request();
+    if (arguments.isEmpty()) {
+        error = QStringLiteral("no command given");
+        return false;
+    }
+    const QString command = arguments.first();
+    const QStringList rest = arguments.mid(1);
+    if (rest.isEmpty() || rest.first().startsWith(QLatin1Char('-'))) {
+        error = QStringLiteral("no device given");
+        return false;
+    }
+    request.device = rest.first();
+
+    if (command == QLatin1String("check") || command == QLatin1String("unmount")) {
+        request.command = command == QLatin1String("check") ? Command::Check : Command::Unmount;
+        if (rest.size() != 1) {
+            error = QStringLiteral("unexpected argument \"%1\"").arg(rest.at(1));
+            return false;
+        }
+        return true;
+    }
+    if (command == QLatin1String("bootcode")) {
+        request.command = Command::BootCode;
+        if (rest.size() != 2) {
+            error = rest.size() < 2 ? QStringLiteral("no mount point given")
+                                    : QStringLiteral("unexpected argument \"%1\"").arg(rest.at(2));
+            return false;
+        }
+        request.mountPoint = rest.at(1);
+        if (!request.mountPoint.startsWith(QLatin1Char('/'))) {
+            error = QStringLiteral("the mount point must be an absolute path");
+            return false;
+        }
+        return true;
+    }
+    if (command != QLatin1String("prepare")) {
+        error = QStringLiteral("unknown command \"%1\"").arg(command);
+        return false;
+    }
+
+    request.command = Command::Prepare;
+    bool haveScheme = false;
+    bool haveFs = false;
+    bool haveLabel = false;
+    bool haveOwner = false;
+    for (int i = 1; i < rest.size(); i += 2) {
+        const QString option = rest.at(i);
+        if (i + 1 >= rest.size()) {
+            error = QStringLiteral("\"%1\" needs a value").arg(option);
+            return false;
+        }
+        const QString value = rest.at(i + 1);
+        bool* seen = nullptr;
+        bool ok = true;
+        if (option == QLatin1String("--scheme")) {
+            seen = &haveScheme;
+            ok = parseScheme(value, request.scheme);
+        } else if (option == QLatin1String("--fs")) {
+            seen = &haveFs;
+            ok = parseFileSystem(value, request.fs);
+        } else if (option == QLatin1String("--label")) {
+            seen = &haveLabel;
+            request.label = value;
+            ok = !hasControl(value);
+        } else if (option == QLatin1String("--owner")) {
+            seen = &haveOwner;
+            ok = parseOwner(value, request.uid, request.gid);
+        } else {
+            error = QStringLiteral("unknown option \"%1\"").arg(option);
+            return false;
+        }
+        if (*seen) {
+            error = QStringLiteral("\"%1\" given twice").arg(option);
+            return false;
+        }
+        *seen = true;
+        if (!ok) {
+            error = QStringLiteral("bad value \"%1\" for \"%2\"").arg(value, option);
+            return false;
+        }
+    }
+    if (!haveScheme || !haveFs || !haveOwner) {
+        error = QStringLiteral("prepare needs --scheme, --fs and --owner");
+        return false;
+    }
+    return true;
+}
+
+bool IsPlainDevicePath(const QString& path)
+{
+    if (!path.startsWith(QLatin1String("/dev/")) || path.size() <= 5 || hasControl(path))
+        return false;
+    const QStringList parts = path.mid(1).split(QLatin1Char('/'));
+    for (const QString& part : parts) {
+        if (part.isEmpty() || part == QLatin1String(".") || part == QLatin1String(".."))
+            return false;
+    }
+    return true;
+}
+
+QString Refusal(const QString& path, const Drives::NodeFacts& facts)
+{
+    if (!IsPlainDevicePath(path))
+        return QStringLiteral("%1 is not a device path under /dev").arg(path);
+    if (!facts.blockDevice)
+        return QStringLiteral("%1 is not a block device").arg(path);
+    if (facts.name.isEmpty())
+        return QStringLiteral("%1 is unknown to the kernel").arg(path);
+    if (facts.partition)
+        return QStringLiteral("%1 is a partition, not a whole disk").arg(path);
+    if (facts.holdsSystem)
+        return QStringLiteral("%1 holds a file system or swap space the running system uses").arg(path);
+    if (!facts.loop && !facts.usb && !facts.removable)
+        return QStringLiteral("%1 is neither a USB disk nor a removable disk").arg(path);
+    return QString();
+}
+
+QString PartitionName(const QString& diskName, int number)
+{
+    const bool digitEnd = !diskName.isEmpty() && diskName.back().isDigit();
+    return diskName + (digitEnd ? QStringLiteral("p") : QString()) + QString::number(number);
+}
+
+QString PartitionType(Scheme scheme, FileSystem fs)
+{
+    if (scheme == Scheme::Gpt)
+        return QStringLiteral("EBD0A0A2-B9E5-4433-87C0-68B6B72699C7"); // Microsoft basic data
+    switch (fs) {
+    case FileSystem::Fat32:
+        return QStringLiteral("c"); // FAT32 with LBA
+    case FileSystem::Fat:
+        return QStringLiteral("6"); // FAT16 over 32 MB
+    case FileSystem::Ntfs:
+    case FileSystem::ExFat:
+        return QStringLiteral("7");
+    }
+    return QString();
+}
+
+QString SfdiskScript(Scheme scheme, FileSystem fs)
+{
+    if (scheme == Scheme::Gpt)
+        return QStringLiteral("label: gpt\nstart=1MiB, type=%1\n").arg(PartitionType(scheme, fs));
+    return QStringLiteral("label: dos\nstart=1MiB, type=%1, bootable\n").arg(PartitionType(scheme, fs));
+}
+
+QString VolumeLabel(FileSystem fs, const QString& label)
+{
+    switch (fs) {
+    case FileSystem::Fat32:
+    case FileSystem::Fat: {
+        // Characters a FAT directory entry cannot hold become "_".
+        static const QString forbidden = QStringLiteral("\"*+,./:;<=>?[\\]|");
+        QString out = label.toUpper();
+        for (QChar& c : out) {
+            if (forbidden.contains(c) || c.unicode() > 0x7e)
+                c = QLatin1Char('_');
+        }
+        return out.left(11).trimmed();
+    }
+    case FileSystem::ExFat:
+        return label.left(15);
+    case FileSystem::Ntfs:
+        return label.left(128);
+    }
+    return label;
+}
+
+ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label, qint64 startSector)
+{
+    const QString name = VolumeLabel(fs, label);
+    ToolCall call;
+    switch (fs) {
+    case FileSystem::Fat32:
+    case FileSystem::Fat:
+        call.program = QStringLiteral("mkfs.vfat");
+        call.arguments = {QStringLiteral("-F"), fs == FileSystem::Fat32 ? QStringLiteral("32") : QStringLiteral("16")};
+        if (startSector > 0)
+            call.arguments << QStringLiteral("-h") << QString::number(startSector);
+        if (!name.isEmpty())
+            call.arguments << QStringLiteral("-n") << name;
+        break;
+    case FileSystem::Ntfs:
+        call.program = QStringLiteral("mkfs.ntfs");
+        call.arguments = {QStringLiteral("-Q")};
+        if (startSector > 0)
+            call.arguments << QStringLiteral("-p") << QString::number(startSector) << QStringLiteral("-H")
+                           << QStringLiteral("255") << QStringLiteral("-S") << QStringLiteral("63");
+        if (!name.isEmpty())
+            call.arguments << QStringLiteral("-L") << name;
+        break;
+    case FileSystem::ExFat:
+        call.program = QStringLiteral("mkfs.exfat");
+        if (!name.isEmpty())
+            call.arguments << QStringLiteral("-n") << name;
+        break;
+    }
+    call.arguments << partition;
+    return call;
+}
+
+QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid)
+{
+    const QString owner = QStringLiteral("uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
+    const QString kernelType = fs == FileSystem::ExFat ? QStringLiteral("exfat") : QStringLiteral("vfat");
+    switch (fs) {
+    case FileSystem::Fat32:
+    case FileSystem::Fat:
+        // fusefat names its mount "fusefat" unless told otherwise; the device
+        // as the name lets GRUB find the partition behind the boot folder.
+        return {
+            {QStringLiteral("mount"),
+             {QStringLiteral("-t"), kernelType, QStringLiteral("-o"), owner + QStringLiteral(",shortname=mixed,utf8"),
+              partition, mountPoint}},
+            {QStringLiteral("fusefat"),
+             {QStringLiteral("-o"), QStringLiteral("rw+,allow_other,fsname=") + partition + QLatin1Char(',') + owner,
+              partition, mountPoint}},
+        };
+    case FileSystem::ExFat:
+        return {
+            {QStringLiteral("mount"),
+             {QStringLiteral("-t"), kernelType, QStringLiteral("-o"), owner, partition, mountPoint}},
+            {QStringLiteral("mount.exfat-fuse"),
+             {QStringLiteral("-o"), QStringLiteral("allow_other,") + owner, partition, mountPoint}},
+        };
+    case FileSystem::Ntfs:
+        return {{QStringLiteral("ntfs-3g"), {QStringLiteral("-o"), owner, partition, mountPoint}}};
+    }
+    return {};
+}
+
+QString FileSystemName(FileSystem fs)
+{
+    switch (fs) {
+    case FileSystem::Fat32:
+        return QStringLiteral("fat32");
+    case FileSystem::Fat:
+        return QStringLiteral("fat");
+    case FileSystem::Ntfs:
+        return QStringLiteral("ntfs");
+    case FileSystem::ExFat:
+        return QStringLiteral("exfat");
+    }
+    return QString();
+}
+
+QString GrubConfig()
+{
+    return QStringLiteral(
+        "# Starts the Windows boot manager of this stick through the BIOS.\n"
+        "insmod part_msdos\n"
+        "insmod fat\n"
+        "insmod exfat\n"
+        "insmod ntfs\n"
+        "insmod ntldr\n"
+        "set timeout=0\n"
+        "search --no-floppy --file --set=root /bootmgr\n"
+        "ntldr /bootmgr\n"
+        "boot\n");
+}
+
+QStringList GrubInstallArguments(const QString& device, const QString& mountPoint, bool loop)
+{
+    QStringList arguments = {
+        QStringLiteral("--target=i386-pc"),
+        QStringLiteral("--boot-directory=") + mountPoint + QStringLiteral("/boot"),
+        QStringLiteral("--modules=part_msdos fat exfat ntfs ntldr search"),
+    };
+    // A loop device is not a BIOS drive GRUB would install to on its own.
+    if (loop)
+        arguments << QStringLiteral("--force");
+    arguments << device;
+    return arguments;
+}
+
+bool IsHelperMountPoint(const QString& mountPoint, const QStringList& partitions)
+{
+    const QString prefix = kMountRoot + QLatin1Char('/');
+    if (!mountPoint.startsWith(prefix))
+        return false;
+    const QString rest = mountPoint.mid(prefix.size());
+    return !rest.isEmpty() && !rest.contains(QLatin1Char('/')) && partitions.contains(rest);
+}
+
+QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput, int maxLines)
+{
+    QStringList words;
+    for (auto it = toolOutput.crbegin(); it != toolOutput.crend() && words.size() < maxLines; ++it) {
+        const QString line = it->simplified();
+        if (!line.isEmpty())
+            words.prepend(line);
+    }
+    QString text = QStringLiteral("error: %1: %2.").arg(step, reason);
+    if (!words.isEmpty())
+        text += QLatin1Char(' ') + words.join(QLatin1Char(' '));
+    return text;
+}
+
+} // namespace UsbHelper

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include "media/drives.h"
+
+// The decisions of brenta-usb-helper, the small program that does what needs
+// root on a USB stick: wiping, partitioning, making the file system, boot code,
+// mounting and unmounting. Everything here is free of side effects, so that the
+// rules can be tested without a disk; main.cpp runs the tools.
+namespace UsbHelper {
+
+// Where the helper mounts the partitions it prepares: "/run/brenta/<partition>".
+inline const QString kMountRoot = QStringLiteral("/run/brenta");
+
+enum class Command { Check, Prepare, BootCode, Unmount };
+enum class Scheme { Mbr, Gpt };
+enum class FileSystem { Fat32, Fat, Ntfs, ExFat };
+
+struct Request
+{
+    Command command = Command::Check;
+    QString device;     // "/dev/sdb"
+    QString mountPoint; // bootcode only
+    Scheme scheme = Scheme::Mbr;
+    FileSystem fs = FileSystem::Fat32;
+    QString label;      // as given; see VolumeLabel()
+    uint uid = 0;
+    uint gid = 0;
+};
+
+// The command line without the program name. On wrong usage returns false and
+// says why in `error`.
+bool ParseArguments(const QStringList& arguments, Request& request, QString& error);
+
+QString UsageText();
+
+// Only absolute paths under /dev without "." or ".." components, empty
+// components or control characters.
+bool IsPlainDevicePath(const QString& path);
+
+// Empty when the device may be overwritten, else the reason in plain words.
+QString Refusal(const QString& path, const Drives::NodeFacts& facts);
+
+// "sdb1" for "sdb", "loop0p1" for "loop0", "nvme0n1p1" for "nvme0n1": the
+// kernel puts a "p" between a name ending in a digit and the number.
+QString PartitionName(const QString& diskName, int number);
+
+// The MBR partition type byte ("c", "6", "7") or the GPT type GUID.
+QString PartitionType(Scheme scheme, FileSystem fs);
+
+// What sfdisk reads on standard input: one partition from 1 MiB to the end.
+QString SfdiskScript(Scheme scheme, FileSystem fs);
+
+// The label as the file system takes it: FAT labels are upper case, at most 11
+// characters, without the characters FAT forbids; exFAT at most 15; NTFS 128.
+QString VolumeLabel(FileSystem fs, const QString& label);
+
+struct ToolCall
+{
+    QString program;
+    QStringList arguments;
+    bool operator==(const ToolCall& other) const
+    {
+        return program == other.program && arguments == other.arguments;
+    }
+};
+
+// The mkfs call for a partition that starts at `startSector` (512-byte units):
+// FAT and NTFS record it in their boot sector, which the boot code needs.
+ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label, qint64 startSector);
+
+// The ways to mount, in order of preference: the kernel's driver, then the
+// FUSE driver for systems whose kernel has none. NTFS always goes through
+// ntfs-3g. Each leaves the files writable by uid:gid.
+QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid);
+
+// The file system's name on the command line and in messages.
+QString FileSystemName(FileSystem fs);
+
+// GRUB's configuration on the stick: find the partition holding /bootmgr and
+// chain-load it the way the firmware would load a Windows boot sector.
+QString GrubConfig();
+
+// grub-install's arguments for legacy BIOS boot code on `device`.
+QStringList GrubInstallArguments(const QString& device, const QString& mountPoint, bool loop);
+
+// Whether `mountPoint` (already cleaned) is where the helper would mount one
+// of `partitions`: "/run/brenta/<one of them>".
+bool IsHelperMountPoint(const QString& mountPoint, const QStringList& partitions);
+
+// "error: <step>: <reason>. <last words>": the tool's last lines joined by
+// blanks, at most `maxLines` of them.
+QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput, int maxLines = 3);
+
+} // namespace UsbHelper

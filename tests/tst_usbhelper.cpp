@@ -1,0 +1,472 @@
+#include <QtTest>
+
+#include <QProcess>
+#include <QScopeGuard>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include "usbhelper/usbhelper.h"
+
+using namespace UsbHelper;
+
+Q_DECLARE_METATYPE(UsbHelper::Scheme)
+Q_DECLARE_METATYPE(UsbHelper::FileSystem)
+Q_DECLARE_METATYPE(Drives::NodeFacts)
+
+namespace {
+
+struct Run
+{
+    int exitCode = -1;
+    QStringList lines;
+};
+
+Run helper(const QStringList& arguments)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStringLiteral(BRENTA_USB_HELPER), arguments);
+    process.waitForFinished(120000);
+    Run run;
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    run.lines = QString::fromUtf8(process.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return run;
+}
+
+QString tool(const QString& program, const QStringList& arguments, int* exitCode = nullptr)
+{
+    QProcess process;
+    process.start(program, arguments);
+    process.waitForFinished(60000);
+    if (exitCode)
+        *exitCode = process.exitCode();
+    return QString::fromUtf8(process.readAllStandardOutput());
+}
+
+bool mounted(const QString& folder)
+{
+    QFile file(QStringLiteral("/proc/self/mounts"));
+    file.open(QIODevice::ReadOnly);
+    for (const QByteArray& line : file.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() > 1 && QString::fromUtf8(fields[1]) == folder)
+            return true;
+    }
+    return false;
+}
+
+Drives::NodeFacts usbDisk()
+{
+    Drives::NodeFacts facts;
+    facts.blockDevice = true;
+    facts.name = QStringLiteral("sdb");
+    facts.usb = true;
+    return facts;
+}
+
+} // namespace
+
+class TestUsbHelper : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void parse_data();
+    void parse();
+    void refusal_data();
+    void refusal();
+    void partitionType_data();
+    void partitionType();
+    void label_data();
+    void label();
+    void partitionName();
+    void fileSystemCalls();
+    void grub();
+    void errorLine();
+    void usageAndRefusalsOfTheProgram_data();
+    void usageAndRefusalsOfTheProgram();
+    void systemDiskIsRefused();
+    void endToEnd_data();
+    void endToEnd();
+};
+
+void TestUsbHelper::parse_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<bool>("ok");
+    QTest::addColumn<QString>("label");
+
+    QTest::newRow("check") << QStringList{"check", "/dev/sdb"} << true << "";
+    QTest::newRow("check extra") << QStringList{"check", "/dev/sdb", "x"} << false << "";
+    QTest::newRow("no command") << QStringList{} << false << "";
+    QTest::newRow("unknown command") << QStringList{"format", "/dev/sdb"} << false << "";
+    QTest::newRow("no device") << QStringList{"unmount"} << false << "";
+    QTest::newRow("option as device") << QStringList{"check", "--help"} << false << "";
+    QTest::newRow("prepare") << QStringList{"prepare", "/dev/sdb", "--scheme", "gpt", "--fs", "exfat", "--label",
+                                            "my stick", "--owner", "1000:100"}
+                             << true << "my stick";
+    QTest::newRow("prepare options reordered")
+        << QStringList{"prepare", "/dev/sdb", "--owner", "0:0", "--fs", "fat", "--scheme", "mbr"} << true << "";
+    QTest::newRow("prepare without owner")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32"} << false << "";
+    QTest::newRow("prepare bad scheme")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "MBR", "--fs", "fat32", "--owner", "1:1"} << false << "";
+    QTest::newRow("prepare bad fs")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "ext4", "--owner", "1:1"} << false << "";
+    QTest::newRow("prepare twice")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--scheme", "gpt", "--fs", "fat32", "--owner", "1:1"}
+        << false << "";
+    QTest::newRow("prepare dangling option")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1", "--label"}
+        << false << "";
+    QTest::newRow("prepare unknown option")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1", "--force", "1"}
+        << false << "";
+    QTest::newRow("owner negative")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "-1:0"} << false << "";
+    QTest::newRow("owner no-id value")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "4294967295:0"}
+        << false << "";
+    QTest::newRow("owner name")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "root:root"} << false
+        << "";
+    QTest::newRow("label with line feed")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1", "--label", "a\nb"}
+        << false << "";
+    QTest::newRow("bootcode") << QStringList{"bootcode", "/dev/sdb", "/run/brenta/sdb1"} << true << "";
+    QTest::newRow("bootcode relative folder") << QStringList{"bootcode", "/dev/sdb", "run/brenta/sdb1"} << false << "";
+    QTest::newRow("bootcode no folder") << QStringList{"bootcode", "/dev/sdb"} << false << "";
+}
+
+void TestUsbHelper::parse()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(bool, ok);
+    QFETCH(QString, label);
+    Request request;
+    QString error;
+    QCOMPARE(ParseArguments(arguments, request, error), ok);
+    QCOMPARE(error.isEmpty(), ok);
+    if (ok)
+        QCOMPARE(request.label, label);
+}
+
+void TestUsbHelper::refusal_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<Drives::NodeFacts>("facts");
+    QTest::addColumn<QString>("reason"); // a word of the refusal; empty: accepted
+
+    Drives::NodeFacts facts = usbDisk();
+    QTest::newRow("usb disk") << "/dev/sdb" << facts << "";
+    QTest::newRow("link to a usb disk") << "/dev/disk/by-id/usb-stick" << facts << "";
+    QTest::newRow("relative") << "dev/sdb" << facts << "not a device path";
+    QTest::newRow("outside dev") << "/tmp/sdb" << facts << "not a device path";
+    QTest::newRow("dot dot") << "/dev/../tmp/x" << facts << "not a device path";
+    QTest::newRow("double slash") << "/dev//sdb" << facts << "not a device path";
+    QTest::newRow("dev itself") << "/dev/" << facts << "not a device path";
+
+    facts = usbDisk();
+    facts.partition = true;
+    QTest::newRow("partition") << "/dev/sdb1" << facts << "partition";
+    facts = usbDisk();
+    facts.holdsSystem = true;
+    QTest::newRow("system usb disk") << "/dev/sdb" << facts << "running system";
+    facts = usbDisk();
+    facts.usb = false;
+    QTest::newRow("internal disk") << "/dev/sda" << facts << "neither";
+    facts.removable = true;
+    QTest::newRow("removable internal reader") << "/dev/sdc" << facts << "";
+    facts = Drives::NodeFacts();
+    QTest::newRow("not a block device") << "/dev/null" << facts << "not a block device";
+    facts.blockDevice = true;
+    facts.name = "loop3";
+    facts.loop = true;
+    QTest::newRow("loop") << "/dev/loop3" << facts << "";
+    facts.holdsSystem = true;
+    QTest::newRow("loop holding the system") << "/dev/loop3" << facts << "running system";
+    facts = usbDisk();
+    facts.name.clear();
+    QTest::newRow("unknown to the kernel") << "/dev/sdz" << facts << "unknown";
+}
+
+void TestUsbHelper::refusal()
+{
+    QFETCH(QString, path);
+    QFETCH(Drives::NodeFacts, facts);
+    QFETCH(QString, reason);
+    const QString refusal = Refusal(path, facts);
+    if (reason.isEmpty())
+        QVERIFY2(refusal.isEmpty(), qPrintable(refusal));
+    else
+        QVERIFY2(refusal.contains(reason), qPrintable(refusal));
+}
+
+void TestUsbHelper::partitionType_data()
+{
+    QTest::addColumn<Scheme>("scheme");
+    QTest::addColumn<FileSystem>("fs");
+    QTest::addColumn<QString>("script");
+
+    const QString basic = "label: gpt\nstart=1MiB, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\n";
+    QTest::newRow("mbr fat32") << Scheme::Mbr << FileSystem::Fat32 << "label: dos\nstart=1MiB, type=c, bootable\n";
+    QTest::newRow("mbr fat") << Scheme::Mbr << FileSystem::Fat << "label: dos\nstart=1MiB, type=6, bootable\n";
+    QTest::newRow("mbr ntfs") << Scheme::Mbr << FileSystem::Ntfs << "label: dos\nstart=1MiB, type=7, bootable\n";
+    QTest::newRow("mbr exfat") << Scheme::Mbr << FileSystem::ExFat << "label: dos\nstart=1MiB, type=7, bootable\n";
+    QTest::newRow("gpt fat32") << Scheme::Gpt << FileSystem::Fat32 << basic;
+    QTest::newRow("gpt exfat") << Scheme::Gpt << FileSystem::ExFat << basic;
+}
+
+void TestUsbHelper::partitionType()
+{
+    QFETCH(Scheme, scheme);
+    QFETCH(FileSystem, fs);
+    QFETCH(QString, script);
+    QCOMPARE(SfdiskScript(scheme, fs), script);
+}
+
+void TestUsbHelper::label_data()
+{
+    QTest::addColumn<FileSystem>("fs");
+    QTest::addColumn<QString>("given");
+    QTest::addColumn<QString>("label");
+
+    QTest::newRow("fat32 upper case") << FileSystem::Fat32 << "brenta" << "BRENTA";
+    QTest::newRow("fat cut to 11") << FileSystem::Fat << "abcdefghijkl" << "ABCDEFGHIJK";
+    QTest::newRow("fat forbidden characters") << FileSystem::Fat32 << "a.b/c:d" << "A_B_C_D";
+    QTest::newRow("fat non-ascii") << FileSystem::Fat32 << QString::fromUtf8("grün") << "GR_N";
+    QTest::newRow("fat trailing blank after cut") << FileSystem::Fat32 << "abcdefghij x" << "ABCDEFGHIJ";
+    QTest::newRow("exfat keeps case, 15") << FileSystem::ExFat << "Brenta Stick 2024!" << "Brenta Stick 20";
+    QTest::newRow("ntfs keeps case") << FileSystem::Ntfs << "My Windows Stick" << "My Windows Stick";
+    QTest::newRow("empty") << FileSystem::Fat32 << "" << "";
+}
+
+void TestUsbHelper::label()
+{
+    QFETCH(FileSystem, fs);
+    QFETCH(QString, given);
+    QFETCH(QString, label);
+    QCOMPARE(VolumeLabel(fs, given), label);
+}
+
+void TestUsbHelper::partitionName()
+{
+    QCOMPARE(PartitionName("sdb", 1), QString("sdb1"));
+    QCOMPARE(PartitionName("loop0", 1), QString("loop0p1"));
+    QCOMPARE(PartitionName("nvme0n1", 2), QString("nvme0n1p2"));
+    QCOMPARE(PartitionName("mmcblk0", 1), QString("mmcblk0p1"));
+}
+
+void TestUsbHelper::fileSystemCalls()
+{
+    // The label reaches mkfs in its file system's form; an empty one is left out,
+    // and the partition's start goes into the boot sector.
+    QCOMPARE(MakeFileSystem(FileSystem::Fat32, "/dev/sdb1", "data", 2048),
+             (ToolCall{"mkfs.vfat", {"-F", "32", "-h", "2048", "-n", "DATA", "/dev/sdb1"}}));
+    QCOMPARE(MakeFileSystem(FileSystem::Fat, "/dev/sdb1", "", 2048),
+             (ToolCall{"mkfs.vfat", {"-F", "16", "-h", "2048", "/dev/sdb1"}}));
+    QCOMPARE(MakeFileSystem(FileSystem::Ntfs, "/dev/sdb1", "Data", 2048),
+             (ToolCall{"mkfs.ntfs", {"-Q", "-p", "2048", "-H", "255", "-S", "63", "-L", "Data", "/dev/sdb1"}}));
+    QCOMPARE(MakeFileSystem(FileSystem::ExFat, "/dev/sdb1", "Data", 2048),
+             (ToolCall{"mkfs.exfat", {"-n", "Data", "/dev/sdb1"}}));
+
+    // Every way of mounting gives the files to the user and ends with the
+    // partition and the folder, so that no option can be taken for either.
+    for (const FileSystem fs : {FileSystem::Fat32, FileSystem::Fat, FileSystem::Ntfs, FileSystem::ExFat}) {
+        const QList<ToolCall> calls = MountCalls(fs, "/dev/sdb1", "/run/brenta/sdb1", 1000, 100);
+        QVERIFY(!calls.isEmpty());
+        for (const ToolCall& call : calls) {
+            QVERIFY2(call.arguments.join(' ').contains("uid=1000,gid=100,umask=022"), qPrintable(call.program));
+            QCOMPARE(call.arguments.mid(call.arguments.size() - 2), (QStringList{"/dev/sdb1", "/run/brenta/sdb1"}));
+        }
+    }
+    QCOMPARE(MountCalls(FileSystem::Ntfs, "/dev/sdb1", "/m", 1, 1).first().program, QString("ntfs-3g"));
+    QCOMPARE(MountCalls(FileSystem::ExFat, "/dev/sdb1", "/m", 1, 1).last().program, QString("mount.exfat-fuse"));
+    // GRUB finds the partition behind a FUSE mount only by the source name.
+    QVERIFY(MountCalls(FileSystem::Fat32, "/dev/sdb1", "/m", 1, 1).last().arguments.join(' ').contains(
+        "fsname=/dev/sdb1"));
+}
+
+void TestUsbHelper::grub()
+{
+    const QStringList lines = GrubConfig().split('\n');
+    const int search = lines.indexOf("search --no-floppy --file --set=root /bootmgr");
+    const int ntldr = lines.indexOf("ntldr /bootmgr");
+    QVERIFY(search >= 0);
+    QVERIFY(ntldr > search);
+    QVERIFY(lines.indexOf("boot") > ntldr);
+    QVERIFY(lines.contains("insmod ntldr"));
+
+    const QStringList arguments = GrubInstallArguments("/dev/sdb", "/run/brenta/sdb1", false);
+    QVERIFY(arguments.contains("--target=i386-pc"));
+    QVERIFY(arguments.contains("--boot-directory=/run/brenta/sdb1/boot"));
+    QVERIFY(!arguments.contains("--force"));
+    QCOMPARE(arguments.last(), QString("/dev/sdb"));
+    QVERIFY(GrubInstallArguments("/dev/loop0", "/run/brenta/loop0p1", true).contains("--force"));
+
+    QVERIFY(IsHelperMountPoint("/run/brenta/sdb1", {"sdb1"}));
+    QVERIFY(!IsHelperMountPoint("/run/brenta/sdc1", {"sdb1"}));
+    QVERIFY(!IsHelperMountPoint("/run/brenta", {"sdb1"}));
+    QVERIFY(!IsHelperMountPoint("/run/brenta/sdb1/boot", {"sdb1"}));
+    QVERIFY(!IsHelperMountPoint("/media/user/sdb1", {"sdb1"}));
+}
+
+void TestUsbHelper::errorLine()
+{
+    QCOMPARE(ErrorLine("formatting", "mkfs.vfat failed (exit status 1)", {"a", "", "b  c", "d", "e", ""}),
+             QString("error: formatting: mkfs.vfat failed (exit status 1). b c d e"));
+    QCOMPARE(ErrorLine("mounting", "no way", {}), QString("error: mounting: no way."));
+}
+
+void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("output");
+
+    QTest::newRow("usage") << QStringList{"prepare", "/dev/null"} << 2 << "usage:";
+    QTest::newRow("not a device") << QStringList{"check", "/dev/null"} << 3 << "refused: /dev/null is not a block";
+    QTest::newRow("missing") << QStringList{"check", "/dev/brenta-none"} << 3 << "refused: ";
+    QTest::newRow("relative") << QStringList{"check", "sda"} << 3 << "refused: sda is not a device path";
+    QTest::newRow("escape from dev") << QStringList{"unmount", "/dev/../etc/passwd"} << 3 << "refused: ";
+    QTest::newRow("prepare refused before writing")
+        << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1"} << 3
+        << "refused: ";
+}
+
+void TestUsbHelper::usageAndRefusalsOfTheProgram()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(int, exitCode);
+    QFETCH(QString, output);
+    const Run run = helper(arguments);
+    QCOMPARE(run.exitCode, exitCode);
+    QVERIFY2(run.lines.join('\n').contains(output), qPrintable(run.lines.join('\n')));
+    QVERIFY(!run.lines.join('\n').contains("step:"));
+}
+
+void TestUsbHelper::systemDiskIsRefused()
+{
+    // The disk holding "/", whatever it is on this machine.
+    struct stat info;
+    QVERIFY(::stat("/", &info) == 0);
+    const QString link = QFileInfo(QStringLiteral("/sys/dev/block/%1:%2").arg(major(info.st_dev)).arg(minor(info.st_dev)))
+                             .canonicalFilePath();
+    if (link.isEmpty())
+        QSKIP("the root file system is not on a block device here");
+    QString name = QFileInfo(link).fileName();
+    if (QFileInfo::exists(link + "/partition"))
+        name = QFileInfo(QFileInfo(link).path()).fileName();
+    const QString node = "/dev/" + name;
+    if (!QFileInfo::exists(node))
+        QSKIP("the root disk has no node in /dev here");
+    const Run run = helper({"check", node});
+    QCOMPARE(run.exitCode, 3);
+    QVERIFY2(run.lines.join('\n').startsWith("refused: "), qPrintable(run.lines.join('\n')));
+}
+
+void TestUsbHelper::endToEnd_data()
+{
+    QTest::addColumn<QString>("scheme");
+    QTest::addColumn<QString>("fs");
+    QTest::addColumn<QString>("type");   // as sfdisk --dump prints it
+    QTest::addColumn<QString>("fsType"); // as blkid -p prints it
+    QTest::addColumn<QString>("label");
+
+    QTest::newRow("mbr fat32") << "mbr" << "fat32" << "type=c, bootable" << "vfat" << "BRENTA";
+    QTest::newRow("gpt exfat") << "gpt" << "exfat" << "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7" << "exfat"
+                               << "brenta";
+}
+
+void TestUsbHelper::endToEnd()
+{
+    QFETCH(QString, scheme);
+    QFETCH(QString, fs);
+    QFETCH(QString, type);
+    QFETCH(QString, fsType);
+    QFETCH(QString, label);
+
+    if (::geteuid() != 0)
+        QSKIP("needs root for loop devices");
+    for (const char* program : {"losetup", "sfdisk", "wipefs", "blkid", "mkfs.vfat", "mkfs.exfat"}) {
+        if (QStandardPaths::findExecutable(program, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"}).isEmpty())
+            QSKIP(qPrintable(QString("%1 is not installed").arg(program)));
+    }
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString image = dir.filePath("stick.img");
+    {
+        QFile file(image);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        QVERIFY(file.resize(96 << 20));
+    }
+    int code = 0;
+    const QString loop = tool("losetup", {"-f", "--show", "-P", image}, &code).trimmed();
+    if (code != 0 || !loop.startsWith("/dev/loop"))
+        QSKIP("no loop device can be set up here");
+    const QString partName = loop.mid(5) + "p1";
+    const QString folder = "/run/brenta/" + partName;
+    const auto cleanup = qScopeGuard([&] {
+        if (mounted(folder))
+            tool("umount", {folder});
+        QDir().rmdir(folder);
+        tool("losetup", {"-d", loop});
+    });
+
+    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", "brenta", "--owner", "65534:65534"});
+    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting", "step: mounting",
+                                     "mounted: " + folder}));
+    QVERIFY(mounted(folder));
+
+    // Writable by the owner given: "nobody" writes a file into it.
+    code = -1;
+    tool("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups", "sh", "-c",
+                     "echo written > '" + folder + "/by-owner.txt'"},
+         &code);
+    QCOMPARE(code, 0);
+    QFile written(folder + "/by-owner.txt");
+    QVERIFY(written.open(QIODevice::ReadOnly));
+    QCOMPARE(written.readAll(), QByteArray("written\n"));
+    written.close();
+
+    const QString dump = tool("sfdisk", {"--dump", loop});
+    QVERIFY2(dump.contains("start=        2048") && dump.contains(type), qPrintable(dump));
+    const QString probe = tool("blkid", {"-p", "-o", "export", "/dev/" + partName});
+    QVERIFY2(probe.contains("TYPE=" + fsType + "\n"), qPrintable(probe));
+    QVERIFY2(probe.contains("LABEL=" + label + "\n"), qPrintable(probe));
+
+    if (scheme == "mbr") {
+        if (QStandardPaths::findExecutable("grub-install", {"/usr/sbin", "/usr/bin"}).isEmpty()) {
+            qWarning("grub-install is not installed: boot code not tested");
+        } else {
+            run = helper({"bootcode", loop, folder});
+            if (run.exitCode != 0 && run.lines.join(' ').contains("cannot find a GRUB drive")) {
+                // GRUB cannot map partitions of loop devices on every kernel.
+                qWarning("%s", qPrintable("boot code not tested: " + run.lines.join(' ')));
+            } else {
+                QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+                QCOMPARE(run.lines, QStringList{"step: bootcode"});
+                QFile cfg(folder + "/boot/grub/grub.cfg");
+                QVERIFY(cfg.open(QIODevice::ReadOnly));
+                QVERIFY(cfg.readAll().contains("ntldr /bootmgr"));
+            }
+        }
+        // A folder that is not the stick's mount is refused.
+        run = helper({"bootcode", loop, "/tmp"});
+        QCOMPARE(run.exitCode, 3);
+    }
+
+    run = helper({"unmount", loop});
+    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QCOMPARE(run.lines, QStringList{"step: unmounting"});
+    QVERIFY(!mounted(folder));
+    QVERIFY(!QFileInfo::exists(folder));
+}
+
+QTEST_GUILESS_MAIN(TestUsbHelper)
+#include "tst_usbhelper.moc"
