@@ -128,7 +128,6 @@ private:
     Task m_task = Task::None;
     Phase m_phase = Phase::Extracting;
     qint64 m_total = 0;
-    bool m_exporting = false;
     QString m_output;
     std::vector<Job> m_exportJobs;
     QStringList m_exportTargets;
