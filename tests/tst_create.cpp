@@ -1,6 +1,7 @@
 #include <QtTest>
 
 #include "common/isofixture.h"
+#include "common/listedimage.h"
 #include "iso/imagebuild.h"
 #include "iso/isojobs.h"
 #include "iso/itemtree.h"
@@ -12,21 +13,9 @@ const QString kLongName =
 
 QStringList listed(const QString& image)
 {
-    ItemTree tree;
-    CListJob job(tree);
-    QSignalSpy finished(&job, &CListJob::finished);
-    job.Start(image);
-    if (!finished.wait(60000) || !job.Succeeded())
-        return {QStringLiteral("<listing failed>")};
-    QStringList lines;
-    std::function<void(const Item&)> walk = [&](const Item& folder) {
-        for (const auto& child : folder.children) {
-            lines << QStringLiteral("%1 %2 %3").arg(child->isDir ? "D" : "F", child->name, child->size);
-            walk(*child);
-        }
-    };
-    walk(tree.Root());
-    return lines;
+    return ListedImage(image, [](const Item& item) {
+        return QStringLiteral("%1 %2 %3").arg(item.isDir ? "D" : "F", item.name, item.size);
+    });
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "common/bytes.h"
 
 #include "common/isofixture.h"
+#include "common/listedimage.h"
 #include "iso/editsession.h"
 #include "iso/eltorito.h"
 #include "iso/isojobs.h"
@@ -67,20 +68,7 @@ QByteArray bootBytes(const QString& image, const ElTorito::Entry& entry, qint64 
 
 QStringList listImage(const QString& image)
 {
-    ItemTree tree;
-    CListJob job(tree);
-    QSignalSpy done(&job, &CListJob::finished);
-    job.Start(image);
-    if (!done.wait(60000) || !job.Succeeded())
-        return {"listing failed: " + job.Message()};
-    QStringList names;
-    std::function<void(const Item&)> walk = [&](const Item& item) {
-        for (const auto& child : item.children) {
-            names << child->name + (child->isDir ? "\\" : "");
-            walk(*child);
-        }
-    };
-    walk(tree.Root());
+    QStringList names = ListedImage(image, [](const Item& item) { return item.name + (item.isDir ? "\\" : ""); });
     names.sort();
     return names;
 }

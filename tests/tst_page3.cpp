@@ -5,6 +5,7 @@
 #include <QTreeWidget>
 
 #include "common/isofixture.h"
+#include "common/listedimage.h"
 #include "common/modal.h"
 #include "iso/isojobs.h"
 #include "pages/page3.h"
@@ -38,19 +39,7 @@ QStringList rows(QTreeWidget* list)
 
 QStringList imageEntries(const QString& image)
 {
-    ItemTree tree;
-    CListJob job(tree);
-    QSignalSpy finished(&job, &CListJob::finished);
-    job.Start(image);
-    finished.wait(60000);
-    QStringList names;
-    std::function<void(const Item&)> walk = [&](const Item& folder) {
-        for (const auto& child : folder.children) {
-            names << child->name;
-            walk(*child);
-        }
-    };
-    walk(tree.Root());
+    QStringList names = ListedImage(image, [](const Item& item) { return item.name; });
     names.sort();
     return names;
 }
