@@ -359,7 +359,6 @@ void CEditSession::Poll()
             return;
         }
         if (m_task == Task::Export) {
-            m_exporter.reset();
             Finish(true, QString());
             return;
         }
