@@ -14,6 +14,8 @@ packages=(
   # the USB helper: partitioning, file systems (with FUSE drivers for kernels
   # without vfat or exfat), BIOS boot code, and pkexec to start it
   fdisk dosfstools exfatprogs ntfs-3g fusefat exfat-fuse grub-pc-bin grub2-common pkexec
+  # splitting installer images too large for FAT
+  wimtools
   # tests and screenshots
   xvfb xauth umockdev libumockdev-dev
 )

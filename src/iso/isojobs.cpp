@@ -41,6 +41,10 @@ void CListJob::Start(const QString& image)
     // The tree grows while the tool is still listing, batch by batch, so
     // little is left to do when it ends; a failed listing leaves it empty.
     m_reader = std::make_unique<Listing::Reader>(m_tree);
+    if (m_files != nullptr) {
+        m_files->clear();
+        m_reader->RecordFiles(m_files);
+    }
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputlines, this, [this](const QStringList& lines) {
         for (const QString& line : lines)

@@ -35,6 +35,8 @@ public:
 
     bool Succeeded() const { return m_succeeded; }
     QString Message() const { return m_message; }
+    // Records the files in the tool's order too (from the next Start()).
+    void RecordFiles(std::vector<Listing::FileSpan>* files) { m_files = files; }
 
 Q_SIGNALS:
     void finished();
@@ -43,6 +45,7 @@ private:
     void OnFinished();
 
     ItemTree& m_tree;
+    std::vector<Listing::FileSpan>* m_files = nullptr;
     CRunCommandThread* m_runner = nullptr;
     std::unique_ptr<Listing::Reader> m_reader;
     bool m_succeeded = false;

@@ -58,6 +58,8 @@ bool Reader::Feed(const QString& line)
     std::optional<Entry> entry = ParseLine(line);
     if (!entry)
         return false;
+    if (m_files != nullptr && !entry->isDir)
+        m_files->push_back({entry->name, entry->size.toLongLong()});
     auto item = std::make_unique<Item>();
     item->name = std::move(entry->name);
     item->isDir = entry->isDir;

@@ -4,6 +4,7 @@
 #include <QStringList>
 
 #include <optional>
+#include <vector>
 
 class ItemTree;
 
@@ -17,6 +18,14 @@ struct Entry
     bool isDir = false;
     QString size; // trimmed; empty for folders
     QString name; // the path inside the image, as printed ("/" separated)
+};
+
+// A file of the listing, in the tool's order: the order in which the tool
+// also writes the files' data when it extracts them all to standard output.
+struct FileSpan
+{
+    QString name; // "/" separated, as printed
+    qint64 size = 0;
 };
 
 // The list command's arguments. "--" ends the switches, so an image whose
@@ -37,11 +46,14 @@ public:
 
     // Returns true when this line ended the table.
     bool Feed(const QString& line);
+    // Also appends every file line to `files`, duplicates included.
+    void RecordFiles(std::vector<FileSpan>* files) { m_files = files; }
     bool Finished() const { return m_finished; }
     int Entries() const { return m_entries; }
 
 private:
     ItemTree& m_tree;
+    std::vector<FileSpan>* m_files = nullptr;
     bool m_inListing = false;
     bool m_finished = false;
     int m_entries = 0;

@@ -65,7 +65,8 @@ QString Name(FileSystem fs)
     return QString();
 }
 
-Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen)
+Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen,
+                qint64 fatFileLimit)
 {
     Decision decision;
     decision.tooSmall = capacity <= imageSize + kSpareBytes - 1;
@@ -80,7 +81,7 @@ Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Sch
     if (fat) {
         forEachFile(contents.Root(), [&](const Item& file) {
             const qint64 size = file.size.toLongLong();
-            if (size <= kFatFileLimit)
+            if (size <= fatFileLimit)
                 return;
             QString path = file.name;
             if (path.compare(QLatin1String("sources\\install.wim"), Qt::CaseInsensitive) == 0 &&

@@ -36,6 +36,8 @@ struct Decision
 };
 
 // `contents` is the image as listed; sizes are bytes.
-Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen);
+// `fatFileLimit` is the largest file FAT takes (smaller in tests).
+Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen,
+                qint64 fatFileLimit = kFatFileLimit);
 
 } // namespace UsbPlan

@@ -26,6 +26,10 @@ ToolNames namesOf(Tool tool)
         return {"cdrtools", "cdrecord", {QStringLiteral("cdrecord"), QStringLiteral("wodim")}};
     case Tool::DiscReader:
         return {"cdrtools", "readcd", {QStringLiteral("readcd"), QStringLiteral("readom")}};
+    case Tool::WimTool:
+        return {"wimlib", "wimlib-imagex", {QStringLiteral("wimlib-imagex")}};
+    case Tool::UsbHelper:
+        return {"usbhelper", "brenta-usb-helper", {}};
     }
     return {"", "", {}};
 }
@@ -49,6 +53,11 @@ QStringList Candidates(Tool tool)
     if (!toolsDir.isEmpty())
         places << toolsDir + QLatin1Char('/') + relative;
     places << Util::AppDir() + QLatin1Char('/') + relative;
+    if (tool == Tool::UsbHelper) {
+        // Beside the program in a build tree, else where it is installed.
+        places << Util::AppDir() + QLatin1Char('/') + QLatin1String(names.name);
+        places << QStringLiteral(BRENTA_USB_HELPER_INSTALLED);
+    }
     for (const QString& name : names.onPath) {
         const QString found = QStandardPaths::findExecutable(name);
         if (!found.isEmpty())
@@ -77,6 +86,10 @@ QString DisplayName(Tool tool)
         return QStringLiteral("cdrecord");
     case Tool::DiscReader:
         return QStringLiteral("readcd");
+    case Tool::WimTool:
+        return QStringLiteral("wimlib-imagex");
+    case Tool::UsbHelper:
+        return QStringLiteral("brenta-usb-helper");
     }
     return QString();
 }

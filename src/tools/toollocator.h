@@ -7,6 +7,8 @@
 // found wins, in this order: $BRENTA_TOOLS_DIR/<folder>/<name>, then
 // <application directory>/<folder>/<name>, then the usual names on PATH.
 // BRENTA_TOOLS_DIR is also how tests put stand-ins in place of the disc tools.
+// The USB helper is looked for beside Brenta and where it is installed
+// instead of on PATH.
 namespace ToolLocator {
 
 enum class Tool {
@@ -14,6 +16,8 @@ enum class Tool {
     ImageBuilder, // mkisofs or genisoimage: builds images
     DiscWriter,   // cdrecord or wodim: bus scan, burn, eject
     DiscReader,   // readcd or readom: reads a disc into an image
+    WimTool,      // wimlib-imagex: splits an installer image into parts
+    UsbHelper,    // brenta-usb-helper: does what needs root on a USB stick
 };
 
 // The full path of the tool, or an empty string when it is nowhere to be found.

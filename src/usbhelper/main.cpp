@@ -5,7 +5,7 @@
 //
 // Output is one line per event, for Brenta's command runner:
 //   step: <what now>        progress
-//   mounted: <folder>       prepare's result
+//   mounted: <folder>       prepare's and remount's result
 //   ok / refused: <reason>  check's answer (exit 0 / 3)
 //   error: <step>: <reason>. <the tool's last words>   (exit 1)
 // Wrong usage: the usage text on standard error, exit 2.
@@ -17,6 +17,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 #include <QTemporaryFile>
 #include <QThread>
 
@@ -49,8 +50,17 @@ struct RunResult
     QStringList lines;
 };
 
+// Tests put stand-ins for the system tools in $BRENTA_TOOLS_DIR/system. That
+// is honoured only when the helper was started directly by root, never
+// through pkexec, which would carry the variable over from the user.
 QString findTool(const QString& program)
 {
+    const QString standIns = qEnvironmentVariable("BRENTA_TOOLS_DIR");
+    if (!standIns.isEmpty() && qEnvironmentVariableIsEmpty("PKEXEC_UID") && ::getuid() == 0) {
+        const QString found = QStandardPaths::findExecutable(program, {standIns + QStringLiteral("/system")});
+        if (!found.isEmpty())
+            return found;
+    }
     return QStandardPaths::findExecutable(program, kPath.split(QLatin1Char(':')));
 }
 
@@ -232,6 +242,45 @@ qint64 startSector(const QString& partition)
     return file.readAll().trimmed().toLongLong();
 }
 
+// Mounts the stick's partition under the helper's folder, writable by the
+// user; says "mounted: <folder>".
+int mountPartition(const Request& request, const QString& partName)
+{
+    const QString partition = QStringLiteral("/dev/") + partName;
+    say(QStringLiteral("step: mounting"));
+    const QString folder = kMountRoot + QLatin1Char('/') + partName;
+    if (isMountPoint(folder)) {
+        say(ErrorLine(QStringLiteral("mounting"), folder + QStringLiteral(" is in use"), {}));
+        return Failed;
+    }
+    if (!QDir().mkpath(folder)) {
+        say(ErrorLine(QStringLiteral("mounting"), QStringLiteral("cannot make the folder ") + folder, {}));
+        return Failed;
+    }
+    QFile::setPermissions(kMountRoot, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                          | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+    RunResult last;
+    last.reason = QStringLiteral("no way to mount %1 is installed").arg(FileSystemName(request.fs));
+    for (const ToolCall& call : MountCalls(request.fs, partition, folder, request.uid, request.gid)) {
+        if (findTool(call.program).isEmpty())
+            continue;
+        last = run(call);
+        if (last.ok && isMountPoint(folder))
+            break;
+        if (last.ok) {
+            last.ok = false;
+            last.reason = call.program + QStringLiteral(" ended without mounting");
+        }
+    }
+    if (!last.ok) {
+        QDir().rmdir(folder);
+        say(ErrorLine(QStringLiteral("mounting"), last.reason, last.lines));
+        return Failed;
+    }
+    say(QStringLiteral("mounted: ") + folder);
+    return Ok;
+}
+
 int prepare(const Request& request)
 {
     Target target;
@@ -290,49 +339,7 @@ int prepare(const Request& request)
         return Failed;
     }
 
-    say(QStringLiteral("step: mounting"));
-    const QString folder = kMountRoot + QLatin1Char('/') + partName;
-    if (isMountPoint(folder)) {
-        say(ErrorLine(QStringLiteral("mounting"), folder + QStringLiteral(" is in use"), {}));
-        return Failed;
-    }
-    if (!QDir().mkpath(folder)) {
-        say(ErrorLine(QStringLiteral("mounting"), QStringLiteral("cannot make the folder ") + folder, {}));
-        return Failed;
-    }
-    QFile::setPermissions(kMountRoot, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                          | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
-    RunResult last;
-    last.reason = QStringLiteral("no way to mount %1 is installed").arg(FileSystemName(request.fs));
-    for (const ToolCall& call : MountCalls(request.fs, partition, folder, request.uid, request.gid)) {
-        if (findTool(call.program).isEmpty())
-            continue;
-        last = run(call);
-        if (last.ok && isMountPoint(folder))
-            break;
-        if (last.ok) {
-            last.ok = false;
-            last.reason = call.program + QStringLiteral(" ended without mounting");
-        }
-    }
-    if (!last.ok) {
-        QDir().rmdir(folder);
-        say(ErrorLine(QStringLiteral("mounting"), last.reason, last.lines));
-        return Failed;
-    }
-    say(QStringLiteral("mounted: ") + folder);
-    return Ok;
-}
-
-// True when the disk's first sector holds an MBR that is not GPT's guard.
-bool hasMbr(const QString& node)
-{
-    QFile file(node);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    const QByteArray sector = file.read(512);
-    return sector.size() == 512 && quint8(sector[510]) == 0x55 && quint8(sector[511]) == 0xaa
-           && quint8(sector[0x1c2]) != 0xee;
+    return mountPartition(request, partName);
 }
 
 bool writeFile(const QString& path, const QByteArray& data)
@@ -341,47 +348,77 @@ bool writeFile(const QString& path, const QByteArray& data)
     return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size() && file.flush();
 }
 
+QByteArray readFile(const QString& path, qint64 size)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.read(size) : QByteArray();
+}
+
+bool writeAt(const QString& node, qint64 offset, const QByteArray& data)
+{
+    QFile file(node);
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !file.seek(offset)
+        || file.write(data) != data.size())
+        return false;
+    return ::fsync(file.handle()) == 0;
+}
+
 int bootCode(const Request& request)
 {
     Target target;
     if (!accept(request.device, target))
         return Refused;
-    const QString folder = QDir::cleanPath(request.mountPoint);
-    if (!IsHelperMountPoint(folder, Drives::PartitionsOf(target.facts.name)) || !isMountPoint(folder)) {
-        say(QStringLiteral("refused: %1 is not where a partition of %2 is mounted").arg(folder, target.node));
-        return Refused;
-    }
     const QString step = QStringLiteral("bootcode");
     say(QStringLiteral("step: bootcode"));
-    if (!hasMbr(target.node)) {
+    const QByteArray mbr = readFile(target.node, 512);
+    // An MBR table, not GPT's guard entry.
+    if (mbr.size() != 512 || quint8(mbr[510]) != 0x55 || quint8(mbr[511]) != 0xaa || quint8(mbr[0x1c2]) == 0xee) {
         say(ErrorLine(step, target.node + QStringLiteral(" has no MBR partition table"), {}));
         return Failed;
     }
-    const QString grubFolder = folder + QStringLiteral("/boot/grub");
-    if (!QDir().mkpath(grubFolder)) {
-        say(ErrorLine(step, QStringLiteral("cannot make the folder ") + grubFolder, {}));
+    const qint64 start = startSector(PartitionName(target.facts.name, 1));
+    const QString moduleDir = QStringLiteral("/usr/lib/grub/i386-pc");
+    QTemporaryDir work(QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX"));
+    const QString config = work.path() + QStringLiteral("/early.cfg");
+    const QString core = work.path() + QStringLiteral("/core.img");
+    if (!work.isValid() || !writeFile(config, GrubEarlyConfig().toUtf8())) {
+        say(ErrorLine(step, QStringLiteral("cannot make a temporary file"), {}));
         return Failed;
     }
-    // GRUB knows no BIOS drive for a loop device unless a device map names one.
-    const QString deviceMap = grubFolder + QStringLiteral("/device.map");
-    if (target.facts.loop && !writeFile(deviceMap, QStringLiteral("(hd0) %1\n").arg(target.node).toUtf8())) {
-        say(ErrorLine(step, QStringLiteral("cannot write ") + deviceMap, {}));
+    const RunResult made = run({QStringLiteral("grub-mkimage"), GrubImageArguments(moduleDir, config, core)});
+    if (!made.ok) {
+        say(ErrorLine(step, made.reason, made.lines));
         return Failed;
     }
-    const RunResult result =
-        run({QStringLiteral("grub-install"), GrubInstallArguments(target.node, folder, target.facts.loop)});
-    if (target.facts.loop)
-        QFile::remove(deviceMap);
-    if (!result.ok) {
-        say(ErrorLine(step, result.reason, result.lines));
+    BootCode code;
+    QString error;
+    if (!BootSectors(mbr, readFile(moduleDir + QStringLiteral("/boot.img"), 512), readFile(core, 4 << 20), start,
+                     code, error)) {
+        say(ErrorLine(step, error, {}));
         return Failed;
     }
-    if (!writeFile(grubFolder + QStringLiteral("/grub.cfg"), GrubConfig().toUtf8())) {
-        say(ErrorLine(step, QStringLiteral("cannot write ") + grubFolder + QStringLiteral("/grub.cfg"), {}));
+    // The core image first: a stick pulled out in between keeps its old,
+    // harmless boot sector.
+    if (!writeAt(target.node, 512, code.core) || !writeAt(target.node, 0, code.mbr)) {
+        say(ErrorLine(step, QStringLiteral("cannot write the boot code to ") + target.node, {}));
         return Failed;
     }
-    ::sync();
     return Ok;
+}
+
+int remount(const Request& request)
+{
+    Target target;
+    if (!accept(request.device, target))
+        return Refused;
+    say(QStringLiteral("step: unmounting"));
+    ::sync();
+    QString failure;
+    if (!unmountAll(target.facts.name, QStringLiteral("unmounting"), failure)) {
+        say(failure);
+        return Failed;
+    }
+    return mountPartition(request, PartitionName(target.facts.name, 1));
 }
 
 int unmount(const Request& request)
@@ -423,6 +460,8 @@ int main(int argc, char** argv)
         return prepare(request);
     case Command::BootCode:
         return bootCode(request);
+    case Command::Remount:
+        return remount(request);
     case Command::Unmount:
         return unmount(request);
     }

@@ -67,7 +67,8 @@ QString UsageText()
         "usage: brenta-usb-helper check DEVICE\n"
         "       brenta-usb-helper prepare DEVICE --scheme mbr|gpt --fs fat32|fat|ntfs|exfat"
         " [--label LABEL] --owner UID:GID\n"
-        "       brenta-usb-helper bootcode DEVICE MOUNTPOINT\n"
+        "       brenta-usb-helper bootcode DEVICE\n"
+        "       brenta-usb-helper remount DEVICE --fs fat32|fat|ntfs|exfat --owner UID:GID\n"
         "       brenta-usb-helper unmount DEVICE\n");
 }
 
@@ -86,34 +87,24 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
     }
     request.device = rest.first();
 
-    if (command == QLatin1String("check") || command == QLatin1String("unmount")) {
-        request.command = command == QLatin1String("check") ? Command::Check : Command::Unmount;
+    if (command == QLatin1String("check") || command == QLatin1String("unmount")
+        || command == QLatin1String("bootcode")) {
+        request.command = command == QLatin1String("check")     ? Command::Check
+                          : command == QLatin1String("unmount") ? Command::Unmount
+                                                                : Command::BootCode;
         if (rest.size() != 1) {
             error = QStringLiteral("unexpected argument \"%1\"").arg(rest.at(1));
             return false;
         }
         return true;
     }
-    if (command == QLatin1String("bootcode")) {
-        request.command = Command::BootCode;
-        if (rest.size() != 2) {
-            error = rest.size() < 2 ? QStringLiteral("no mount point given")
-                                    : QStringLiteral("unexpected argument \"%1\"").arg(rest.at(2));
-            return false;
-        }
-        request.mountPoint = rest.at(1);
-        if (!request.mountPoint.startsWith(QLatin1Char('/'))) {
-            error = QStringLiteral("the mount point must be an absolute path");
-            return false;
-        }
-        return true;
-    }
-    if (command != QLatin1String("prepare")) {
+    if (command != QLatin1String("prepare") && command != QLatin1String("remount")) {
         error = QStringLiteral("unknown command \"%1\"").arg(command);
         return false;
     }
 
-    request.command = Command::Prepare;
+    const bool prepare = command == QLatin1String("prepare");
+    request.command = prepare ? Command::Prepare : Command::Remount;
     bool haveScheme = false;
     bool haveFs = false;
     bool haveLabel = false;
@@ -127,13 +118,13 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
         const QString value = rest.at(i + 1);
         bool* seen = nullptr;
         bool ok = true;
-        if (option == QLatin1String("--scheme")) {
+        if (option == QLatin1String("--scheme") && prepare) {
             seen = &haveScheme;
             ok = parseScheme(value, request.scheme);
         } else if (option == QLatin1String("--fs")) {
             seen = &haveFs;
             ok = parseFileSystem(value, request.fs);
-        } else if (option == QLatin1String("--label")) {
+        } else if (option == QLatin1String("--label") && prepare) {
             seen = &haveLabel;
             request.label = value;
             ok = !hasControl(value);
@@ -154,8 +145,12 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
             return false;
         }
     }
-    if (!haveScheme || !haveFs || !haveOwner) {
+    if (prepare && (!haveScheme || !haveFs || !haveOwner)) {
         error = QStringLiteral("prepare needs --scheme, --fs and --owner");
+        return false;
+    }
+    if (!prepare && (!haveFs || !haveOwner)) {
+        error = QStringLiteral("remount needs --fs and --owner");
         return false;
     }
     return true;
@@ -319,33 +314,76 @@ QString FileSystemName(FileSystem fs)
     return QString();
 }
 
-QString GrubConfig()
+QString GrubEarlyConfig()
 {
     return QStringLiteral(
-        "# Starts the Windows boot manager of this stick through the BIOS.\n"
-        "insmod part_msdos\n"
-        "insmod fat\n"
-        "insmod exfat\n"
-        "insmod ntfs\n"
-        "insmod ntldr\n"
-        "set timeout=0\n"
         "search --no-floppy --file --set=root /bootmgr\n"
         "ntldr /bootmgr\n"
         "boot\n");
 }
 
-QStringList GrubInstallArguments(const QString& device, const QString& mountPoint, bool loop)
+QStringList GrubImageArguments(const QString& moduleDir, const QString& config, const QString& output)
 {
-    QStringList arguments = {
-        QStringLiteral("--target=i386-pc"),
-        QStringLiteral("--boot-directory=") + mountPoint + QStringLiteral("/boot"),
-        QStringLiteral("--modules=part_msdos fat exfat ntfs ntldr search"),
-    };
-    // A loop device is not a BIOS drive GRUB would install to on its own.
-    if (loop)
-        arguments << QStringLiteral("--force");
-    arguments << device;
-    return arguments;
+    return {QStringLiteral("-O"), QStringLiteral("i386-pc"), QStringLiteral("-d"), moduleDir,
+            QStringLiteral("-o"), output, QStringLiteral("-c"), config, QStringLiteral("-p"),
+            QStringLiteral("(,msdos1)/boot/grub"), QStringLiteral("biosdisk"), QStringLiteral("part_msdos"),
+            QStringLiteral("fat"), QStringLiteral("exfat"), QStringLiteral("ntfs"), QStringLiteral("search"),
+            QStringLiteral("search_fs_file"), QStringLiteral("ntldr")};
+}
+
+namespace {
+
+// Where GRUB's first sector keeps what it patches at install time.
+constexpr int kBpbStart = 0x03;
+constexpr int kBpbEnd = 0x5a;
+constexpr int kKernelSector = 0x5c;
+constexpr int kDriveCheck = 0x66;
+constexpr int kTableStart = 0x1b8; // disk signature, then the partition table
+constexpr int kTableEnd = 0x1fe;
+constexpr int kSector = 512;
+// The block list at the end of the core image's first sector: start (64 bits)
+// and length (16 bits) of the rest of the core image.
+constexpr int kBlockList = kSector - 12;
+
+void putLittle(QByteArray& data, int offset, quint64 value, int bytes)
+{
+    for (int i = 0; i < bytes; ++i)
+        data[offset + i] = char((value >> (8 * i)) & 0xff);
+}
+
+} // namespace
+
+bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByteArray& coreImage,
+                 qint64 firstPartitionStart, BootCode& code, QString& error)
+{
+    if (mbr.size() != kSector || bootImage.size() != kSector || coreImage.size() < 2 * kSector) {
+        error = QStringLiteral("the boot images are damaged");
+        return false;
+    }
+    const qint64 coreSectors = (coreImage.size() + kSector - 1) / kSector;
+    // The core image lives between the MBR and the first partition.
+    if (1 + coreSectors > firstPartitionStart) {
+        error = QStringLiteral("the boot code (%1 sectors) does not fit before the partition at sector %2")
+                    .arg(coreSectors)
+                    .arg(firstPartitionStart);
+        return false;
+    }
+    code.mbr = bootImage;
+    code.mbr.replace(kBpbStart, kBpbEnd - kBpbStart, mbr.mid(kBpbStart, kBpbEnd - kBpbStart));
+    code.mbr.replace(kTableStart, kTableEnd - kTableStart, mbr.mid(kTableStart, kTableEnd - kTableStart));
+    code.mbr[kTableEnd] = char(0x55);
+    code.mbr[kTableEnd + 1] = char(0xaa);
+    putLittle(code.mbr, kKernelSector, 1, 8);
+    // The stick is a hard disk: use the drive the firmware booted from, as
+    // told, instead of guessing between floppy and disk.
+    code.mbr[kDriveCheck] = char(0x90);
+    code.mbr[kDriveCheck + 1] = char(0x90);
+
+    code.core = coreImage;
+    code.core.append(QByteArray(coreSectors * kSector - coreImage.size(), '\0'));
+    putLittle(code.core, kBlockList, 2, 8);
+    putLittle(code.core, kBlockList + 8, quint64(coreSectors - 1), 2);
+    return true;
 }
 
 bool IsHelperMountPoint(const QString& mountPoint, const QStringList& partitions)

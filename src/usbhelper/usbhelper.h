@@ -14,7 +14,7 @@ namespace UsbHelper {
 // Where the helper mounts the partitions it prepares: "/run/brenta/<partition>".
 inline const QString kMountRoot = QStringLiteral("/run/brenta");
 
-enum class Command { Check, Prepare, BootCode, Unmount };
+enum class Command { Check, Prepare, BootCode, Remount, Unmount };
 enum class Scheme { Mbr, Gpt };
 enum class FileSystem { Fat32, Fat, Ntfs, ExFat };
 
@@ -22,7 +22,6 @@ struct Request
 {
     Command command = Command::Check;
     QString device;     // "/dev/sdb"
-    QString mountPoint; // bootcode only
     Scheme scheme = Scheme::Mbr;
     FileSystem fs = FileSystem::Fat32;
     QString label;      // as given; see VolumeLabel()
@@ -79,12 +78,28 @@ QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QStrin
 // The file system's name on the command line and in messages.
 QString FileSystemName(FileSystem fs);
 
-// GRUB's configuration on the stick: find the partition holding /bootmgr and
-// chain-load it the way the firmware would load a Windows boot sector.
-QString GrubConfig();
+// The legacy BIOS boot code is GRUB for i386-pc, written between the MBR and
+// the first partition, with its configuration built in: it finds the
+// partition holding /bootmgr and chain-loads it the way the firmware would
+// load a Windows boot sector. Nothing of it goes into the file system.
+QString GrubEarlyConfig();
 
-// grub-install's arguments for legacy BIOS boot code on `device`.
-QStringList GrubInstallArguments(const QString& device, const QString& mountPoint, bool loop);
+// grub-mkimage's arguments for that core image.
+QStringList GrubImageArguments(const QString& moduleDir, const QString& config, const QString& output);
+
+struct BootCode
+{
+    QByteArray mbr;  // sector 0: GRUB's boot sector with the disk's own partition table
+    QByteArray core; // from sector 1 on, a whole number of sectors
+};
+
+// Fits GRUB's boot sector and core image to a disk whose first sector is
+// `mbr` and whose first partition starts at `firstPartitionStart` (512-byte
+// sectors): keeps the disk's signature and partition table, points the boot
+// sector at the core image in sector 1 and the core image's block list at the
+// sectors after it. False with `error` when it does not fit.
+bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByteArray& coreImage,
+                 qint64 firstPartitionStart, BootCode& code, QString& error);
 
 // Whether `mountPoint` (already cleaned) is where the helper would mount one
 // of `partitions`: "/run/brenta/<one of them>".

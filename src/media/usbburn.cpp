@@ -1,0 +1,633 @@
+#include "media/usbburn.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QIODevice>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QStorageInfo>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <future>
+
+#include <unistd.h>
+
+#include "app/util.h"
+#include "iso/isojobs.h"
+#include "tools/runcommandthread.h"
+#include "tools/toollocator.h"
+
+namespace UsbBurn {
+namespace {
+
+constexpr qint64 kChunk = 1 << 20;
+// Files at least this large are read back from the stick on a thread of
+// their own while the image's copy comes through the pipe.
+constexpr qint64 kParallelHashSize = 4 * kChunk;
+
+// The hash of a file on the stick, and the size actually read (-1 when the
+// file cannot be opened).
+struct FileHash
+{
+    qint64 size = -1;
+    QByteArray sha256;
+};
+
+FileHash hashFile(const QString& path, const std::atomic<bool>& stop)
+{
+    FileHash result;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return result;
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    QByteArray buffer(kChunk, Qt::Uninitialized);
+    result.size = 0;
+    while (!stop.load()) {
+        const qint64 got = file.read(buffer.data(), buffer.size());
+        if (got < 0) {
+            result.size = -1;
+            return result;
+        }
+        if (got == 0)
+            break;
+        hash.addData(QByteArrayView(buffer.constData(), got));
+        result.size += got;
+    }
+    result.sha256 = hash.result();
+    return result;
+}
+
+// Reads exactly `size` bytes from the stream into the hash; false when the
+// stream ends first.
+bool hashStream(QIODevice& stream, qint64 size, QCryptographicHash& hash, QByteArray& buffer,
+                const std::function<void(qint64)>& consumed, const std::atomic<bool>& stop)
+{
+    while (size > 0) {
+        if (stop.load())
+            return false;
+        if (stream.bytesAvailable() <= 0 && !stream.waitForReadyRead(-1) && stream.bytesAvailable() <= 0
+            && stream.atEnd())
+            return false;
+        const qint64 got = stream.read(buffer.data(), qMin<qint64>(size, buffer.size()));
+        if (got < 0)
+            return false;
+        if (got == 0) {
+            if (!stream.waitForReadyRead(-1) && stream.bytesAvailable() <= 0)
+                return false;
+            continue;
+        }
+        hash.addData(QByteArrayView(buffer.constData(), got));
+        size -= got;
+        consumed(got);
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<int> ParseCopyProgress(const QString& line)
+{
+    const int at = line.indexOf(QLatin1String("% "));
+    if (at <= 0)
+        return std::nullopt;
+    bool ok = false;
+    const int value = line.left(at).trimmed().toInt(&ok);
+    return ok ? value : 0;
+}
+
+QStringList CopyArguments(const QString& image, const QString& mountPoint, const QString& skipped)
+{
+    QStringList arguments{QStringLiteral("x"), QStringLiteral("-bsp1"), QStringLiteral("-y"),
+                          QStringLiteral("-o") + mountPoint, QStringLiteral("-x![BOOT]")};
+    if (!skipped.isEmpty())
+        arguments << QStringLiteral("-x!") + skipped;
+    return arguments << QStringLiteral("--") << QFileInfo(image).absoluteFilePath();
+}
+
+QStringList SplitArguments(const QString& wim, const QString& firstPart, qint64 fatFileLimit)
+{
+    const qint64 partMiB = std::clamp<qint64>(fatFileLimit / 2 / (1 << 20), 1, 3800);
+    return {QStringLiteral("split"), wim, firstPart, QString::number(partMiB)};
+}
+
+QStringList PrepareArguments(const QString& device, UsbPlan::Scheme scheme, UsbPlan::FileSystem fs,
+                             const QString& label, uint uid, uint gid)
+{
+    QStringList arguments{QStringLiteral("prepare"), device, QStringLiteral("--scheme"),
+                          scheme == UsbPlan::Scheme::Gpt ? QStringLiteral("gpt") : QStringLiteral("mbr"),
+                          QStringLiteral("--fs"), UsbPlan::Name(fs).toLower()};
+    if (!label.isEmpty())
+        arguments << QStringLiteral("--label") << label;
+    return arguments << QStringLiteral("--owner") << QStringLiteral("%1:%2").arg(uid).arg(gid);
+}
+
+void ReadHelperLine(const QString& line, HelperReport& report)
+{
+    if (line.startsWith(QLatin1String("mounted: ")))
+        report.mounted = line.mid(9).trimmed();
+    else if (line.startsWith(QLatin1String("error: ")))
+        report.error = line.mid(7).trimmed();
+    else if (line.startsWith(QLatin1String("refused: ")))
+        report.error = QStringLiteral("the stick was refused: ") + line.mid(9).trimmed();
+}
+
+VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files, const QString& root,
+                    const QStringList& skipped, const std::function<void(qint64)>& progress,
+                    const std::atomic<bool>& stop)
+{
+    VerifyResult result;
+    QByteArray buffer(kChunk, Qt::Uninitialized);
+    qint64 read = 0;
+    const auto consumed = [&](qint64 bytes) {
+        read += bytes;
+        progress(read);
+    };
+    for (const Listing::FileSpan& file : files) {
+        const bool compared = !file.name.startsWith(QLatin1String("[BOOT]/")) && !skipped.contains(file.name);
+        const QString path = root + QLatin1Char('/') + file.name;
+        std::future<FileHash> onStick;
+        if (compared)
+            onStick = std::async(file.size >= kParallelHashSize ? std::launch::async : std::launch::deferred,
+                                 [&path, &stop] { return hashFile(path, stop); });
+        QCryptographicHash hash(QCryptographicHash::Sha256);
+        const bool whole = hashStream(stream, file.size, hash, buffer, consumed, stop);
+        if (!compared)
+            continue;
+        const FileHash written = onStick.get();
+        if (stop.load())
+            return result;
+        if (!whole) {
+            result.problems << QStringLiteral("the image could not be read back from /%1 on").arg(file.name);
+            return result;
+        }
+        if (written.size < 0)
+            result.problems << QStringLiteral("/%1 is missing or unreadable").arg(file.name);
+        else if (written.size != file.size)
+            result.problems << QStringLiteral("/%1 has %2 bytes instead of %3").arg(file.name).arg(written.size).arg(file.size);
+        else if (written.sha256 != hash.result())
+            result.problems << QStringLiteral("/%1 differs from the image").arg(file.name);
+        else {
+            ++result.files;
+            result.bytes += file.size;
+        }
+    }
+    result.ok = result.problems.isEmpty() && !stop.load();
+    return result;
+}
+
+} // namespace UsbBurn
+
+namespace {
+
+const QString kSuccess = QStringLiteral("Burning Successfully...");
+
+QString archiveName()
+{
+    return ToolLocator::DisplayName(ToolLocator::Tool::Archive);
+}
+
+// The first problems of a verification, enough to act on.
+QString problemsText(const QStringList& problems)
+{
+    QString text = problems.mid(0, 5).join(QStringLiteral("; "));
+    if (problems.size() > 5)
+        text += QStringLiteral("; and %1 more").arg(problems.size() - 5);
+    return text + QLatin1Char('.');
+}
+
+// Runs the archive tool's "x -so" over the whole image and compares what it
+// writes with the stick, on a thread of its own.
+class VerifyThread final : public QThread
+{
+public:
+    VerifyThread(QString image, const std::vector<Listing::FileSpan>& files, QString root, QStringList skipped,
+                 std::atomic<bool>& stop)
+        : m_image(std::move(image)), m_files(files), m_root(std::move(root)), m_skipped(std::move(skipped)),
+          m_stop(stop)
+    {
+    }
+
+    std::function<void(qint64)> onProgress;
+    UsbBurn::VerifyResult result;
+    QString toolFailure;
+
+protected:
+    void run() override
+    {
+        QProcess tool;
+        tool.setProcessChannelMode(QProcess::SeparateChannels);
+        tool.start(ToolLocator::Find(ToolLocator::Tool::Archive),
+                   {QStringLiteral("x"), QStringLiteral("-so"), QStringLiteral("--"), m_image});
+        if (!tool.waitForStarted(-1)) {
+            toolFailure = QStringLiteral("%1 could not be started.").arg(archiveName());
+            return;
+        }
+        tool.setReadChannel(QProcess::StandardOutput);
+        result = UsbBurn::Verify(tool, m_files, m_root, m_skipped, onProgress, m_stop);
+        if (m_stop.load() || !result.ok) {
+            tool.kill();
+            tool.waitForFinished(-1);
+            return;
+        }
+        tool.closeReadChannel(QProcess::StandardOutput);
+        tool.waitForFinished(-1);
+        if (tool.exitStatus() != QProcess::NormalExit || tool.exitCode() != 0) {
+            const QStringList words = QString::fromLocal8Bit(tool.readAllStandardError()).split(
+                QLatin1Char('\n'), Qt::SkipEmptyParts);
+            toolFailure = QStringLiteral("%1 failed reading the image (exit status %2). %3")
+                              .arg(archiveName())
+                              .arg(tool.exitCode())
+                              .arg(words.mid(qMax<qsizetype>(0, words.size() - 3)).join(QLatin1Char(' ')));
+        }
+    }
+
+private:
+    QString m_image;
+    const std::vector<Listing::FileSpan>& m_files;
+    QString m_root;
+    QStringList m_skipped;
+    std::atomic<bool>& m_stop;
+};
+
+} // namespace
+
+CUsbBurnJob::CUsbBurnJob(QObject* parent) : QObject(parent) {}
+
+CUsbBurnJob::~CUsbBurnJob()
+{
+    if (m_list != nullptr)
+        m_list->Stop();
+    CRunCommandThread::Dispose(m_runner);
+    StopVerifier();
+    // A burn cut short must not leave the stick mounted.
+    if (m_running && !m_mountPoint.isEmpty()) {
+        const QStringList command = HelperCommand({QStringLiteral("unmount"), m_options.device});
+        QProcess::execute(command.first(), command.mid(1));
+    }
+}
+
+QString CUsbBurnJob::PhaseText(Phase phase)
+{
+    switch (phase) {
+    case Phase::Checking:
+        return QStringLiteral("Checking the image...");
+    case Phase::Formatting:
+        return QStringLiteral("The USB disk is formating...");
+    case Phase::BootCode:
+        return QStringLiteral("The USB disk is install bootsect...");
+    case Phase::Copying:
+        return QStringLiteral("Burning the USB disk...");
+    case Phase::Splitting:
+        return QStringLiteral("Splitting the installer image for FAT...");
+    case Phase::Verifying:
+        return QStringLiteral("Verifying the USB disk...");
+    case Phase::Finishing:
+        return QStringLiteral("Ejecting the USB disk safely...");
+    }
+    return QString();
+}
+
+QString CUsbBurnJob::SuccessText(int files, qint64 bytes)
+{
+    return kSuccess + QStringLiteral("\n\nAll %1 files (%2) were read back from the stick and match the image. "
+                                     "The stick can be removed.")
+                          .arg(files)
+                          .arg(Util::FormatSize(bytes));
+}
+
+QStringList CUsbBurnJob::HelperCommand(const QStringList& arguments)
+{
+    const QString helper = ToolLocator::Find(ToolLocator::Tool::UsbHelper);
+    const QString toolsDir = qEnvironmentVariable("BRENTA_TOOLS_DIR");
+    const bool standIn = !toolsDir.isEmpty() && helper.startsWith(toolsDir + QLatin1Char('/'));
+    if (::geteuid() == 0 || standIn || helper.isEmpty())
+        return QStringList(helper) + arguments;
+    return QStringList{QStringLiteral("pkexec"), helper} + arguments;
+}
+
+void CUsbBurnJob::Plan(const Options& options)
+{
+    m_options = options;
+    m_options.image = QFileInfo(options.image).absoluteFilePath();
+    m_planned = false;
+    m_decision = UsbPlan::Decision();
+    if (ToolLocator::Find(ToolLocator::Tool::UsbHelper).isEmpty()) {
+        Q_EMIT planned(false, QStringLiteral("Brenta's USB helper (brenta-usb-helper) is not installed, so the "
+                                             "stick cannot be prepared. Please reinstall Brenta."));
+        return;
+    }
+    if (m_list == nullptr) {
+        m_list = new CListJob(m_tree, this);
+        m_list->RecordFiles(&m_files);
+        connect(m_list, &CListJob::finished, this, &CUsbBurnJob::OnListed);
+    }
+    Q_EMIT phase(Phase::Checking);
+    Q_EMIT progress(0, 0);
+    m_list->Start(m_options.image);
+}
+
+void CUsbBurnJob::OnListed()
+{
+    if (!m_list->Succeeded()) {
+        Q_EMIT planned(false, m_list->Message());
+        return;
+    }
+    const qint64 imageSize = QFileInfo(m_options.image).size();
+    const qint64 capacity = Util::DiskTotalSize(m_options.device);
+    m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme, m_options.fileSystem,
+                                 m_options.fatFileLimit);
+    QStringList refusals = m_decision.refusals;
+    if (m_decision.tooSmall) {
+        refusals.prepend(QStringLiteral("The stick (%1) cannot hold the image (%2) with 50 MB to spare.")
+                             .arg(Util::FormatSize(capacity), Util::FormatSize(imageSize)));
+    }
+    if (!m_decision.splitWim.isEmpty()) {
+        const qint64 wimSize = m_tree.Find(m_decision.splitWim)->size.toLongLong();
+        if (ToolLocator::Find(ToolLocator::Tool::WimTool).isEmpty())
+            refusals << QStringLiteral("sources/install.wim is larger than FAT allows and must be split, but "
+                                       "wimlib-imagex is not installed. Install it (package wimtools) or "
+                                       "choose NTFS or exFAT.");
+        else if (!QDir().mkpath(Util::ScratchDir())
+                 || QStorageInfo(Util::ScratchDir()).bytesAvailable() < wimSize + UsbPlan::kSpareBytes)
+            refusals << QStringLiteral("sources/install.wim (%1) must be split, which needs as much free space "
+                                       "in %2.")
+                            .arg(Util::FormatSize(wimSize), Util::ScratchDir());
+    }
+    if (!refusals.isEmpty()) {
+        Q_EMIT planned(false, QStringLiteral("Nothing was written to the stick. ") + refusals.join(QLatin1Char(' ')));
+        return;
+    }
+    m_planned = true;
+    Q_EMIT planned(true, QString());
+}
+
+void CUsbBurnJob::Burn()
+{
+    if (!m_planned || m_running)
+        return;
+    m_planned = false;
+    m_running = true;
+    m_failure.clear();
+    m_mountPoint.clear();
+    Q_EMIT phase(Phase::Formatting);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("formatting"),
+              UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem, m_options.label,
+                                        ::getuid(), ::getgid()),
+              &CUsbBurnJob::StartBootCode);
+}
+
+void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, Next next)
+{
+    const QStringList command = HelperCommand(arguments);
+    m_report = UsbBurn::HelperReport();
+    CRunCommandThread::Dispose(m_runner);
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this,
+            [this](const QString& line) { UsbBurn::ReadHelperLine(line, m_report); });
+    connect(m_runner, &CRunCommandThread::sigfinished, this, [this, step, next, arguments] {
+        const CRunCommandThread::Result result = m_runner->GetResult();
+        const int exitCode = m_runner->ExitCode();
+        const QString failure = m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::UsbHelper));
+        const bool pkexec = m_runner->Program().endsWith(QLatin1String("pkexec"));
+        m_runner->deleteLater();
+        m_runner = nullptr;
+        if (!m_report.mounted.isEmpty())
+            m_mountPoint = m_report.mounted;
+        // An unmount is never tried twice: after it the stick counts as
+        // unmounted, or as one the user must unmount, which the message says.
+        if (arguments.first() == QLatin1String("unmount"))
+            m_mountPoint.clear();
+        if (result == CRunCommandThread::Result::Success) {
+            (this->*next)();
+            return;
+        }
+        QString reason;
+        if (!m_report.error.isEmpty())
+            reason = m_report.error;
+        else if (pkexec && (exitCode == 126 || exitCode == 127))
+            reason = step + QStringLiteral(": Brenta was not given the right to change the stick (the "
+                                           "administrator's password was not given).");
+        else
+            reason = step + QStringLiteral(": ") + failure;
+        Fail(QStringLiteral("The USB stick was not burned. The step that failed: ") + reason);
+    });
+    m_runner->SetCommand(command.first(), command.mid(1));
+    m_runner->StartCommand();
+}
+
+void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QString& toolName,
+                          const QStringList& arguments, Next next)
+{
+    CRunCommandThread::Dispose(m_runner);
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
+        if (const std::optional<int> percent = UsbBurn::ParseCopyProgress(line))
+            Q_EMIT progress(*percent, 100);
+    });
+    connect(m_runner, &CRunCommandThread::sigfinished, this, [this, step, toolName, next] {
+        const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
+        const QString failure = m_runner->FailureText(toolName);
+        m_runner->deleteLater();
+        m_runner = nullptr;
+        if (ok)
+            (this->*next)();
+        else
+            Fail(QStringLiteral("The USB stick was not burned. The step that failed: %1: %2").arg(step, failure));
+    });
+    m_runner->SetCommand(program, arguments);
+    m_runner->StartCommand();
+}
+
+void CUsbBurnJob::StartBootCode()
+{
+    if (m_mountPoint.isEmpty()) {
+        Fail(QStringLiteral("The USB stick was not burned. The step that failed: formatting: the helper did not "
+                            "say where it mounted the stick."));
+        return;
+    }
+    if (!m_decision.bootCode) {
+        StartCopy();
+        return;
+    }
+    Q_EMIT phase(Phase::BootCode);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("boot code"), {QStringLiteral("bootcode"), m_options.device},
+              &CUsbBurnJob::StartCopy);
+}
+
+void CUsbBurnJob::StartCopy()
+{
+    Q_EMIT phase(Phase::Copying);
+    Q_EMIT progress(0, 100);
+    QString skipped = m_decision.splitWim;
+    skipped.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    RunTool(QStringLiteral("copying the files"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
+            UsbBurn::CopyArguments(m_options.image, m_mountPoint, skipped), &CUsbBurnJob::StartSplit);
+}
+
+void CUsbBurnJob::StartSplit()
+{
+    // The tool prints no percentages for a copy that takes no time.
+    Q_EMIT progress(100, 100);
+    if (m_decision.splitWim.isEmpty()) {
+        StartRemount();
+        return;
+    }
+    Q_EMIT phase(Phase::Splitting);
+    Q_EMIT progress(0, 0);
+    m_wimDir = std::make_unique<QTemporaryDir>(Util::ScratchDir() + QStringLiteral("/wim-XXXXXX"));
+    if (!m_wimDir->isValid()) {
+        Fail(QStringLiteral("The USB stick was not burned. The step that failed: splitting install.wim: no "
+                            "temporary folder could be made in %1.")
+                 .arg(Util::ScratchDir()));
+        return;
+    }
+    QString wim = m_decision.splitWim;
+    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
+            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_wimDir->path(), QStringLiteral("--"),
+             m_options.image, wim},
+            &CUsbBurnJob::SplitExtracted);
+}
+
+void CUsbBurnJob::SplitExtracted()
+{
+    QString wim = m_decision.splitWim;
+    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    const QString folder = m_mountPoint + QLatin1Char('/') + QFileInfo(wim).path();
+    QDir().mkpath(folder);
+    RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::WimTool),
+            ToolLocator::DisplayName(ToolLocator::Tool::WimTool),
+            UsbBurn::SplitArguments(m_wimDir->path() + QLatin1Char('/') + wim,
+                                    folder + QStringLiteral("/install.swm"), m_options.fatFileLimit),
+            &CUsbBurnJob::StartRemount);
+}
+
+void CUsbBurnJob::StartRemount()
+{
+    m_wimDir.reset();
+    // Reading back through a fresh mount reads the stick, not what the
+    // system still holds in memory from the copy.
+    Q_EMIT phase(Phase::Verifying);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("verifying"),
+              {QStringLiteral("remount"), m_options.device, QStringLiteral("--fs"),
+               UsbPlan::Name(m_decision.fileSystem).toLower(), QStringLiteral("--owner"),
+               QStringLiteral("%1:%2").arg(::getuid()).arg(::getgid())},
+              &CUsbBurnJob::StartVerify);
+}
+
+void CUsbBurnJob::StartVerify()
+{
+    qint64 total = 0;
+    for (const Listing::FileSpan& file : m_files)
+        total += file.size;
+    QString wim = m_decision.splitWim;
+    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    m_stopVerify = false;
+    auto* thread = new VerifyThread(m_options.image, m_files, m_mountPoint,
+                                    wim.isEmpty() ? QStringList() : QStringList(wim), m_stopVerify);
+    thread->onProgress = [this, total, last = -1](qint64 read) mutable {
+        const int value = total > 0 ? int(read * 100 / total) : 100;
+        if (value == last)
+            return;
+        last = value;
+        QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
+    };
+    Q_EMIT progress(0, 100);
+    connect(thread, &QThread::finished, this, [this, thread] {
+        m_verified = thread->result;
+        const QString toolFailure = thread->toolFailure;
+        m_verifier = nullptr;
+        thread->deleteLater();
+        QString reason;
+        if (!toolFailure.isEmpty())
+            reason = toolFailure;
+        else if (!m_verified.ok)
+            reason = QStringLiteral("what was written differs from the image: ") + problemsText(m_verified.problems);
+        if (!reason.isEmpty()) {
+            Fail(QStringLiteral("The USB stick was not burned. The step that failed: verifying: ") + reason);
+            return;
+        }
+        VerifySplit();
+    });
+    m_verifier = thread;
+    thread->start();
+}
+
+void CUsbBurnJob::VerifySplit()
+{
+    if (m_decision.splitWim.isEmpty()) {
+        StartUnmount();
+        return;
+    }
+    // The parts carry SHA-1 checksums of every resource; wimlib reads them all.
+    QString wim = m_decision.splitWim;
+    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    const QString folder = m_mountPoint + QLatin1Char('/') + QFileInfo(wim).path();
+    Q_EMIT progress(0, 0);
+    RunTool(QStringLiteral("verifying"), ToolLocator::Find(ToolLocator::Tool::WimTool),
+            ToolLocator::DisplayName(ToolLocator::Tool::WimTool),
+            {QStringLiteral("verify"), folder + QStringLiteral("/install.swm"),
+             QStringLiteral("--ref=") + folder + QStringLiteral("/install*.swm")},
+            &CUsbBurnJob::StartUnmount);
+}
+
+void CUsbBurnJob::StartUnmount()
+{
+    Q_EMIT phase(Phase::Finishing);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Succeeded);
+}
+
+void CUsbBurnJob::Succeeded()
+{
+    if (!m_failure.isEmpty()) {
+        End(false, m_failure);
+        return;
+    }
+    m_mountPoint.clear();
+    End(true, SuccessText(m_verified.files, m_verified.bytes));
+}
+
+void CUsbBurnJob::Fail(const QString& message)
+{
+    m_wimDir.reset();
+    if (!m_failure.isEmpty()) {
+        // The unmount after a failure failed too.
+        End(false, m_failure + QStringLiteral("\n\nThe stick could not be unmounted either; unmount it before "
+                                              "removing it. ") + message);
+        return;
+    }
+    m_failure = message;
+    if (m_mountPoint.isEmpty()) {
+        // The helper tidies up after its own failures; nothing is mounted.
+        End(false, m_failure);
+        return;
+    }
+    Q_EMIT phase(Phase::Finishing);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Succeeded);
+}
+
+void CUsbBurnJob::End(bool succeeded, const QString& message)
+{
+    m_running = false;
+    m_mountPoint.clear();
+    Q_EMIT finished(succeeded, message);
+}
+
+void CUsbBurnJob::StopVerifier()
+{
+    if (m_verifier == nullptr)
+        return;
+    m_stopVerify = true;
+    m_verifier->wait();
+    delete m_verifier;
+    m_verifier = nullptr;
+}

@@ -1,0 +1,559 @@
+// The USB burn from image to verified stick. Most cases run with a stand-in
+// for the privileged helper (a folder plays the mounted stick) and the real
+// archive tool and wimlib; the last runs the real helper on loop devices.
+
+#include <QBuffer>
+#include <QDirIterator>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
+#include <QScopeGuard>
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include <unistd.h>
+
+#include "common/isofixture.h"
+#include "common/listedimage.h"
+#include "common/standins.h"
+#include "media/usbburn.h"
+
+using Phase = CUsbBurnJob::Phase;
+
+namespace {
+
+QString run(const QString& program, const QStringList& arguments, int* code = nullptr)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    process.waitForFinished(120000);
+    if (code)
+        *code = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return QString::fromUtf8(process.readAll());
+}
+
+bool linkTool(const QString& tools, const QString& relative, const QString& target)
+{
+    QDir().mkpath(QFileInfo(tools + "/" + relative).path());
+    QFile::remove(tools + "/" + relative);
+    return QFile::link(target, tools + "/" + relative);
+}
+
+// A small real WIM of `bytes` random bytes.
+QString makeWim(const QString& folder, qint64 bytes)
+{
+    const QString content = folder + "/wim-content";
+    QDir().mkpath(content);
+    // Files of 256 KiB: wimlib keeps each file's data within one part.
+    QByteArray block(1 << 18, '\0');
+    for (qint64 written = 0; written < bytes; written += block.size()) {
+        QFile file(content + QString("/data%1.bin").arg(written));
+        if (!file.open(QIODevice::WriteOnly))
+            return {};
+        for (char& c : block)
+            c = char(QRandomGenerator::global()->generate());
+        file.write(block);
+    }
+    const QString wim = folder + "/install.wim";
+    int code = 0;
+    run("wimlib-imagex", {"capture", content, wim, "--compress=none"}, &code);
+    return code == 0 ? wim : QString();
+}
+
+struct Outcome
+{
+    bool planned = false;
+    QString planMessage;
+    bool finished = false;
+    bool succeeded = false;
+    QString message;
+    QList<Phase> phases;
+    int lastCopyPercent = -1;
+};
+
+} // namespace
+
+class TestUsbBurn : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_dir;
+    QString m_tools;
+    QString m_stick;
+    QString m_log;
+
+    // Builds an image from files (path → content) under the temporary folder.
+    QString image(const QString& name, const QMap<QString, QByteArray>& files, const QStringList& extra = {})
+    {
+        const QString source = m_dir.filePath("src-" + name);
+        QDir(source).removeRecursively();
+        if (!IsoFixture::WriteTree(source, files))
+            return {};
+        for (const QString& path : extra)
+            QFile::copy(path, source + "/sources/" + QFileInfo(path).fileName());
+        QString error;
+        return IsoFixture::Build(source, m_dir.filePath(name + ".iso"), "joliet", &error);
+    }
+
+    // Plans and, when the plan allows it, burns.
+    Outcome burn(CUsbBurnJob::Options options, bool burnEvenWithWarnings = true)
+    {
+        Outcome outcome;
+        CUsbBurnJob job;
+        connect(&job, &CUsbBurnJob::phase, this, [&](Phase phase) { outcome.phases << phase; });
+        connect(&job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
+            if (!outcome.phases.isEmpty() && outcome.phases.last() == Phase::Copying && maximum == 100)
+                outcome.lastCopyPercent = value;
+        });
+        QSignalSpy planned(&job, &CUsbBurnJob::planned);
+        QSignalSpy finished(&job, &CUsbBurnJob::finished);
+        job.Plan(options);
+        if (!planned.wait(60000))
+            return outcome;
+        outcome.planned = planned.first().at(0).toBool();
+        outcome.planMessage = planned.first().at(1).toString();
+        if (!outcome.planned || (!job.Decision().warnings.isEmpty() && !burnEvenWithWarnings))
+            return outcome;
+        job.Burn();
+        if (!finished.wait(240000))
+            return outcome;
+        outcome.finished = true;
+        outcome.succeeded = finished.first().at(0).toBool();
+        outcome.message = finished.first().at(1).toString();
+        return outcome;
+    }
+
+    // Every file of the image with its SHA-256, "path sha" lines.
+    static QStringList hashes(const QString& root)
+    {
+        QStringList lines;
+        QDirIterator it(root, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+        while (it.hasNext()) {
+            QFile file(it.next());
+            file.open(QIODevice::ReadOnly);
+            lines << QDir(root).relativeFilePath(file.fileName()) + " "
+                         + QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
+        }
+        lines.sort();
+        return lines;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_dir.isValid());
+        if (QStandardPaths::findExecutable("7z").isEmpty() || QStandardPaths::findExecutable("genisoimage").isEmpty())
+            QSKIP("7z and genisoimage are needed");
+        m_tools = m_dir.filePath("tools");
+        m_stick = m_dir.filePath("stick");
+        m_log = m_dir.filePath("helper.log");
+        const QString standins = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins";
+        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", standins + "/usbhelper/brenta-usb-helper"));
+        QVERIFY(linkTool(m_tools, "7z/7z", standins + "/7z/7z"));
+        qputenv("BRENTA_TOOLS_DIR", m_tools.toUtf8());
+        qputenv("BRENTA_STANDIN_MOUNT", m_stick.toUtf8());
+        qputenv("BRENTA_STANDIN_LOG", m_log.toUtf8());
+    }
+
+    void init()
+    {
+        QFile::remove(m_log);
+        QDir(m_stick).removeRecursively();
+        qunsetenv("BRENTA_STANDIN_MODE");
+        qunsetenv("BRENTA_STANDIN_7Z");
+    }
+
+    void copyProgress_data()
+    {
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<int>("percent"); // -1: no progress
+        QTest::newRow("plain") << " 45% 12 - boot/file" << 45;
+        QTest::newRow("hundred") << "100% 1 - boot.wim" << 100;
+        QTest::newRow("no percent") << "0M Scan" << -1;
+        QTest::newRow("starts with it") << "% 3" << -1;
+        QTest::newRow("not a number") << "abc% x" << 0;
+    }
+
+    void copyProgress()
+    {
+        QFETCH(QString, line);
+        QFETCH(int, percent);
+        QCOMPARE(UsbBurn::ParseCopyProgress(line).value_or(-1), percent);
+    }
+
+    void verify_data()
+    {
+        QTest::addColumn<QByteArray>("stream");
+        QTest::addColumn<QStringList>("onStick"); // "name=content"; a missing name is a missing file
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<QString>("problem");
+
+        const QStringList good{"a.txt=hello", "d/b.bin=12345"};
+        QTest::newRow("match") << QByteArray("hello12345BOOTIMG") << good << true << "";
+        QTest::newRow("changed byte") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hellO", "d/b.bin=12345"}
+                                      << false << "/a.txt differs from the image";
+        QTest::newRow("short file") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello", "d/b.bin=1234"}
+                                    << false << "/d/b.bin has 4 bytes instead of 5";
+        QTest::newRow("missing") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello"} << false
+                                 << "/d/b.bin is missing";
+        QTest::newRow("stream ends early") << QByteArray("hello12") << good << false << "could not be read back";
+    }
+
+    void verify()
+    {
+        QFETCH(QByteArray, stream);
+        QFETCH(QStringList, onStick);
+        QFETCH(bool, ok);
+        QFETCH(QString, problem);
+
+        QTemporaryDir root;
+        for (const QString& entry : onStick) {
+            const QString name = entry.section('=', 0, 0);
+            QDir(root.path()).mkpath(QFileInfo(name).path());
+            QFile file(root.filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(entry.section('=', 1).toUtf8());
+        }
+        // The split installer image and the pseudo-folder are read, not compared.
+        const std::vector<Listing::FileSpan> files{
+            {"a.txt", 5}, {"sources/install.wim", 0}, {"d/b.bin", 5}, {"[BOOT]/Boot-NoEmul.img", 7}};
+        QBuffer buffer(&stream);
+        buffer.open(QIODevice::ReadOnly);
+        std::atomic<bool> stop{false};
+        qint64 read = 0;
+        const UsbBurn::VerifyResult result =
+            UsbBurn::Verify(buffer, files, root.path(), {"sources/install.wim"}, [&](qint64 r) { read = r; }, stop);
+        QCOMPARE(result.ok, ok);
+        if (ok) {
+            QCOMPARE(result.files, 2);
+            QCOMPARE(result.bytes, 10);
+            QCOMPARE(read, 17);
+        } else {
+            QVERIFY2(result.problems.join(' ').contains(problem), qPrintable(result.problems.join(' ')));
+        }
+    }
+
+    void helperCommand()
+    {
+        // A stand-in from the tools folder runs as it is; the helper line reader.
+        const QStringList command = CUsbBurnJob::HelperCommand({"check", "/dev/sdz"});
+        QCOMPARE(command.first(), m_tools + "/usbhelper/brenta-usb-helper");
+        QCOMPARE(command.mid(1), (QStringList{"check", "/dev/sdz"}));
+        UsbBurn::HelperReport report;
+        UsbBurn::ReadHelperLine("step: mounting", report);
+        UsbBurn::ReadHelperLine("mounted: /run/brenta/sdz1", report);
+        QCOMPARE(report.mounted, "/run/brenta/sdz1");
+        QVERIFY(report.error.isEmpty());
+        UsbBurn::ReadHelperLine("refused: /dev/sda is neither removable nor on USB", report);
+        QVERIFY(report.error.contains("refused"));
+    }
+
+    void planRefusals_data()
+    {
+        QTest::addColumn<QString>("imageName");
+        QTest::addColumn<QString>("device");
+        QTest::addColumn<qint64>("fatLimit");
+        QTest::addColumn<int>("fs");
+        QTest::addColumn<QString>("message");
+
+        const int fat32 = int(UsbPlan::FileSystem::Fat32);
+        QTest::newRow("file too large for FAT")
+            << "plain" << "stick" << qint64(4) << fat32 << "The file /bootmgr";
+        QTest::newRow("too large but NTFS is fine")
+            << "plain" << "stick" << qint64(4) << int(UsbPlan::FileSystem::Ntfs) << "";
+        QTest::newRow("stick too small") << "plain" << "/dev/null" << UsbPlan::kFatFileLimit << fat32 << "cannot hold";
+        QTest::newRow("unreadable image") << "broken" << "stick" << UsbPlan::kFatFileLimit << fat32
+                                          << "could not be opened";
+    }
+
+    void planRefusals()
+    {
+        QFETCH(QString, imageName);
+        QFETCH(QString, device);
+        QFETCH(qint64, fatLimit);
+        QFETCH(int, fs);
+        QFETCH(QString, message);
+
+        CUsbBurnJob::Options options;
+        if (imageName == "broken") {
+            options.image = m_dir.filePath("broken.iso");
+            QFile file(options.image);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(QByteArray(100000, 'x'));
+        } else {
+            options.image = image("plain", {{"bootmgr", "loader"}, {"a.txt", "a"}});
+        }
+        options.device = device == "stick" ? m_dir.path() : device;
+        options.fileSystem = UsbPlan::FileSystem(fs);
+        options.fatFileLimit = fatLimit;
+
+        CUsbBurnJob job;
+        QSignalSpy planned(&job, &CUsbBurnJob::planned);
+        job.Plan(options);
+        QVERIFY(planned.wait(60000));
+        QCOMPARE(planned.first().at(0).toBool(), message.isEmpty());
+        QVERIFY2(planned.first().at(1).toString().contains(message), qPrintable(planned.first().at(1).toString()));
+        // Planning never calls the helper.
+        QVERIFY(!QFileInfo::exists(m_log));
+    }
+
+    void burnWithStandIns_data()
+    {
+        QTest::addColumn<QString>("helperMode");
+        QTest::addColumn<QString>("archiveMode");
+        QTest::addColumn<bool>("gpt");
+        QTest::addColumn<bool>("succeeds");
+        QTest::addColumn<QStringList>("calls");   // the helper's commands, in order
+        QTest::addColumn<QString>("message");      // contained in the final message
+
+        const QStringList full{"prepare", "bootcode", "remount", "unmount"};
+        QTest::newRow("mbr") << "" << "" << false << true << full << "All 4 files";
+        QTest::newRow("gpt has no boot code")
+            << "" << "" << true << true << QStringList{"prepare", "remount", "unmount"} << "Burning Successfully...";
+        QTest::newRow("formatting fails") << "failformat" << "" << false << false << QStringList{"prepare"}
+                                          << "formatting: mkfs.fat failed";
+        QTest::newRow("stick refused") << "refuse" << "" << false << false << QStringList{"prepare"}
+                                       << "the stick was refused: " + m_dir.path() + " is not a removable or USB disk";
+        QTest::newRow("boot code fails") << "failbootcode" << "" << false << false
+                                         << QStringList{"prepare", "bootcode", "unmount"} << "grub-bios-setup failed";
+        QTest::newRow("copy fails") << "" << "nospace" << false << false
+                                    << QStringList{"prepare", "bootcode", "unmount"}
+                                    << "copying the files: 7-Zip failed (exit status 2). It said: \"ERROR:";
+        QTest::newRow("verify finds a change")
+            << "" << "corrupt" << false << false << full << "verifying: what was written differs from the image: /z.txt";
+        QTest::newRow("unmount fails") << "failunmount" << "" << false << false << full << "target is busy";
+    }
+
+    void burnWithStandIns()
+    {
+        QFETCH(QString, helperMode);
+        QFETCH(QString, archiveMode);
+        QFETCH(bool, gpt);
+        QFETCH(bool, succeeds);
+        QFETCH(QStringList, calls);
+        QFETCH(QString, message);
+
+        qputenv("BRENTA_STANDIN_MODE", helperMode.toUtf8());
+        qputenv("BRENTA_STANDIN_7Z", archiveMode.toUtf8());
+        const QByteArray big(3 << 20, 'b');
+        CUsbBurnJob::Options options;
+        options.image = image("boot", {{"bootmgr", "loader"}, {"z.txt", "zzz"}, {"d/e/big.bin", big}, {"empty", ""}});
+        options.device = "/dev/sdz";
+        options.scheme = gpt ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
+        options.fileSystem = UsbPlan::FileSystem::Ntfs; // GPT makes it FAT32
+        options.label = "myusb";
+        // The stand-in's stick is a folder: its capacity is the capacity of /tmp.
+        options.device = m_dir.path();
+        const Outcome outcome = burn(options);
+        QVERIFY2(outcome.finished, qPrintable(outcome.planMessage));
+        QVERIFY2(outcome.succeeded == succeeds, qPrintable(outcome.message));
+        QVERIFY2(outcome.message.contains(message), qPrintable(outcome.message));
+        QCOMPARE(outcome.message.startsWith("Burning Successfully..."), succeeds);
+
+        QStringList logged;
+        for (const QString& call : Standins::Logged(m_log))
+            logged << call.section(' ', 0, 0);
+        QCOMPARE(logged, calls);
+        const QString prepare = Standins::Logged(m_log).first();
+        QVERIFY2(prepare.contains(gpt ? "--scheme gpt --fs fat32" : "--scheme mbr --fs ntfs"), qPrintable(prepare));
+        QVERIFY(prepare.contains(QString("--label myusb --owner %1:%2").arg(::getuid()).arg(::getgid())));
+
+        if (succeeds) {
+            QList<Phase> expected{Phase::Checking, Phase::Formatting, Phase::BootCode, Phase::Copying,
+                                  Phase::Verifying, Phase::Finishing};
+            if (gpt)
+                expected.removeAll(Phase::BootCode);
+            QCOMPARE(outcome.phases, expected);
+            QCOMPARE(outcome.lastCopyPercent, 100);
+            QCOMPARE(hashes(m_stick), hashes(m_dir.filePath("src-boot")));
+        } else {
+            QCOMPARE(outcome.phases.last(), calls.last() == "unmount" ? Phase::Finishing : Phase::Formatting);
+        }
+    }
+
+    void splitInstallerImage()
+    {
+        if (QStandardPaths::findExecutable("wimlib-imagex").isEmpty())
+            QSKIP("wimlib-imagex is not installed");
+        const QString wim = makeWim(m_dir.filePath("wim"), 5 << 20);
+        QVERIFY(!wim.isEmpty());
+        CUsbBurnJob::Options options;
+        options.image = image("installer", {{"bootmgr", "loader"}, {"sources/boot.wim", "small"}}, {wim});
+        options.device = m_dir.path();
+        // FAT takes files up to 2 MiB here, so the 5 MiB image goes in parts of 1 MiB.
+        options.fatFileLimit = 2 << 20;
+        const Outcome outcome = burn(options);
+        QVERIFY2(outcome.succeeded, qPrintable(outcome.planMessage + outcome.message));
+        QVERIFY(outcome.phases.contains(Phase::Splitting));
+        QVERIFY(!QFileInfo::exists(m_stick + "/sources/install.wim"));
+        const QStringList parts = QDir(m_stick + "/sources").entryList({"install*.swm"}, QDir::Files);
+        QVERIFY2(parts.size() >= 3, qPrintable(parts.join(' ')));
+        for (const QString& part : parts)
+            QVERIFY(QFileInfo(m_stick + "/sources/" + part).size() <= options.fatFileLimit);
+        // The parts are one image again for wimlib.
+        int code = 0;
+        const QString info = run("wimlib-imagex", {"info", m_stick + "/sources/install.swm"}, &code);
+        QCOMPARE(code, 0);
+        QVERIFY2(info.contains("Part Number:") && info.contains(QString("/%1").arg(parts.size())), qPrintable(info));
+        QCOMPARE(QFile(m_stick + "/sources/boot.wim").size(), 5);
+    }
+
+    // The real helper on a loop device: every scheme and file system, checked
+    // with sfdisk, blkid and the archive tool's listing of the partition.
+    void realStick_data()
+    {
+        QTest::addColumn<QString>("scheme");
+        QTest::addColumn<QString>("fs");
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<QString>("partitionType"); // sfdisk --json
+        QTest::addColumn<QString>("fsType");        // blkid -p
+        QTest::addColumn<QString>("fsLabel");
+
+        const QString basicData = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+        QTest::newRow("mbr fat32, lower-case label") << "mbr" << "fat32" << "myusb" << "c" << "vfat" << "MYUSB";
+        QTest::newRow("mbr fat") << "mbr" << "fat" << "STICK" << "6" << "vfat" << "STICK";
+        QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << "Win Stick" << "7" << "ntfs" << "Win Stick";
+        QTest::newRow("mbr exfat") << "mbr" << "exfat" << "exStick" << "7" << "exfat" << "exStick";
+        QTest::newRow("gpt fat32") << "gpt" << "fat32" << "uefi" << basicData << "vfat" << "UEFI";
+    }
+
+    void realStick()
+    {
+        QFETCH(QString, scheme);
+        QFETCH(QString, fs);
+        QFETCH(QString, label);
+        QFETCH(QString, partitionType);
+        QFETCH(QString, fsType);
+        QFETCH(QString, fsLabel);
+
+        if (::geteuid() != 0)
+            QSKIP("needs root for loop devices");
+        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
+        QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
+        const auto restore = qScopeGuard([&] {
+            const QString standins = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins";
+            linkTool(m_tools, "usbhelper/brenta-usb-helper", standins + "/usbhelper/brenta-usb-helper");
+            linkTool(m_tools, "7z/7z", standins + "/7z/7z");
+        });
+        const QString backing = IsoFixture::SparseFile(m_dir.filePath("stick.img"), 96);
+        int code = 0;
+        const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
+        if (code != 0 || !loop.startsWith("/dev/loop"))
+            QSKIP("no loop device can be set up here");
+        const auto detach = qScopeGuard([&] { run("losetup", {"-d", loop}); });
+        const QString partition = loop + "p1";
+
+        CUsbBurnJob::Options options;
+        options.image = image("real", {{"bootmgr", "loader"},
+                                       {"efi/boot/bootx64.efi", QByteArray(70000, 'e')},
+                                       {"sources/boot.wim", QByteArray(1 << 20, 'w')},
+                                       {"Mixed Case Name.txt", "m"}});
+        options.device = loop;
+        options.scheme = scheme == "gpt" ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
+        options.fileSystem = *UsbPlan::FileSystemFromName(fs);
+        options.label = label;
+        const Outcome outcome = burn(options);
+        QVERIFY2(outcome.succeeded, qPrintable(outcome.planMessage + outcome.message));
+
+        // Unmounted and flushed when it says so.
+        QVERIFY(!run("cat", {"/proc/self/mounts"}).contains("/run/brenta/" + partition.mid(5)));
+
+        const QJsonObject table =
+            QJsonDocument::fromJson(run("sfdisk", {"--json", loop}).toUtf8()).object()["partitiontable"].toObject();
+        QCOMPARE(table["label"].toString(), scheme == "gpt" ? "gpt" : "dos");
+        const QJsonArray partitions = table["partitions"].toArray();
+        QCOMPARE(partitions.size(), 1);
+        QCOMPARE(partitions[0].toObject()["start"].toInt(), 2048);
+        QCOMPARE(partitions[0].toObject()["type"].toString().toUpper(), partitionType.toUpper());
+        QCOMPARE(partitions[0].toObject()["bootable"].toBool(), scheme == "mbr");
+
+        const QString probe = run("blkid", {"-p", "-o", "export", partition});
+        QVERIFY2(probe.contains("TYPE=" + fsType + "\n"), qPrintable(probe));
+        QVERIFY2(probe.contains("LABEL=" + QString(fsLabel).replace(" ", "\\ ") + "\n"), qPrintable(probe));
+
+        QFile disk(loop);
+        QVERIFY(disk.open(QIODevice::ReadOnly));
+        QCOMPARE(disk.read(512).contains("GRUB"), scheme == "mbr");
+        disk.close();
+
+        // The archive tool reads FAT and NTFS partitions itself; exFAT is
+        // read through its driver.
+        const auto line = [](const Item& item) { return item.name + " " + item.size; };
+        QStringList expected = ListedImage(options.image, line);
+        expected.removeIf([](const QString& l) { return l.startsWith("[BOOT]"); });
+        QStringList onStick;
+        if (fs != "exfat") {
+            onStick = ListedImage(partition, line);
+        } else {
+            const QString folder = m_dir.filePath("exfat-mount");
+            QDir().mkpath(folder);
+            run("mount.exfat-fuse", {"-o", "ro", partition, folder}, &code);
+            QCOMPARE(code, 0);
+            onStick = hashes(folder);
+            run("umount", {folder});
+            expected = hashes(m_dir.filePath("src-real"));
+        }
+        // NTFS's own files show as a "[SYSTEM]" folder.
+        onStick.removeIf([](const QString& l) { return l.startsWith("[SYSTEM]"); });
+        onStick.sort(Qt::CaseInsensitive);
+        expected.sort(Qt::CaseInsensitive);
+        QCOMPARE(onStick, expected);
+    }
+
+    // A step of the real helper fails (a tool stood in through
+    // BRENTA_TOOLS_DIR), and a partition is refused as the device.
+    void realStickFailures()
+    {
+        if (::geteuid() != 0)
+            QSKIP("needs root for loop devices");
+        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
+        const QString failing = m_tools + "/system/mkfs.vfat";
+        QDir().mkpath(m_tools + "/system");
+        QFile script(failing);
+        QVERIFY(script.open(QIODevice::WriteOnly));
+        script.write("#!/bin/sh\necho 'mkfs.fat: unable to open the device: Input/output error' >&2\nexit 1\n");
+        script.close();
+        script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
+        const auto restore = qScopeGuard([&] {
+            QFile::remove(failing);
+            linkTool(m_tools, "usbhelper/brenta-usb-helper",
+                     QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper");
+        });
+        const QString backing = IsoFixture::SparseFile(m_dir.filePath("fail.img"), 64);
+        int code = 0;
+        const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
+        if (code != 0 || !loop.startsWith("/dev/loop"))
+            QSKIP("no loop device can be set up here");
+        const auto detach = qScopeGuard([&] { run("losetup", {"-d", loop}); });
+
+        CUsbBurnJob::Options options;
+        options.image = image("small", {{"bootmgr", "loader"}});
+        options.device = loop;
+        Outcome outcome = burn(options);
+        QVERIFY(outcome.finished && !outcome.succeeded);
+        QVERIFY2(outcome.message.contains("formatting: mkfs.vfat failed (exit status 1). mkfs.fat: unable to open"),
+                 qPrintable(outcome.message));
+        QVERIFY(!run("cat", {"/proc/self/mounts"}).contains("/run/brenta/"));
+
+        // The partition the failed run left is refused as a device.
+        options.device = loop + "p1";
+        if (QFileInfo::exists(options.device)) {
+            outcome = burn(options);
+            QVERIFY(outcome.finished && !outcome.succeeded);
+            QVERIFY2(outcome.message.contains("refused") && outcome.message.contains("partition"),
+                     qPrintable(outcome.message));
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestUsbBurn)
+#include "tst_usbburn.moc"
