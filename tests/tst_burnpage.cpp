@@ -6,10 +6,15 @@
 #include <QProgressBar>
 #include <QRadioButton>
 
+#include <unistd.h>
+
 #include "app/mainwindow.h"
+#include "app/util.h"
+#include "common/isofixture.h"
 #include "common/modal.h"
 #include "common/standins.h"
 #include "media/drives.h"
+#include "media/usbburn.h"
 #include "pages/burndialog.h"
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
@@ -35,6 +40,47 @@ void click(QWidget* widget)
     QTest::mouseClick(widget, Qt::LeftButton, {}, QPoint(8, widget->height() / 2));
 }
 
+// Notes every dialog that comes up over the page, in order, and answers it:
+// OK where `accept` agrees to what it says, Cancel otherwise. A notice or a
+// confirmation picture says its picture, a message its text. The progress
+// dialog is left alone.
+class DialogAnswerer
+{
+public:
+    explicit DialogAnswerer(std::function<bool(const QString&)> accept)
+        : m_accept(std::move(accept))
+    {
+        QObject::connect(&m_timer, &QTimer::timeout, [this] { Answer(); });
+        m_timer.start(20);
+    }
+
+    QStringList seen;
+
+private:
+    void Answer()
+    {
+        auto* modal = qobject_cast<QDialog*>(QApplication::activeModalWidget());
+        if (modal == nullptr || qobject_cast<CProgressDialog*>(modal) || !modal->isVisible())
+            return;
+        QString said;
+        if (auto* notice = qobject_cast<GerneralDialog*>(modal))
+            said = notice->BackgroundImage();
+        else if (auto* message = qobject_cast<CommDialog*>(modal))
+            said = message->Label()->text().isEmpty() ? message->BackgroundImage()
+                                                      : message->Label()->text();
+        seen << said;
+        if (m_accept(said))
+            modal->accept();
+        else
+            modal->reject();
+    }
+
+    std::function<bool(const QString&)> m_accept;
+    QTimer m_timer;
+};
+
+const QString kFormatUsb = ":/nwu/format_usb";
+
 } // namespace
 
 class TestBurnPage final : public QObject
@@ -54,6 +100,11 @@ private Q_SLOTS:
     void burnsTheDisc();
     void driveChangeKeepsTheSelection_data();
     void driveChangeKeepsTheSelection();
+    void usbChecks_data();
+    void usbChecks();
+    void usbWarningDeclined();
+    void burnsTheStick_data();
+    void burnsTheStick();
 
 private:
     void Open(QWidget* mainWindow = nullptr)
@@ -67,9 +118,23 @@ private:
     {
         return m_page->findChild<T*>(name);
     }
+    // The page with the USB stick chosen and `image` to burn. The stick is a
+    // folder: the page and the job take its file system's size for the
+    // stick's, and the stand-in helper never opens it.
+    void OpenOnStick(const QString& image)
+    {
+        m_removable = {{m_stick, "ACME Stick", qint64(16'000'000'000)}};
+        Open();
+        click(Child("rusb"));
+        Child<QLineEdit>("isofile")->setText(image);
+    }
+    bool ButtonsEnabled() const { return Child("back")->isEnabled() && Child("burn")->isEnabled(); }
 
     QTemporaryDir m_dir;
     QString m_image;
+    QString m_stick;
+    QString m_installer; // /bootmgr and an EFI loader: no warnings, boot code under MBR
+    QString m_files;     // files only: a warning under MBR
     QString m_log;
     QList<OpticalDrive> m_optical;
     QList<RemovableDrive> m_removable;
@@ -83,6 +148,25 @@ void TestBurnPage::initTestCase()
     m_image = m_dir.filePath("Disc Image.ISO");
     QFile image(m_image);
     QVERIFY(image.open(QIODevice::WriteOnly) && image.write(QByteArray(4096, 'i')) == 4096);
+
+    m_stick = m_dir.filePath("stick");
+    QVERIFY(QDir().mkpath(m_stick));
+    QByteArray wim(300 * 1024, Qt::Uninitialized);
+    for (int i = 0; i < wim.size(); ++i)
+        wim[i] = char(i * 7 % 251);
+    QString error;
+    QVERIFY(
+        IsoFixture::WriteTree(m_dir.filePath("installer"), {{"bootmgr", "BOOTMGR"},
+                                                            {"efi/boot/bootx64.efi", "EFI LOADER"},
+                                                            {"sources/boot.wim", wim},
+                                                            {"Read Me.txt", "read me"}}));
+    m_installer = IsoFixture::Build(m_dir.filePath("installer"), m_dir.filePath("Installer.iso"),
+                                    "joliet", &error);
+    QVERIFY2(!m_installer.isEmpty(), qPrintable(error));
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("files"), {{"docs/a.txt", "a"}, {"b.txt", "b"}}));
+    m_files =
+        IsoFixture::Build(m_dir.filePath("files"), m_dir.filePath("Files.iso"), "joliet", &error);
+    QVERIFY2(!m_files.isEmpty(), qPrintable(error));
 }
 
 void TestBurnPage::init()
@@ -104,6 +188,7 @@ void TestBurnPage::cleanup()
     m_page.reset();
     DriveSeam::Reset();
     qunsetenv("BRENTA_STANDIN_MODE");
+    qunsetenv("BRENTA_STANDIN_MOUNT");
 }
 
 // The background carries the labels: a widget off its place names nothing.
@@ -151,7 +236,6 @@ void TestBurnPage::refusals_data()
     QTest::newRow("folder named .iso") << "folder.iso" << true << true << ":/nwu/burn-fails";
     QTest::newRow("no optical drive") << "" << false << false << "";
     QTest::newRow("no USB drive") << "" << true << false << ":/nwu/insert_usb";
-    QTest::newRow("USB drive") << "" << true << true << "Burning to a USB drive is not available";
 }
 
 // Each refusal says its own thing, or nothing, and never starts the writer.
@@ -266,6 +350,158 @@ void TestBurnPage::driveChangeKeepsTheSelection()
     QCOMPARE(dvdlist->count(), stillThere ? 3 : 2);
     QCOMPARE(usblist->currentData().toString(), QString(stillThere ? "/dev/sdc" : "/dev/sda"));
     QCOMPARE(dvdlist->currentData().toString(), QString(stillThere ? "/dev/sr1" : "/dev/sr0"));
+}
+
+void TestBurnPage::usbChecks_data()
+{
+    QTest::addColumn<bool>("erase");   // the answer to the format warning
+    QTest::addColumn<qint64>("spare"); // the stick's size less the image's; 0: a small image
+    QTest::addColumn<QStringList>("said");
+    QTest::addColumn<bool>("checking");
+    QTest::newRow("erasing declined") << false << qint64(0) << QStringList{kFormatUsb} << false;
+    QTest::newRow("a byte short of the spare room")
+        << true << UsbPlan::kSpareBytes - 1 << QStringList{kFormatUsb, ":/nwu/insufficient_space"}
+        << false;
+    QTest::newRow("just the spare room")
+        << true << UsbPlan::kSpareBytes << QStringList{kFormatUsb} << true;
+}
+
+// Before anything runs the user must agree to erasing the stick, and the stick
+// must hold the image with 50 MB to spare.
+void TestBurnPage::usbChecks()
+{
+    QFETCH(bool, erase);
+    QFETCH(qint64, spare);
+    QFETCH(QStringList, said);
+    QFETCH(bool, checking);
+    QString image = m_image;
+    if (spare > 0) {
+        // A sparse image as large as the stick allows, give or take a byte.
+        image = IsoFixture::SparseFile(m_dir.filePath("large.iso"), 0);
+        QVERIFY(QFile::resize(image, Util::DiskTotalSize(m_stick) - spare));
+    }
+    OpenOnStick(image);
+    DialogAnswerer answers([erase](const QString& said) { return said == kFormatUsb && erase; });
+    click(Child("burn"));
+    QCOMPARE(answers.seen, said);
+    QCOMPARE(m_page->Progress()->isVisible(), checking);
+    QCOMPARE(ButtonsEnabled(), !checking);
+    if (checking)
+        QCOMPARE(m_page->Progress()->Label()->text(), QString("Checking the image..."));
+    QCOMPARE(Logged(m_log), QStringList());
+}
+
+// A warning the user does not accept ends the burn before the helper runs.
+void TestBurnPage::usbWarningDeclined()
+{
+    OpenOnStick(m_files);
+    QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
+    DialogAnswerer answers([](const QString& said) { return said == kFormatUsb; });
+    click(Child("burn"));
+    QVERIFY(finished.wait(20000));
+    QCOMPARE(finished.first().first().toBool(), false);
+    QCOMPARE(answers.seen.size(), 2);
+    const QString question = answers.seen.last();
+    QVERIFY2(question.startsWith("This image has no /bootmgr") &&
+                 question.endsWith("\n\nErase the stick and burn anyway?"),
+             qPrintable(question));
+    QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled());
+    QCOMPARE(Logged(m_log), QStringList());
+}
+
+void TestBurnPage::burnsTheStick_data()
+{
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<int>("scheme");         // index in the list
+    QTest::addColumn<QString>("fileSystem"); // chosen before the scheme
+    QTest::addColumn<QString>("prepare");    // the helper's options
+    QTest::addColumn<QStringList>("texts");  // on the progress dialog, in order
+    QTest::addColumn<QStringList>("calls");  // of the helper, by command
+    QTest::addColumn<QString>("said");
+    const QString checking = "Checking the image...";
+    const QString formatting = "The USB disk is formating...";
+    const QStringList rest = {"Burning the USB disk...", "Verifying the USB disk...",
+                              "Ejecting the USB disk safely..."};
+    QTest::newRow("MBR with boot code")
+        << "success" << 0 << "exFAT"
+        << "--scheme mbr --fs exfat --label ACME STICK"
+        << (QStringList{checking, formatting, "The USB disk is install bootsect..."} + rest)
+        << QStringList{"prepare", "bootcode", "remount", "unmount"} << "Burning Successfully...";
+    QTest::newRow("GPT keeps FAT32")
+        << "success" << 1 << "NTFS"
+        << "--scheme gpt --fs fat32 --label ACME STICK"
+        << (QStringList{checking, formatting} + rest)
+        << QStringList{"prepare", "remount", "unmount"} << "Burning Successfully...";
+    QTest::newRow("formatting fails")
+        << "failformat" << 0 << "FAT32"
+        << "--scheme mbr --fs fat32 --label ACME STICK" << QStringList{checking, formatting}
+        << QStringList{"prepare"}
+        << "The USB stick was not burned. The step that failed: formatting: mkfs.fat failed";
+}
+
+// Whole burns with the real archive tool and a stand-in helper whose "stick"
+// is a folder: what the page shows while it runs, what it asks the helper
+// for, what it says at the end, and what ends up on the stick.
+void TestBurnPage::burnsTheStick()
+{
+    QFETCH(QString, mode);
+    QFETCH(int, scheme);
+    QFETCH(QString, fileSystem);
+    QFETCH(QString, prepare);
+    QFETCH(QStringList, texts);
+    QFETCH(QStringList, calls);
+    QFETCH(QString, said);
+    const QString mount = m_dir.filePath(QString("mount-%1").arg(QTest::currentDataTag()));
+    qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
+    qputenv("BRENTA_STANDIN_MOUNT", mount.toUtf8());
+    OpenOnStick(m_installer);
+    Child<QComboBox>("sysfilelist")->setCurrentText(fileSystem);
+    Child<QComboBox>("ptlist")->setCurrentIndex(scheme);
+    QTest::keyClicks(Child("volumelab"), "Acme Stick");
+
+    // Seen right after the page has taken each phase and each step of progress.
+    auto* job = m_page->findChild<CUsbBurnJob*>();
+    QStringList shown;
+    bool lockedThroughout = true;
+    connect(job, &CUsbBurnJob::phase, this, [&] {
+        shown << m_page->Progress()->Label()->text();
+        lockedThroughout = lockedThroughout && m_page->Progress()->isVisible() &&
+                           !m_page->Progress()->CancelButton()->isEnabled() &&
+                           !Child("back")->isEnabled() && !Child("burn")->isEnabled() &&
+                           !Child("browser")->isEnabled();
+    });
+    QStringList full;
+    connect(job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
+        if (maximum > 0 && value == maximum)
+            full << m_page->Progress()->Label()->text() + " " + m_page->Progress()->PercentText();
+    });
+    QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
+    // Erasing agreed to, and any warning too (exFAT: the stick will not start through UEFI).
+    DialogAnswerer answers([](const QString&) { return true; });
+    click(Child("burn"));
+    QVERIFY(finished.wait(60000));
+    QCOMPARE(finished.first().first().toBool(), mode == "success");
+    QCOMPARE(shown, texts);
+    QVERIFY(lockedThroughout);
+    QCOMPARE(answers.seen.first(), kFormatUsb);
+    QVERIFY2(answers.seen.last().startsWith(said), qPrintable(answers.seen.last()));
+    QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled());
+
+    QCOMPARE(Standins::LoggedCommands(m_log), calls);
+    QCOMPARE(Logged(m_log).first(), QString("prepare %1 %2 --owner %3:%4")
+                                        .arg(m_stick, prepare)
+                                        .arg(::getuid())
+                                        .arg(::getgid()));
+    if (mode != "success")
+        return;
+    QVERIFY2(full.contains("Verifying the USB disk... 100%"), qPrintable(full.join(", ")));
+    for (const char* file :
+         {"bootmgr", "efi/boot/bootx64.efi", "sources/boot.wim", "Read Me.txt"}) {
+        QFile copy(mount + "/" + file);
+        QFile original(m_dir.filePath(QString("installer/") + file));
+        QVERIFY2(copy.open(QIODevice::ReadOnly) && original.open(QIODevice::ReadOnly), file);
+        QVERIFY2(copy.readAll() == original.readAll(), file);
+    }
 }
 
 QTEST_MAIN(TestBurnPage)

@@ -1,5 +1,8 @@
 #include <QtTest>
 
+#include "common/isofixture.h"
+#include "common/standins.h"
+
 namespace {
 
 struct Run
@@ -10,8 +13,9 @@ struct Run
 };
 
 // Runs the real program with no display at all: the terminal forms must not
-// need one.
-Run runBrenta(const QStringList& arguments, int timeoutMs = 60000, const QStringList& variables = {})
+// need one. Standard input gives `input` and then ends.
+Run runBrenta(const QStringList& arguments, int timeoutMs = 60000,
+              const QStringList& variables = {}, const QByteArray& input = {})
 {
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -22,6 +26,8 @@ Run runBrenta(const QStringList& arguments, int timeoutMs = 60000, const QString
     environment.remove("QT_QPA_PLATFORM");
     process.setProcessEnvironment(environment);
     process.start(QStringLiteral(BRENTA_EXECUTABLE), arguments);
+    process.write(input);
+    process.closeWriteChannel();
     Run run;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
@@ -46,6 +52,8 @@ private Q_SLOTS:
     void screenshotsRenderEveryWindow();
     void discCommands_data();
     void discCommands();
+    void burnUsb_data();
+    void burnUsb();
 };
 
 void TestCli::answersWithoutWindow_data()
@@ -62,6 +70,26 @@ void TestCli::answersWithoutWindow_data()
                                                 << "brenta: --screenshots takes one folder.";
     QTest::newRow("version with extra") << QStringList{"--version", "now"} << 2 << ""
                                         << "brenta: --version takes no arguments.";
+    QTest::newRow("burn-usb without device") << QStringList{"burn-usb", "a.iso"} << 2 << ""
+                                             << "brenta: burn-usb takes an image and a USB disk.";
+    QTest::newRow("burn-usb, option for device")
+        << QStringList{"burn-usb", "a.iso", "--yes"} << 2 << ""
+        << "brenta: burn-usb takes an image and a USB disk.";
+    QTest::newRow("burn-usb, unknown option")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--force"} << 2 << ""
+        << "brenta: Unknown burn-usb option: --force";
+    QTest::newRow("burn-usb, bad scheme")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--scheme", "apm"} << 2 << ""
+        << "brenta: --scheme takes mbr or gpt.";
+    QTest::newRow("burn-usb, bad file system")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--fs", "ext4"} << 2 << ""
+        << "brenta: --fs takes fat32, ntfs, exfat or fat.";
+    QTest::newRow("burn-usb, value missing at the end")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--fs"} << 2 << ""
+        << "brenta: --fs takes a value.";
+    QTest::newRow("burn-usb, label forgotten")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--label", "--yes"} << 2 << ""
+        << "brenta: --label takes a value.";
 }
 
 void TestCli::answersWithoutWindow()
@@ -145,6 +173,128 @@ void TestCli::discCommands()
     QCOMPARE(run.out, QString());
     if (command == "copy-disc")
         QCOMPARE(QFileInfo(dir.filePath("copy.iso")).size(), exitCode == 0 ? qint64(300) * 2048 : qint64(0));
+}
+
+void TestCli::burnUsb_data()
+{
+    QTest::addColumn<QString>("image");  // in the test's folder; "image.iso" is a real one
+    QTest::addColumn<QString>("device"); // "stick": the test's stand-in stick folder
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<QString>("mode");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QStringList>("err");   // lines standard error holds, in order
+    QTest::addColumn<QString>("out");       // the start of standard output
+    QTest::addColumn<QStringList>("calls"); // of the helper, by command
+
+    const QString warning =
+        "brenta: warning: This image has no /bootmgr, so the stick will not start through the "
+        "legacy BIOS; it will only hold the image's files.";
+    QTest::newRow("missing image")
+        << "gone.iso"
+        << "stick" << QStringList{"--yes"} << QByteArray() << "success" << 1
+        << QStringList{"brenta: %1/gone.iso is not an image file."} << "" << QStringList();
+    QTest::newRow("relative device")
+        << "image.iso"
+        << "sdb" << QStringList{"--yes"} << QByteArray() << "success" << 1
+        << QStringList{"brenta: sdb is not a device node (such as /dev/sdb)."} << ""
+        << QStringList();
+    QTest::newRow("not an image") << "junk.iso"
+                                  << "stick" << QStringList{"--yes"} << QByteArray() << "success"
+                                  << 1 << QStringList{"brenta: "} << "" << QStringList();
+    QTest::newRow("erasing declined")
+        << "image.iso"
+        << "stick" << QStringList{"--label", "x"} << QByteArray("n\n") << "success" << 1
+        << QStringList{warning,
+                       "All data on %1/stick will be erased. Continue? [y/N] Nothing was written."}
+        << "" << QStringList();
+    QTest::newRow("no answer")
+        << "image.iso"
+        << "stick" << QStringList() << QByteArray() << "success" << 1
+        << QStringList{warning, "All data on %1/stick will be erased. Continue? [y/N] "
+                                "Nothing was written."}
+        << "" << QStringList();
+    const QStringList phases = {"Checking the image...", "The USB disk is formating...",
+                                "Burning the USB disk...", "Verifying the USB disk...",
+                                "Ejecting the USB disk safely..."};
+    QTest::newRow("agreed") << "image.iso"
+                            << "stick" << QStringList{"--fs", "exfat"} << QByteArray(" Yes \n")
+                            << "success" << 0
+                            << QStringList{"Checking the image...", warning,
+                                           "All data on %1/stick will be erased. Continue? [y/N] "
+                                           "The USB disk is formating..."} +
+                                   phases.mid(2)
+                            << "Burning Successfully..."
+                            << QStringList{"prepare", "remount", "unmount"};
+    QTest::newRow("--yes, options in any order")
+        << "image.iso"
+        << "stick" << QStringList{"--yes", "--label", "My Stick", "--fs", "NTFS", "--scheme", "gpt"}
+        << QByteArray() << "success" << 0
+        << QStringList{"Checking the image...", "brenta: the stick gets FAT32 instead of NTFS.",
+                       "brenta: warning: This image has no EFI loader"} +
+               phases.mid(1)
+        << "Burning Successfully..." << QStringList{"prepare", "remount", "unmount"};
+    QTest::newRow("formatting fails")
+        << "image.iso"
+        << "stick" << QStringList{"--yes"} << QByteArray() << "failformat" << 1
+        << QStringList{"Checking the image...", warning, "The USB disk is formating...",
+                       "brenta: The USB stick was not burned. The step that failed: "
+                       "formatting: mkfs.fat failed"}
+        << "" << QStringList{"prepare"};
+}
+
+// burn-usb with the real archive tool and a stand-in helper whose "stick" is
+// a folder, which the helper never opens.
+void TestCli::burnUsb()
+{
+    QFETCH(QString, image);
+    QFETCH(QString, device);
+    QFETCH(QStringList, options);
+    QFETCH(QByteArray, input);
+    QFETCH(QString, mode);
+    QFETCH(int, exitCode);
+    QFETCH(QStringList, err);
+    QFETCH(QString, out);
+    QFETCH(QStringList, calls);
+    QTemporaryDir dir;
+    QString error;
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"docs/a.txt", "a"}, {"b.txt", "b"}}));
+    QVERIFY2(!IsoFixture::Build(dir.filePath("files"), dir.filePath("image.iso"), "joliet", &error)
+                  .isEmpty(),
+             qPrintable(error));
+    QFile junk(dir.filePath("junk.iso"));
+    QVERIFY(junk.open(QIODevice::WriteOnly) && junk.write(QByteArray(70000, 'j')) > 0);
+    junk.close();
+    QVERIFY(QDir(dir.path()).mkpath("stick"));
+    const QString log = dir.filePath("helper.log");
+    const QString mount = dir.filePath("mount");
+    const QString stick = device == "stick" ? dir.filePath(device) : device;
+
+    const Run run = runBrenta(QStringList{"burn-usb", dir.filePath(image), stick} + options, 60000,
+                              {"BRENTA_TOOLS_DIR=" BRENTA_SOURCE_DIR "/tests/standins",
+                               "BRENTA_STANDIN_MODE=" + mode, "BRENTA_STANDIN_LOG=" + log,
+                               "BRENTA_STANDIN_MOUNT=" + mount},
+                              input);
+    QCOMPARE(run.exitCode, exitCode);
+    // Each expected line starts a line of its own, in this order.
+    const QStringList lines = run.err.split('\n');
+    int at = 0;
+    for (const QString& expected : err) {
+        const QString start = expected.contains("%1") ? expected.arg(dir.path()) : expected;
+        while (at < lines.size() && !lines.at(at).startsWith(start))
+            ++at;
+        QVERIFY2(at < lines.size(), qPrintable(start + "\nnot in:\n" + run.err));
+        ++at;
+    }
+    QVERIFY2(out.isEmpty() ? run.out.isEmpty() : run.out.startsWith(out), qPrintable(run.out));
+    QCOMPARE(Standins::LoggedCommands(log), calls);
+    if (exitCode != 0)
+        return;
+    QCOMPARE(QFileInfo(mount + "/docs/a.txt").size(), qint64(1));
+    if (options.contains("--label"))
+        QVERIFY2(Standins::Logged(log).first().contains(
+                     " --scheme gpt --fs fat32 --label My Stick --owner "),
+                 qPrintable(Standins::Logged(log).first()));
 }
 
 QTEST_GUILESS_MAIN(TestCli)

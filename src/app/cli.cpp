@@ -6,6 +6,8 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
+#include <utility>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,8 +16,57 @@
 #include "iso/itemtree.h"
 #include "media/disctools.h"
 #include "media/drives.h"
+#include "media/usbburn.h"
 
 namespace Cli {
+
+namespace {
+
+// burn-usb IMAGE DEVICE and then its options, in any order. Returns what is
+// wrong, or nothing.
+QString parseBurnUsb(const QStringList& arguments, Request& request)
+{
+    const auto isOption = [](const QString& argument) {
+        return argument.startsWith(QLatin1String("--"));
+    };
+    if (arguments.size() < 3 || isOption(arguments.at(1)) || isOption(arguments.at(2)))
+        return QStringLiteral("burn-usb takes an image and a USB disk.");
+    request.image = arguments.at(1);
+    request.device = arguments.at(2);
+    for (int i = 3; i < arguments.size(); ++i) {
+        const QString& option = arguments.at(i);
+        if (option == QLatin1String("--yes")) {
+            request.yes = true;
+            continue;
+        }
+        if (option != QLatin1String("--scheme") && option != QLatin1String("--fs") &&
+            option != QLatin1String("--label"))
+            return QStringLiteral("Unknown burn-usb option: %1").arg(option);
+        // "--label --yes" is a forgotten label, not a label.
+        if (i + 1 >= arguments.size() || isOption(arguments.at(i + 1)))
+            return QStringLiteral("%1 takes a value.").arg(option);
+        const QString value = arguments.at(++i);
+        if (option == QLatin1String("--scheme")) {
+            if (value.compare(QLatin1String("mbr"), Qt::CaseInsensitive) == 0)
+                request.scheme = UsbPlan::Scheme::Mbr;
+            else if (value.compare(QLatin1String("gpt"), Qt::CaseInsensitive) == 0)
+                request.scheme = UsbPlan::Scheme::Gpt;
+            else
+                return QStringLiteral("--scheme takes mbr or gpt.");
+        } else if (option == QLatin1String("--fs")) {
+            const std::optional<UsbPlan::FileSystem> fileSystem =
+                UsbPlan::FileSystemFromName(value);
+            if (!fileSystem)
+                return QStringLiteral("--fs takes fat32, ntfs, exfat or fat.");
+            request.fileSystem = *fileSystem;
+        } else {
+            request.label = value;
+        }
+    }
+    return QString();
+}
+
+} // namespace
 
 Request Parse(const QStringList& arguments)
 {
@@ -81,6 +132,13 @@ Request Parse(const QStringList& arguments)
         request.mode = Request::Mode::BurnDisc;
         request.image = arguments.at(1);
         request.device = arguments.at(2);
+        return request;
+    }
+    if (first == QLatin1String("burn-usb")) {
+        const QString error = parseBurnUsb(arguments, request);
+        if (!error.isEmpty())
+            return usageError(error);
+        request.mode = Request::Mode::BurnUsb;
         return request;
     }
     if (first == QLatin1String("copy-disc")) {
@@ -259,20 +317,27 @@ bool checkDevice(const QString& device)
     return true;
 }
 
-// Waits for a disc job and reports its end: 0, or 1 with its message.
-template <typename Job>
-int finishDiscJob(Job& job, bool showProgress)
+// Starts a job with `start` and runs the event loop until it sends `signal`;
+// returns what the signal said (done or not, and its message).
+template <typename Job, typename Start>
+std::pair<bool, QString> await(Job& job, void (Job::*signal)(bool, const QString&), Start start)
 {
-    bool succeeded = false;
-    QString message;
+    std::optional<std::pair<bool, QString>> said;
     QEventLoop loop;
-    QObject::connect(&job, &Job::finished, [&](bool ok, const QString& text) {
-        succeeded = ok;
-        message = text;
+    QObject::connect(&job, signal, &loop, [&](bool ok, const QString& message) {
+        said.emplace(ok, message);
         loop.quit();
     });
-    if (job.IsRunning())
+    start();
+    if (!said)
         loop.exec();
+    return *said;
+}
+
+// Runs a disc job to its end and reports it: 0, or 1 with its message.
+template <typename Job, typename Start> int runDiscJob(Job& job, bool showProgress, Start start)
+{
+    const auto [succeeded, message] = await(job, &Job::finished, start);
     if (showProgress)
         print(stderr, QStringLiteral("\r\033[K"));
     if (!succeeded) {
@@ -299,8 +364,117 @@ int RunBurnDisc(const Request& request)
             print(stderr, QStringLiteral("\r\033[KBurning %1%").arg(percent));
         });
     }
-    job.Start(request.image, request.device);
-    return finishDiscJob(job, showProgress);
+    return runDiscJob(job, showProgress, [&] { job.Start(request.image, request.device); });
+}
+
+namespace {
+
+// Asks on the terminal before a stick is erased; true for "y" or "yes".
+bool agreesToErase(const QString& device)
+{
+    print(stderr, QStringLiteral("All data on %1 will be erased. Continue? [y/N] ").arg(device));
+    std::fflush(stderr);
+    char line[64] = {};
+    if (std::fgets(line, sizeof line, stdin) == nullptr)
+        return false;
+    const QString answer = QString::fromLocal8Bit(line).trimmed().toLower();
+    return answer == QLatin1String("y") || answer == QLatin1String("yes");
+}
+
+// Each phase on a line of its own; on a terminal the line also shows the
+// phase's percentage as it changes.
+class UsbBurnReport
+{
+public:
+    explicit UsbBurnReport(bool terminal) : m_terminal(terminal) {}
+
+    void Phase(CUsbBurnJob::Phase phase)
+    {
+        EndLine();
+        m_text = CUsbBurnJob::PhaseText(phase);
+        m_percent = -1;
+        print(stderr, m_terminal ? m_text : m_text + QLatin1Char('\n'));
+        m_open = m_terminal;
+    }
+
+    void Progress(int value, int maximum)
+    {
+        if (!m_terminal || maximum <= 0)
+            return;
+        const int percent = int(qint64(value) * 100 / maximum);
+        if (percent == m_percent)
+            return;
+        m_percent = percent;
+        print(stderr, QStringLiteral("\r\033[K%1 %2%").arg(m_text).arg(percent));
+    }
+
+    void EndLine()
+    {
+        if (m_open)
+            print(stderr, QStringLiteral("\n"));
+        m_open = false;
+    }
+
+private:
+    bool m_terminal;
+    bool m_open = false;
+    QString m_text;
+    int m_percent = -1;
+};
+
+} // namespace
+
+int RunBurnUsb(const Request& request)
+{
+    if (!QFileInfo(request.image).isFile()) {
+        print(stderr, QStringLiteral("brenta: %1 is not an image file.\n").arg(request.image));
+        return 1;
+    }
+    // What the device really is, the helper checks before it touches it.
+    if (!request.device.startsWith(QLatin1Char('/'))) {
+        print(stderr, QStringLiteral("brenta: %1 is not a device node (such as /dev/sdb).\n")
+                          .arg(request.device));
+        return 1;
+    }
+    UsbBurnReport report(progressWanted());
+    CUsbBurnJob job;
+    CUsbBurnJob::Options options;
+    options.image = request.image;
+    options.device = request.device;
+    options.scheme = request.scheme;
+    options.fileSystem = request.fileSystem;
+    options.label = request.label;
+    QObject::connect(&job, &CUsbBurnJob::phase,
+                     [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
+    QObject::connect(&job, &CUsbBurnJob::progress,
+                     [&report](int value, int maximum) { report.Progress(value, maximum); });
+    const auto [plannedOk, refusal] = await(job, &CUsbBurnJob::planned, [&] { job.Plan(options); });
+    report.EndLine();
+    if (!plannedOk) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(refusal));
+        return 1;
+    }
+    const UsbPlan::Decision& decision = job.Decision();
+    if (decision.fileSystem != request.fileSystem) {
+        print(stderr,
+              QStringLiteral("brenta: the stick gets %1 instead of %2.\n")
+                  .arg(UsbPlan::Name(decision.fileSystem), UsbPlan::Name(request.fileSystem)));
+    }
+    for (const QString& warning : decision.warnings)
+        print(stderr, QStringLiteral("brenta: warning: %1\n").arg(warning));
+    if (!request.yes && !agreesToErase(request.device)) {
+        print(stderr, QStringLiteral("Nothing was written.\n"));
+        return 1;
+    }
+
+    const auto [succeeded, message] = await(job, &CUsbBurnJob::finished, [&] { job.Burn(); });
+    report.EndLine();
+    if (!succeeded) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
+        return 1;
+    }
+    print(stdout, message + QLatin1Char('\n'));
+    return 0;
 }
 
 int RunCopyDisc(const Request& request)
@@ -321,8 +495,7 @@ int RunCopyDisc(const Request& request)
                 print(stderr, QStringLiteral("\r\033[KReading %1%").arg(sector * 100 / *end));
         });
     }
-    job.Start(request.device, request.output);
-    return finishDiscJob(job, showProgress);
+    return runDiscJob(job, showProgress, [&] { job.Start(request.device, request.output); });
 }
 
 QString VersionText()
@@ -340,6 +513,8 @@ QString HelpText()
         "       brenta boot-info IMAGE\n"
         "       brenta drives\n"
         "       brenta burn-disc IMAGE DEVICE\n"
+        "       brenta burn-usb IMAGE DEVICE [--scheme mbr|gpt] [--fs fat32|ntfs|exfat|fat]\n"
+        "                       [--label LABEL] [--yes]\n"
         "       brenta copy-disc DEVICE OUTPUT\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
@@ -357,6 +532,12 @@ QString HelpText()
         "  drives                 print the drives Brenta offers, USB ones first: usb or\n"
         "                         optical, the device node and the list text (tab separated)\n"
         "  burn-disc IMAGE DEVICE burn IMAGE to the disc in DEVICE and eject it\n"
+        "  burn-usb IMAGE DEVICE [OPTION...]\n"
+        "                         erase the USB disk DEVICE (such as /dev/sdb), copy the\n"
+        "                         files of IMAGE onto it, make it bootable where the image\n"
+        "                         allows, and check every file; asks first unless --yes.\n"
+        "                         --scheme mbr|gpt (mbr if not given; gpt takes FAT32),\n"
+        "                         --fs fat32|ntfs|exfat|fat (fat32), --label LABEL\n"
         "  copy-disc DEVICE OUTPUT\n"
         "                         read the disc in DEVICE into the image file OUTPUT\n"
         "                         DEVICE is a device node such as /dev/sr0: one that\n"
@@ -371,7 +552,8 @@ QString HelpText()
         "\n"
         "Environment:\n"
         "  BRENTA_TOOLS_DIR       folder searched first for 7z/7z, cdrtools/mkisofs,\n"
-        "                         cdrtools/cdrecord and cdrtools/readcd\n"
+        "                         cdrtools/cdrecord, cdrtools/readcd, wimlib/wimlib-imagex\n"
+        "                         and usbhelper/brenta-usb-helper\n"
         "\n"
         "Logging: while a file named config.dat exists beside the brenta executable,\n"
         "Brenta appends its log to log.txt in ~/.local/share/brenta.\n");

@@ -3,20 +3,29 @@
 #include <QString>
 #include <QStringList>
 
+#include "media/usbplan.h"
+
 // Brenta's command line. Without arguments Brenta opens its window; the other
 // forms answer on the terminal and open no window.
 namespace Cli {
 
 struct Request
 {
-    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, Drives, BurnDisc, CopyDisc, UsageError };
+    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, Drives, BurnDisc, BurnUsb,
+                      CopyDisc, UsageError };
     Mode mode = Mode::Gui;
     QString directory; // Screenshots: where the PNG files go; Extract: the destination
     QString image;     // List, Extract
     QStringList entries; // Extract: paths inside the image, "/" separated; Create: local paths
     QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
-    QString device;    // BurnDisc, CopyDisc: the drive's device node
+    QString device;    // BurnDisc, BurnUsb, CopyDisc: the drive's device node
     QString output;    // CopyDisc: the image to write
+    // BurnUsb: the partition scheme, the file system, the volume label, and
+    // whether to erase the stick without asking
+    UsbPlan::Scheme scheme = UsbPlan::Scheme::Mbr;
+    UsbPlan::FileSystem fileSystem = UsbPlan::FileSystem::Fat32;
+    QString label;
+    bool yes = false;
     QString error;     // UsageError: what was wrong
 };
 
@@ -33,6 +42,7 @@ int RunCreate(const Request& request);
 int RunBootInfo(const Request& request);
 int RunDrives(const Request& request);
 int RunBurnDisc(const Request& request);
+int RunBurnUsb(const Request& request);
 int RunCopyDisc(const Request& request);
 
 } // namespace Cli

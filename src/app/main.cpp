@@ -89,6 +89,10 @@ int main(int argc, char** argv)
         QCoreApplication application(argc, argv);
         return Cli::RunBurnDisc(request);
     }
+    case Cli::Request::Mode::BurnUsb: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunBurnUsb(request);
+    }
     case Cli::Request::Mode::CopyDisc: {
         QCoreApplication application(argc, argv);
         return Cli::RunCopyDisc(request);

@@ -7,7 +7,9 @@
 #include <QTableView>
 #include <QMenu>
 #include <QEventLoop>
+#include <QPainter>
 #include <QPixmap>
+#include <QRadioButton>
 #include <QProcess>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -16,6 +18,7 @@
 #include "app/aboutusdialog.h"
 #include "app/mainwindow.h"
 #include "media/drives.h"
+#include "media/usbburn.h"
 #include "pages/burndialog.h"
 #include "pages/page2.h"
 #include "pages/page3.h"
@@ -36,21 +39,40 @@ class Writer
 public:
     explicit Writer(const QDir& directory) : m_directory(directory) {}
 
-    void Save(const QString& name, QWidget& widget)
+    void Save(const QString& name, QWidget& widget) { Write(name, Grab(widget)); }
+
+    // A dialog over the middle of a window, as it comes up over the page.
+    void SaveOver(const QString& name, QWidget& window, QWidget& dialog)
     {
-        widget.ensurePolished();
-        QApplication::processEvents();
-        const QString path = m_directory.filePath(name + QStringLiteral(".png"));
-        if (widget.grab().save(path))
-            m_written << path;
-        else
-            m_failed << path;
+        QPixmap picture = Grab(window);
+        const QPixmap top = Grab(dialog);
+        QPainter painter(&picture);
+        painter.drawPixmap((picture.width() - top.width()) / 2,
+                           (picture.height() - top.height()) / 2, top);
+        painter.end();
+        Write(name, picture);
     }
 
     QStringList Written() const { return m_written; }
     QStringList Failed() const { return m_failed; }
 
 private:
+    static QPixmap Grab(QWidget& widget)
+    {
+        widget.ensurePolished();
+        QApplication::processEvents();
+        return widget.grab();
+    }
+
+    void Write(const QString& name, const QPixmap& picture)
+    {
+        const QString path = m_directory.filePath(name + QStringLiteral(".png"));
+        if (picture.save(path))
+            m_written << path;
+        else
+            m_failed << path;
+    }
+
     QDir m_directory;
     QStringList m_written;
     QStringList m_failed;
@@ -130,6 +152,28 @@ void RenderMainWindow(Writer& writer)
     DriveSeam::Reset();
 }
 
+// The burn page writing the sample stick, and what it says at the end. The
+// page is put in the state a burn leaves it in; nothing is written.
+void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
+{
+    page->findChild<QRadioButton*>(QStringLiteral("rusb"))->setChecked(true);
+    waitForOpticalList(page); // choosing refills both lists
+    writer.Save(QStringLiteral("page-burn-usb"), host);
+
+    for (const char* button : {"browser", "back", "burn"})
+        page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
+    CProgressDialog* progress = page->Progress();
+    progress->DisableStop();
+    page->onUSBBurnPhase(CUsbBurnJob::Phase::Copying);
+    page->onUSBBurnProgress(45, 100);
+    writer.SaveOver(QStringLiteral("page-burn-usb-progress"), host, *progress);
+
+    for (const char* button : {"browser", "back", "burn"})
+        page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
+    auto burned = MessageDialogs::Message(CUsbBurnJob::SuccessText(1187, qint64(5'312'000'000)));
+    writer.SaveOver(QStringLiteral("page-burn-usb-burned"), host, *burned);
+}
+
 void RenderDrivePages(Writer& writer, const QString& folder)
 {
     SetSampleDrives();
@@ -143,6 +187,7 @@ void RenderDrivePages(Writer& writer, const QString& folder)
                 ->setText(folder + QStringLiteral("/Sample Disc.iso"));
             page->findChild<QLineEdit*>(QStringLiteral("volumelab"))->setText(QStringLiteral("SAMPLE"));
             writer.Save(QStringLiteral("page-burn-drives"), host);
+            RenderUsbBurn(writer, host, page);
         }
     }
     {
@@ -283,6 +328,16 @@ void RenderDialogs(Writer& writer)
         "The boot setup of this image cannot be carried over (BIOS boot image: its catalogue entry does not "
         "say how long it is). The saved image will hold the files but will not boot. Save it anyway?"));
     writer.Save(QStringLiteral("dialog-question"), *question);
+
+    auto usbWarning = MessageDialogs::Question(
+        QStringLiteral("This image has no /bootmgr, so the stick cannot start through the legacy "
+                       "BIOS; it will start through UEFI only.\n\nErase the stick and burn anyway?"));
+    writer.Save(QStringLiteral("dialog-usb-warning"), *usbWarning);
+
+    auto usbFailed = MessageDialogs::Message(QStringLiteral(
+        "The USB stick was not burned. The step that failed: formatting: mkfs.fat failed (exit "
+        "status 1). mkfs.fat 4.2 (2021-01-31) mkfs.fat: unable to open /dev/sdb1: No such device"));
+    writer.Save(QStringLiteral("dialog-usb-failed"), *usbFailed);
 
     CInputDialog input;
     input.SetInputText(QStringLiteral("  new name.txt  "));

@@ -88,10 +88,15 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     m_progress = new CProgressDialog;
     m_scan = new COpticalScan(this);
     m_burnJob = new CDiscBurnJob(this);
+    m_usbJob = new CUsbBurnJob(this);
     connect(m_scan, &COpticalScan::entry, this, &CBurnDialog::onLineOutput);
     connect(m_scan, &COpticalScan::finished, this, &CBurnDialog::opticalListFilled);
     connect(m_burnJob, &CDiscBurnJob::progress, this, &CBurnDialog::onDVDBurnOutput);
     connect(m_burnJob, &CDiscBurnJob::finished, this, &CBurnDialog::onDVDBurnFinished);
+    connect(m_usbJob, &CUsbBurnJob::planned, this, &CBurnDialog::onUSBPlanned);
+    connect(m_usbJob, &CUsbBurnJob::phase, this, &CBurnDialog::onUSBBurnPhase);
+    connect(m_usbJob, &CUsbBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
+    connect(m_usbJob, &CUsbBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
     // A drive the user picks while a scan is still running is the one to keep.
     connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
             [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
@@ -140,15 +145,64 @@ void CBurnDialog::onBurn()
         BurnToDisc(image);
 }
 
-void CBurnDialog::BurnToUsb(const QString& /*image*/)
+void CBurnDialog::BurnToUsb(const QString& image)
 {
     if (m_usblist->currentIndex() < 0 || m_usblist->currentText().isEmpty()) {
         showNotice(QStringLiteral(":/nwu/insert_usb"));
         return;
     }
-    Util::ShowMessage(
-        QStringLiteral("Burning to a USB drive is not available in this version of Brenta yet. "
-                       "You can burn the image to a CD or DVD."));
+    if (Util::ConfirmPicture(QStringLiteral(":/nwu/format_usb")) != QDialog::Accepted)
+        return;
+    CUsbBurnJob::Options options;
+    options.image = image;
+    options.device = currentNode(m_usblist);
+    if (Util::DiskTotalSize(options.device) < QFileInfo(image).size() + UsbPlan::kSpareBytes) {
+        showNotice(QStringLiteral(":/nwu/insufficient_space"));
+        return;
+    }
+    options.scheme = m_ptlist->currentIndex() == 1 ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
+    options.fileSystem = UsbPlan::FileSystemFromName(m_sysfilelist->currentText())
+                             .value_or(UsbPlan::FileSystem::Fat32);
+    options.label = m_volumelab->text();
+    // Formatting half done leaves the stick unusable, so a USB burn cannot be
+    // stopped either.
+    StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Checking), 0);
+    m_usbJob->Plan(options);
+}
+
+void CBurnDialog::onUSBPlanned(bool ok, const QString& message)
+{
+    if (!ok) {
+        EndShowingBurn(message);
+        Q_EMIT usbBurnFinished(false);
+        return;
+    }
+    const QStringList warnings = m_usbJob->Decision().warnings;
+    if (!warnings.isEmpty() &&
+        !Util::Confirm(warnings.join(QStringLiteral("\n\n")) +
+                       QStringLiteral("\n\nErase the stick and burn anyway?"))) {
+        EndShowingBurn(QString());
+        Q_EMIT usbBurnFinished(false);
+        return;
+    }
+    m_usbJob->Burn();
+}
+
+void CBurnDialog::onUSBBurnPhase(CUsbBurnJob::Phase phase)
+{
+    m_progress->SetText(CUsbBurnJob::PhaseText(phase));
+}
+
+void CBurnDialog::onUSBBurnProgress(int value, int maximum)
+{
+    m_progress->SetRange(0, maximum);
+    m_progress->SetValue(value);
+}
+
+void CBurnDialog::onUSBBurnFinished(bool succeeded, const QString& message)
+{
+    EndShowingBurn(message);
+    Q_EMIT usbBurnFinished(succeeded);
 }
 
 void CBurnDialog::BurnToDisc(const QString& image)
@@ -156,13 +210,8 @@ void CBurnDialog::BurnToDisc(const QString& image)
     const int index = m_dvdlist->currentIndex();
     if (index < 0 || index >= m_dvdlist->count())
         return;
-    m_progress->show();
     // A burn that is cut short leaves an unusable disc, so it cannot be stopped.
-    m_progress->DisableStop();
-    m_progress->SetRange(0, 100);
-    m_progress->SetValue(0);
-    m_progress->SetText(QStringLiteral("Burning the disc..."));
-    SetButtonsEnabled(false);
+    StartShowingBurn(QStringLiteral("Burning the disc..."), 100);
     m_burnJob->Start(image, m_dvdlist->itemData(index).toString());
 }
 
@@ -173,10 +222,29 @@ void CBurnDialog::onDVDBurnOutput(int percent)
 
 void CBurnDialog::onDVDBurnFinished(bool succeeded, const QString& message)
 {
+    EndShowingBurn(message);
+    Q_EMIT burnFinished(succeeded);
+}
+
+// The progress without Stop, and the page's buttons off until the burn ends;
+// maximum 0 shows a busy bar.
+void CBurnDialog::StartShowingBurn(const QString& text, int maximum)
+{
+    m_progress->show();
+    m_progress->DisableStop();
+    m_progress->SetRange(0, maximum);
+    m_progress->SetValue(0);
+    m_progress->SetText(text);
+    SetButtonsEnabled(false);
+}
+
+// An empty message: the burn was given up and there is nothing to say.
+void CBurnDialog::EndShowingBurn(const QString& message)
+{
     m_progress->hide();
     SetButtonsEnabled(true);
-    Util::ShowMessage(message);
-    Q_EMIT burnFinished(succeeded);
+    if (!message.isEmpty())
+        Util::ShowMessage(message);
 }
 
 void CBurnDialog::SetButtonsEnabled(bool enabled)

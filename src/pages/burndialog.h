@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include "media/usbburn.h"
 #include "ui/imagedialog.h"
 
 class CDiscBurnJob;
@@ -35,6 +36,9 @@ Q_SIGNALS:
     void opticalListFilled();
     // A disc burn has ended and the page has said how it went.
     void burnFinished(bool succeeded);
+    // A USB burn has ended: written and checked, failed (the page has said
+    // why), or given up before anything was written.
+    void usbBurnFinished(bool succeeded);
 
 public Q_SLOTS:
     void onBrowser();
@@ -52,6 +56,10 @@ public Q_SLOTS:
     void onLineOutput(const QString& text, const QString& node);
     void onDVDBurnFinished(bool succeeded, const QString& message);
     void onDVDBurnOutput(int percent);
+    void onUSBPlanned(bool ok, const QString& message);
+    void onUSBBurnPhase(CUsbBurnJob::Phase phase);
+    void onUSBBurnProgress(int value, int maximum);
+    void onUSBBurnFinished(bool succeeded, const QString& message);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -62,6 +70,8 @@ private:
     void BurnToUsb(const QString& image);
     void BurnToDisc(const QString& image);
     void SetButtonsEnabled(bool enabled);
+    void StartShowingBurn(const QString& text, int maximum);
+    void EndShowingBurn(const QString& message);
 
     QLineEdit* m_isofile = nullptr;
     CImageButton* m_browser = nullptr;
@@ -77,6 +87,7 @@ private:
     CProgressDialog* m_progress = nullptr;
     COpticalScan* m_scan = nullptr;
     CDiscBurnJob* m_burnJob = nullptr;
+    CUsbBurnJob* m_usbJob = nullptr;
     // The optical drive to select again when a refill finds it.
     QString m_opticalNode;
 };

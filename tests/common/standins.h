@@ -22,4 +22,13 @@ inline QStringList Logged(const QString& path)
     return calls;
 }
 
+// The commands of the calls recorded in `path` (each call's first argument).
+inline QStringList LoggedCommands(const QString& path)
+{
+    QStringList commands;
+    for (const QString& call : Logged(path))
+        commands << call.section(QLatin1Char(' '), 0, 0);
+    return commands;
+}
+
 } // namespace Standins
