@@ -12,7 +12,9 @@
 #include <QThread>
 
 #include <algorithm>
-#include <future>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include <unistd.h>
 
@@ -25,9 +27,6 @@ namespace UsbBurn {
 namespace {
 
 constexpr qint64 kChunk = 1 << 20;
-// Files at least this large are read back from the stick on a thread of
-// their own while the image's copy comes through the pipe.
-constexpr qint64 kParallelHashSize = 4 * kChunk;
 
 // The hash of a file on the stick, and the size actually read (-1 when the
 // file cannot be opened).
@@ -37,7 +36,7 @@ struct FileHash
     QByteArray sha256;
 };
 
-FileHash hashFile(const QString& path, const std::atomic<bool>& stop)
+FileHash hashFile(const QString& path, const std::function<bool()>& stopped)
 {
     FileHash result;
     QFile file(path);
@@ -46,7 +45,7 @@ FileHash hashFile(const QString& path, const std::atomic<bool>& stop)
     QCryptographicHash hash(QCryptographicHash::Sha256);
     QByteArray buffer(kChunk, Qt::Uninitialized);
     result.size = 0;
-    while (!stop.load()) {
+    while (!stopped()) {
         const qint64 got = file.read(buffer.data(), buffer.size());
         if (got < 0) {
             result.size = -1;
@@ -146,24 +145,57 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
         read += bytes;
         progress(read);
     };
-    for (const Listing::FileSpan& file : files) {
-        const bool compared = !file.name.startsWith(QLatin1String("[BOOT]/")) && !skipped.contains(file.name);
-        const QString path = root + QLatin1Char('/') + file.name;
-        std::future<FileHash> onStick;
-        if (compared)
-            onStick = std::async(file.size >= kParallelHashSize ? std::launch::async : std::launch::deferred,
-                                 [&path, &stop] { return hashFile(path, stop); });
+    const auto compared = [&](const Listing::FileSpan& file) {
+        return !file.name.startsWith(QLatin1String("[BOOT]/")) && !skipped.contains(file.name);
+    };
+    // The stick is read back on a thread of its own, file after file, while
+    // the image's files come through the stream on this one.
+    std::vector<FileHash> onStick(files.size());
+    size_t ready = 0;
+    bool readerDone = false; // also when it stopped early
+    std::mutex mutex;
+    std::condition_variable readyChanged;
+    std::atomic<bool> halt{false};
+    const auto stopped = [&] { return stop.load() || halt.load(); };
+    std::thread reader([&] {
+        for (size_t i = 0; i < files.size() && !stopped(); ++i) {
+            if (compared(files[i]))
+                onStick[i] = hashFile(root + QLatin1Char('/') + files[i].name, stopped);
+            const std::lock_guard<std::mutex> lock(mutex);
+            ready = i + 1;
+            readyChanged.notify_all();
+        }
+        const std::lock_guard<std::mutex> lock(mutex);
+        readerDone = true;
+        readyChanged.notify_all();
+    });
+    const auto finish = [&] {
+        halt = true;
+        reader.join();
+    };
+
+    for (size_t i = 0; i < files.size(); ++i) {
+        const Listing::FileSpan& file = files[i];
         QCryptographicHash hash(QCryptographicHash::Sha256);
         const bool whole = hashStream(stream, file.size, hash, buffer, consumed, stop);
-        if (!compared)
-            continue;
-        const FileHash written = onStick.get();
-        if (stop.load())
-            return result;
-        if (!whole) {
-            result.problems << QStringLiteral("the image could not be read back from /%1 on").arg(file.name);
+        if (stop.load()) {
+            finish();
             return result;
         }
+        if (!whole) {
+            result.problems << QStringLiteral("the image could not be read back from /%1 on").arg(file.name);
+            finish();
+            return result;
+        }
+        if (!compared(file))
+            continue;
+        {
+            std::unique_lock<std::mutex> lock(mutex);
+            readyChanged.wait(lock, [&] { return ready > i || readerDone; });
+            if (ready <= i)
+                break; // stopped
+        }
+        const FileHash& written = onStick[i];
         if (written.size < 0)
             result.problems << QStringLiteral("/%1 is missing or unreadable").arg(file.name);
         else if (written.size != file.size)
@@ -175,6 +207,7 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
             result.bytes += file.size;
         }
     }
+    finish();
     result.ok = result.problems.isEmpty() && !stop.load();
     return result;
 }
