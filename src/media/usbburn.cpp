@@ -1,6 +1,5 @@
 #include "media/usbburn.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -16,6 +15,7 @@
 #include <mutex>
 #include <thread>
 
+#include <openssl/evp.h>
 #include <unistd.h>
 
 #include "app/util.h"
@@ -27,6 +27,31 @@ namespace UsbBurn {
 namespace {
 
 constexpr qint64 kChunk = 1 << 20;
+
+// SHA-256 through libcrypto, which uses the processor's SHA instructions
+// where there are any: several times faster than a portable implementation,
+// and the verification hashes every byte twice.
+class Sha256 final
+{
+public:
+    Sha256() : m_context(EVP_MD_CTX_new()) { EVP_DigestInit_ex(m_context, EVP_sha256(), nullptr); }
+    ~Sha256() { EVP_MD_CTX_free(m_context); }
+    Sha256(const Sha256&) = delete;
+    Sha256& operator=(const Sha256&) = delete;
+
+    void addData(QByteArrayView data) { EVP_DigestUpdate(m_context, data.data(), size_t(data.size())); }
+    QByteArray result()
+    {
+        QByteArray digest(EVP_MAX_MD_SIZE, '\0');
+        unsigned int length = 0;
+        EVP_DigestFinal_ex(m_context, reinterpret_cast<unsigned char*>(digest.data()), &length);
+        digest.resize(int(length));
+        return digest;
+    }
+
+private:
+    EVP_MD_CTX* m_context;
+};
 
 // The hash of a file on the stick, and the size actually read (-1 when the
 // file cannot be opened).
@@ -42,7 +67,7 @@ FileHash hashFile(const QString& path, const std::function<bool()>& stopped)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return result;
-    QCryptographicHash hash(QCryptographicHash::Sha256);
+    Sha256 hash;
     QByteArray buffer(kChunk, Qt::Uninitialized);
     result.size = 0;
     while (!stopped()) {
@@ -62,7 +87,7 @@ FileHash hashFile(const QString& path, const std::function<bool()>& stopped)
 
 // Reads exactly `size` bytes from the stream into the hash; false when the
 // stream ends first.
-bool hashStream(QIODevice& stream, qint64 size, QCryptographicHash& hash, QByteArray& buffer,
+bool hashStream(QIODevice& stream, qint64 size, Sha256& hash, QByteArray& buffer,
                 const std::function<void(qint64)>& consumed, const std::atomic<bool>& stop)
 {
     while (size > 0) {
@@ -176,7 +201,7 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
 
     for (size_t i = 0; i < files.size(); ++i) {
         const Listing::FileSpan& file = files[i];
-        QCryptographicHash hash(QCryptographicHash::Sha256);
+        Sha256 hash;
         const bool whole = hashStream(stream, file.size, hash, buffer, consumed, stop);
         if (stop.load()) {
             finish();

@@ -186,6 +186,25 @@ bool isMountPoint(const QString& folder)
 
 // Unmounts every mount of the disk, the last mounted first; removes the
 // helper's own folders. False with `failure` set when one stays mounted.
+// Whether a process still has one of the devices open: a FUSE driver may go
+// on writing for a moment after its mount is gone.
+bool heldOpen(const QList<dev_t>& numbers)
+{
+    const QStringList processes = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& pid : processes) {
+        if (pid.isEmpty() || !pid.front().isDigit() || pid.toLongLong() == ::getpid())
+            continue;
+        const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
+        for (const QString& fd : QDir(fds).entryList(QDir::System | QDir::NoDotAndDotDot)) {
+            struct stat info;
+            if (::stat(QFile::encodeName(fds + QLatin1Char('/') + fd).constData(), &info) == 0
+                && S_ISBLK(info.st_mode) && numbers.contains(info.st_rdev))
+                return true;
+        }
+    }
+    return false;
+}
+
 bool unmountAll(const QString& diskName, const QString& step, QString& failure)
 {
     QList<Mount> list = mountsOf(diskName);
@@ -197,6 +216,24 @@ bool unmountAll(const QString& diskName, const QString& step, QString& failure)
         }
         if (it->point.startsWith(kMountRoot + QLatin1Char('/')))
             QDir().rmdir(it->point);
+    }
+    if (list.isEmpty())
+        return true;
+    // Only when no driver holds the stick any more is everything written.
+    QList<dev_t> numbers;
+    const QStringList names = QStringList(Drives::PartitionsOf(diskName)) << diskName;
+    for (const QString& name : names) {
+        if (const dev_t number = deviceNumber(QStringLiteral("/dev/") + name))
+            numbers << number;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    while (heldOpen(numbers)) {
+        if (timer.elapsed() > 120000) {
+            failure = ErrorLine(step, QStringLiteral("a file system driver still holds /dev/") + diskName, {});
+            return false;
+        }
+        QThread::msleep(50);
     }
     return true;
 }
@@ -433,7 +470,11 @@ int unmount(const Request& request)
         say(failure);
         return Failed;
     }
+    // Flush the disk's own cache too, so that pulling the stick out loses nothing.
     ::sync();
+    QFile disk(target.node);
+    if (disk.open(QIODevice::ReadOnly))
+        ::fsync(disk.handle());
     return Ok;
 }
 

@@ -1,0 +1,418 @@
+// Starts sticks made the way Brenta makes them in an emulated PC: the real
+// brenta-usb-helper prepares a loop device (partition, file system, GRUB's
+// boot code), the archive tool copies an image onto it, and QEMU boots the
+// backing file. The image holds tiny boot loaders that write a marker to the
+// first serial port, so the boot is checked end to end: the boot sector, the
+// core image, GRUB's search for /bootmgr through the file system driver, its
+// chain-load, and for UEFI the firmware's own look at the partition.
+//
+// Needs root (loop devices, mounting) and qemu-system-i386; the UEFI rows also
+// qemu-system-x86_64 and OVMF. Skips otherwise.
+
+#include <QtTest>
+
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QScopeGuard>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <unistd.h>
+
+#include "common/bytes.h"
+#include "common/isofixture.h"
+#include "media/usbburn.h"
+
+Q_DECLARE_METATYPE(UsbPlan::Scheme)
+Q_DECLARE_METATYPE(UsbPlan::FileSystem)
+
+namespace {
+
+enum class Firmware { Bios, Uefi };
+
+const QByteArray kBiosMarker = "BRENTA-BIOS-BOOT-OK";
+const QByteArray kUefiMarker = "BRENTA-UEFI-BOOT-OK";
+
+// Debian's OVMF: the firmware and the template of its variable store.
+const QString kOvmfCode = QStringLiteral("/usr/share/OVMF/OVMF_CODE.fd");
+const QString kOvmfVars = QStringLiteral("/usr/share/OVMF/OVMF_VARS.fd");
+
+QByteArray bytes(const unsigned char* data, int size)
+{
+    return QByteArray(reinterpret_cast<const char*>(data), size);
+}
+
+// What GRUB's ntldr command starts in place of the Windows boot manager:
+// loaded at 2000:0000 and entered in real mode with DS=0. Writes the marker
+// to COM1 a character at a time, waiting for the transmitter, then halts.
+QByteArray biosLoader()
+{
+    static const unsigned char code[] = {
+        0x8c, 0xc8,       //       mov  ax, cs
+        0x8e, 0xd8,       //       mov  ds, ax        ; the message is in our own segment
+        0xba, 0xfb, 0x03, //       mov  dx, 0x3fb     ; line control register
+        0xb0, 0x03,       //       mov  al, 3         ; 8 data bits, divisor latch off
+        0xee,             //       out  dx, al
+        0xbe, 0x27, 0x00, //       mov  si, message   ; offset 0x27, right after the code
+        0xac,             // next: lodsb
+        0x84, 0xc0,       //       test al, al
+        0x74, 0x11,       //       jz   done
+        0x88, 0xc4,       //       mov  ah, al
+        0xba, 0xfd, 0x03, //       mov  dx, 0x3fd     ; line status register
+        0xec,             // wait: in   al, dx
+        0xa8, 0x20,       //       test al, 0x20      ; transmitter holding register empty?
+        0x74, 0xfb,       //       jz   wait
+        0xb2, 0xf8,       //       mov  dl, 0xf8      ; dx = 0x3f8, the data register
+        0x88, 0xe0,       //       mov  al, ah
+        0xee,             //       out  dx, al
+        0xeb, 0xea,       //       jmp  next
+        0xfa,             // done: cli
+        0xf4,             // halt: hlt
+        0xeb, 0xfd,       //       jmp  halt
+    };
+    static_assert(sizeof code == 0x27, "the message offset in the code is 0x27");
+    return bytes(code, sizeof code) + kBiosMarker + "\r\n" + '\0';
+}
+
+// The same for UEFI on x86-64: an EFI application, entered in long mode, that
+// talks to COM1 directly rather than through the firmware's console.
+QByteArray uefiLoader()
+{
+    static const unsigned char code[] = {
+        0x66, 0xba, 0xfb, 0x03,                   //       mov  dx, 0x3fb
+        0xb0, 0x03,                               //       mov  al, 3
+        0xee,                                     //       out  dx, al
+        0x48, 0x8d, 0x35, 0x1b, 0x00, 0x00, 0x00, //       lea  rsi, [rip + 0x1b]  ; the message at 0x29
+        0xac,                                     // next: lodsb
+        0x84, 0xc0,                               //       test al, al
+        0x74, 0x12,                               //       jz   done
+        0x88, 0xc4,                               //       mov  ah, al
+        0x66, 0xba, 0xfd, 0x03,                   //       mov  dx, 0x3fd
+        0xec,                                     // wait: in   al, dx
+        0xa8, 0x20,                               //       test al, 0x20
+        0x74, 0xfb,                               //       jz   wait
+        0xb2, 0xf8,                               //       mov  dl, 0xf8
+        0x88, 0xe0,                               //       mov  al, ah
+        0xee,                                     //       out  dx, al
+        0xeb, 0xe9,                               //       jmp  next
+        0xfa,                                     // done: cli
+        0xf4,                                     // halt: hlt
+        0xeb, 0xfd,                               //       jmp  halt
+    };
+    static_assert(sizeof code == 0x29, "the message offset in the code is 0x29");
+    constexpr int kFileAlign = 0x200;
+    constexpr int kSectionRva = 0x1000;
+    QByteArray text = bytes(code, sizeof code) + kUefiMarker + "\r\n" + '\0';
+    text.append(QByteArray(kFileAlign - text.size(), '\0'));
+
+    // The smallest PE32+ image the firmware loads: all headers in the first
+    // 512 bytes, one section, no imports and no relocations (the code above
+    // runs wherever it is put, and the loader relocates nothing when the
+    // table is empty).
+    QByteArray image(kFileAlign, '\0');
+    image[0] = 'M';
+    image[1] = 'Z';
+    Bytes::Put32(image, 0x3c, 0x40); // where the PE header starts
+    image.replace(0x40, 4, QByteArray("PE\0\0", 4));
+    Bytes::Put16(image, 0x44, 0x8664); // machine: x86-64
+    Bytes::Put16(image, 0x46, 1);      // one section
+    Bytes::Put16(image, 0x54, 0xf0);   // optional header: 112 bytes and 16 directories
+    Bytes::Put16(image, 0x56, 0x0022); // executable, large address aware
+    const int opt = 0x58;
+    Bytes::Put16(image, opt, 0x020b); // PE32+
+    image[opt + 2] = 1;               // linker version
+    Bytes::Put32(image, opt + 4, kFileAlign);   // size of code
+    Bytes::Put32(image, opt + 16, kSectionRva); // entry point
+    Bytes::Put32(image, opt + 20, kSectionRva); // base of code
+    Bytes::Put32(image, opt + 24, 0x400000);    // preferred base (low half of 64 bits)
+    Bytes::Put32(image, opt + 32, 0x1000);      // section alignment
+    Bytes::Put32(image, opt + 36, kFileAlign);  // file alignment
+    Bytes::Put32(image, opt + 56, kSectionRva + 0x1000); // size of the image in memory
+    Bytes::Put32(image, opt + 60, kFileAlign);  // size of the headers
+    Bytes::Put16(image, opt + 68, 10);          // subsystem: EFI application
+    Bytes::Put32(image, opt + 72, 0x10000);     // stack reserve
+    Bytes::Put32(image, opt + 80, 0x1000);      // stack commit
+    Bytes::Put32(image, opt + 88, 0x10000);     // heap reserve
+    Bytes::Put32(image, opt + 96, 0x1000);      // heap commit
+    Bytes::Put32(image, opt + 108, 16);         // directories, all empty
+    const int section = opt + 0xf0;
+    image.replace(section, 5, ".text");
+    Bytes::Put32(image, section + 8, quint32(text.size())); // size in memory
+    Bytes::Put32(image, section + 12, kSectionRva);
+    Bytes::Put32(image, section + 16, kFileAlign); // size in the file
+    Bytes::Put32(image, section + 20, kFileAlign); // where in the file
+    Bytes::Put32(image, section + 36, 0x60000020); // code, executable, readable
+    return image + text;
+}
+
+struct Run
+{
+    int exitCode = -1;
+    QString output;
+};
+
+Run run(const QString& program, const QStringList& arguments)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    process.waitForFinished(180000);
+    Run result;
+    result.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    result.output = QString::fromUtf8(process.readAll());
+    return result;
+}
+
+Run helper(const QStringList& arguments)
+{
+    return run(QStringLiteral(BRENTA_USB_HELPER), arguments);
+}
+
+QString systemTool(const QString& name)
+{
+    return QStandardPaths::findExecutable(name, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"});
+}
+
+QStringList toolsFor(UsbPlan::FileSystem fs)
+{
+    switch (fs) {
+    case UsbPlan::FileSystem::Fat32:
+    case UsbPlan::FileSystem::Fat:
+        return {"mkfs.vfat"};
+    case UsbPlan::FileSystem::Ntfs:
+        return {"mkfs.ntfs", "ntfs-3g"};
+    case UsbPlan::FileSystem::Exfat:
+        return {"mkfs.exfat"};
+    }
+    return {};
+}
+
+// A detached loop device lingers while anything still has it open, such as
+// a FUSE driver writing its last blocks after its mount went away. The stick
+// is complete once the kernel has let go of the backing file.
+bool waitForDetach(const QString& loop)
+{
+    const QString backing = "/sys/block/" + QFileInfo(loop).fileName() + "/loop/backing_file";
+    QElapsedTimer timer;
+    timer.start();
+    while (QFileInfo::exists(backing)) {
+        if (timer.elapsed() > 20000)
+            return false;
+        QThread::msleep(50);
+    }
+    return true;
+}
+
+// The serial output without the terminal's colour and cursor codes, for
+// failure messages.
+QString readable(const QByteArray& serial)
+{
+    static const QRegularExpression codes(QStringLiteral("\x1b(\\[[0-9;?=]*[A-Za-z]|c)"));
+    QString text = QString::fromLatin1(serial).remove(codes).remove(QLatin1Char('\r'));
+    return text.right(1500);
+}
+
+struct Boot
+{
+    QByteArray serial;
+    QString error; // QEMU's words when it did not run
+};
+
+// Boots `disk` and collects what reaches COM1 until one of `ends` appears,
+// QEMU stops, or `timeoutMs` passes.
+Boot bootStick(Firmware firmware, const QString& disk, const QString& work, const QList<QByteArray>& ends,
+               int timeoutMs)
+{
+    // Plain emulation: these boots take a second or a few either way, and a
+    // /dev/kvm under nested virtualisation may hang in GRUB or crash OVMF.
+    QStringList arguments{"-accel", "tcg", "-nodefaults", "-display", "none", "-no-reboot", "-serial", "stdio",
+                          "-drive", "file=" + disk + ",format=raw,if=ide"};
+    QString program;
+    if (firmware == Firmware::Bios) {
+        program = systemTool("qemu-system-i386");
+        // SeaBIOS copies its own and GRUB's screen output to this port, so a
+        // failed boot shows GRUB's errors and its rescue prompt.
+        QFile port(work + "/sercon-port");
+        port.open(QIODevice::WriteOnly);
+        port.write(QByteArray("\xf8\x03\0\0", 4));
+        port.close();
+        arguments << "-m" << "64" << "-fw_cfg" << "name=etc/sercon-port,file=" + port.fileName();
+    } else {
+        program = systemTool("qemu-system-x86_64");
+        const QString vars = work + "/ovmf-vars.fd";
+        QFile::remove(vars);
+        QFile::copy(kOvmfVars, vars);
+        QFile::setPermissions(vars, QFile::ReadOwner | QFile::WriteOwner);
+        arguments << "-m" << "128" << "-drive" << "if=pflash,format=raw,readonly=on,file=" + kOvmfCode << "-drive"
+                  << "if=pflash,format=raw,file=" + vars;
+    }
+
+    Boot result;
+    QProcess qemu;
+    qemu.start(program, arguments);
+    if (!qemu.waitForStarted(10000)) {
+        result.error = qemu.errorString();
+        return result;
+    }
+    QElapsedTimer timer;
+    timer.start();
+    const auto ended = [&] {
+        for (const QByteArray& end : ends) {
+            if (result.serial.contains(end))
+                return true;
+        }
+        return false;
+    };
+    while (qemu.state() == QProcess::Running && timer.elapsed() < timeoutMs && !ended()) {
+        qemu.waitForReadyRead(200);
+        result.serial += qemu.readAllStandardOutput();
+    }
+    qemu.kill();
+    qemu.waitForFinished(10000);
+    result.serial += qemu.readAllStandardOutput();
+    if (result.serial.isEmpty())
+        result.error = QString::fromUtf8(qemu.readAllStandardError());
+    return result;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(Firmware)
+
+class TestBootSmoke : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void boot_data();
+    void boot();
+};
+
+void TestBootSmoke::initTestCase()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root: loop devices, partitioning and mounting");
+    for (const char* program : {"qemu-system-i386", "losetup", "genisoimage", "7z", "grub-mkimage"}) {
+        if (systemTool(program).isEmpty())
+            QSKIP(qPrintable(QString("%1 is not installed").arg(program)));
+    }
+    if (!QFileInfo::exists("/usr/lib/grub/i386-pc/boot.img"))
+        QSKIP("GRUB's i386-pc images are not installed");
+}
+
+void TestBootSmoke::boot_data()
+{
+    QTest::addColumn<Firmware>("firmware");
+    QTest::addColumn<UsbPlan::Scheme>("scheme");
+    QTest::addColumn<UsbPlan::FileSystem>("fs");
+    QTest::addColumn<bool>("loaders"); // whether the image holds /bootmgr and /efi/boot/bootx64.efi
+    QTest::addColumn<QByteArray>("expected");
+
+    using S = UsbPlan::Scheme;
+    using F = UsbPlan::FileSystem;
+    // GRUB reads each file system through its own driver in the core image.
+    QTest::newRow("bios mbr fat32") << Firmware::Bios << S::Mbr << F::Fat32 << true << kBiosMarker;
+    QTest::newRow("bios mbr fat16") << Firmware::Bios << S::Mbr << F::Fat << true << kBiosMarker;
+    QTest::newRow("bios mbr ntfs") << Firmware::Bios << S::Mbr << F::Ntfs << true << kBiosMarker;
+    QTest::newRow("bios mbr exfat") << Firmware::Bios << S::Mbr << F::Exfat << true << kBiosMarker;
+    // Without /bootmgr GRUB gives up at its prompt: the marker comes only
+    // from the loader it found.
+    QTest::newRow("bios without bootmgr") << Firmware::Bios << S::Mbr << F::Fat32 << false
+                                          << QByteArray("grub rescue>");
+    // The firmware reads FAT itself; the MBR stick keeps GRUB in its first
+    // sectors, which UEFI ignores.
+    QTest::newRow("uefi gpt fat32") << Firmware::Uefi << S::Gpt << F::Fat32 << true << kUefiMarker;
+    QTest::newRow("uefi mbr fat32") << Firmware::Uefi << S::Mbr << F::Fat32 << true << kUefiMarker;
+    QTest::newRow("uefi without loader") << Firmware::Uefi << S::Gpt << F::Fat32 << false
+                                         << QByteArray("EFI Internal Shell");
+}
+
+void TestBootSmoke::boot()
+{
+    QFETCH(Firmware, firmware);
+    QFETCH(UsbPlan::Scheme, scheme);
+    QFETCH(UsbPlan::FileSystem, fs);
+    QFETCH(bool, loaders);
+    QFETCH(QByteArray, expected);
+
+    if (firmware == Firmware::Uefi) {
+        if (systemTool("qemu-system-x86_64").isEmpty())
+            QSKIP("qemu-system-x86_64 is not installed");
+        if (!QFileInfo::exists(kOvmfCode) || !QFileInfo::exists(kOvmfVars))
+            QSKIP("OVMF is not installed");
+    }
+    for (const QString& program : toolsFor(fs)) {
+        if (systemTool(program).isEmpty())
+            QSKIP(qPrintable(program + " is not installed"));
+    }
+
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QMap<QString, QByteArray> files{{"docs/readme.txt", "Brenta boot test\n"},
+                                    {"sources/data.bin", QByteArray(300000, 'x')}};
+    if (loaders) {
+        files.insert("bootmgr", biosLoader());
+        files.insert("efi/boot/bootx64.efi", uefiLoader());
+    }
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("tree"), files));
+    QString error;
+    const QString iso = IsoFixture::Build(dir.filePath("tree"), dir.filePath("image.iso"), "joliet", &error);
+    QVERIFY2(!iso.isEmpty(), qPrintable(error));
+
+    const QString stick = IsoFixture::SparseFile(dir.filePath("stick.img"), 96);
+    QVERIFY(!stick.isEmpty());
+    Run step = run(systemTool("losetup"), {"-f", "--show", "-P", stick});
+    const QString loop = step.output.trimmed();
+    if (step.exitCode != 0 || !loop.startsWith("/dev/loop"))
+        QSKIP(qPrintable("no loop device can be set up here: " + step.output.trimmed()));
+    bool attached = true;
+    const auto cleanup = qScopeGuard([&] {
+        if (attached) {
+            helper({"unmount", loop});
+            run(systemTool("losetup"), {"-d", loop});
+        }
+    });
+
+    step = helper(UsbBurn::PrepareArguments(loop, scheme, fs, "BRENTA", ::getuid(), ::getgid()));
+    QVERIFY2(step.exitCode == 0, qPrintable(step.output));
+    UsbBurn::HelperReport report;
+    for (const QString& line : step.output.split('\n', Qt::SkipEmptyParts))
+        UsbBurn::ReadHelperLine(line, report);
+    QVERIFY2(!report.mounted.isEmpty(), qPrintable(step.output));
+
+    // Boot code on every MBR stick, also the one without /bootmgr: that row
+    // shows GRUB starting and then finding nothing to chain-load.
+    if (scheme == UsbPlan::Scheme::Mbr) {
+        step = helper({"bootcode", loop});
+        QVERIFY2(step.exitCode == 0, qPrintable(step.output));
+    }
+
+    step = run(systemTool("7z"), UsbBurn::CopyArguments(iso, report.mounted, QString()));
+    QVERIFY2(step.exitCode == 0, qPrintable(step.output));
+    QCOMPARE(QFileInfo::exists(report.mounted + "/bootmgr"), loaders);
+
+    step = helper({"unmount", loop});
+    QVERIFY2(step.exitCode == 0, qPrintable(step.output));
+    step = run(systemTool("losetup"), {"-d", loop});
+    QVERIFY2(step.exitCode == 0, qPrintable(step.output));
+    attached = false;
+    QVERIFY2(waitForDetach(loop), "the loop device stays in use after the stick was unmounted");
+
+    const QByteArray marker = firmware == Firmware::Bios ? kBiosMarker : kUefiMarker;
+    // The firmware's and GRUB's ways of saying they found nothing to start.
+    const QList<QByteArray> failures{"grub rescue>", "Boot failed", "EFI Internal Shell", "No bootable option"};
+    QElapsedTimer timer;
+    timer.start();
+    const Boot result = bootStick(firmware, stick, dir.path(), QList<QByteArray>{marker} + failures,
+                                  firmware == Firmware::Bios ? 30000 : 60000);
+    qInfo("booted in %lld ms", timer.elapsed());
+    QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
+    QVERIFY2(result.serial.contains(expected), qPrintable(readable(result.serial)));
+    QCOMPARE(result.serial.contains(marker), loaders);
+}
+
+QTEST_GUILESS_MAIN(TestBootSmoke)
+#include "tst_bootsmoke.moc"
