@@ -306,6 +306,34 @@ private Q_SLOTS:
         QVERIFY(!QFileInfo::exists(m_log));
     }
 
+    // A real image holding an installer image of 4 GiB: planned to be split,
+    // not refused. The file is sparse; the image is built in memory where it can.
+    void planLargeInstallerImage()
+    {
+        QTemporaryDir scratch(QDir("/dev/shm").exists() ? "/dev/shm/brenta-test-XXXXXX" : QString());
+        QVERIFY(scratch.isValid());
+        const QString source = scratch.filePath("src");
+        QVERIFY(IsoFixture::WriteTree(source, {{"bootmgr", "loader"}}));
+        QVERIFY(!IsoFixture::SparseFile(source + "/sources/install.wim", 4097).isEmpty());
+        int code = 0;
+        const QString output = run("genisoimage", {"-quiet", "-J", "-R", "-allow-limited-size", "-o",
+                                                   scratch.filePath("big.iso"), source},
+                                   &code);
+        QVERIFY2(code == 0, qPrintable(output));
+        QFile::remove(source + "/sources/install.wim");
+
+        CUsbBurnJob job;
+        QSignalSpy planned(&job, &CUsbBurnJob::planned);
+        CUsbBurnJob::Options options;
+        options.image = scratch.filePath("big.iso");
+        options.device = m_dir.path();
+        job.Plan(options);
+        QVERIFY(planned.wait(60000));
+        QVERIFY2(planned.first().at(0).toBool(), qPrintable(planned.first().at(1).toString()));
+        QCOMPARE(job.Decision().splitWim, "sources\\install.wim");
+        QVERIFY(job.Decision().refusals.isEmpty());
+    }
+
     void burnWithStandIns_data()
     {
         QTest::addColumn<QString>("helperMode");

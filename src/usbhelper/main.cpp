@@ -443,18 +443,27 @@ int bootCode(const Request& request)
     return Ok;
 }
 
-int remount(const Request& request)
+// Unmounts every mount of the disk and waits until no driver holds it; the
+// reason is printed when that fails.
+bool release(const Target& target)
 {
-    Target target;
-    if (!accept(request.device, target))
-        return Refused;
     say(QStringLiteral("step: unmounting"));
     ::sync();
     QString failure;
     if (!unmountAll(target.facts.name, QStringLiteral("unmounting"), failure)) {
         say(failure);
-        return Failed;
+        return false;
     }
+    return true;
+}
+
+int remount(const Request& request)
+{
+    Target target;
+    if (!accept(request.device, target))
+        return Refused;
+    if (!release(target))
+        return Failed;
     return mountPartition(request, PartitionName(target.facts.name, 1));
 }
 
@@ -463,13 +472,8 @@ int unmount(const Request& request)
     Target target;
     if (!accept(request.device, target))
         return Refused;
-    say(QStringLiteral("step: unmounting"));
-    ::sync();
-    QString failure;
-    if (!unmountAll(target.facts.name, QStringLiteral("unmounting"), failure)) {
-        say(failure);
+    if (!release(target))
         return Failed;
-    }
     // Flush the disk's own cache too, so that pulling the stick out loses nothing.
     ::sync();
     QFile disk(target.node);
