@@ -208,7 +208,7 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
             return result;
         }
         if (!whole) {
-            result.problems << QStringLiteral("the image could not be read back from /%1 on").arg(file.name);
+            result.problems << QStringLiteral("the image ended before /%1 was read").arg(file.name);
             finish();
             return result;
         }
@@ -501,6 +501,12 @@ void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QSt
     m_runner->StartCommand();
 }
 
+QString CUsbBurnJob::SplitWim() const
+{
+    QString wim = m_decision.splitWim;
+    return wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+}
+
 void CUsbBurnJob::StartBootCode()
 {
     if (m_mountPoint.isEmpty()) {
@@ -522,10 +528,8 @@ void CUsbBurnJob::StartCopy()
 {
     Q_EMIT phase(Phase::Copying);
     Q_EMIT progress(0, 100);
-    QString skipped = m_decision.splitWim;
-    skipped.replace(QLatin1Char('\\'), QLatin1Char('/'));
     RunTool(QStringLiteral("copying the files"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            UsbBurn::CopyArguments(m_options.image, m_mountPoint, skipped), &CUsbBurnJob::StartSplit);
+            UsbBurn::CopyArguments(m_options.image, m_mountPoint, SplitWim()), &CUsbBurnJob::StartSplit);
 }
 
 void CUsbBurnJob::StartSplit()
@@ -545,8 +549,7 @@ void CUsbBurnJob::StartSplit()
                  .arg(Util::ScratchDir()));
         return;
     }
-    QString wim = m_decision.splitWim;
-    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    const QString wim = SplitWim();
     RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
             {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_wimDir->path(), QStringLiteral("--"),
              m_options.image, wim},
@@ -555,8 +558,7 @@ void CUsbBurnJob::StartSplit()
 
 void CUsbBurnJob::SplitExtracted()
 {
-    QString wim = m_decision.splitWim;
-    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    const QString wim = SplitWim();
     const QString folder = m_mountPoint + QLatin1Char('/') + QFileInfo(wim).path();
     QDir().mkpath(folder);
     RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::WimTool),
@@ -585,8 +587,7 @@ void CUsbBurnJob::StartVerify()
     qint64 total = 0;
     for (const Listing::FileSpan& file : m_files)
         total += file.size;
-    QString wim = m_decision.splitWim;
-    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    const QString wim = SplitWim();
     m_stopVerify = false;
     auto* thread = new VerifyThread(m_options.image, m_files, m_mountPoint,
                                     wim.isEmpty() ? QStringList() : QStringList(wim), m_stopVerify);
@@ -625,8 +626,7 @@ void CUsbBurnJob::VerifySplit()
         return;
     }
     // The parts carry SHA-1 checksums of every resource; wimlib reads them all.
-    QString wim = m_decision.splitWim;
-    wim.replace(QLatin1Char('\\'), QLatin1Char('/'));
+    const QString wim = SplitWim();
     const QString folder = m_mountPoint + QLatin1Char('/') + QFileInfo(wim).path();
     Q_EMIT progress(0, 0);
     RunTool(QStringLiteral("verifying"), ToolLocator::Find(ToolLocator::Tool::WimTool),

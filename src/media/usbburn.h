@@ -141,6 +141,8 @@ Q_SIGNALS:
 private:
     using Next = void (CUsbBurnJob::*)();
     void OnListed();
+    // The installer image to split, as a path inside the image ("sources/install.wim"), or empty.
+    QString SplitWim() const;
     void RunHelper(const QString& step, const QStringList& arguments, Next next);
     void RunTool(const QString& step, const QString& program, const QString& toolName, const QStringList& arguments,
                  Next next);
