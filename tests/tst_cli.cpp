@@ -1,5 +1,8 @@
 #include <QtTest>
 
+#include <grp.h>
+#include <unistd.h>
+
 #include "common/isofixture.h"
 #include "common/standins.h"
 
@@ -14,10 +17,19 @@ struct Run
 
 // Runs the real program with no display at all: the terminal forms must not
 // need one. Standard input gives `input` and then ends.
+// `program` and `user` (a user id other than root's) run it as the desktop
+// user would, from a folder of its own.
 Run runBrenta(const QStringList& arguments, int timeoutMs = 60000,
-              const QStringList& variables = {}, const QByteArray& input = {})
+              const QStringList& variables = {}, const QByteArray& input = {},
+              const QString& program = QStringLiteral(BRENTA_EXECUTABLE), uid_t user = 0)
 {
     QProcess process;
+    if (user != 0) {
+        process.setChildProcessModifier([user] {
+            if (::setgroups(0, nullptr) != 0 || ::setgid(user) != 0 || ::setuid(user) != 0)
+                ::_exit(125);
+        });
+    }
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     for (const QString& variable : variables)
         environment.insert(variable.section('=', 0, 0), variable.section('=', 1));
@@ -25,7 +37,7 @@ Run runBrenta(const QStringList& arguments, int timeoutMs = 60000,
     environment.remove("WAYLAND_DISPLAY");
     environment.remove("QT_QPA_PLATFORM");
     process.setProcessEnvironment(environment);
-    process.start(QStringLiteral(BRENTA_EXECUTABLE), arguments);
+    process.start(program, arguments);
     process.write(input);
     process.closeWriteChannel();
     Run run;
@@ -54,6 +66,8 @@ private Q_SLOTS:
     void discCommands();
     void burnUsb_data();
     void burnUsb();
+    void burnUsbAsDesktopUser_data();
+    void burnUsbAsDesktopUser();
 };
 
 void TestCli::answersWithoutWindow_data()
@@ -295,6 +309,91 @@ void TestCli::burnUsb()
         QVERIFY2(Standins::Logged(log).first().contains(
                      " --scheme gpt --fs fat32 --label My Stick --owner "),
                  qPrintable(Standins::Logged(log).first()));
+}
+
+void TestCli::burnUsbAsDesktopUser_data()
+{
+    QTest::addColumn<QString>("answer"); // how the stand-in pkexec answers
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("said");            // on standard error
+    QTest::addColumn<QStringList>("authorised"); // the helper commands pkexec ran, by command
+
+    QTest::newRow("password given") << "grant" << 0 << "" << QStringList{"prepare", "remount", "unmount"};
+    QTest::newRow("password dialog dismissed")
+        << "dismiss" << 1
+        << "brenta: The USB stick was not burned. The step that failed: formatting: Brenta was not given "
+           "the right to change the stick (the administrator's password was not given)."
+        << QStringList{"prepare"};
+}
+
+// Brenta run by an ordinary user asks pkexec to start the helper for every
+// step, and passes the user's own ids for the mount. The helper and pkexec
+// are stand-ins; the user is "nobody", so Brenta gets a folder of its own
+// that user can reach.
+void TestCli::burnUsbAsDesktopUser()
+{
+    QFETCH(QString, answer);
+    QFETCH(int, exitCode);
+    QFETCH(QString, said);
+    QFETCH(QStringList, authorised);
+    if (::geteuid() != 0)
+        QSKIP("needs root to run Brenta as another user");
+    constexpr uid_t kNobody = 65534;
+
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const auto readable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup |
+                          QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther;
+    QVERIFY(QFile::setPermissions(dir.path(), readable));
+    for (const char* folder : {"app", "bin", "home"})
+        QVERIFY(QDir(dir.path()).mkdir(folder));
+    QVERIFY(::chown(qPrintable(dir.filePath("home")), kNobody, kNobody) == 0);
+    // Brenta finds the helper beside itself, where no stand-in is run directly.
+    QVERIFY(QFile::copy(BRENTA_EXECUTABLE, dir.filePath("app/brenta")));
+    QVERIFY(QFile::copy(BRENTA_SOURCE_DIR "/tests/standins/usbhelper/brenta-usb-helper",
+                        dir.filePath("app/brenta-usb-helper")));
+    QFile pkexec(dir.filePath("bin/pkexec"));
+    QVERIFY(pkexec.open(QIODevice::WriteOnly));
+    pkexec.write("#!/bin/sh\n"
+                 "# Records what it is asked to run, then runs it, or refuses as pkexec does\n"
+                 "# when its password dialog is dismissed.\n"
+                 "printf '%s\\n' \"$*\" >>\"$HOME/pkexec.log\"\n"
+                 "if [ \"$BRENTA_STANDIN_PKEXEC\" = dismiss ]; then\n"
+                 "    echo 'Error executing command as another user: Request dismissed' >&2\n"
+                 "    exit 126\n"
+                 "fi\n"
+                 "exec \"$@\"\n");
+    pkexec.close();
+    for (const QString& program : {dir.filePath("app/brenta"), dir.filePath("app/brenta-usb-helper"), pkexec.fileName()})
+        QVERIFY(QFile::setPermissions(program, readable));
+    QString error;
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"docs/a.txt", "a"}, {"b.txt", "b"}}));
+    const QString image = IsoFixture::Build(dir.filePath("files"), dir.filePath("image.iso"), "joliet", &error);
+    QVERIFY2(!image.isEmpty(), qPrintable(error));
+    QVERIFY(QFile::setPermissions(image, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
+
+    const QString home = dir.filePath("home");
+    const Run run = runBrenta({"burn-usb", image, home, "--yes"}, 60000,
+                              {"PATH=" + dir.filePath("bin") + ":/usr/bin:/bin", "HOME=" + home,
+                               "BRENTA_TOOLS_DIR=", "BRENTA_STANDIN_PKEXEC=" + answer,
+                               "BRENTA_STANDIN_LOG=" + home + "/helper.log",
+                               "BRENTA_STANDIN_MOUNT=" + home + "/mount"},
+                              QByteArray(), dir.filePath("app/brenta"), kNobody);
+    QCOMPARE(run.exitCode, exitCode);
+    QVERIFY2(said.isEmpty() || run.err.contains(said), qPrintable(run.err));
+
+    QFile log(home + "/pkexec.log");
+    QVERIFY(log.open(QIODevice::ReadOnly));
+    const QStringList lines = QString::fromUtf8(log.readAll()).split('\n', Qt::SkipEmptyParts);
+    QStringList commands;
+    for (const QString& line : lines) {
+        QVERIFY2(line.startsWith(dir.filePath("app/brenta-usb-helper ")), qPrintable(line));
+        commands << line.section(' ', 1, 1);
+    }
+    QCOMPARE(commands, authorised);
+    QVERIFY2(lines.first().endsWith(" --owner 65534:65534"), qPrintable(lines.first()));
+    if (exitCode == 0)
+        QCOMPARE(QFileInfo(home + "/mount/docs/a.txt").size(), qint64(1));
 }
 
 QTEST_GUILESS_MAIN(TestCli)
