@@ -155,17 +155,24 @@ dev_t deviceNumber(const QString& path)
     return info.st_rdev;
 }
 
-// The mounts of the disk or of its partitions: by the device behind the
-// source, or by the folder the helper gives each partition.
-QList<Mount> mountsOf(const QString& diskName)
+// The device numbers of the disk and of its partitions.
+QList<dev_t> deviceNumbersOf(const QString& diskName)
 {
-    const QStringList parts = Drives::PartitionsOf(diskName);
-    const QStringList names = QStringList(parts) << diskName;
+    const QStringList names = QStringList(Drives::PartitionsOf(diskName)) << diskName;
     QList<dev_t> numbers;
     for (const QString& name : names) {
         if (const dev_t number = deviceNumber(QStringLiteral("/dev/") + name))
             numbers << number;
     }
+    return numbers;
+}
+
+// The mounts of the disk or of its partitions: by the device behind the
+// source, or by the folder the helper gives each partition.
+QList<Mount> mountsOf(const QString& diskName)
+{
+    const QStringList parts = Drives::PartitionsOf(diskName);
+    const QList<dev_t> numbers = deviceNumbersOf(diskName);
     QList<Mount> found;
     for (const Mount& mount : mounts()) {
         const dev_t number = mount.source.startsWith(QLatin1Char('/')) ? deviceNumber(mount.source) : 0;
@@ -184,8 +191,6 @@ bool isMountPoint(const QString& folder)
     return false;
 }
 
-// Unmounts every mount of the disk, the last mounted first; removes the
-// helper's own folders. False with `failure` set when one stays mounted.
 // Whether a process still has one of the devices open: a FUSE driver may go
 // on writing for a moment after its mount is gone.
 bool heldOpen(const QList<dev_t>& numbers)
@@ -205,6 +210,9 @@ bool heldOpen(const QList<dev_t>& numbers)
     return false;
 }
 
+// Unmounts every mount of the disk, the last mounted first; removes the
+// helper's own folders; then waits until no driver holds the disk. False
+// with `failure` set when one stays mounted or held.
 bool unmountAll(const QString& diskName, const QString& step, QString& failure)
 {
     QList<Mount> list = mountsOf(diskName);
@@ -220,12 +228,7 @@ bool unmountAll(const QString& diskName, const QString& step, QString& failure)
     if (list.isEmpty())
         return true;
     // Only when no driver holds the stick any more is everything written.
-    QList<dev_t> numbers;
-    const QStringList names = QStringList(Drives::PartitionsOf(diskName)) << diskName;
-    for (const QString& name : names) {
-        if (const dev_t number = deviceNumber(QStringLiteral("/dev/") + name))
-            numbers << number;
-    }
+    const QList<dev_t> numbers = deviceNumbersOf(diskName);
     QElapsedTimer timer;
     timer.start();
     while (heldOpen(numbers)) {
