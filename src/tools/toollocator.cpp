@@ -77,21 +77,11 @@ QString Find(Tool tool)
 
 QString DisplayName(Tool tool)
 {
-    switch (tool) {
-    case Tool::Archive:
+    // Each tool goes by its own program's name, except the archive tool,
+    // whose program names are not what people call it.
+    if (tool == Tool::Archive)
         return QStringLiteral("7-Zip");
-    case Tool::ImageBuilder:
-        return QStringLiteral("mkisofs");
-    case Tool::DiscWriter:
-        return QStringLiteral("cdrecord");
-    case Tool::DiscReader:
-        return QStringLiteral("readcd");
-    case Tool::WimTool:
-        return QStringLiteral("wimlib-imagex");
-    case Tool::UsbHelper:
-        return QStringLiteral("brenta-usb-helper");
-    }
-    return QString();
+    return QLatin1String(namesOf(tool).name);
 }
 
 } // namespace ToolLocator
