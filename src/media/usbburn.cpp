@@ -443,11 +443,8 @@ void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, N
 {
     const QStringList command = HelperCommand(arguments);
     m_report = UsbBurn::HelperReport();
-    CRunCommandThread::Dispose(m_runner);
-    m_runner = new CRunCommandThread;
-    connect(m_runner, &CRunCommandThread::standoutputline, this,
-            [this](const QString& line) { UsbBurn::ReadHelperLine(line, m_report); });
-    connect(m_runner, &CRunCommandThread::sigfinished, this, [this, step, next, arguments] {
+    const auto read = [this](const QString& line) { UsbBurn::ReadHelperLine(line, m_report); };
+    StartRunner(command.first(), command.mid(1), read, [this, step, next, arguments] {
         const CRunCommandThread::Result result = m_runner->GetResult();
         const int exitCode = m_runner->ExitCode();
         const QString failure = m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::UsbHelper));
@@ -472,22 +469,18 @@ void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, N
                                            "administrator's password was not given).");
         else
             reason = step + QStringLiteral(": ") + failure;
-        Fail(QStringLiteral("The USB stick was not burned. The step that failed: ") + reason);
+        Fail(reason);
     });
-    m_runner->SetCommand(command.first(), command.mid(1));
-    m_runner->StartCommand();
 }
 
 void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QString& toolName,
                           const QStringList& arguments, Next next)
 {
-    CRunCommandThread::Dispose(m_runner);
-    m_runner = new CRunCommandThread;
-    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
+    const auto read = [this](const QString& line) {
         if (const std::optional<int> percent = UsbBurn::ParseCopyProgress(line))
             Q_EMIT progress(*percent, 100);
-    });
-    connect(m_runner, &CRunCommandThread::sigfinished, this, [this, step, toolName, next] {
+    };
+    StartRunner(program, arguments, read, [this, step, toolName, next] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
         const QString failure = m_runner->FailureText(toolName);
         m_runner->deleteLater();
@@ -495,8 +488,17 @@ void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QSt
         if (ok)
             (this->*next)();
         else
-            Fail(QStringLiteral("The USB stick was not burned. The step that failed: %1: %2").arg(step, failure));
+            Fail(step + QStringLiteral(": ") + failure);
     });
+}
+
+void CUsbBurnJob::StartRunner(const QString& program, const QStringList& arguments,
+                              const std::function<void(const QString&)>& onLine, const std::function<void()>& onEnd)
+{
+    CRunCommandThread::Dispose(m_runner);
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, onLine);
+    connect(m_runner, &CRunCommandThread::sigfinished, this, onEnd);
     m_runner->SetCommand(program, arguments);
     m_runner->StartCommand();
 }
@@ -510,8 +512,7 @@ QString CUsbBurnJob::SplitWim() const
 void CUsbBurnJob::StartBootCode()
 {
     if (m_mountPoint.isEmpty()) {
-        Fail(QStringLiteral("The USB stick was not burned. The step that failed: formatting: the helper did not "
-                            "say where it mounted the stick."));
+        Fail(QStringLiteral("formatting: the helper did not say where it mounted the stick."));
         return;
     }
     if (!m_decision.bootCode) {
@@ -544,8 +545,7 @@ void CUsbBurnJob::StartSplit()
     Q_EMIT progress(0, 0);
     m_wimDir = std::make_unique<QTemporaryDir>(Util::ScratchDir() + QStringLiteral("/wim-XXXXXX"));
     if (!m_wimDir->isValid()) {
-        Fail(QStringLiteral("The USB stick was not burned. The step that failed: splitting install.wim: no "
-                            "temporary folder could be made in %1.")
+        Fail(QStringLiteral("splitting install.wim: no temporary folder could be made in %1.")
                  .arg(Util::ScratchDir()));
         return;
     }
@@ -610,7 +610,7 @@ void CUsbBurnJob::StartVerify()
         else if (!m_verified.ok)
             reason = QStringLiteral("what was written differs from the image: ") + problemsText(m_verified.problems);
         if (!reason.isEmpty()) {
-            Fail(QStringLiteral("The USB stick was not burned. The step that failed: verifying: ") + reason);
+            Fail(QStringLiteral("verifying: ") + reason);
             return;
         }
         VerifySplit();
@@ -653,8 +653,9 @@ void CUsbBurnJob::Succeeded()
     End(true, SuccessText(m_verified.files, m_verified.bytes));
 }
 
-void CUsbBurnJob::Fail(const QString& message)
+void CUsbBurnJob::Fail(const QString& stepAndReason)
 {
+    const QString message = QStringLiteral("The USB stick was not burned. The step that failed: ") + stepAndReason;
     m_wimDir.reset();
     if (!m_failure.isEmpty()) {
         // The unmount after a failure failed too.

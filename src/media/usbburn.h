@@ -146,6 +146,9 @@ private:
     void RunHelper(const QString& step, const QStringList& arguments, Next next);
     void RunTool(const QString& step, const QString& program, const QString& toolName, const QStringList& arguments,
                  Next next);
+    // Runs one command; `onLine` gets its output lines, `onEnd` its end.
+    void StartRunner(const QString& program, const QStringList& arguments,
+                     const std::function<void(const QString&)>& onLine, const std::function<void()>& onEnd);
     void StartBootCode();
     void StartCopy();
     void StartSplit();
@@ -155,7 +158,9 @@ private:
     void VerifySplit();
     void StartUnmount();
     void Succeeded();
-    void Fail(const QString& message);
+    // Ends the burn with "The USB stick was not burned. The step that failed:
+    // <step>: <reason>", after unmounting the stick where it is mounted.
+    void Fail(const QString& stepAndReason);
     void End(bool succeeded, const QString& message);
     void StopVerifier();
 
