@@ -242,21 +242,6 @@ private Q_SLOTS:
         }
     }
 
-    void helperCommand()
-    {
-        // A stand-in from the tools folder runs as it is; the helper line reader.
-        const QStringList command = CUsbBurnJob::HelperCommand({"check", "/dev/sdz"});
-        QCOMPARE(command.first(), m_tools + "/usbhelper/brenta-usb-helper");
-        QCOMPARE(command.mid(1), (QStringList{"check", "/dev/sdz"}));
-        UsbBurn::HelperReport report;
-        UsbBurn::ReadHelperLine("step: mounting", report);
-        UsbBurn::ReadHelperLine("mounted: /run/brenta/sdz1", report);
-        QCOMPARE(report.mounted, "/run/brenta/sdz1");
-        QVERIFY(report.error.isEmpty());
-        UsbBurn::ReadHelperLine("refused: /dev/sda is neither removable nor on USB", report);
-        QVERIFY(report.error.contains("refused"));
-    }
-
     void planRefusals_data()
     {
         QTest::addColumn<QString>("imageName");
