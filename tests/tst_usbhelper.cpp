@@ -25,9 +25,11 @@ struct Run
     QStringList lines;
 };
 
-Run helper(const QStringList& arguments)
+Run helper(const QStringList& arguments,
+           const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
 {
     QProcess process;
+    process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.start(QStringLiteral(BRENTA_USB_HELPER), arguments);
     process.waitForFinished(120000);
@@ -57,6 +59,28 @@ bool mounted(const QString& folder)
             return true;
     }
     return false;
+}
+
+// The per-mount options of the top mount at `folder`; empty when nothing is mounted there.
+QStringList mountOptions(const QString& folder)
+{
+    QFile file(QStringLiteral("/proc/self/mountinfo"));
+    file.open(QIODevice::ReadOnly);
+    QStringList options;
+    for (const QByteArray& line : file.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        if (fields.size() > 5 && QString::fromUtf8(fields[4]) == folder)
+            options = QString::fromUtf8(fields[5]).split(',');
+    }
+    return options;
+}
+
+// Whether the mount at `folder` keeps device files, set-user-ID bits and
+// programs of the stick from working.
+bool hardened(const QString& folder)
+{
+    const QStringList options = mountOptions(folder);
+    return options.contains("nosuid") && options.contains("nodev") && options.contains("noexec");
 }
 
 Drives::NodeFacts usbDisk()
@@ -373,30 +397,40 @@ void TestUsbHelper::systemDiskIsRefused()
     QVERIFY2(run.lines.join('\n').startsWith("refused: "), qPrintable(run.lines.join('\n')));
 }
 
+// Every file system the helper makes, through the kernel's driver where it has
+// one and through the FUSE drivers: the table and label it wrote, the owner's
+// right to write, and mounts that give the stick's files no power over the
+// machine (no device files, set-user-ID programs or programs at all).
 void TestUsbHelper::endToEnd_data()
 {
     QTest::addColumn<QString>("scheme");
     QTest::addColumn<QString>("fs");
+    QTest::addColumn<bool>("fuse");      // the kernel's driver is kept out
     QTest::addColumn<QString>("type");   // as sfdisk --dump prints it
     QTest::addColumn<QString>("fsType"); // as blkid -p prints it
     QTest::addColumn<QString>("label");
 
-    QTest::newRow("mbr fat32") << "mbr" << "fat32" << "type=c, bootable" << "vfat" << "BRENTA";
-    QTest::newRow("gpt exfat") << "gpt" << "exfat" << "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7" << "exfat"
-                               << "brenta";
+    const QString basicData = "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
+    QTest::newRow("mbr fat32") << "mbr" << "fat32" << false << "type=c, bootable" << "vfat" << "BRENTA";
+    QTest::newRow("mbr fat through FUSE") << "mbr" << "fat" << true << "type=6, bootable" << "vfat" << "BRENTA";
+    QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << false << "type=7, bootable" << "ntfs" << "brenta";
+    QTest::newRow("gpt exfat") << "gpt" << "exfat" << false << basicData << "exfat" << "brenta";
+    QTest::newRow("mbr exfat through FUSE") << "mbr" << "exfat" << true << "type=7, bootable" << "exfat"
+                                            << "brenta";
 }
 
 void TestUsbHelper::endToEnd()
 {
     QFETCH(QString, scheme);
     QFETCH(QString, fs);
+    QFETCH(bool, fuse);
     QFETCH(QString, type);
     QFETCH(QString, fsType);
     QFETCH(QString, label);
 
     if (::geteuid() != 0)
         QSKIP("needs root for loop devices");
-    for (const char* program : {"losetup", "sfdisk", "wipefs", "blkid", "mkfs.vfat", "mkfs.exfat"}) {
+    for (const char* program : {"losetup", "sfdisk", "wipefs", "blkid", "mkfs.vfat", "mkfs.exfat", "mkfs.ntfs"}) {
         if (QStandardPaths::findExecutable(program, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"}).isEmpty())
             QSKIP(qPrintable(QString("%1 is not installed").arg(program)));
     }
@@ -415,17 +449,29 @@ void TestUsbHelper::endToEnd()
     const QString partName = loop.mid(5) + "p1";
     const QString folder = "/run/brenta/" + partName;
     const auto cleanup = qScopeGuard([&] {
-        if (mounted(folder))
+        while (mounted(folder))
             tool("umount", {folder});
         QDir().rmdir(folder);
         tool("losetup", {"-d", loop});
     });
+    // A "mount" that fails leaves the FUSE driver to do the work.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    if (fuse) {
+        QVERIFY(QDir().mkpath(dir.filePath("tools/system")));
+        QFile standIn(dir.filePath("tools/system/mount"));
+        QVERIFY(standIn.open(QIODevice::WriteOnly));
+        standIn.write("#!/bin/sh\necho \"mount: unknown filesystem type\" >&2\nexit 32\n");
+        standIn.close();
+        QVERIFY(standIn.setPermissions(standIn.permissions() | QFileDevice::ExeOwner));
+        environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
+    }
 
-    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", "brenta", "--owner", "65534:65534"});
+    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", "brenta", "--owner", "65534:65534"},
+                     environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting", "step: mounting",
                                      "mounted: " + folder}));
-    QVERIFY(mounted(folder));
+    QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
 
     // Writable by the owner given: "nobody" writes a file into it.
     code = -1;
@@ -445,7 +491,7 @@ void TestUsbHelper::endToEnd()
     QVERIFY2(probe.contains("LABEL=" + label + "\n"), qPrintable(probe));
 
     if (scheme == "mbr" && QFileInfo::exists("/usr/lib/grub/i386-pc/boot.img")) {
-        run = helper({"bootcode", loop});
+        run = helper({"bootcode", loop}, environment);
         QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
         QCOMPARE(tool("sfdisk", {"--dump", loop}), dump);
         QFile disk(loop);
@@ -458,20 +504,22 @@ void TestUsbHelper::endToEnd()
         QCOMPARE(start.mid(512, 500), diskboot.read(500));
         QCOMPARE(start.mid(1012, 8), QByteArray("\x02\0\0\0\0\0\0\0", 8));
     } else if (scheme == "gpt") {
-        run = helper({"bootcode", loop});
+        run = helper({"bootcode", loop}, environment);
         QCOMPARE(run.exitCode, 1);
         QVERIFY(run.lines.join(' ').contains("no MBR partition table"));
     }
 
-    // A remount keeps what was written and the owner's right to write.
-    run = helper({"remount", loop, "--fs", fs, "--owner", "65534:65534"});
+    // A remount keeps what was written, the owner's right to write and the
+    // stick's powerlessness.
+    run = helper({"remount", loop, "--fs", fs, "--owner", "65534:65534"}, environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QCOMPARE(run.lines.last(), "mounted: " + folder);
+    QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
     QVERIFY(written.open(QIODevice::ReadOnly));
     QCOMPARE(written.readAll(), QByteArray("written\n"));
     written.close();
 
-    run = helper({"unmount", loop});
+    run = helper({"unmount", loop}, environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QCOMPARE(run.lines, QStringList{"step: unmounting"});
     QVERIFY(!mounted(folder));

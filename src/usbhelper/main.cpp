@@ -21,8 +21,12 @@
 #include <QTemporaryFile>
 #include <QThread>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <optional>
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -182,13 +186,47 @@ QList<Mount> mountsOf(const QString& diskName)
     return found;
 }
 
+QList<MountEntry> mountTable()
+{
+    QFile file(QStringLiteral("/proc/self/mountinfo"));
+    return file.open(QIODevice::ReadOnly) ? ParseMountInfo(file.readAll()) : QList<MountEntry>();
+}
+
+// The mount at `folder` that is seen there: the last one mounted on it.
+std::optional<MountEntry> mountAt(const QString& folder)
+{
+    std::optional<MountEntry> found;
+    for (const MountEntry& mount : mountTable()) {
+        if (mount.point == folder)
+            found = mount;
+    }
+    return found;
+}
+
 bool isMountPoint(const QString& folder)
 {
-    for (const Mount& mount : mounts()) {
-        if (mount.point == folder)
-            return true;
-    }
-    return false;
+    return mountAt(folder).has_value();
+}
+
+// Gives the fresh mount at the helper's own `folder` the flags every mount of
+// a stick carries, whatever its driver made of the options (exfat-fuse drops
+// noexec), and reads back what the kernel applied. Empty when all is well,
+// else the reason.
+QString harden(const QString& folder)
+{
+    // A remount of the bind kind changes only this mount's flags, never the
+    // file system's own options, so it works for every driver.
+    const unsigned long flags = MS_REMOUNT | MS_BIND | MS_NOSUID | MS_NODEV | MS_NOEXEC;
+    if (::mount(nullptr, QFile::encodeName(folder).constData(), nullptr, flags, nullptr) != 0)
+        return QStringLiteral("%1 could not be made %2: %3")
+            .arg(folder, kMountFlags.join(QLatin1Char(',')), QString::fromLocal8Bit(std::strerror(errno)));
+    const std::optional<MountEntry> mount = mountAt(folder);
+    if (!mount)
+        return QStringLiteral("nothing is mounted at %1 any more").arg(folder);
+    const QStringList missing = MissingMountFlags(*mount);
+    if (!missing.isEmpty())
+        return QStringLiteral("the mount at %1 lacks %2").arg(folder, missing.join(QLatin1Char(',')));
+    return QString();
 }
 
 // Whether a process still has one of the devices open: a FUSE driver may go
@@ -315,6 +353,13 @@ int mountPartition(const Request& request, const QString& partName)
     if (!last.ok) {
         QDir().rmdir(folder);
         say(ErrorLine(QStringLiteral("mounting"), last.reason, last.lines));
+        return Failed;
+    }
+    const QString weak = harden(folder);
+    if (!weak.isEmpty()) {
+        ::umount2(QFile::encodeName(folder).constData(), UMOUNT_NOFOLLOW);
+        QDir().rmdir(folder);
+        say(ErrorLine(QStringLiteral("mounting"), weak, {}));
         return Failed;
     }
     say(QStringLiteral("mounted: ") + folder);

@@ -271,7 +271,8 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
 
 QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid)
 {
-    const QString owner = QStringLiteral("uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
+    const QString owner =
+        kMountFlags.join(QLatin1Char(',')) + QStringLiteral(",uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
     const QString kernelType = fs == FileSystem::ExFat ? QStringLiteral("exfat") : QStringLiteral("vfat");
     switch (fs) {
     case FileSystem::Fat32:
@@ -297,6 +298,70 @@ QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QStrin
         return {{QStringLiteral("ntfs-3g"), {QStringLiteral("-o"), owner, partition, mountPoint}}};
     }
     return {};
+}
+
+namespace {
+
+// Undoes the octal escapes of the kernel's mount tables ("\040" for a blank).
+QString unescapeField(const QByteArray& field)
+{
+    QByteArray out;
+    for (int i = 0; i < field.size(); ++i) {
+        if (field[i] == '\\' && i + 3 < field.size()) {
+            bool ok = false;
+            const int value = field.mid(i + 1, 3).toInt(&ok, 8);
+            if (ok && value < 256) {
+                out += char(value);
+                i += 3;
+                continue;
+            }
+        }
+        out += field[i];
+    }
+    return QString::fromUtf8(out);
+}
+
+} // namespace
+
+QList<MountEntry> ParseMountInfo(const QByteArray& text)
+{
+    // "36 35 98:0 /mnt1 /mnt2 rw,noatime master:1 - ext3 /dev/root rw,errors=continue":
+    // optional fields until "-", then type, source and the file system's options.
+    QList<MountEntry> list;
+    for (const QByteArray& line : text.split('\n')) {
+        const QList<QByteArray> fields = line.split(' ');
+        const qsizetype dash = fields.indexOf("-", 6);
+        if (fields.size() < 6 || dash < 0 || dash + 2 >= fields.size())
+            continue;
+        const QList<QByteArray> numbers = fields[2].split(':');
+        if (numbers.size() != 2)
+            continue;
+        MountEntry entry;
+        bool okId = false;
+        bool okMajor = false;
+        bool okMinor = false;
+        entry.id = fields[0].toInt(&okId);
+        entry.major = numbers[0].toUInt(&okMajor);
+        entry.minor = numbers[1].toUInt(&okMinor);
+        if (!okId || !okMajor || !okMinor)
+            continue;
+        entry.point = unescapeField(fields[4]);
+        entry.options = QString::fromUtf8(fields[5]).split(QLatin1Char(','));
+        entry.type = unescapeField(fields[dash + 1]);
+        entry.source = unescapeField(fields[dash + 2]);
+        list << entry;
+    }
+    return list;
+}
+
+QStringList MissingMountFlags(const MountEntry& mount)
+{
+    QStringList missing;
+    for (const QString& flag : kMountFlags) {
+        if (!mount.options.contains(flag))
+            missing << flag;
+    }
+    return missing;
 }
 
 QString FileSystemName(FileSystem fs)

@@ -75,6 +75,28 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
 // ntfs-3g. Each leaves the files writable by uid:gid.
 QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid);
 
+// Every mount the helper makes carries these: nothing on a stick, which its
+// owner can fill with anything, may act as a device, run as another user or
+// run at all.
+inline const QStringList kMountFlags = {QStringLiteral("nosuid"), QStringLiteral("nodev"), QStringLiteral("noexec")};
+
+// One line of /proc/self/mountinfo.
+struct MountEntry
+{
+    int id = 0;
+    uint major = 0; // the device the kernel mounted; 0:N for file systems without one (FUSE, tmpfs)
+    uint minor = 0;
+    QString point;
+    QStringList options; // this mount's own options ("rw", "nosuid", ...)
+    QString type;        // "vfat", "fuseblk", "fuse"
+    QString source;      // as the mounting program named it
+};
+
+QList<MountEntry> ParseMountInfo(const QByteArray& text);
+
+// Which of kMountFlags the mount lacks.
+QStringList MissingMountFlags(const MountEntry& mount);
+
 // The file system's name on the command line and in messages.
 QString FileSystemName(FileSystem fs);
 
