@@ -83,6 +83,43 @@ bool hardened(const QString& folder)
     return options.contains("nosuid") && options.contains("nodev") && options.contains("noexec");
 }
 
+// A loop device over a new sparse file, with partition scanning; detached,
+// after anything the helper left mounted is unmounted, when it goes.
+class LoopDevice
+{
+public:
+    LoopDevice(const QString& image, qint64 mib)
+    {
+        QFile file(image);
+        if (!file.open(QIODevice::WriteOnly) || !file.resize(mib << 20))
+            return;
+        file.close();
+        int code = 0;
+        const QString node = tool("losetup", {"-f", "--show", "-P", image}, &code).trimmed();
+        if (code == 0 && node.startsWith("/dev/loop"))
+            m_node = node;
+    }
+    ~LoopDevice()
+    {
+        if (m_node.isEmpty())
+            return;
+        while (mounted(Folder()))
+            tool("umount", {Folder()});
+        QDir().rmdir(Folder());
+        tool("losetup", {"-d", m_node});
+    }
+    Q_DISABLE_COPY_MOVE(LoopDevice)
+
+    bool IsValid() const { return !m_node.isEmpty(); }
+    QString Node() const { return m_node; }
+    QString Partition() const { return m_node + "p1"; }
+    // Where the helper mounts the first partition.
+    QString Folder() const { return "/run/brenta/" + m_node.mid(5) + "p1"; }
+
+private:
+    QString m_node;
+};
+
 Drives::NodeFacts usbDisk()
 {
     Drives::NodeFacts facts;
@@ -110,12 +147,16 @@ private Q_SLOTS:
     void partitionName();
     void mountCalls();
     void bootSectors();
+    void mountOfDisk_data();
+    void mountOfDisk();
     void errorLine();
     void usageAndRefusalsOfTheProgram_data();
     void usageAndRefusalsOfTheProgram();
     void systemDiskIsRefused();
     void endToEnd_data();
     void endToEnd();
+    void otherFileSystemsAreLeftMounted_data();
+    void otherFileSystemsAreLeftMounted();
 };
 
 void TestUsbHelper::parse_data()
@@ -335,12 +376,35 @@ void TestUsbHelper::bootSectors()
     QVERIFY(error.contains("does not fit"));
     QVERIFY(BootSectors(mbr, boot, core, 5, code, error));
     QVERIFY(!BootSectors(mbr, boot.left(100), core, 2048, code, error));
+}
 
-    QVERIFY(IsHelperMountPoint("/run/brenta/sdb1", {"sdb1"}));
-    QVERIFY(!IsHelperMountPoint("/run/brenta/sdc1", {"sdb1"}));
-    QVERIFY(!IsHelperMountPoint("/run/brenta", {"sdb1"}));
-    QVERIFY(!IsHelperMountPoint("/run/brenta/sdb1/boot", {"sdb1"}));
-    QVERIFY(!IsHelperMountPoint("/media/user/sdb1", {"sdb1"}));
+void TestUsbHelper::mountOfDisk_data()
+{
+    QTest::addColumn<QString>("line"); // of /proc/self/mountinfo
+    QTest::addColumn<bool>("ofDisk");
+
+    QTest::newRow("kernel mount of the partition")
+        << "40 27 8:17 / /media/u/STICK rw,nosuid - vfat /dev/sdb1 rw" << true;
+    QTest::newRow("kernel mount of the whole disk") << "40 27 8:16 / /media/u/STICK rw - vfat /dev/sdb rw" << true;
+    QTest::newRow("another disk named like the stick") << "40 27 8:33 / /mnt rw - vfat /dev/sdb1 rw" << false;
+    QTest::newRow("the helper's FUSE mount") << "40 27 0:52 / /run/brenta/sdb1 rw - fuse /dev/sdb1 rw" << true;
+    QTest::newRow("FUSE elsewhere, named like the stick") << "40 27 0:52 / /home/u/m rw - fuse /dev/sdb1 rw"
+                                                          << false;
+    QTest::newRow("FUSE in the helper's folder of another partition")
+        << "40 27 0:52 / /run/brenta/sdb1 rw - fuse /dev/sdc1 rw" << false;
+    QTest::newRow("not FUSE in the helper's folder") << "40 27 0:52 / /run/brenta/sdb1 rw - tmpfs /dev/sdb1 rw"
+                                                     << false;
+    QTest::newRow("below the helper's folder") << "40 27 0:52 / /run/brenta/sdb1/x rw - fuse /dev/sdb1 rw"
+                                               << false;
+}
+
+void TestUsbHelper::mountOfDisk()
+{
+    QFETCH(QString, line);
+    QFETCH(bool, ofDisk);
+    const QList<MountEntry> entries = ParseMountInfo(line.toUtf8());
+    QCOMPARE(entries.size(), 1);
+    QCOMPARE(IsMountOfDisk(entries.first(), {"8:16", "8:17"}, {"sdb1"}), ofDisk);
 }
 
 void TestUsbHelper::errorLine()
@@ -436,24 +500,13 @@ void TestUsbHelper::endToEnd()
     }
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
-    const QString image = dir.filePath("stick.img");
-    {
-        QFile file(image);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QVERIFY(file.resize(96 << 20));
-    }
-    int code = 0;
-    const QString loop = tool("losetup", {"-f", "--show", "-P", image}, &code).trimmed();
-    if (code != 0 || !loop.startsWith("/dev/loop"))
+    const LoopDevice stick(dir.filePath("stick.img"), 96);
+    if (!stick.IsValid())
         QSKIP("no loop device can be set up here");
+    const QString loop = stick.Node();
     const QString partName = loop.mid(5) + "p1";
-    const QString folder = "/run/brenta/" + partName;
-    const auto cleanup = qScopeGuard([&] {
-        while (mounted(folder))
-            tool("umount", {folder});
-        QDir().rmdir(folder);
-        tool("losetup", {"-d", loop});
-    });
+    const QString folder = stick.Folder();
+    int code = 0;
     // A "mount" that fails leaves the FUSE driver to do the work.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     if (fuse) {
@@ -524,6 +577,46 @@ void TestUsbHelper::endToEnd()
     QCOMPARE(run.lines, QStringList{"step: unmounting"});
     QVERIFY(!mounted(folder));
     QVERIFY(!QFileInfo::exists(folder));
+}
+
+// A mount belongs to the stick only when the kernel mounted the stick itself.
+// Whoever can mount something (a FUSE driver, a container) can name it after
+// the stick, and root must not unmount it for them: the mount point is theirs
+// to swap for a link to somewhere else.
+void TestUsbHelper::otherFileSystemsAreLeftMounted_data()
+{
+    QTest::addColumn<QString>("source"); // "link": a link to the stick; "node": the stick's own path
+
+    QTest::newRow("named by a link to the stick") << "link";
+    QTest::newRow("named like the stick") << "node";
+}
+
+void TestUsbHelper::otherFileSystemsAreLeftMounted()
+{
+    QFETCH(QString, source);
+    if (::geteuid() != 0)
+        QSKIP("needs root for loop devices");
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    if (!stick.IsValid())
+        QSKIP("no loop device can be set up here");
+    const QString link = dir.filePath("stick-link");
+    QVERIFY(QFile::link(stick.Node(), link));
+    const QString folder = dir.filePath("theirs");
+    QVERIFY(QDir().mkpath(folder));
+    int code = -1;
+    const QString said = tool("mount", {"-t", "tmpfs", "-o", "size=1m", source == "link" ? link : stick.Node(), folder},
+                              &code);
+    QVERIFY2(code == 0, qPrintable(said));
+    const auto unmountTheirs = qScopeGuard([&] {
+        while (mounted(folder))
+            tool("umount", {folder});
+    });
+
+    const Run run = helper({"unmount", stick.Node()});
+    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QVERIFY(mounted(folder));
 }
 
 QTEST_GUILESS_MAIN(TestUsbHelper)

@@ -26,8 +26,10 @@
 #include <cstring>
 #include <optional>
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "usbhelper/usbhelper.h"
@@ -113,44 +115,6 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
     return result;
 }
 
-struct Mount
-{
-    QString source;
-    QString point;
-};
-
-QString unescape(const QByteArray& field)
-{
-    QByteArray out;
-    for (int i = 0; i < field.size(); ++i) {
-        if (field[i] == '\\' && i + 3 < field.size()) {
-            bool ok = false;
-            const int value = field.mid(i + 1, 3).toInt(&ok, 8);
-            if (ok && value < 256) {
-                out += char(value);
-                i += 3;
-                continue;
-            }
-        }
-        out += field[i];
-    }
-    return QString::fromUtf8(out);
-}
-
-QList<Mount> mounts()
-{
-    QList<Mount> list;
-    QFile file(QStringLiteral("/proc/self/mounts"));
-    if (!file.open(QIODevice::ReadOnly))
-        return list;
-    for (const QByteArray& line : file.readAll().split('\n')) {
-        const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() >= 2)
-            list << Mount{unescape(fields[0]), unescape(fields[1])};
-    }
-    return list;
-}
-
 dev_t deviceNumber(const QString& path)
 {
     struct stat info;
@@ -159,31 +123,18 @@ dev_t deviceNumber(const QString& path)
     return info.st_rdev;
 }
 
-// The device numbers of the disk and of its partitions.
-QList<dev_t> deviceNumbersOf(const QString& diskName)
+// The device numbers of the disk and of its partitions, as the kernel gives
+// them ("7:0").
+QStringList deviceNumbersOf(const QString& diskName)
 {
     const QStringList names = QStringList(Drives::PartitionsOf(diskName)) << diskName;
-    QList<dev_t> numbers;
+    QStringList numbers;
     for (const QString& name : names) {
-        if (const dev_t number = deviceNumber(QStringLiteral("/dev/") + name))
-            numbers << number;
+        QFile file(QStringLiteral("/sys/class/block/%1/dev").arg(name));
+        if (file.open(QIODevice::ReadOnly))
+            numbers << QString::fromLatin1(file.readAll().trimmed());
     }
     return numbers;
-}
-
-// The mounts of the disk or of its partitions: by the device behind the
-// source, or by the folder the helper gives each partition.
-QList<Mount> mountsOf(const QString& diskName)
-{
-    const QStringList parts = Drives::PartitionsOf(diskName);
-    const QList<dev_t> numbers = deviceNumbersOf(diskName);
-    QList<Mount> found;
-    for (const Mount& mount : mounts()) {
-        const dev_t number = mount.source.startsWith(QLatin1Char('/')) ? deviceNumber(mount.source) : 0;
-        if ((number && numbers.contains(number)) || IsHelperMountPoint(mount.point, parts))
-            found << mount;
-    }
-    return found;
 }
 
 QList<MountEntry> mountTable()
@@ -199,6 +150,19 @@ std::optional<MountEntry> mountAt(const QString& folder)
     for (const MountEntry& mount : mountTable()) {
         if (mount.point == folder)
             found = mount;
+    }
+    return found;
+}
+
+// The mounts of the disk or of its partitions, in the order they were made.
+QList<MountEntry> mountsOf(const QString& diskName)
+{
+    const QStringList numbers = deviceNumbersOf(diskName);
+    const QStringList partitions = Drives::PartitionsOf(diskName);
+    QList<MountEntry> found;
+    for (const MountEntry& mount : mountTable()) {
+        if (IsMountOfDisk(mount, numbers, partitions))
+            found << mount;
     }
     return found;
 }
@@ -231,7 +195,7 @@ QString harden(const QString& folder)
 
 // Whether a process still has one of the devices open: a FUSE driver may go
 // on writing for a moment after its mount is gone.
-bool heldOpen(const QList<dev_t>& numbers)
+bool heldOpen(const QStringList& numbers)
 {
     const QStringList processes = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& pid : processes) {
@@ -241,11 +205,39 @@ bool heldOpen(const QList<dev_t>& numbers)
         for (const QString& fd : QDir(fds).entryList(QDir::System | QDir::NoDotAndDotDot)) {
             struct stat info;
             if (::stat(QFile::encodeName(fds + QLatin1Char('/') + fd).constData(), &info) == 0
-                && S_ISBLK(info.st_mode) && numbers.contains(info.st_rdev))
+                && S_ISBLK(info.st_mode)
+                && numbers.contains(QStringLiteral("%1:%2").arg(major(info.st_rdev)).arg(minor(info.st_rdev))))
                 return true;
         }
     }
     return false;
+}
+
+// Unmounts `mount` where it is. The folder is looked at without following a
+// link, must still be the root of that very mount (its mount id and device),
+// and is unmounted without following a link either, so that a folder swapped
+// for a link in between never has root unmount something else. Only the
+// helper's own folders, which no one else can change, are unmounted when they
+// cannot be looked at (a FUSE driver that died answers nothing). Empty when
+// done, else the reason.
+QString unmountOne(const MountEntry& mount, bool own)
+{
+    const QByteArray path = QFile::encodeName(mount.point);
+    struct statx info = {};
+    const int looked = ::statx(AT_FDCWD, path.constData(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+                               STATX_TYPE | STATX_MNT_ID, &info);
+    if (looked == 0) {
+        const bool sameMount = !(info.stx_mask & STATX_MNT_ID) || info.stx_mnt_id == quint64(mount.id);
+        if (!S_ISDIR(info.stx_mode) || !sameMount || info.stx_dev_major != mount.major
+            || info.stx_dev_minor != mount.minor)
+            return QStringLiteral("%1 is no longer the mount of the stick").arg(mount.point);
+    } else if (!own) {
+        return QStringLiteral("%1 cannot be looked at: %2").arg(mount.point, QString::fromLocal8Bit(std::strerror(errno)));
+    }
+    if (::umount2(path.constData(), UMOUNT_NOFOLLOW) != 0)
+        return QStringLiteral("%1 could not be unmounted: %2")
+            .arg(mount.point, QString::fromLocal8Bit(std::strerror(errno)));
+    return QString();
 }
 
 // Unmounts every mount of the disk, the last mounted first; removes the
@@ -253,20 +245,23 @@ bool heldOpen(const QList<dev_t>& numbers)
 // with `failure` set when one stays mounted or held.
 bool unmountAll(const QString& diskName, const QString& step, QString& failure)
 {
-    QList<Mount> list = mountsOf(diskName);
+    const QList<MountEntry> list = mountsOf(diskName);
+    const QStringList partitions = Drives::PartitionsOf(diskName);
     for (auto it = list.crbegin(); it != list.crend(); ++it) {
-        const RunResult result = run({QStringLiteral("umount"), {it->point}});
-        if (!result.ok) {
-            failure = ErrorLine(step, QStringLiteral("%1 could not be unmounted").arg(it->point), result.lines);
+        const bool own = it->point.startsWith(kMountRoot + QLatin1Char('/'))
+                         && partitions.contains(it->point.mid(kMountRoot.size() + 1));
+        const QString reason = unmountOne(*it, own);
+        if (!reason.isEmpty()) {
+            failure = ErrorLine(step, reason, {});
             return false;
         }
-        if (it->point.startsWith(kMountRoot + QLatin1Char('/')))
+        if (own)
             QDir().rmdir(it->point);
     }
     if (list.isEmpty())
         return true;
     // Only when no driver holds the stick any more is everything written.
-    const QList<dev_t> numbers = deviceNumbersOf(diskName);
+    const QStringList numbers = deviceNumbersOf(diskName);
     QElapsedTimer timer;
     timer.start();
     while (heldOpen(numbers)) {

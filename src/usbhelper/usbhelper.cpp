@@ -451,13 +451,18 @@ bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByte
     return true;
 }
 
-bool IsHelperMountPoint(const QString& mountPoint, const QStringList& partitions)
+bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers, const QStringList& partitions)
 {
-    const QString prefix = kMountRoot + QLatin1Char('/');
-    if (!mountPoint.startsWith(prefix))
+    if (mount.major != 0)
+        return numbers.contains(QStringLiteral("%1:%2").arg(mount.major).arg(mount.minor));
+    if (!mount.type.startsWith(QLatin1String("fuse")))
         return false;
-    const QString rest = mountPoint.mid(prefix.size());
-    return !rest.isEmpty() && !rest.contains(QLatin1Char('/')) && partitions.contains(rest);
+    for (const QString& partition : partitions) {
+        if (mount.point == kMountRoot + QLatin1Char('/') + partition
+            && mount.source == QStringLiteral("/dev/") + partition)
+            return true;
+    }
+    return false;
 }
 
 QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput, int maxLines)

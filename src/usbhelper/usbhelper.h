@@ -123,9 +123,14 @@ struct BootCode
 bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByteArray& coreImage,
                  qint64 firstPartitionStart, BootCode& code, QString& error);
 
-// Whether `mountPoint` (already cleaned) is where the helper would mount one
-// of `partitions`: "/run/brenta/<one of them>".
-bool IsHelperMountPoint(const QString& mountPoint, const QStringList& partitions);
+// Whether `mount` is one of a disk's, given the device numbers of the disk
+// and its partitions ("8:16", as sysfs writes them) and the partitions'
+// names: the kernel mounted one of those devices itself, or it is the
+// helper's own FUSE mount of a partition. A FUSE file system shows a device
+// number of its own (0:N) and a source that is whatever its driver was told,
+// so a source naming the stick proves nothing; but no one other than root can
+// mount on "/run/brenta/<partition>", and only the helper mounts there.
+bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers, const QStringList& partitions);
 
 // "error: <step>: <reason>. <last words>": the tool's last lines joined by
 // blanks, at most `maxLines` of them.
