@@ -14,6 +14,9 @@ packages=(
   # the USB helper: partitioning, file systems (with FUSE drivers for kernels
   # without vfat or exfat), BIOS boot code, and pkexec to start it
   fdisk dosfstools exfatprogs ntfs-3g fusefat exfat-fuse grub-pc-bin grub2-common pkexec
+  # the test that starts the helper through a real pkexec: a system bus, polkitd
+  # and a validator for the policy file
+  dbus polkitd libxml2-utils
   # splitting installer images too large for FAT
   wimtools
   # tests and screenshots

@@ -1,5 +1,6 @@
 #include <QtTest>
 
+#include "common/craftedimage.h"
 #include "common/isofixture.h"
 #include "iso/isojobs.h"
 #include "iso/itemtree.h"
@@ -58,6 +59,8 @@ private Q_SLOTS:
     void neverOverwritesWhatWasThere();
     void failsHonestlyOnUnwritableDestination();
     void stopRemovesPartialOutput();
+    void takesNothingFromOutside_data();
+    void takesNothingFromOutside();
     void commandLine_data();
     void commandLine();
 
@@ -77,6 +80,9 @@ void TestExtract::initTestCase()
         m_images[kind] = IsoFixture::Build(source, m_dir.filePath("-" + kind + " image.iso"), kind, &error);
         QVERIFY2(!m_images[kind].isEmpty(), qPrintable(error));
     }
+    m_images["crafted"] = CraftedImage::Build(m_dir.path(), {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
+                                              m_dir.filePath("crafted.iso"), &error);
+    QVERIFY2(!m_images["crafted"].isEmpty(), qPrintable(error));
     QVERIFY(IsoFixture::WriteTree(m_dir.filePath("nothing"), {}));
     m_images["empty"] = IsoFixture::Build(m_dir.filePath("nothing"), m_dir.filePath("empty.iso"), "joliet", &error);
     QVERIFY(!m_images["empty"].isEmpty());
@@ -247,6 +253,47 @@ void TestExtract::stopRemovesPartialOutput()
              QStringList());
 }
 
+void TestExtract::takesNothingFromOutside_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QString>("entry");
+    QTest::addColumn<bool>("listingGiven");
+    QTest::newRow("crafted name, the page's listing") << "crafted" << "../../notes.txt" << true;
+    QTest::newRow("crafted name, listed by the job") << "crafted" << "../../notes.txt" << false;
+    QTest::newRow("absolute path") << "joliet" << "@outside" << false;
+}
+
+// A file beside the destination must stay where it is, whatever name an
+// image lists or a caller passes.
+void TestExtract::takesNothingFromOutside()
+{
+    QFETCH(QString, kind);
+    QFETCH(QString, entry);
+    QFETCH(bool, listingGiven);
+    QTemporaryDir box;
+    QVERIFY(IsoFixture::WriteTree(box.path(), {{"notes.txt", "private"}}, {"dest"}));
+    if (entry == "@outside")
+        entry = box.filePath("notes.txt");
+
+    ItemTree tree;
+    if (listingGiven) {
+        CListJob list(tree);
+        list.Start(m_images[kind]);
+        waitFor(list);
+        QVERIFY(list.Succeeded());
+        QCOMPARE(list.LeftOut(), QStringList{entry});
+        QCOMPARE(treeLines(tree.Root()), QStringList{"F plain.txt 5"});
+    }
+    CExtractJob job;
+    job.Start(m_images[kind], box.filePath("dest"), {entry}, listingGiven ? &tree : nullptr);
+    waitFor(job);
+    QVERIFY(!job.Succeeded());
+    QVERIFY2(job.Message().contains(entry), qPrintable(job.Message()));
+    QCOMPARE(readAll(box.filePath("notes.txt")), QByteArray("private"));
+    QCOMPARE(QDir(box.filePath("dest")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList());
+}
+
 void TestExtract::commandLine_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -257,6 +304,12 @@ void TestExtract::commandLine_data()
                              << "";
     QTest::newRow("list no image") << QStringList{"list", "@missing"} << 1 << "";
     QTest::newRow("extract usage") << QStringList{"extract", "@joliet"} << 2 << "";
+    // Entries that name files outside the image are refused by name, and
+    // nothing is taken from where they point.
+    QTest::newRow("absolute entry") << QStringList{"extract", "@joliet", "@dest", "@outside"} << 1 << "";
+    QTest::newRow("parent entry") << QStringList{"extract", "@joliet", "@dest", "../../notes.txt"} << 1 << "";
+    QTest::newRow("entry not in the image") << QStringList{"extract", "@joliet", "@dest", "a.txt", "nothing.txt"}
+                                            << 1 << "";
 }
 
 void TestExtract::commandLine()
@@ -264,14 +317,19 @@ void TestExtract::commandLine()
     QFETCH(QStringList, arguments);
     QFETCH(int, exitCode);
     QFETCH(QString, expectedOut);
-    QTemporaryDir destination;
+    QTemporaryDir box;
+    QVERIFY(IsoFixture::WriteTree(box.path(), {{"notes.txt", "private"}}, {"dest"}));
+    const QString destination = box.filePath("dest");
+    const QStringList given = arguments;
     for (QString& argument : arguments) {
         if (argument == "@joliet")
             argument = m_images["joliet"];
         else if (argument == "@dest")
-            argument = destination.path();
+            argument = destination;
         else if (argument == "@missing")
             argument = m_dir.filePath("missing.iso");
+        else if (argument == "@outside")
+            argument = box.filePath("notes.txt");
     }
     QProcess brenta;
     brenta.start(BRENTA_EXECUTABLE, arguments);
@@ -287,10 +345,18 @@ void TestExtract::commandLine()
         const QRegularExpression line(QRegularExpression::wildcardToRegularExpression(expectedOut));
         QVERIFY2(out.split('\n').indexOf(line) >= 0, qPrintable(out));
     }
-    if (arguments.value(0) == "extract" && exitCode == 0) {
-        QCOMPARE(readAll(destination.filePath("sub/b c.txt")), QByteArray("bee see"));
-        QCOMPARE(readAll(destination.filePath("-dash.txt")), QByteArray("top dash"));
+    QCOMPARE(readAll(box.filePath("notes.txt")), QByteArray("private"));
+    if (given.value(0) != "extract" || exitCode == 2)
+        return;
+    const QStringList placed = QDir(destination).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    if (exitCode == 0) {
+        QCOMPARE(readAll(QDir(destination).filePath("sub/b c.txt")), QByteArray("bee see"));
+        QCOMPARE(readAll(QDir(destination).filePath("-dash.txt")), QByteArray("top dash"));
+        return;
     }
+    // A refused extraction names what it refused and writes nothing.
+    QVERIFY2(err.contains(arguments.last()), qPrintable(err));
+    QCOMPARE(placed, QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestExtract)

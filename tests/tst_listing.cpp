@@ -1,5 +1,7 @@
 #include <QtTest>
 
+#include <unistd.h>
+
 #include "iso/extraction.h"
 #include "iso/itemtree.h"
 #include "iso/listing.h"
@@ -31,6 +33,14 @@ QString row(const QString& attributes, const QString& size, const QString& name)
         .arg(attributes, size.rightJustified(12), QString(12, ' '), name);
 }
 
+// What a symbolic link holds, as stored; empty when the path is no link.
+QByteArray linkText(const QString& path)
+{
+    char buffer[4096];
+    const ssize_t size = ::readlink(QFile::encodeName(path).constData(), buffer, sizeof buffer);
+    return size < 0 ? QByteArray() : QByteArray(buffer, int(size));
+}
+
 } // namespace
 
 class TestListing final : public QObject
@@ -40,6 +50,8 @@ class TestListing final : public QObject
 private Q_SLOTS:
     void parseLine_data();
     void parseLine();
+    void safePaths_data();
+    void safePaths();
     void readerKeepsOnlyTheTable();
     void filesBeforeTheirFolders();
     void insertRules();
@@ -49,6 +61,7 @@ private Q_SLOTS:
     void progress();
     void argumentsKeepNamesLiteral();
     void moveUpNeverReplaces();
+    void moveUpTakesNothingFromOutside();
 };
 
 void TestListing::parseLine_data()
@@ -88,6 +101,30 @@ void TestListing::parseLine()
     QCOMPARE(entry->name, name);
 }
 
+void TestListing::safePaths_data()
+{
+    QTest::addColumn<QString>("path");
+    QTest::addColumn<bool>("safe");
+    QTest::newRow("file") << "a.txt" << true;
+    QTest::newRow("nested") << "docs/x/a.txt" << true;
+    QTest::newRow("dots inside names") << "..a/b../..." << true;
+    QTest::newRow("leading dash") << "-x/@y" << true;
+    QTest::newRow("absolute") << "/home/me/notes.txt" << false;
+    QTest::newRow("parent") << "../../notes.txt" << false;
+    QTest::newRow("parent inside") << "docs/../../notes.txt" << false;
+    QTest::newRow("dot") << "./a.txt" << false;
+    QTest::newRow("empty part") << "docs//a.txt" << false;
+    QTest::newRow("trailing slash") << "docs/" << false;
+    QTest::newRow("empty") << "" << false;
+}
+
+void TestListing::safePaths()
+{
+    QFETCH(QString, path);
+    QFETCH(bool, safe);
+    QCOMPARE(Listing::IsSafePath(path), safe);
+}
+
 void TestListing::readerKeepsOnlyTheTable()
 {
     ItemTree tree;
@@ -97,15 +134,22 @@ void TestListing::readerKeepsOnlyTheTable()
         "Path = x.iso\n", row(".....", "1", "banner-looking line"), separator,
         row(".....", "5", "a.txt"), row("D....", "", "dir"),
         // A name made of hyphens is an entry, not the end of the table.
-        row(".....", "2", "-------------------.txt"), separator,
+        row(".....", "2", "-------------------.txt"),
+        // Names a crafted image can list stay out of the tree.
+        row(".....", "3", "../../notes.txt"), row(".....", "4", "/home/me/notes.txt"), separator,
         row(".....", "9", "totals-looking line"),
     };
+    std::vector<Listing::FileSpan> files;
+    reader.RecordFiles(&files);
     QList<bool> ends;
     for (const QString& line : lines)
         ends << reader.Feed(line);
-    QCOMPARE(ends, (QList<bool>{false, false, false, false, false, false, true, false}));
+    QCOMPARE(ends, (QList<bool>{false, false, false, false, false, false, false, false, true, false}));
     QVERIFY(reader.Finished());
     QCOMPARE(childNames(tree.Root()), (QStringList{"a.txt", "dir", "-------------------.txt"}));
+    QCOMPARE(reader.LeftOut(), (QStringList{"../../notes.txt", "/home/me/notes.txt"}));
+    // The recorded files keep the tool's order, which its data follows.
+    QCOMPARE(files.size(), size_t(4));
 }
 
 // Some images list a file before its folders: the folders are made on the
@@ -254,6 +298,38 @@ void TestListing::moveUpNeverReplaces()
     QVERIFY(!QFileInfo::exists(root.filePath("dest/.stage")));
     QCOMPARE(Extraction::FreeName(root.filePath("dest"), ".hidden"), QString(".hidden"));
     QCOMPARE(Extraction::FreeName(root.filePath("dest"), "sub"), QString("sub (2)"));
+}
+
+// A staging folder in which the tool (or a crafted image) left a link that
+// points outside: nothing may be taken through it, and a link entry is moved
+// as the link it is.
+void TestListing::moveUpTakesNothingFromOutside()
+{
+    QTemporaryDir dir;
+    const QDir root(dir.path());
+    QVERIFY(root.mkpath("dest/.stage/inside"));
+    QVERIFY(root.mkpath("elsewhere"));
+    QFile outside(root.filePath("elsewhere/notes.txt"));
+    QVERIFY(outside.open(QIODevice::WriteOnly));
+    outside.write("private");
+    outside.close();
+    QVERIFY(QFile::link(root.filePath("elsewhere"), root.filePath("dest/.stage/out")));
+    QVERIFY(QFile::link("../elsewhere/notes.txt", root.filePath("dest/.stage/inside/link")));
+
+    const QStringList entries{"out/notes.txt", "../../elsewhere/notes.txt", root.filePath("elsewhere/notes.txt"),
+                              "inside/link"};
+    const Extraction::MoveResult result =
+        Extraction::MoveUp(root.filePath("dest/.stage"), entries, root.filePath("dest"));
+    QVERIFY(!result.ok);
+    for (const QString& refused : entries.mid(0, 3))
+        QVERIFY2(result.message.contains(refused), qPrintable(result.message));
+    QVERIFY(QFileInfo::exists(root.filePath("elsewhere/notes.txt")));
+    QCOMPARE(result.placed, QStringList{root.filePath("dest/link")});
+    QCOMPARE(linkText(root.filePath("dest/link")), QByteArray("../elsewhere/notes.txt"));
+    QCOMPARE(root.entryList(QStringList{"*"}, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             (QStringList{"dest", "elsewhere"}));
+    QCOMPARE(QDir(root.filePath("dest")).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
+             QStringList{"link"});
 }
 
 QTEST_GUILESS_MAIN(TestListing)

@@ -6,6 +6,7 @@
 #include <QTableView>
 #include <QTreeWidget>
 
+#include "common/craftedimage.h"
 #include "common/isofixture.h"
 #include "common/modal.h"
 #include "pages/page2.h"
@@ -70,6 +71,7 @@ private Q_SLOTS:
     void extractNeedsTickedRows();
     void extractsTickedEntriesFromNestedFolder();
     void imageThatCannotBeReadGivesThePageBack();
+    void craftedNamesStayOutOfReach();
     void folderPickerSelectsSeveralFolders();
 
 private:
@@ -77,6 +79,7 @@ private:
 
     QTemporaryDir m_dir;
     QString m_image;
+    QString m_crafted;
     std::unique_ptr<CPage2> m_page;
     QStringList m_answers; // what the pickers answer, in order
 };
@@ -91,6 +94,9 @@ void TestPage2::initTestCase()
     QString error;
     m_image = IsoFixture::Build(source, m_dir.filePath("disc.iso"), "joliet", &error);
     QVERIFY2(!m_image.isEmpty(), qPrintable(error));
+    m_crafted = CraftedImage::Build(m_dir.path(), {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
+                                    m_dir.filePath("crafted.iso"), &error);
+    QVERIFY2(!m_crafted.isEmpty(), qPrintable(error));
 }
 
 void TestPage2::init()
@@ -233,6 +239,37 @@ void TestPage2::imageThatCannotBeReadGivesThePageBack()
     QVERIFY(m_page->findChild<CImageButton*>("back")->isEnabled());
     QVERIFY(QApplication::overrideCursor() == nullptr);
     QCOMPARE(m_page->Table()->model()->rowCount(), 0);
+}
+
+// A name in a crafted image that leads out of the image's folders would,
+// once ticked, take the file it names from beside the destination. The page
+// says it left such names out, and extracting everything it shows takes
+// nothing from outside.
+void TestPage2::craftedNamesStayOutOfReach()
+{
+    QTemporaryDir box;
+    QVERIFY(IsoFixture::WriteTree(box.path(), {{"notes.txt", "private"}}, {"dest"}));
+    QString said;
+    whenModal<CommDialog>([&](CommDialog* dialog) {
+        said = dialog->Label()->text();
+        clickButton(dialog->OkButton());
+    });
+    openImage(m_crafted);
+    QTRY_VERIFY(!said.isEmpty());
+    QVERIFY2(said.contains("../../notes.txt"), qPrintable(said));
+    QCOMPARE(column(m_page->Table(), 0), QStringList{"plain.txt"});
+
+    m_page->slotSelectAll(true);
+    m_answers << box.filePath("dest");
+    QSignalSpy extracted(m_page.get(), &CPage2::extractionFinished);
+    whenModal<CommDialog>([](CommDialog* dialog) { clickButton(dialog->OkButton()); });
+    clickButton(m_page->findChild<CImageButton*>("extract"));
+    QVERIFY(extracted.wait(60000) || extracted.count() == 1);
+    QVERIFY(extracted.first().at(0).toBool());
+    QCOMPARE(QDir(box.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             (QStringList{"dest", "notes.txt"}));
+    QCOMPARE(QDir(box.filePath("dest")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList{"plain.txt"});
 }
 
 // Qt's own dialog must still have the parts the multi-folder picker adapts.

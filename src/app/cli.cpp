@@ -225,6 +225,8 @@ int RunList(const Request& request)
     CListJob job(tree);
     if (const int status = runToEnd(job, false, [&] { job.Start(request.image); }))
         return status;
+    for (const QString& name : job.LeftOut())
+        print(stderr, QStringLiteral("brenta: warning: left out %1: the name leads outside the image's folders.\n").arg(name));
     printTree(tree.Root());
     std::fflush(stdout);
     return 0;

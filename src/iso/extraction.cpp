@@ -3,7 +3,11 @@
 #include <QDir>
 #include <QFileInfo>
 
+#include <sys/stat.h>
+
 #include "app/util.h"
+#include "iso/itemtree.h"
+#include "iso/listing.h"
 
 namespace Extraction {
 
@@ -68,20 +72,68 @@ QString FreeName(const QString& dir, const QString& name)
     }
 }
 
+QString CheckEntries(const QStringList& entries, const ItemTree& contents)
+{
+    QStringList unsafe;
+    QStringList absent;
+    for (const QString& entry : entries) {
+        if (!Listing::IsSafePath(entry))
+            unsafe << entry;
+        else if (contents.Find(QString(entry).replace(QLatin1Char('/'), QLatin1Char('\\'))) == nullptr)
+            absent << entry;
+    }
+    QStringList problems;
+    if (!unsafe.isEmpty())
+        problems << QStringLiteral("Not a path inside the image (it starts with \"/\" or has an empty, "
+                                   "\".\" or \"..\" part): %1.")
+                        .arg(unsafe.join(QStringLiteral(", ")));
+    if (!absent.isEmpty())
+        problems << QStringLiteral("Not in the image: %1.").arg(absent.join(QStringLiteral(", ")));
+    return problems.join(QLatin1Char(' '));
+}
+
+namespace {
+
+bool exists(const QString& path)
+{
+    struct stat info;
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0;
+}
+
+bool isInside(const QString& path, const QString& folder)
+{
+    return path == folder || path.startsWith(folder + QLatin1Char('/'));
+}
+
+} // namespace
+
 MoveResult MoveUp(const QString& staging, const QStringList& entries, const QString& destination)
 {
     MoveResult result;
-    const QDir from(staging);
+    const QString root = QFileInfo(staging).canonicalFilePath();
     const QDir to(destination);
     QStringList missing;
+    QStringList refused;
     for (const QString& entry : entries) {
-        const QString source = from.filePath(entry);
-        const QFileInfo info(source);
-        if (!info.exists() && !info.isSymLink()) {
+        if (root.isEmpty() || !Listing::IsSafePath(entry)) {
+            refused << entry;
+            continue;
+        }
+        // The entry's folder resolved, the entry itself not: a link is moved
+        // as it is, and nothing from outside staging is ever taken.
+        const qsizetype slash = entry.lastIndexOf(QLatin1Char('/'));
+        const QString name = entry.mid(slash + 1);
+        const QString folder =
+            slash < 0 ? root : QFileInfo(root + QLatin1Char('/') + entry.left(slash)).canonicalFilePath();
+        if (!folder.isEmpty() && !isInside(folder, root)) {
+            refused << entry;
+            continue;
+        }
+        const QString source = folder + QLatin1Char('/') + name;
+        if (folder.isEmpty() || !exists(source)) {
             missing << entry;
             continue;
         }
-        const QString name = entry.mid(entry.lastIndexOf(QLatin1Char('/')) + 1);
         const QString target = to.filePath(FreeName(destination, name));
         // A rename within one file system: the staging folder lives inside the
         // destination, so nothing is copied and no device is crossed.
@@ -93,6 +145,11 @@ MoveResult MoveUp(const QString& staging, const QStringList& entries, const QStr
         result.placed << target;
     }
     QDir(staging).removeRecursively();
+    if (!refused.isEmpty() && result.ok) {
+        result.ok = false;
+        result.message = QStringLiteral("%1 did not lie inside the extracted files and was left alone.")
+                             .arg(refused.join(QStringLiteral(", ")));
+    }
     if (!missing.isEmpty() && result.ok) {
         result.ok = false;
         result.message = QStringLiteral("The archive tool did not extract %1.")

@@ -5,6 +5,8 @@
 
 #include <optional>
 
+class ItemTree;
+
 // Extracting entries of an image with the archive tool, and moving them up
 // from the folder chain the tool recreates to the destination itself.
 namespace Extraction {
@@ -28,6 +30,11 @@ QStringList Arguments(const QString& image, const QString& outputDir, const QStr
 // True when the tool's last words say the extraction went well.
 bool OutputSaysOk(const QStringList& lines);
 
+// What is wrong with the entries asked for, naming them, or an empty string.
+// Each must be a safe path (see Listing::IsSafePath) that the image's
+// listing holds.
+QString CheckEntries(const QStringList& entries, const ItemTree& contents);
+
 struct MoveResult
 {
     bool ok = true;
@@ -37,8 +44,11 @@ struct MoveResult
 
 // Moves each entry (a "/" separated path below staging) up into destination
 // under its own last name. An existing file or folder in the destination is
-// never replaced: the entry gets a free name ("name (2).ext") instead. The
-// staging folder is removed afterwards, with whatever else it still holds.
+// never replaced: the entry gets a free name ("name (2).ext") instead. Only
+// what really lies inside staging is moved: an unsafe entry, or one whose
+// folder resolves (through a symbolic link, say) to a place outside staging,
+// is refused; a link itself is moved as a link, never followed. The staging
+// folder is removed afterwards, with whatever else it still holds.
 MoveResult MoveUp(const QString& staging, const QStringList& entries, const QString& destination);
 
 // "name (2).ext", "name (3).ext", ...: the first that does not exist in dir.

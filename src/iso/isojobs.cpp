@@ -37,6 +37,7 @@ void CListJob::Start(const QString& image)
     m_tree.title = QFileInfo(image).fileName();
     m_succeeded = false;
     m_message.clear();
+    m_leftOut.clear();
 
     // The tree grows while the tool is still listing, batch by batch, so
     // little is left to do when it ends; a failed listing leaves it empty.
@@ -76,6 +77,7 @@ void CListJob::OnFinished()
         m_message = QStringLiteral("The image could not be opened. %1")
                         .arg(m_runner->FailureText(archiveToolName()));
     }
+    m_leftOut = m_reader->LeftOut();
     m_runner->deleteLater();
     m_runner = nullptr;
     m_reader.reset();
@@ -89,25 +91,60 @@ CExtractJob::~CExtractJob()
     Stop();
 }
 
-void CExtractJob::Start(const QString& image, const QString& destination, const QStringList& entries)
+void CExtractJob::Start(const QString& image, const QString& destination, const QStringList& entries,
+                        const ItemTree* contents)
 {
     Stop();
+    ++m_run;
+    m_running = true;
     m_succeeded = false;
     m_message.clear();
     m_placed.clear();
     m_lines.clear();
+    m_image = image;
     m_destination = destination;
     m_entries = entries;
 
-    QDir().mkpath(destination);
-    QTemporaryDir staging(QDir(destination).filePath(QStringLiteral(".brenta-extract-XXXXXX")));
+    if (entries.isEmpty() || contents != nullptr) {
+        Extract(contents);
+        return;
+    }
+    // Entries named on a command line are checked against the image's own
+    // listing before anything is extracted.
+    m_listed = std::make_unique<ItemTree>();
+    m_list = new CListJob(*m_listed, this);
+    connect(m_list, &CListJob::finished, this, &CExtractJob::OnListed);
+    m_list->Start(image);
+}
+
+void CExtractJob::OnListed()
+{
+    const bool listed = m_list->Succeeded();
+    const QString message = m_list->Message();
+    m_list->deleteLater();
+    m_list = nullptr;
+    if (!listed) {
+        m_listed.reset();
+        Finish(false, message);
+        return;
+    }
+    Extract(m_listed.get());
+    m_listed.reset();
+}
+
+void CExtractJob::Extract(const ItemTree* contents)
+{
+    if (contents != nullptr) {
+        const QString wrong = Extraction::CheckEntries(m_entries, *contents);
+        if (!wrong.isEmpty()) {
+            FinishLater(false, QStringLiteral("Nothing was extracted. %1").arg(wrong));
+            return;
+        }
+    }
+    QDir().mkpath(m_destination);
+    QTemporaryDir staging(QDir(m_destination).filePath(QStringLiteral(".brenta-extract-XXXXXX")));
     if (!staging.isValid()) {
-        m_staging.clear();
-        // Reported from the event loop, like every other end, so that a caller
-        // that starts and then waits always sees the signal.
-        const QString message =
-            QStringLiteral("Cannot write into %1 (%2).").arg(destination, staging.errorString());
-        QMetaObject::invokeMethod(this, [this, message] { Finish(false, message); }, Qt::QueuedConnection);
+        FinishLater(false, QStringLiteral("Cannot write into %1 (%2).").arg(m_destination, staging.errorString()));
         return;
     }
     staging.setAutoRemove(false);
@@ -117,23 +154,27 @@ void CExtractJob::Start(const QString& image, const QString& destination, const 
     connect(m_runner, &CRunCommandThread::standoutputline, this, &CExtractJob::OnLine);
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnFinished);
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
-                         Extraction::Arguments(image, m_staging, entries));
+                         Extraction::Arguments(m_image, m_staging, m_entries));
     m_runner->StartCommand();
 }
 
 void CExtractJob::Stop()
 {
-    if (m_runner == nullptr)
+    if (!m_running)
         return;
-    CRunCommandThread::Dispose(m_runner);
+    m_running = false;
+    if (m_list != nullptr) {
+        m_list->Stop();
+        m_list->deleteLater();
+        m_list = nullptr;
+    }
+    m_listed.reset();
+    // The tool has ended before its staging folder goes, or it could write
+    // into the folder again after the removal.
+    CRunCommandThread::StopAndWait(m_runner);
     if (!m_staging.isEmpty())
         QDir(m_staging).removeRecursively();
     m_staging.clear();
-}
-
-bool CExtractJob::IsRunning() const
-{
-    return m_runner != nullptr;
 }
 
 void CExtractJob::OnLine(const QString& line)
@@ -172,9 +213,23 @@ void CExtractJob::OnFinished()
 
 void CExtractJob::Finish(bool succeeded, const QString& message)
 {
+    m_running = false;
     m_succeeded = succeeded;
     m_message = message;
     Q_EMIT finished();
+}
+
+void CExtractJob::FinishLater(bool succeeded, const QString& message)
+{
+    const int run = m_run;
+    QMetaObject::invokeMethod(
+        this,
+        [this, run, succeeded, message] {
+            // A Stop() or a new Start() since then has taken this run's place.
+            if (m_running && run == m_run)
+                Finish(succeeded, message);
+        },
+        Qt::QueuedConnection);
 }
 
 CBuildJob::~CBuildJob()

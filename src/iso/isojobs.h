@@ -35,6 +35,9 @@ public:
 
     bool Succeeded() const { return m_succeeded; }
     QString Message() const { return m_message; }
+    // Entries whose names would lead outside a folder they are extracted
+    // to; they are not in the tree.
+    QStringList LeftOut() const { return m_leftOut; }
     // Records the files in the tool's order too (from the next Start()).
     void RecordFiles(std::vector<Listing::FileSpan>* files) { m_files = files; }
 
@@ -50,12 +53,14 @@ private:
     std::unique_ptr<Listing::Reader> m_reader;
     bool m_succeeded = false;
     QString m_message;
+    QStringList m_leftOut;
 };
 
 // Extracts entries of an image into a destination folder so that the folder
 // receives the entries themselves: the tool writes into a hidden staging
 // folder inside the destination, and the entries are then moved up under free
 // names, so nothing that was there before is ever overwritten or deleted.
+// The staging folder goes at the end, whatever the outcome.
 class CExtractJob final : public QObject
 {
     Q_OBJECT
@@ -66,11 +71,14 @@ public:
     ~CExtractJob() override;
 
     // Entries are paths inside the image with "/" between components; none
-    // means the whole image.
-    void Start(const QString& image, const QString& destination, const QStringList& entries);
+    // means the whole image. Each must be an entry of the image's listing:
+    // `contents` is that listing when the caller has it already (it is read
+    // during the call only); without it the job lists the image first.
+    void Start(const QString& image, const QString& destination, const QStringList& entries,
+               const ItemTree* contents = nullptr);
     // Ends the tool and removes what it had written so far.
     void Stop();
-    bool IsRunning() const;
+    bool IsRunning() const { return m_running; }
 
     bool Succeeded() const { return m_succeeded; }
     QString Message() const { return m_message; }
@@ -81,11 +89,21 @@ Q_SIGNALS:
     void finished();
 
 private:
+    void OnListed();
+    void Extract(const ItemTree* contents);
     void OnLine(const QString& line);
     void OnFinished();
+    // Ends the run now, or from the event loop when called while starting, so
+    // that a caller that starts and then waits always sees the signal.
     void Finish(bool succeeded, const QString& message);
+    void FinishLater(bool succeeded, const QString& message);
 
+    std::unique_ptr<ItemTree> m_listed;
+    CListJob* m_list = nullptr;
     CRunCommandThread* m_runner = nullptr;
+    bool m_running = false;
+    int m_run = 0;
+    QString m_image;
     QString m_destination;
     QString m_staging;
     QStringList m_entries;

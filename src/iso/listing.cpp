@@ -18,6 +18,17 @@ bool IsSeparator(const QString& line)
     return line.startsWith(QLatin1String("-------------------"));
 }
 
+bool IsSafePath(const QString& path)
+{
+    if (path.isEmpty())
+        return false;
+    for (const QStringView component : QStringView(path).split(QLatin1Char('/'))) {
+        if (component.isEmpty() || component == QLatin1String(".") || component == QLatin1String(".."))
+            return false;
+    }
+    return true;
+}
+
 std::optional<Entry> ParseLine(const QString& line)
 {
     QStringView text(line);
@@ -58,8 +69,15 @@ bool Reader::Feed(const QString& line)
     std::optional<Entry> entry = ParseLine(line);
     if (!entry)
         return false;
+    // Every file is recorded, so that the recorded order stays the order of
+    // the tool's data; only the tree, from which entries are chosen, goes
+    // without the unsafe ones.
     if (m_files != nullptr && !entry->isDir)
         m_files->push_back({entry->name, entry->size.toLongLong()});
+    if (!IsSafePath(entry->name)) {
+        m_leftOut << entry->name;
+        return false;
+    }
     auto item = std::make_unique<Item>();
     item->name = std::move(entry->name);
     item->isDir = entry->isDir;

@@ -34,11 +34,17 @@ QStringList Arguments(const QString& image);
 
 bool IsSeparator(const QString& line);
 
+// True for a path that stays inside the folder it is taken from: relative,
+// "/" between components, and no component empty, "." or "..". A crafted
+// image can list names such as "../../notes.txt" or "/home/me/notes.txt".
+bool IsSafePath(const QString& path);
+
 // Cuts one table line; nothing when it has no name (53 characters or fewer
 // once line ends are removed).
 std::optional<Entry> ParseLine(const QString& line);
 
-// Feeds a listing into an item tree line by line.
+// Feeds a listing into an item tree line by line. Entries whose names are not
+// safe paths are left out of the tree and kept aside, for the caller to tell.
 class Reader final
 {
 public:
@@ -50,6 +56,7 @@ public:
     void RecordFiles(std::vector<FileSpan>* files) { m_files = files; }
     bool Finished() const { return m_finished; }
     int Entries() const { return m_entries; }
+    QStringList LeftOut() const { return m_leftOut; }
 
 private:
     ItemTree& m_tree;
@@ -57,6 +64,7 @@ private:
     bool m_inListing = false;
     bool m_finished = false;
     int m_entries = 0;
+    QStringList m_leftOut;
 };
 
 } // namespace Listing

@@ -91,6 +91,9 @@ void CPage2::OnUnzipFinished()
     const bool succeeded = m_list->Succeeded();
     if (!succeeded)
         Util::ShowMessage(m_list->Message());
+    else if (const QStringList leftOut = m_list->LeftOut(); !leftOut.isEmpty())
+        Util::ShowMessage(QStringLiteral("Not shown, because the names lead outside the image's folders: %1")
+                              .arg(leftOut.join(QStringLiteral(", "))));
     Q_EMIT listingFinished(succeeded);
 }
 
@@ -119,7 +122,7 @@ void CPage2::OnExtract()
     m_progress->SetText(QStringLiteral("Extracting files..."));
     m_progress->SetRange(0, 100);
     m_progress->SetValue(0);
-    m_extract->Start(m_image, destination, entries);
+    m_extract->Start(m_image, destination, entries, &m_contents);
 }
 
 void CPage2::OnExtractOutput(int percent, const QString& entry)
