@@ -20,14 +20,11 @@ private Q_SLOTS:
     void initTestCase();
     void init() { m_urls.opened.clear(); }
 
-    void picturesLoadAtTheirSize_data();
-    void picturesLoadAtTheirSize();
-    void windowIsSkinnedAndStaysOnEscape();
+    void windowStaysOnEscape();
     void featureButtonOpensFreshPage_data();
     void featureButtonOpensFreshPage();
     void driveChangesReachThePages();
-    void menuHasItsActionsAndIsReplaced();
-    void exitClosesTheWindow();
+    void menuIsReplacedAndExitCloses();
     void homeAndHelpOpenTheirPages();
     void aboutShowsProductLink();
 
@@ -46,68 +43,11 @@ void TestMainWindow::initTestCase()
     DriveSeam::SetRemovable([] { return QList<RemovableDrive>{}; });
 }
 
-// Every picture the windows and dialogs name must be compiled in and have the
-// size the layout was drawn for: a picture of another size would shift every
-// widget placed on it.
-void TestMainWindow::picturesLoadAtTheirSize_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QSize>("size");
-    const auto add = [](const QString& name, QSize size) {
-        QTest::newRow(qPrintable(name)) << name << size;
-    };
-    add("main", {860, 580});
-    for (const char* sprite : {"menu", "minimize", "close"})
-        add(sprite, {84, 25});
-    add("Home", {300, 68});
-    add("Help", {300, 68});
-    const struct
-    {
-        const char* stem;
-        QSize size;
-        int states;
-    } sets[] = {
-        {"mburn", {428, 220}, 3},      {"Extract", {206, 220}, 3},   {"Create", {208, 219}, 3},
-        {"Edit", {210, 219}, 3},       {"Copy-Disc", {206, 219}, 3}, {"close_small_", {28, 25}, 3},
-        {"OK", {90, 21}, 3},           {"NO_", {92, 22}, 3},         {"Open-Folder", {90, 21}, 3},
-        {"Stop", {92, 22}, 4},         {"OK_", {92, 22}, 3},         {"Back", {100, 40}, 3},
-        {"backwhite", {100, 40}, 3},   {"burn", {108, 40}, 3},       {"start", {108, 40}, 3},
-        {"Broswe", {80, 24}, 3},       {"filedialog", {28, 28}, 3},  {"refresh", {28, 26}, 3},
-    };
-    for (const auto& set : sets) {
-        for (int state = 1; state <= set.states; ++state)
-            add(QLatin1String(set.stem) + QString::number(state), set.size);
-    }
-    add("about_us", {420, 188});
-    add("commdialogbg", {420, 188});
-    add("format_usb", {420, 188});
-    for (const char* notice : {"insert_usb", "burn-fails", "insufficient_space", "select_files_extract"})
-        add(notice, {420, 160});
-    add("logo", {256, 256});
-    for (const char* page : {"page1", "page5"})
-        add(page, {664, 472});
-    add("rchecked", {16, 16});
-    add("runchecked", {16, 16});
-}
-
-void TestMainWindow::picturesLoadAtTheirSize()
-{
-    QFETCH(QString, name);
-    QFETCH(QSize, size);
-    const QPixmap picture(":/nwu/" + name);
-    QVERIFY2(!picture.isNull(), qPrintable(name + " does not load"));
-    QCOMPARE(picture.size(), size);
-}
-
-void TestMainWindow::windowIsSkinnedAndStaysOnEscape()
+void TestMainWindow::windowStaysOnEscape()
 {
     MainWindow window;
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
-    QCOMPARE(window.size(), QSize(860, 580));
-    QCOMPARE(window.windowTitle(), QString("Brenta"));
-    QVERIFY(window.windowFlags() & Qt::FramelessWindowHint);
-    QVERIFY(window.testAttribute(Qt::WA_TranslucentBackground));
     // Escape would reject the underlying dialog and end Brenta by accident.
     QTest::keyClick(&window, Qt::Key_Escape);
     QVERIFY(window.isVisible());
@@ -117,21 +57,17 @@ void TestMainWindow::featureButtonOpensFreshPage_data()
 {
     QTest::addColumn<QString>("button");
     QTest::addColumn<QString>("pageClass");
-    QTest::addColumn<QRect>("geometry");
-    const QRect beside(195, 107, 664, 472);
-    QTest::newRow("burn") << "burn" << "CBurnDialog" << beside;
-    QTest::newRow("extract") << "extract" << "CPage2" << beside;
-    QTest::newRow("create") << "create" << "CPage3" << beside;
-    // The edit page takes the whole width below the header.
-    QTest::newRow("edit") << "edit" << "CPage4" << QRect(3, 107, 854, 470);
-    QTest::newRow("copy") << "copy" << "CPage5" << beside;
+    QTest::newRow("burn") << "burn" << "CBurnDialog";
+    QTest::newRow("extract") << "extract" << "CPage2";
+    QTest::newRow("create") << "create" << "CPage3";
+    QTest::newRow("edit") << "edit" << "CPage4";
+    QTest::newRow("copy") << "copy" << "CPage5";
 }
 
 void TestMainWindow::featureButtonOpensFreshPage()
 {
     QFETCH(QString, button);
     QFETCH(QString, pageClass);
-    QFETCH(QRect, geometry);
     MainWindow window;
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
@@ -142,12 +78,9 @@ void TestMainWindow::featureButtonOpensFreshPage()
     QPointer<ImageDialog> first = pages().first();
     QCOMPARE(QString(first->metaObject()->className()), pageClass);
     QVERIFY(first->isVisible());
+    // The page lives inside the window; dragging it must not tear it out.
     QVERIFY(!first->isWindow());
-    QCOMPARE(first->geometry(), geometry);
     QVERIFY(!first->IsMovable());
-    // The page covers the feature buttons but leaves the header usable.
-    QVERIFY(first->isAncestorOf(window.childAt(300, 200)) || window.childAt(300, 200) == first);
-    QCOMPARE(window.childAt(790, 10), window.Button("menu"));
 
     // Back takes the page away for good; a second click gives a fresh page.
     auto* back = first->findChild<CImageButton*>("back");
@@ -170,41 +103,22 @@ void TestMainWindow::driveChangesReachThePages()
     QCOMPARE(changed.count(), 1);
 }
 
-void TestMainWindow::menuHasItsActionsAndIsReplaced()
+// Each click on the menu button makes a new menu; the old one must go rather
+// than pile up. Exit, its last entry, closes the window.
+void TestMainWindow::menuIsReplacedAndExitCloses()
 {
     MainWindow window;
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
     QPointer<QMenu> first = window.CreateMenu();
-    QMenu* menu = window.CreateMenu();
-    QVERIFY(first.isNull());
-    QCOMPARE(window.Menu(), menu);
-
-    QStringList texts;
-    QList<QKeySequence> shortcuts;
-    for (QAction* action : menu->actions()) {
-        texts << (action->isSeparator() ? "-" : action->text());
-        shortcuts << action->shortcut();
-    }
-    QCOMPARE(texts, (QStringList{"Help(&H)", "About US(&U)", "-", "Exit(&E)"}));
-    QCOMPARE(shortcuts, (QList<QKeySequence>{QKeySequence("Ctrl+H"), QKeySequence("Ctrl+U"),
-                                             QKeySequence(), QKeySequence("Ctrl+E")}));
-
-    // The menu button opens it at the cursor; Escape dismisses it.
     QTimer::singleShot(50, this, [&] {
         QMenu* shown = window.Menu();
         QVERIFY(shown && shown->isVisible());
         shown->close();
     });
-    window.show();
     QTest::mouseClick(window.Button("menu"), Qt::LeftButton);
-}
-
-void TestMainWindow::exitClosesTheWindow()
-{
-    MainWindow window;
-    window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-    QMenu* menu = window.CreateMenu();
-    menu->actions().constLast()->trigger();
+    QVERIFY(first.isNull());
+    window.Menu()->actions().constLast()->trigger();
     QVERIFY(!window.isVisible());
 }
 
@@ -227,11 +141,7 @@ void TestMainWindow::homeAndHelpOpenTheirPages()
 void TestMainWindow::aboutShowsProductLink()
 {
     CAboutusDialog dialog;
-    QCOMPARE(dialog.size(), QSize(420, 188));
-    QCOMPARE(dialog.LinkLabel()->pos(), QPoint(192, 112));
     QVERIFY(dialog.LinkLabel()->text().contains(Links::ProductPage()));
-    QCOMPARE(dialog.CloseButton()->geometry(), QRect(420 - 28 - 1, 1, 28, 25));
-
     dialog.show();
     Q_EMIT dialog.LinkLabel()->linkActivated(Links::ProductPage());
     QCOMPARE(m_urls.opened, QList<QUrl>{QUrl(Links::ProductPage())});

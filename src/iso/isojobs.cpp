@@ -169,9 +169,7 @@ void CExtractJob::Stop()
         m_list = nullptr;
     }
     m_listed.reset();
-    // The tool has ended before its staging folder goes, or it could write
-    // into the folder again after the removal.
-    CRunCommandThread::StopAndWait(m_runner);
+    CRunCommandThread::Dispose(m_runner);
     if (!m_staging.isEmpty())
         QDir(m_staging).removeRecursively();
     m_staging.clear();
