@@ -148,8 +148,9 @@ void TestEditSession::roundTripKeepsContentsAndBoot_data()
     QTest::newRow("no emulation, load size 4")
         << QStringList{"-b", "boot/loader.bin", "-no-emul-boot", "-boot-load-size", "4"} << "no-emulation" << 0
         << false;
-    QTest::newRow("loader with boot-info table")
-        << QStringList{"-b", "boot/big.bin", "-no-emul-boot", "-boot-load-size", "4", "-boot-info-table"}
+    QTest::newRow("loader with boot-info table and load segment")
+        << QStringList{"-b", "boot/big.bin", "-no-emul-boot", "-boot-load-size", "4", "-boot-info-table",
+                       "-boot-load-seg", "4096"}
         << "no-emulation" << 0 << true;
     QTest::newRow("1.44M diskette") << QStringList{"-b", "boot/floppy.img"} << "1.44M" << 0 << false;
     QTest::newRow("hard disk") << QStringList{"-b", "boot/disk.img", "-hard-disk-boot"} << "hard-disk" << 0 << false;
@@ -244,6 +245,7 @@ void TestEditSession::roundTripKeepsContentsAndBoot()
     const ElTorito::Entry& after = rebuilt->defaultEntry;
     QCOMPARE(ElTorito::MediaName(after.media), media);
     QCOMPARE(after.sectorCount, before.sectorCount);
+    QCOMPARE(after.loadSegment, before.loadSegment);
     QCOMPARE(int(rebuilt->efiEntries.size()), efiEntries);
     const QByteArray expected = media == "1.44M"       ? floppy
                                 : media == "hard-disk" ? disk
