@@ -52,6 +52,18 @@ Run runBrenta(const QStringList& arguments, int timeoutMs = 60000,
     return run;
 }
 
+// Everything in a folder, hidden entries included.
+QStringList entries(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
+
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
 } // namespace
 
 class TestCli final : public QObject
@@ -178,6 +190,8 @@ void TestCli::discCommands()
     QTemporaryDir dir;
     const QString image = dir.filePath("disc.iso");
     QFile(image).open(QIODevice::WriteOnly);
+    // A failed copy keeps the image it would have replaced.
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"copy.iso", "an older image"}}));
     const QStringList arguments = command == "burn-disc" ? QStringList{command, image, device}
                                                          : QStringList{command, device, dir.filePath("copy.iso")};
     const Run run = runBrenta(arguments, 60000,
@@ -185,8 +199,11 @@ void TestCli::discCommands()
     QCOMPARE(run.exitCode, exitCode);
     QVERIFY2(said.isEmpty() ? run.err.isEmpty() : run.err.startsWith(said), qPrintable(run.err));
     QCOMPARE(run.out, QString());
-    if (command == "copy-disc")
-        QCOMPARE(QFileInfo(dir.filePath("copy.iso")).size(), exitCode == 0 ? qint64(300) * 2048 : qint64(0));
+    if (command == "copy-disc" && exitCode == 0)
+        QCOMPARE(QFileInfo(dir.filePath("copy.iso")).size(), qint64(300) * 2048);
+    else
+        QCOMPARE(readAll(dir.filePath("copy.iso")), QByteArray("an older image"));
+    QCOMPARE(entries(dir.path()), (QStringList{"copy.iso", "disc.iso"}));
 }
 
 void TestCli::burnUsb_data()

@@ -11,6 +11,18 @@ namespace {
 const QString kLongName =
     QStringLiteral("a rather long file name that no short ISO9660 name could ever hold.txt");
 
+QByteArray readAll(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+// Everything in a folder, hidden entries included.
+QStringList entries(const QString& folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
+
 QStringList listed(const QString& image)
 {
     return ListedImage(image, [](const Item& item) {
@@ -32,8 +44,8 @@ private Q_SLOTS:
     void buildsEachType();
     void unreadableFilesFailTheImage();
     void refusedBuildSaysWhy();
-    void tooLargeFileSuggestsUdf();
-    void stopDuringBuildRemovesTheImage();
+    void unfinishedBuildKeepsWhatWasThere_data();
+    void unfinishedBuildKeepsWhatWasThere();
 
 private:
     QTemporaryDir m_dir;
@@ -45,6 +57,11 @@ void TestCreate::initTestCase()
     QVERIFY(IsoFixture::WriteTree(m_dir.filePath("docs"), {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}, {kLongName, "long"}},
                                   {"empty"}));
     QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"single.bin", QByteArray(3000, 's')}}));
+    // Joliet cannot hold a file of 4 GiB or more, so the builder refuses it at
+    // once; a large UDF build runs long enough to be stopped. (Sparse files:
+    // no time or disk to make.)
+    QVERIFY(!IsoFixture::SparseFile(m_dir.filePath("huge/install.wim"), 5 * 1024).isEmpty());
+    QVERIFY(!IsoFixture::SparseFile(m_dir.filePath("large/zeros.bin"), 3 * 1024).isEmpty());
 }
 
 void TestCreate::progress_data()
@@ -78,11 +95,14 @@ void TestCreate::buildsEachType_data()
 }
 
 // What the image holds is exactly what was given: names, sizes, folders,
-// empty ones included, each at the root under its own name.
+// empty ones included, each at the root under its own name. It replaces a
+// file of that name.
 void TestCreate::buildsEachType()
 {
     QFETCH(QString, type);
-    const QString output = m_dir.filePath("-out " + type + ".iso");
+    QTemporaryDir folder;
+    const QString output = folder.filePath("-out " + type + ".iso");
+    QVERIFY(IsoFixture::WriteTree(folder.path(), {{"-out " + type + ".iso", "an older image"}}));
     CCreateJob job;
     QSignalSpy finished(&job, &CCreateJob::finished);
     job.Start(*ImageBuild::TypeFromName(type), output, {m_dir.filePath("docs"), m_dir.filePath("single.bin")});
@@ -95,6 +115,7 @@ void TestCreate::buildsEachType()
                                     QString("F docs\\%1 4").arg(kLongName)})
         QVERIFY2(lines.contains(expected), qPrintable(expected + " not in\n" + lines.join('\n')));
     QCOMPARE(lines.size(), 7);
+    QCOMPARE(entries(folder.path()), QStringList{"-out " + type + ".iso"});
     // The staging folder is gone with the job.
     QVERIFY(QDir(QStandardPaths::writableLocation(QStandardPaths::AppLocalDataLocation) + "/tmp")
                 .entryList(QDir::AllEntries | QDir::NoDotAndDotDot)
@@ -127,37 +148,45 @@ void TestCreate::refusedBuildSaysWhy()
     QVERIFY2(job.Message().contains("It said"), qPrintable(job.Message()));
 }
 
-// ISO9660 and Joliet cannot hold a file of 4 GiB or more; UDF can, and the
-// message must say so. (A sparse file: the builder refuses before writing.)
-void TestCreate::tooLargeFileSuggestsUdf()
+void TestCreate::unfinishedBuildKeepsWhatWasThere_data()
 {
-    const QString source = m_dir.filePath("huge");
-    QVERIFY(!IsoFixture::SparseFile(source + "/install.wim", 5 * 1024).isEmpty());
-    CBuildJob job;
-    QSignalSpy finished(&job, &CBuildJob::finished);
-    job.Start(ImageBuild::Type::Joliet, m_dir.filePath("huge.iso"), source);
-    QVERIFY(finished.wait(60000));
-    QVERIFY(!job.Succeeded());
-    QVERIFY2(job.Message().contains("choose UDF"), qPrintable(job.Message()));
-    QVERIFY(!QFileInfo::exists(m_dir.filePath("huge.iso")));
-    QVERIFY(ImageBuild::Arguments(ImageBuild::Type::Udf, "o.iso", "src").contains("-allow-limited-size"));
+    QTest::addColumn<bool>("stop");     // stopped while it builds, else refused by the builder
+    QTest::addColumn<bool>("existing"); // a file of the output's name was there before
+    QTest::newRow("refused") << false << false;
+    QTest::newRow("refused, over an existing image") << false << true;
+    QTest::newRow("stopped") << true << false;
+    QTest::newRow("stopped, over an existing image") << true << true;
 }
 
-void TestCreate::stopDuringBuildRemovesTheImage()
+// A build that does not finish leaves the folder as it was: a file it would
+// have replaced keeps its contents, and no half-built image stays beside it.
+void TestCreate::unfinishedBuildKeepsWhatWasThere()
 {
-    const QString source = m_dir.filePath("large");
-    QVERIFY(!IsoFixture::SparseFile(source + "/zeros.bin", 3 * 1024).isEmpty());
-    const QString output = m_dir.filePath("stopped.iso");
+    QFETCH(bool, stop);
+    QFETCH(bool, existing);
+    QTemporaryDir folder;
+    const QString output = folder.filePath("image.iso");
+    if (existing)
+        QVERIFY(IsoFixture::WriteTree(folder.path(), {{"image.iso", "an older image"}}));
     CBuildJob job;
     QSignalSpy progress(&job, &CBuildJob::progress);
     QSignalSpy finished(&job, &CBuildJob::finished);
-    job.Start(ImageBuild::Type::Udf, output, source);
-    QVERIFY(progress.wait(60000));
-    job.Stop();
-    QVERIFY(!job.IsRunning());
-    QTest::qWait(300);
-    QCOMPARE(finished.count(), 0);
-    QVERIFY(!QFileInfo::exists(output));
+    if (stop) {
+        job.Start(ImageBuild::Type::Udf, output, m_dir.filePath("large"));
+        QVERIFY(progress.wait(60000));
+        job.Stop();
+        QVERIFY(!job.IsRunning());
+        QTest::qWait(300);
+        QCOMPARE(finished.count(), 0);
+    } else {
+        job.Start(ImageBuild::Type::Joliet, output, m_dir.filePath("huge"));
+        QVERIFY(finished.wait(60000));
+        QVERIFY(!job.Succeeded());
+        QVERIFY2(job.Message().contains("choose UDF"), qPrintable(job.Message()));
+    }
+    QCOMPARE(entries(folder.path()), existing ? QStringList{"image.iso"} : QStringList());
+    if (existing)
+        QCOMPARE(readAll(output), QByteArray("an older image"));
 }
 
 QTEST_GUILESS_MAIN(TestCreate)

@@ -252,7 +252,9 @@ void TestDiscTools::copies()
     QVERIFY(finished.wait(20000));
     QCOMPARE(finished.first().at(0).toBool(), succeeded);
     QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
-    QCOMPARE(Logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
+    // The reader writes a part file beside the output, never the output itself.
+    QCOMPARE(Logged(m_log).size(), 1);
+    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" + m_dir.filePath(".copy-" + mode + ".iso.")));
     // A failed copy leaves no half image behind.
     QCOMPARE(QFileInfo::exists(output), succeeded);
     if (succeeded) {
@@ -279,7 +281,7 @@ void TestDiscTools::stoppingACopyRemovesTheFileAndTheReader()
     QCOMPARE(finished.count(), 0);
     // The stand-in sleeps after 64 sectors; no reader of this test may be left.
     QProcess pgrep;
-    pgrep.start("pgrep", {"-f", "-f=" + output});
+    pgrep.start("pgrep", {"-f", "-f=" + m_dir.filePath(".stopped.iso.")});
     pgrep.waitForFinished();
     QCOMPARE(pgrep.readAll().trimmed(), QByteArray());
 }

@@ -135,7 +135,8 @@ void TestPage5::copiesTheDisc()
     QCOMPARE(m_page->Progress()->Label()->text(),
              QString("Reading is completed,please wait a few seconds..."));
     QCOMPARE(QFileInfo(output).size(), qint64(300) * 2048);
-    QCOMPARE(Logged(m_log), QStringList{"-dev=/dev/sr0 -f=" + output});
+    QCOMPARE(Logged(m_log).size(), 1);
+    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" + m_dir.filePath("copies/.disc copy.iso.")));
 }
 
 // Stop is the user's own choice: no message, no half image, no reader left.
@@ -157,7 +158,7 @@ void TestPage5::stopEndsTheReadingQuietly()
     QTest::qWait(200);
     QCOMPARE(finished.count(), 0);
     QProcess pgrep;
-    pgrep.start("pgrep", {"-f", "-f=" + output});
+    pgrep.start("pgrep", {"-f", "-f=" + m_dir.filePath(".stopped.iso.")});
     QVERIFY(pgrep.waitForFinished());
     QCOMPARE(pgrep.readAll().trimmed(), QByteArray());
 }

@@ -9,9 +9,18 @@
 #include <QFileInfo>
 #include <QMutex>
 #include <QMutexLocker>
+#include <QRandomGenerator>
 #include <QStandardPaths>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include "media/drives.h"
 
@@ -182,6 +191,28 @@ qint64 Util::DiskTotalSize(const QString& path)
     if (path.isEmpty() || ::statvfs(QFile::encodeName(path).constData(), &info) != 0)
         return 0;
     return static_cast<qint64>(info.f_blocks) * static_cast<qint64>(info.f_frsize);
+}
+
+QString Util::PartPath(const QString& path)
+{
+    static const char kLetters[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    QString tag;
+    for (int i = 0; i < 8; ++i)
+        tag += QLatin1Char(kLetters[QRandomGenerator::global()->bounded(int(sizeof kLetters) - 1)]);
+    const QFileInfo info(path);
+    return info.absoluteDir().filePath(QStringLiteral(".%1.%2.part").arg(info.fileName(), tag));
+}
+
+bool Util::CommitPart(const QString& part, const QString& path, QString* error)
+{
+    // rename() replaces the old file in one step: a reader sees either the
+    // old file or the new one, never a mix.
+    if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) == 0)
+        return true;
+    if (error)
+        *error = QString::fromLocal8Bit(std::strerror(errno));
+    QFile::remove(part);
+    return false;
 }
 
 int Util::Read(QDataStream& stream, qint64 offset, int length, char* buffer)

@@ -43,6 +43,13 @@ public:
     // otherwise the total size of the file system that holds `path`; 0 when
     // it cannot be told.
     static qint64 DiskTotalSize(const QString& path);
+    // A file is written in full under a hidden name beside its own (".name.
+    // XXXXXXXX.part") and renamed over it only once it is whole, so a write
+    // that fails or is stopped never costs the file that was there.
+    static QString PartPath(const QString& path);
+    // Puts a finished part in place of `path`; false, with the part removed
+    // and the reason in *error, when it cannot.
+    static bool CommitPart(const QString& part, const QString& path, QString* error = nullptr);
 
     // Positioned raw read: 0 on success, ReadNoDevice when the stream has no
     // device or cannot be positioned, ReadShort when fewer bytes were read.

@@ -7,8 +7,6 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
-#include <cstdio>
-
 #include "app/util.h"
 #include "iso/extraction.h"
 #include "iso/isojobs.h"
@@ -62,18 +60,10 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
     m_build = new CBuildJob(this);
     connect(m_build, &CBuildJob::progress, this,
             [this](int value) { Q_EMIT progress(Phase::Building, value, 10000); });
-    connect(m_build, &CBuildJob::finished, this, [this] {
-        const bool built = m_build->Succeeded();
-        const QString part = m_output + QStringLiteral(".brenta-part");
-        // The image is built beside its final name and put in place only when
-        // it is whole, so a failed save never costs the file that was there.
-        if (built && std::rename(QFile::encodeName(part).constData(), QFile::encodeName(m_output).constData()) != 0) {
-            QFile::remove(part);
-            Finish(false, QStringLiteral("The image was built but could not be saved as %1.").arg(m_output));
-            return;
-        }
-        Finish(built, built ? QString() : m_build->Message());
-    });
+    // The build puts the image in place only when it is whole, so a failed
+    // save never costs the file that was there.
+    connect(m_build, &CBuildJob::finished, this,
+            [this] { Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message()); });
     m_poll = new QTimer(this);
     m_poll->setInterval(100);
     connect(m_poll, &QTimer::timeout, this, &CEditSession::Poll);
@@ -397,10 +387,12 @@ void CEditSession::StartBuild()
             boot.file = Extraction::FreeName(m_workingCopy, boot.file);
         rootFiles << qMakePair(boot.file, boot.path);
     }
-    const QString part = m_output + QStringLiteral(".brenta-part");
-    const QStringList arguments = ImageBuild::EditArguments(
-        m_label, BootSetup::Arguments(plan, QStringLiteral("boot.catalog")), part, m_workingCopy, rootFiles);
-    m_build->Run(arguments, part, true);
+    const QStringList bootOptions = BootSetup::Arguments(plan, QStringLiteral("boot.catalog"));
+    m_build->Run(
+        [&](const QString& part) {
+            return ImageBuild::EditArguments(m_label, bootOptions, part, m_workingCopy, rootFiles);
+        },
+        m_output, true);
 }
 
 void CEditSession::Stop()

@@ -237,17 +237,18 @@ CBuildJob::~CBuildJob()
 
 void CBuildJob::Start(ImageBuild::Type type, const QString& output, const QString& sourceDir)
 {
-    const QString absolute = QFileInfo(output).absoluteFilePath();
-    Run(ImageBuild::Arguments(type, absolute, sourceDir), absolute);
+    Run([&](const QString& part) { return ImageBuild::Arguments(type, part, sourceDir); },
+        QFileInfo(output).absoluteFilePath());
     m_suggestUdf = type != ImageBuild::Type::Udf;
 }
 
-void CBuildJob::Run(const QStringList& arguments, const QString& output, bool roundProgress)
+void CBuildJob::Run(const Arguments& arguments, const QString& output, bool roundProgress)
 {
     Stop();
     m_suggestUdf = false;
     m_roundProgress = roundProgress;
     m_output = output;
+    m_part = Util::PartPath(output);
     m_succeeded = false;
     m_message.clear();
     m_runner = new CRunCommandThread;
@@ -256,7 +257,7 @@ void CBuildJob::Run(const QStringList& arguments, const QString& output, bool ro
             Q_EMIT progress(*value);
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CBuildJob::OnFinished);
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder), arguments);
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder), arguments(m_part));
     m_runner->StartCommand();
 }
 
@@ -264,20 +265,24 @@ void CBuildJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    CRunCommandThread::Dispose(m_runner);
-    QFile::remove(m_output);
+    CRunCommandThread::StopAndWait(m_runner);
+    QFile::remove(m_part);
 }
 
 void CBuildJob::OnFinished()
 {
-    m_succeeded = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_output).isFile();
-    if (!m_succeeded) {
+    m_succeeded = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_part).isFile();
+    QString error;
+    if (m_succeeded && !Util::CommitPart(m_part, m_output, &error)) {
+        m_succeeded = false;
+        m_message = QStringLiteral("The image was built but could not be saved as %1 (%2).").arg(m_output, error);
+    } else if (!m_succeeded) {
         m_message = QStringLiteral("The image could not be created. %1")
                         .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
         const QString said = m_runner->LastLines().join(QLatin1Char(' '));
         if (m_suggestUdf && said.contains(QLatin1String("larger than 4GiB"), Qt::CaseInsensitive))
             m_message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
-        QFile::remove(m_output);
+        QFile::remove(m_part);
     }
     CRunCommandThread::Dispose(m_runner);
     Q_EMIT finished();

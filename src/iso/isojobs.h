@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 
 #include "iso/imagebuild.h"
@@ -114,21 +115,26 @@ private:
 };
 
 // Runs the image builder over a folder and tells honestly how it went: a
-// build the tool refuses ends with its reasons, and a half-built image is
-// removed.
+// build the tool refuses ends with its reasons. The image is written into a
+// part file beside the output and renamed over it only when the build
+// succeeded, so a failed or stopped build leaves the output as it was.
 class CBuildJob final : public QObject
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CBuildJob)
 
 public:
+    // The builder's arguments for writing the image into `part`.
+    using Arguments = std::function<QStringList(const QString& part)>;
+
     explicit CBuildJob(QObject* parent = nullptr) : QObject(parent) {}
     ~CBuildJob() override;
 
     void Start(ImageBuild::Type type, const QString& output, const QString& sourceDir);
-    // Runs the builder with ready-made arguments that write `output`;
-    // progress is rounded to the nearest hundredth when asked, else cut.
-    void Run(const QStringList& arguments, const QString& output, bool roundProgress = false);
+    // Runs the builder with the arguments `arguments` gives; progress is
+    // rounded to the nearest hundredth when asked, else cut.
+    void Run(const Arguments& arguments, const QString& output, bool roundProgress = false);
+    // Ends the builder and removes its part file; no finished() follows.
     void Stop();
     bool IsRunning() const { return m_runner != nullptr; }
     bool Succeeded() const { return m_succeeded; }
@@ -144,6 +150,7 @@ private:
     bool m_suggestUdf = false;
     bool m_roundProgress = false;
     QString m_output;
+    QString m_part;
     CRunCommandThread* m_runner = nullptr;
     bool m_succeeded = false;
     QString m_message;

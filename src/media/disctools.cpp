@@ -364,6 +364,9 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
 {
     Stop();
     m_output = QFileInfo(output).absoluteFilePath();
+    // The disc is read into a part file that replaces the output only when
+    // the copy is complete.
+    m_part = Util::PartPath(m_output);
     m_end = -1;
     m_last = -1;
     m_readError = false;
@@ -386,23 +389,27 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
         const bool complete = m_end >= 0 && m_last == m_end && !m_readError &&
-                              QFileInfo(m_output).size() == m_end * 2048;
-        const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success && complete;
+                              QFileInfo(m_part).size() == m_end * 2048;
+        bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success && complete;
         QString message = QStringLiteral("Copy CD/DVD successfully!");
-        if (!ok) {
+        QString error;
+        if (ok && !Util::CommitPart(m_part, m_output, &error)) {
+            ok = false;
+            message = QStringLiteral("The disc was read but could not be saved as %1 (%2).").arg(m_output, error);
+        } else if (!ok) {
             QString plain = DiscTools::CopyFailure(m_runner->ExitCode(), m_runner->LastLines());
             if (plain.isEmpty() && m_runner->GetResult() == CRunCommandThread::Result::Success)
                 plain = QStringLiteral("The reader stopped before the end of the disc.");
             message = failureMessage(QStringLiteral("The disc was not copied."), plain, *m_runner,
                                      ToolLocator::DisplayName(ToolLocator::Tool::DiscReader));
             // An image with holes is worse than none.
-            QFile::remove(m_output);
+            QFile::remove(m_part);
         }
         m_runner->deleteLater();
         m_runner = nullptr;
         Q_EMIT finished(ok, message);
     });
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscReader), DiscTools::CopyArguments(node, m_output));
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscReader), DiscTools::CopyArguments(node, m_part));
     m_runner->StartCommand(QThread::InheritPriority);
 }
 
@@ -412,11 +419,8 @@ void CDiscCopyJob::Stop()
         return;
     // The reader is ended and waited for before its file is removed, so it
     // cannot write the file again afterwards.
-    m_runner->terminate();
-    m_runner->wait();
-    delete m_runner;
-    m_runner = nullptr;
-    QFile::remove(m_output);
+    CRunCommandThread::StopAndWait(m_runner);
+    QFile::remove(m_part);
 }
 
 CEjectJob::CEjectJob(QObject* parent) : QObject(parent) {}

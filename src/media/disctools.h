@@ -133,8 +133,9 @@ private:
     bool m_trackWritten = false;
 };
 
-// Reads the disc in a drive into an image file with the disc reader. Stop()
-// ends the reader and removes the incomplete file.
+// Reads the disc in a drive into an image file with the disc reader, through
+// a part file that replaces the output only when the whole disc was read. Stop()
+// ends the reader and removes the part file; the output stays as it was.
 class CDiscCopyJob final : public QObject
 {
     Q_OBJECT
@@ -157,6 +158,7 @@ Q_SIGNALS:
 private:
     CRunCommandThread* m_runner = nullptr;
     QString m_output;
+    QString m_part;
     qint64 m_end = -1;
     qint64 m_last = -1;
     bool m_readError = false;

@@ -92,6 +92,17 @@ void CRunCommandThread::Dispose(CRunCommandThread*& runner)
     runner = nullptr;
 }
 
+void CRunCommandThread::StopAndWait(CRunCommandThread*& runner)
+{
+    if (runner == nullptr)
+        return;
+    runner->terminate();
+    // The worker thread ends only after the tool has ended (or was killed).
+    runner->wait();
+    delete runner;
+    runner = nullptr;
+}
+
 void CRunCommandThread::terminate()
 {
     qDebug() << "CRunCommandThread::terminate";

@@ -83,6 +83,10 @@ public:
     // Stops a runner that may still run and lets it go: it deletes itself
     // once its thread has ended. The pointer is set to null.
     static void Dispose(CRunCommandThread*& runner);
+    // Stops a runner and waits until its tool has ended, then deletes it: for
+    // callers that remove what the tool was writing, which it must not write
+    // again afterwards. The pointer is set to null.
+    static void StopAndWait(CRunCommandThread*& runner);
     // The command line as logged: the program and every argument, each followed
     // by a blank.
     static QString CommandLineText(const QString& program, const QStringList& arguments);
