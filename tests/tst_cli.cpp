@@ -1,6 +1,9 @@
 #include <QtTest>
 
+#include <csignal>
+#include <fcntl.h>
 #include <grp.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "common/isofixture.h"
@@ -52,6 +55,8 @@ Run runBrenta(const QStringList& arguments, int timeoutMs = 60000,
     return run;
 }
 
+constexpr uid_t kNobody = 65534;
+
 // Everything in a folder, hidden entries included.
 QStringList entries(const QString& folder)
 {
@@ -76,6 +81,9 @@ private Q_SLOTS:
     void screenshotsRenderEveryWindow();
     void discCommands_data();
     void discCommands();
+    void signalStopsAndCleansUp_data();
+    void signalStopsAndCleansUp();
+    void startRemovesWorkingCopiesLeftBehind();
     void burnUsb_data();
     void burnUsb();
     void burnUsbAsDesktopUser_data();
@@ -204,6 +212,111 @@ void TestCli::discCommands()
     else
         QCOMPARE(readAll(dir.filePath("copy.iso")), QByteArray("an older image"));
     QCOMPARE(entries(dir.path()), (QStringList{"copy.iso", "disc.iso"}));
+}
+
+void TestCli::signalStopsAndCleansUp_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<int>("signal");
+    QTest::newRow("extract, SIGTERM") << "extract" << SIGTERM;
+    QTest::newRow("extract, SIGINT") << "extract" << SIGINT;
+    QTest::newRow("extract, SIGHUP") << "extract" << SIGHUP;
+    QTest::newRow("create, SIGTERM") << "create" << SIGTERM;
+    QTest::newRow("create, SIGINT") << "create" << SIGINT;
+    QTest::newRow("create, SIGHUP") << "create" << SIGHUP;
+    QTest::newRow("copy-disc, SIGTERM") << "copy-disc" << SIGTERM;
+}
+
+// A terminal form ended by a signal while its tool works leaves the folder
+// it writes into as it was (no staging folder, no half-written image, the
+// image it would have replaced intact), removes its working copy and exits
+// as a shell reports the signal. The real tools do their work and then wait,
+// so the signal comes when there is most to clean up.
+void TestCli::signalStopsAndCleansUp()
+{
+    QFETCH(QString, command);
+    QFETCH(int, signal);
+    QTemporaryDir dir;
+    const QString ready = dir.filePath("ready");
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"docs/a.txt", QByteArray(100000, 'a')}, {"b.txt", "b"}}));
+    QString error;
+    QVERIFY2(!IsoFixture::Build(dir.filePath("files"), dir.filePath("source.iso"), "joliet", &error).isEmpty(),
+             qPrintable(error));
+    const QString slow = "#!/bin/sh\n"
+                         "\"$BRENTA_TEST_REAL\" \"$@\" || exit $?\n"
+                         "[ \"$1\" = l ] && exit 0\n"
+                         ": >\"$BRENTA_TEST_READY\"\n"
+                         "exec sleep 60\n";
+    for (const QString& tool : {QString("7z/7z"), QString("cdrtools/mkisofs")}) {
+        QVERIFY(IsoFixture::WriteTree(dir.filePath("tools"), {{tool, slow.toUtf8()}}));
+        QVERIFY(QFile::setPermissions(dir.filePath("tools/" + tool), QFile::ReadOwner | QFile::ExeOwner));
+    }
+    QString device;
+    for (const QString& name : QDir("/sys/class/block").entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::System)) {
+        if (QFileInfo::exists("/dev/" + name)) {
+            device = "/dev/" + name;
+            break;
+        }
+    }
+    if (command == "copy-disc" && device.isEmpty())
+        QSKIP("no block device node on this machine");
+    const QString out = dir.filePath("out");
+    QVERIFY(IsoFixture::WriteTree(out, {{"image.iso", "an older image"}}));
+
+    QStringList arguments;
+    QString real;
+    if (command == "extract") {
+        arguments = QStringList{"extract", dir.filePath("source.iso"), out};
+        real = QStandardPaths::findExecutable("7z");
+    } else if (command == "create") {
+        arguments = QStringList{"create", out + "/image.iso", dir.filePath("files/docs"), dir.filePath("files/b.txt")};
+        real = QStandardPaths::findExecutable("genisoimage");
+    } else {
+        arguments = QStringList{"copy-disc", device, out + "/image.iso"};
+    }
+    QProcess brenta;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("XDG_DATA_HOME", dir.filePath("data"));
+    environment.insert("BRENTA_TEST_REAL", real);
+    environment.insert("BRENTA_TEST_READY", ready);
+    environment.insert("BRENTA_STANDIN_MODE", "hang");
+    environment.insert("BRENTA_STANDIN_LOG", ready);
+    environment.insert("BRENTA_TOOLS_DIR", command == "copy-disc" ? QString(BRENTA_SOURCE_DIR "/tests/standins")
+                                                                   : dir.filePath("tools"));
+    brenta.setProcessEnvironment(environment);
+    brenta.start(BRENTA_EXECUTABLE, arguments);
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(ready), 30000);
+    // The disc reader writes its first sectors, then hangs.
+    if (command == "copy-disc")
+        QTest::qWait(1000);
+    QCOMPARE(brenta.state(), QProcess::Running);
+    QVERIFY(::kill(pid_t(brenta.processId()), signal) == 0);
+    QVERIFY(brenta.waitForFinished(20000));
+    QCOMPARE(brenta.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(brenta.exitCode(), 128 + signal);
+    QCOMPARE(entries(out), QStringList{"image.iso"});
+    QCOMPARE(readAll(out + "/image.iso"), QByteArray("an older image"));
+    QCOMPARE(entries(dir.filePath("data/brenta/tmp")), QStringList());
+}
+
+// At start-up Brenta removes the working copies that no running Brenta holds,
+// however new they are, and leaves alone one whose owner still runs.
+void TestCli::startRemovesWorkingCopiesLeftBehind()
+{
+    QTemporaryDir dir;
+    const QString scratch = dir.filePath("data/brenta/tmp");
+    QVERIFY(IsoFixture::WriteTree(scratch, {{"create-left/a.txt", "a"}, {"create-left.lock", ""},
+                                            {"edit-held/contents/b.txt", "b"}, {"edit-held.lock", ""},
+                                            {"c.txt", "c"}}));
+    // This test is the running owner of the held one.
+    const int held = ::open(qPrintable(scratch + "/edit-held.lock"), O_RDWR | O_CLOEXEC);
+    QVERIFY(held >= 0 && ::flock(held, LOCK_EX) == 0);
+    const Run run = runBrenta({"create", dir.filePath("out.iso"), scratch + "/c.txt"}, 60000,
+                              {"XDG_DATA_HOME=" + dir.filePath("data")});
+    ::close(held);
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(entries(scratch), (QStringList{"c.txt", "edit-held", "edit-held.lock"}));
+    QCOMPARE(readAll(scratch + "/edit-held/contents/b.txt"), QByteArray("b"));
 }
 
 void TestCli::burnUsb_data()
@@ -355,7 +468,6 @@ void TestCli::burnUsbAsDesktopUser()
     QFETCH(QStringList, authorised);
     if (::geteuid() != 0)
         QSKIP("needs root to run Brenta as another user");
-    constexpr uid_t kNobody = 65534;
 
     QTemporaryDir dir;
     QVERIFY(dir.isValid());

@@ -3,6 +3,7 @@
 #include <csignal>
 
 #include "app/util.h"
+#include "common/isofixture.h"
 #include "tools/runcommandthread.h"
 
 namespace {
@@ -69,6 +70,7 @@ private Q_SLOTS:
     void terminateStopsToolAndSignals();
     void terminateInsideLineSlotDropsTheRest();
     void destroyingARunningRunnerStopsTheTool();
+    void toolDiesWithBrenta();
 };
 
 void TestRunner::initTestCase()
@@ -305,6 +307,30 @@ void TestRunner::destroyingARunningRunnerStopsTheTool()
         QVERIFY(processAlive(tool));
     }
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
+}
+
+// Brenta killed outright runs no code of its own, yet the tool it started
+// must not go on writing without it.
+void TestRunner::toolDiesWithBrenta()
+{
+    QTemporaryDir dir;
+    const QString pidFile = dir.filePath("pid");
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"tools/cdrtools/mkisofs", "#!/bin/sh\necho $$ >\"$BRENTA_TEST_PID\"\nexec sleep 60\n"},
+                                               {"files/a.txt", "a"}}));
+    QVERIFY(QFile::setPermissions(dir.filePath("tools/cdrtools/mkisofs"), QFile::ReadOwner | QFile::ExeOwner));
+    QProcess brenta;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
+    environment.insert("BRENTA_TEST_PID", pidFile);
+    environment.insert("XDG_DATA_HOME", dir.filePath("data"));
+    brenta.setProcessEnvironment(environment);
+    brenta.start(BRENTA_EXECUTABLE, {"create", dir.filePath("out.iso"), dir.filePath("files/a.txt")});
+    QTRY_VERIFY_WITH_TIMEOUT(readPid(pidFile) > 0, 30000);
+    const qint64 tool = readPid(pidFile);
+    QVERIFY(processAlive(tool));
+    brenta.kill();
+    QVERIFY(brenta.waitForFinished(10000));
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 5000);
 }
 
 QTEST_GUILESS_MAIN(TestRunner)

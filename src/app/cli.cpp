@@ -3,8 +3,14 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QSocketNotifier>
 
+#include <array>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -196,15 +202,95 @@ void waitFor(Job& job)
         loop.exec();
 }
 
+int g_signalPipe[2] = {-1, -1};
+
+void onSignal(int number)
+{
+    const int saved = errno;
+    const char byte = char(number);
+    [[maybe_unused]] const ssize_t written = ::write(g_signalPipe[1], &byte, 1);
+    errno = saved;
+}
+
+// While it lives, SIGINT, SIGTERM and SIGHUP do not end Brenta at once: each
+// is handed to `handle` from the event loop, so that a job can be stopped and
+// what it made removed before Brenta exits. The handler itself only writes
+// the signal's number into a pipe.
+class SignalCatcher final
+{
+public:
+    explicit SignalCatcher(std::function<void(int)> handle) : m_handle(std::move(handle))
+    {
+        if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+            return;
+        m_notifier = std::make_unique<QSocketNotifier>(g_signalPipe[0], QSocketNotifier::Read);
+        QObject::connect(m_notifier.get(), &QSocketNotifier::activated, [this] {
+            char byte = 0;
+            while (::read(g_signalPipe[0], &byte, 1) == 1)
+                m_handle(byte);
+        });
+        struct sigaction action = {};
+        action.sa_handler = onSignal;
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        for (size_t i = 0; i < kSignals.size(); ++i)
+            ::sigaction(kSignals[i], &action, &m_previous[i]);
+    }
+
+    ~SignalCatcher()
+    {
+        if (!m_notifier)
+            return;
+        for (size_t i = 0; i < kSignals.size(); ++i)
+            ::sigaction(kSignals[i], &m_previous[i], nullptr);
+        m_notifier.reset();
+        ::close(g_signalPipe[0]);
+        ::close(g_signalPipe[1]);
+        g_signalPipe[0] = g_signalPipe[1] = -1;
+    }
+
+    SignalCatcher(const SignalCatcher&) = delete;
+    SignalCatcher& operator=(const SignalCatcher&) = delete;
+
+private:
+    static constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
+
+    std::function<void(int)> m_handle;
+    std::unique_ptr<QSocketNotifier> m_notifier;
+    std::array<struct sigaction, 3> m_previous = {};
+};
+
+// The exit status of a terminal form that a signal stopped, as a shell
+// reports a process that signal ended: 130 for SIGINT, 143 for SIGTERM,
+// 129 for SIGHUP.
+int stoppedBy(int signal)
+{
+    return 128 + signal;
+}
+
 // Starts a job, waits for its end and reports as every terminal form does:
-// exit status 0, or 1 with the job's message on standard error.
+// exit status 0, or 1 with the job's message on standard error. A signal
+// stops the job, which removes what it made.
 template <typename Job, typename Start>
 int runToEnd(Job& job, bool showProgress, Start start)
 {
+    QEventLoop loop;
+    QObject::connect(&job, &Job::finished, &loop, &QEventLoop::quit);
+    int caught = 0;
+    const SignalCatcher catcher([&](int signal) {
+        if (caught != 0)
+            return;
+        caught = signal;
+        job.Stop();
+        loop.quit();
+    });
     start();
-    waitFor(job);
+    if (job.IsRunning())
+        loop.exec();
     if (showProgress)
         print(stderr, QStringLiteral("\r\033[K"));
+    if (caught != 0)
+        return stoppedBy(caught);
     if (!job.Succeeded()) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
         return 1;
@@ -336,12 +422,33 @@ std::pair<bool, QString> await(Job& job, void (Job::*signal)(bool, const QString
     return *said;
 }
 
-// Runs a disc job to its end and reports it: 0, or 1 with its message.
-template <typename Job, typename Start> int runDiscJob(Job& job, bool showProgress, Start start)
+// Runs a disc job to its end and reports it: 0, or 1 with its message. A
+// signal calls `stop`, which returns whether it stopped the job; a stopped
+// job ends the wait.
+template <typename Job, typename Start, typename Stop>
+int runDiscJob(Job& job, bool showProgress, Start start, Stop stop)
 {
-    const auto [succeeded, message] = await(job, &Job::finished, start);
+    std::optional<std::pair<bool, QString>> said;
+    QEventLoop loop;
+    QObject::connect(&job, &Job::finished, &loop, [&](bool ok, const QString& message) {
+        said.emplace(ok, message);
+        loop.quit();
+    });
+    int caught = 0;
+    const SignalCatcher catcher([&](int signal) {
+        if (caught == 0 && stop()) {
+            caught = signal;
+            loop.quit();
+        }
+    });
+    start();
+    if (!said)
+        loop.exec();
     if (showProgress)
         print(stderr, QStringLiteral("\r\033[K"));
+    if (caught != 0)
+        return stoppedBy(caught);
+    const auto [succeeded, message] = *said;
     if (!succeeded) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(message));
         return 1;
@@ -366,7 +473,14 @@ int RunBurnDisc(const Request& request)
             print(stderr, QStringLiteral("\r\033[KBurning %1%").arg(percent));
         });
     }
-    return runDiscJob(job, showProgress, [&] { job.Start(request.image, request.device); });
+    // A burn cut short would ruin the disc: it goes on, and Brenta with it.
+    bool told = false;
+    return runDiscJob(job, showProgress, [&] { job.Start(request.image, request.device); }, [&told] {
+        if (!told)
+            print(stderr, QStringLiteral("\nbrenta: a disc burn cannot be stopped; it goes on to its end.\n"));
+        told = true;
+        return false;
+    });
 }
 
 namespace {
@@ -497,7 +611,10 @@ int RunCopyDisc(const Request& request)
                 print(stderr, QStringLiteral("\r\033[KReading %1%").arg(sector * 100 / *end));
         });
     }
-    return runDiscJob(job, showProgress, [&] { job.Start(request.device, request.output); });
+    return runDiscJob(job, showProgress, [&] { job.Start(request.device, request.output); }, [&job] {
+        job.Stop();
+        return true;
+    });
 }
 
 QString VersionText()

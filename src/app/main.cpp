@@ -9,6 +9,7 @@
 #include "app/cli.h"
 #include "app/mainwindow.h"
 #include "app/screenshots.h"
+#include "app/util.h"
 
 namespace {
 
@@ -21,6 +22,7 @@ int runGui(int argc, char** argv)
 {
     QApplication application(argc, argv);
     Application::SetUp(application);
+    Util::RemoveStaleWorkingCopies();
     MainWindow window;
     window.show();
     return application.exec();
@@ -77,6 +79,7 @@ int main(int argc, char** argv)
     case Cli::Request::Mode::Create: {
         QCoreApplication application(argc, argv);
         QCoreApplication::setApplicationName(QStringLiteral("brenta"));
+        Util::RemoveStaleWorkingCopies();
         return Cli::RunCreate(request);
     }
     case Cli::Request::Mode::BootInfo:

@@ -120,7 +120,15 @@ void MainWindow::ShowPage(ImageDialog* page, int x, int y)
 void MainWindow::onClose()
 {
     // The close button ends the process at once, as a user expects of a
-    // window's close box; log records are already on disk.
+    // window's close box; log records are already on disk. The pages that
+    // write files go first: they stop their tools and remove their working
+    // copies and unfinished output.
+    const QObjectList pages = children();
+    for (QObject* page : pages) {
+        if (qobject_cast<CPage2*>(page) || qobject_cast<CPage3*>(page) || qobject_cast<CPage4*>(page) ||
+            qobject_cast<CPage5*>(page))
+            delete page;
+    }
     std::fflush(nullptr);
     ::_exit(0);
 }

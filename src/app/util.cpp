@@ -61,6 +61,26 @@ QString Util::ScratchDir()
     return DataDir() + QStringLiteral("/tmp/");
 }
 
+void Util::RemoveStaleWorkingCopies()
+{
+    const QDir scratch(ScratchDir());
+    const QStringList locks = scratch.entryList({QStringLiteral("*.lock")}, QDir::Files | QDir::Hidden);
+    for (const QString& name : locks) {
+        const QString lock = scratch.filePath(name);
+        const int fd = ::open(QFile::encodeName(lock).constData(), O_RDWR | O_CLOEXEC);
+        if (fd < 0)
+            continue;
+        // The lock is taken only when its owner is gone; it is kept while the
+        // folder and then the lock file go, so an owner being born at this
+        // moment sees its lock file vanish and picks another name.
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            QDir(lock.chopped(5)).removeRecursively();
+            ::unlink(QFile::encodeName(lock).constData());
+        }
+        ::close(fd);
+    }
+}
+
 QString Util::SwitchFilePath()
 {
     return AppDir() + QStringLiteral("/config.dat");
@@ -237,4 +257,49 @@ void Util::WriteData(const QString& path, const char* data, int length)
     if (file.write(data, length) != length)
         qDebug() << "WriteData error";
     file.close();
+}
+
+ScratchFolder::ScratchFolder(const QString& stem)
+{
+    const QString scratch = Util::ScratchDir();
+    QDir().mkpath(scratch);
+    for (int attempt = 0; attempt < 10 && m_lock < 0; ++attempt) {
+        QByteArray folder = QFile::encodeName(scratch + stem + QStringLiteral("-XXXXXX"));
+        if (::mkdtemp(folder.data()) == nullptr) {
+            m_error = QString::fromLocal8Bit(std::strerror(errno));
+            return;
+        }
+        const QByteArray lock = folder + ".lock";
+        const int fd = ::open(lock.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            m_error = QString::fromLocal8Bit(std::strerror(errno));
+            ::rmdir(folder.constData());
+            return;
+        }
+        // A Brenta starting just now may have taken the new lock before us and
+        // removed the folder as left behind; then the lock file is gone, and
+        // another name is tried.
+        struct stat held = {};
+        struct stat named = {};
+        if (::flock(fd, LOCK_EX) == 0 && ::fstat(fd, &held) == 0 && ::stat(lock.constData(), &named) == 0 &&
+            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+            m_path = QFile::decodeName(folder);
+            m_lock = fd;
+        } else {
+            ::close(fd);
+        }
+    }
+    if (m_lock < 0 && m_error.isEmpty())
+        m_error = QStringLiteral("no free name");
+}
+
+ScratchFolder::~ScratchFolder()
+{
+    if (m_lock < 0)
+        return;
+    QDir(m_path).removeRecursively();
+    // The lock file goes while it is still held, so nobody takes it for one
+    // that was left behind.
+    ::unlink(QFile::encodeName(m_path + QStringLiteral(".lock")).constData());
+    ::close(m_lock);
 }

@@ -20,7 +20,11 @@ public:
     // Locations
     static QString AppDir();
     static QString DataDir();
+    // Where working copies are made (ScratchFolder).
     static QString ScratchDir();
+    // Removes the working copies in the scratch folder whose lock nobody
+    // holds: those of a Brenta that was killed. Called at start-up.
+    static void RemoveStaleWorkingCopies();
     static QString SwitchFilePath();
     static QString LogFilePath();
 
@@ -77,4 +81,28 @@ public:
     static QStringList OpenFilesDialog(QWidget* parent);
     static QStringList SelectDirsDialog(QWidget* parent);
     static QStringList SelectFilesAndDirsDialog(QWidget* parent);
+};
+
+// A folder of Brenta's own in the scratch folder, removed with this object.
+// While it lives its owner holds a lock on "<folder>.lock" beside it, so that
+// a Brenta starting later can tell a working copy in use from one left behind
+// by a Brenta that was killed, whatever their ages.
+class ScratchFolder final
+{
+public:
+    // The folder is named "<stem>-XXXXXX".
+    explicit ScratchFolder(const QString& stem);
+    ~ScratchFolder();
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    bool IsValid() const { return m_lock >= 0; }
+    QString ErrorString() const { return m_error; }
+    QString Path() const { return m_path; }
+    QString FilePath(const QString& name) const { return m_path + QLatin1Char('/') + name; }
+
+private:
+    QString m_path;
+    QString m_error;
+    int m_lock = -1;
 };

@@ -4,7 +4,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTimer>
 
 #include "app/util.h"
@@ -82,8 +81,7 @@ CEditSession::~CEditSession()
     // The worker is stopped and joined before its folders are removed; folders
     // of earlier images whose removal it had not reached are removed here.
     m_copier.reset();
-    for (const QString& retired : std::as_const(m_retired))
-        QDir(retired).removeRecursively();
+    m_retired.clear();
     m_dir.reset();
 }
 
@@ -104,11 +102,10 @@ void CEditSession::RetireWorkingCopy()
     m_pending.clear();
     if (!m_dir)
         return;
-    m_dir->setAutoRemove(false);
-    m_retired << m_dir->path();
-    // Removing a large tree takes a while: the worker does it.
-    m_copier->AddJob(m_dir->path(), QString(), CFileCopy::Delete);
-    m_dir.reset();
+    // Removing a large tree takes a while: the worker does it, and the folder
+    // stays this session's own (locked) until the session ends.
+    m_copier->AddJob(m_dir->Path(), QString(), CFileCopy::Delete);
+    m_retired.push_back(std::move(m_dir));
 }
 
 void CEditSession::Load(const QString& image)
@@ -122,17 +119,16 @@ void CEditSession::Load(const QString& image)
     m_pseudoBootFolder = false;
     m_boot = BootSetup::Plan();
 
-    const QString scratch = Util::ScratchDir();
-    QDir().mkpath(scratch);
-    m_dir = std::make_unique<QTemporaryDir>(scratch + QStringLiteral("edit-XXXXXX"));
-    if (!m_dir->isValid()) {
-        m_loadProblem = QStringLiteral("Cannot prepare a working folder in %1 (%2).").arg(scratch, m_dir->errorString());
+    m_dir = std::make_unique<ScratchFolder>(QStringLiteral("edit"));
+    if (!m_dir->IsValid()) {
+        m_loadProblem = QStringLiteral("Cannot prepare a working folder in %1 (%2).")
+                            .arg(Util::ScratchDir(), m_dir->ErrorString());
         m_contents.Clear();
         QMetaObject::invokeMethod(this, [this] { Q_EMIT listed(false); }, Qt::QueuedConnection);
         return;
     }
-    m_workingCopy = m_dir->filePath(QStringLiteral("contents"));
-    m_bootDir = m_dir->filePath(QStringLiteral("boot"));
+    m_workingCopy = m_dir->FilePath(QStringLiteral("contents"));
+    m_bootDir = m_dir->FilePath(QStringLiteral("boot"));
     QDir().mkpath(m_workingCopy);
 
     m_list->Start(image);

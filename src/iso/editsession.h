@@ -15,8 +15,8 @@ class CBuildJob;
 class CFileCopy;
 class CListJob;
 class CRunCommandThread;
-class QTemporaryDir;
 class QTimer;
+class ScratchFolder;
 
 // Everything behind the edit page that needs no widget: an image listed into
 // an item tree, its whole contents extracted into a working copy of the
@@ -112,7 +112,7 @@ private:
     QString m_workingCopy;
     QString m_bootDir;
     ItemTree m_contents;
-    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<ScratchFolder> m_dir;
     std::unique_ptr<CFileCopy> m_copier;
     std::unique_ptr<CFileCopy> m_exporter;
     CListJob* m_list = nullptr;
@@ -131,5 +131,5 @@ private:
     QString m_output;
     std::vector<Job> m_exportJobs;
     QStringList m_exportTargets;
-    QStringList m_retired; // working copies of earlier images, being removed
+    std::vector<std::unique_ptr<ScratchFolder>> m_retired; // of earlier images, being removed
 };

@@ -169,7 +169,9 @@ void CExtractJob::Stop()
         m_list = nullptr;
     }
     m_listed.reset();
-    CRunCommandThread::Dispose(m_runner);
+    // The tool has ended before its staging folder goes, or it could write
+    // into the folder again after the removal.
+    CRunCommandThread::StopAndWait(m_runner);
     if (!m_staging.isEmpty())
         QDir(m_staging).removeRecursively();
     m_staging.clear();
@@ -312,11 +314,10 @@ void CCreateJob::Start(ImageBuild::Type type, const QString& output, const QStri
     m_message.clear();
     m_running = true;
 
-    const QString scratch = Util::ScratchDir();
-    QDir().mkpath(scratch);
-    m_staging = std::make_unique<QTemporaryDir>(scratch + QStringLiteral("create-XXXXXX"));
-    if (!m_staging->isValid()) {
-        const QString message = QStringLiteral("Cannot prepare the files in %1 (%2).").arg(scratch, m_staging->errorString());
+    m_staging = std::make_unique<ScratchFolder>(QStringLiteral("create"));
+    if (!m_staging->IsValid()) {
+        const QString message =
+            QStringLiteral("Cannot prepare the files in %1 (%2).").arg(Util::ScratchDir(), m_staging->ErrorString());
         QMetaObject::invokeMethod(this, [this, message] { Finish(false, message); }, Qt::QueuedConnection);
         return;
     }
@@ -324,9 +325,9 @@ void CCreateJob::Start(ImageBuild::Type type, const QString& output, const QStri
     for (const QString& path : paths) {
         const QFileInfo info(path);
         if (info.isDir())
-            m_worker->AddJob(info.absoluteFilePath(), m_staging->path(), CFileCopy::Copy);
+            m_worker->AddJob(info.absoluteFilePath(), m_staging->Path(), CFileCopy::Copy);
         else
-            m_worker->AddJob(info.absoluteFilePath(), m_staging->filePath(info.fileName()), CFileCopy::Copy);
+            m_worker->AddJob(info.absoluteFilePath(), m_staging->FilePath(info.fileName()), CFileCopy::Copy);
     }
     m_total = m_worker->RemainingBytes();
     m_poll->start();
@@ -348,7 +349,7 @@ void CCreateJob::PollCopies()
         return;
     }
     Q_EMIT progress(Phase::Building, 0, 10000);
-    m_build->Start(m_type, m_output, m_staging->path());
+    m_build->Start(m_type, m_output, m_staging->Path());
 }
 
 void CCreateJob::Stop()

@@ -12,8 +12,8 @@
 #include "iso/listing.h"
 
 class CFileCopy;
-class QTemporaryDir;
 class QTimer;
+class ScratchFolder;
 
 class CRunCommandThread;
 class ItemTree;
@@ -191,7 +191,7 @@ private:
 
     ImageBuild::Type m_type = ImageBuild::Type::Joliet;
     QString m_output;
-    std::unique_ptr<QTemporaryDir> m_staging;
+    std::unique_ptr<ScratchFolder> m_staging;
     std::unique_ptr<CFileCopy> m_worker;
     QTimer* m_poll = nullptr;
     CBuildJob* m_build = nullptr;

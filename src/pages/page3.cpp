@@ -10,7 +10,6 @@
 #include <QMenu>
 #include <QProgressBar>
 #include <QRadioButton>
-#include <QTemporaryDir>
 #include <QTreeWidget>
 
 #include "app/util.h"
@@ -135,9 +134,7 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
 
     // A working copy of this page's own inside the scratch folder: a page
     // opened later never shares it with a worker that may still be writing.
-    const QString scratch = Util::ScratchDir();
-    QDir().mkpath(scratch);
-    m_workingCopy = std::make_unique<QTemporaryDir>(scratch + QStringLiteral("page-XXXXXX"));
+    m_workingCopy = std::make_unique<ScratchFolder>(QStringLiteral("page"));
     m_copier = std::make_unique<CFileCopy>();
 }
 
@@ -152,12 +149,12 @@ CPage3::~CPage3()
 
 QString CPage3::WorkingCopy() const
 {
-    return m_workingCopy->path();
+    return m_workingCopy->Path();
 }
 
 QString CPage3::StagingPath(const QString& name) const
 {
-    return m_workingCopy->path() + QLatin1Char('/') + localPath(name);
+    return m_workingCopy->Path() + QLatin1Char('/') + localPath(name);
 }
 
 QTreeWidgetItem* CPage3::TargetRow() const
@@ -336,7 +333,7 @@ void CPage3::OnCreate()
     const ImageBuild::Type type = m_udf->isChecked()       ? ImageBuild::Type::Udf
                                   : m_iso9600->isChecked() ? ImageBuild::Type::Iso9660
                                                            : ImageBuild::Type::Joliet;
-    m_build->Start(type, m_output, m_workingCopy->path());
+    m_build->Start(type, m_output, m_workingCopy->Path());
 }
 
 void CPage3::OnBuildFinished()

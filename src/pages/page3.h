@@ -16,8 +16,8 @@ class QLabel;
 class QMenu;
 class QProgressBar;
 class QRadioButton;
-class QTemporaryDir;
 class QTreeWidgetItem;
+class ScratchFolder;
 
 // The create page: collects files and folders in a list, copies each one at
 // once into a working copy of the page's own, shows their total against a
@@ -67,7 +67,7 @@ private:
     void OnBuildFinished();
 
     ItemTree m_items;
-    std::unique_ptr<QTemporaryDir> m_workingCopy;
+    std::unique_ptr<ScratchFolder> m_workingCopy;
     std::unique_ptr<CFileCopy> m_copier;
     CBuildJob* m_build = nullptr;
     CProgressDialog* m_progress = nullptr;

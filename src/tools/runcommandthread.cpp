@@ -6,6 +6,7 @@
 #include <QProcessEnvironment>
 
 #include <csignal>
+#include <sys/prctl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -23,9 +24,19 @@ constexpr int kPollMs = 100;
 
 CProcess::CProcess(QObject* parent) : QProcess(parent)
 {
-    // A group of its own: a stop reaches the tool's children too, and a Ctrl+C
-    // in Brenta's terminal does not reach the tool behind Brenta's back.
-    setChildProcessModifier([] { ::setpgid(0, 0); });
+    const pid_t brenta = ::getpid();
+    setChildProcessModifier([brenta] {
+        // A group of its own: a stop reaches the tool's children too, and a
+        // Ctrl+C in Brenta's terminal does not reach the tool behind Brenta's
+        // back.
+        ::setpgid(0, 0);
+        // The tool never outlives Brenta, however Brenta ends. The signal comes
+        // when the thread that started the tool ends; a runner's thread ends
+        // only after its tool has. Brenta may have ended before the call.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != brenta)
+            ::_exit(127);
+    });
 }
 
 void CProcess::OnTerminate()

@@ -8,7 +8,8 @@
 #include <atomic>
 
 // The process object of one tool run. The tool is started in a process group
-// of its own, so that stopping it also stops whatever the tool started.
+// of its own, so that stopping it also stops whatever the tool started, and is
+// killed if Brenta ends before it (even by SIGKILL).
 class CProcess final : public QProcess
 {
     Q_OBJECT
