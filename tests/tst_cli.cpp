@@ -84,6 +84,7 @@ private Q_SLOTS:
     void signalStopsAndCleansUp_data();
     void signalStopsAndCleansUp();
     void startRemovesWorkingCopiesLeftBehind();
+    void createRefusesUnreadableFolder();
     void burnUsb_data();
     void burnUsb();
     void burnUsbAsDesktopUser_data();
@@ -317,6 +318,29 @@ void TestCli::startRemovesWorkingCopiesLeftBehind()
     QCOMPARE(run.exitCode, 0);
     QCOMPARE(entries(scratch), (QStringList{"c.txt", "edit-held", "edit-held.lock"}));
     QCOMPARE(readAll(scratch + "/edit-held/contents/b.txt"), QByteArray("b"));
+}
+
+// A folder Brenta cannot read must not become an empty folder of the image:
+// the image is refused, with the folder named, as an unreadable file is.
+// Root reads every folder, so then Brenta runs as "nobody".
+void TestCli::createRefusesUnreadableFolder()
+{
+    const uid_t user = ::geteuid() == 0 ? kNobody : 0;
+    QTemporaryDir dir;
+    QVERIFY(QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                                  QFile::ReadOther | QFile::ExeOther));
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"ok.txt", "ok"}, {"locked/secret.txt", "s"}}));
+    QVERIFY(QDir(dir.path()).mkdir("home"));
+    QVERIFY(user == 0 || ::chown(qPrintable(dir.filePath("home")), user, user) == 0);
+    const QString locked = dir.filePath("files/locked");
+    QVERIFY(QFile::setPermissions(locked, {}));
+    const Run run = runBrenta({"create", dir.filePath("home/out.iso"), dir.filePath("files")}, 60000,
+                              {"HOME=" + dir.filePath("home"), "XDG_DATA_HOME=" + dir.filePath("home/data")},
+                              QByteArray(), QStringLiteral(BRENTA_EXECUTABLE), user);
+    QVERIFY(QFile::setPermissions(locked, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY2(run.err.contains(locked), qPrintable(run.err));
+    QVERIFY(!QFileInfo::exists(dir.filePath("home/out.iso")));
 }
 
 void TestCli::burnUsb_data()

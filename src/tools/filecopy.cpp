@@ -7,6 +7,7 @@
 #include <QSet>
 
 #include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -75,6 +76,15 @@ bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomi
 bool copyDirContents(const QString& sourceDir, const QString& targetDir, std::atomic<qint64>* copied,
                      const std::atomic<bool>* abort, QStringList* failures, QSet<QString>& chain)
 {
+    // A folder that cannot be read would list as empty and come out empty
+    // without a word; it is reported instead.
+    if (DIR* folder = ::opendir(QFile::encodeName(sourceDir).constData())) {
+        ::closedir(folder);
+    } else {
+        if (failures)
+            *failures << QStringLiteral("%1: %2").arg(sourceDir, QString::fromLocal8Bit(strerror(errno)));
+        return false;
+    }
     if (!QDir().mkpath(targetDir)) {
         if (failures)
             *failures << QStringLiteral("%1: cannot create the folder").arg(targetDir);
