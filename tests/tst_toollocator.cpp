@@ -75,7 +75,6 @@ void TestToolLocator::lookupOrder_data()
     QTest::newRow("tools dir beats everything") << archive << "7z/7z" << "7z" << "toolsdir";
     QTest::newRow("app folder beats PATH") << builder << "cdrtools/mkisofs" << "genisoimage" << "appdir";
     QTest::newRow("PATH alternative name") << writer << "" << "wodim" << "path";
-    QTest::newRow("PATH second alternative") << archive << "" << "7za" << "path";
     QTest::newRow("not executable is skipped") << reader << "cdrtools/readcd" << "readom" << "path-noexec";
 }
 
@@ -106,7 +105,6 @@ void TestToolLocator::lookupOrder()
 void TestToolLocator::missingToolIsEmpty()
 {
     QCOMPARE(ToolLocator::Find(Tool::DiscReader), QString());
-    QVERIFY(!ToolLocator::DisplayName(Tool::DiscReader).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestToolLocator)
