@@ -5,6 +5,7 @@
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -49,6 +50,13 @@ QString tool(const QString& program, const QStringList& arguments, int* exitCode
     return QString::fromUtf8(process.readAllStandardOutput());
 }
 
+QByteArray sha256Of(const QString& path)
+{
+    QFile file(path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result() : QByteArray();
+}
+
 bool mounted(const QString& folder)
 {
     QFile file(QStringLiteral("/proc/self/mounts"));
@@ -88,14 +96,16 @@ bool hardened(const QString& folder)
 class LoopDevice
 {
 public:
-    LoopDevice(const QString& image, qint64 mib)
+    LoopDevice(const QString& image, qint64 mib, int sectorSize = 512)
     {
         QFile file(image);
         if (!file.open(QIODevice::WriteOnly) || !file.resize(mib << 20))
             return;
         file.close();
         int code = 0;
-        const QString node = tool("losetup", {"-f", "--show", "-P", image}, &code).trimmed();
+        const QString node =
+            tool("losetup", {"-f", "--show", "-P", "--sector-size", QString::number(sectorSize), image}, &code)
+                .trimmed();
         if (code == 0 && node.startsWith("/dev/loop"))
             m_node = node;
     }
@@ -140,8 +150,6 @@ private Q_SLOTS:
     void parse();
     void refusal_data();
     void refusal();
-    void partitionType_data();
-    void partitionType();
     void label_data();
     void label();
     void partitionName();
@@ -157,6 +165,8 @@ private Q_SLOTS:
     void endToEnd();
     void otherFileSystemsAreLeftMounted_data();
     void otherFileSystemsAreLeftMounted();
+    void disksInUseAreRefused_data();
+    void disksInUseAreRefused();
 };
 
 void TestUsbHelper::parse_data()
@@ -273,29 +283,6 @@ void TestUsbHelper::refusal()
         QVERIFY2(refusal.isEmpty(), qPrintable(refusal));
     else
         QVERIFY2(refusal.contains(reason), qPrintable(refusal));
-}
-
-void TestUsbHelper::partitionType_data()
-{
-    QTest::addColumn<Scheme>("scheme");
-    QTest::addColumn<FileSystem>("fs");
-    QTest::addColumn<QString>("script");
-
-    const QString basic = "label: gpt\nstart=1MiB, type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7\n";
-    QTest::newRow("mbr fat32") << Scheme::Mbr << FileSystem::Fat32 << "label: dos\nstart=1MiB, type=c, bootable\n";
-    QTest::newRow("mbr fat") << Scheme::Mbr << FileSystem::Fat << "label: dos\nstart=1MiB, type=6, bootable\n";
-    QTest::newRow("mbr ntfs") << Scheme::Mbr << FileSystem::Ntfs << "label: dos\nstart=1MiB, type=7, bootable\n";
-    QTest::newRow("mbr exfat") << Scheme::Mbr << FileSystem::ExFat << "label: dos\nstart=1MiB, type=7, bootable\n";
-    QTest::newRow("gpt fat32") << Scheme::Gpt << FileSystem::Fat32 << basic;
-    QTest::newRow("gpt exfat") << Scheme::Gpt << FileSystem::ExFat << basic;
-}
-
-void TestUsbHelper::partitionType()
-{
-    QFETCH(Scheme, scheme);
-    QFETCH(FileSystem, fs);
-    QFETCH(QString, script);
-    QCOMPARE(SfdiskScript(scheme, fs), script);
 }
 
 void TestUsbHelper::label_data()
@@ -470,17 +457,21 @@ void TestUsbHelper::endToEnd_data()
     QTest::addColumn<QString>("scheme");
     QTest::addColumn<QString>("fs");
     QTest::addColumn<bool>("fuse");      // the kernel's driver is kept out
+    QTest::addColumn<int>("sectorSize");
     QTest::addColumn<QString>("type");   // as sfdisk --dump prints it
     QTest::addColumn<QString>("fsType"); // as blkid -p prints it
     QTest::addColumn<QString>("label");
 
     const QString basicData = "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
-    QTest::newRow("mbr fat32") << "mbr" << "fat32" << false << "type=c, bootable" << "vfat" << "BRENTA";
-    QTest::newRow("mbr fat through FUSE") << "mbr" << "fat" << true << "type=6, bootable" << "vfat" << "BRENTA";
-    QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << false << "type=7, bootable" << "ntfs" << "brenta";
-    QTest::newRow("gpt exfat") << "gpt" << "exfat" << false << basicData << "exfat" << "brenta";
-    QTest::newRow("mbr exfat through FUSE") << "mbr" << "exfat" << true << "type=7, bootable" << "exfat"
+    QTest::newRow("mbr fat32") << "mbr" << "fat32" << false << 512 << "type=c, bootable" << "vfat" << "BRENTA";
+    QTest::newRow("mbr fat through FUSE") << "mbr" << "fat" << true << 512 << "type=6, bootable" << "vfat"
+                                          << "BRENTA";
+    QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << false << 512 << "type=7, bootable" << "ntfs" << "brenta";
+    QTest::newRow("gpt exfat") << "gpt" << "exfat" << false << 512 << basicData << "exfat" << "brenta";
+    QTest::newRow("mbr exfat through FUSE") << "mbr" << "exfat" << true << 512 << "type=7, bootable" << "exfat"
                                             << "brenta";
+    QTest::newRow("gpt fat32, 4096-byte sectors") << "gpt" << "fat32" << false << 4096 << basicData << "vfat"
+                                                  << "BRENTA";
 }
 
 void TestUsbHelper::endToEnd()
@@ -488,6 +479,7 @@ void TestUsbHelper::endToEnd()
     QFETCH(QString, scheme);
     QFETCH(QString, fs);
     QFETCH(bool, fuse);
+    QFETCH(int, sectorSize);
     QFETCH(QString, type);
     QFETCH(QString, fsType);
     QFETCH(QString, label);
@@ -500,7 +492,7 @@ void TestUsbHelper::endToEnd()
     }
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
-    const LoopDevice stick(dir.filePath("stick.img"), 96);
+    const LoopDevice stick(dir.filePath("stick.img"), 96, sectorSize);
     if (!stick.IsValid())
         QSKIP("no loop device can be set up here");
     const QString loop = stick.Node();
@@ -537,13 +529,18 @@ void TestUsbHelper::endToEnd()
     QCOMPARE(written.readAll(), QByteArray("written\n"));
     written.close();
 
+    // The table is whole (for GPT: both headers and entry arrays, checksums)
+    // and the partition starts at 1 MiB.
+    const QString verified = tool("sfdisk", {"--verify", loop}, &code);
+    QVERIFY2(code == 0 && verified.contains("No errors detected"), qPrintable(verified));
     const QString dump = tool("sfdisk", {"--dump", loop});
-    QVERIFY2(dump.contains("start=        2048") && dump.contains(type), qPrintable(dump));
+    QVERIFY2(dump.contains(QString("start=%1").arg((1 << 20) / sectorSize, 12)) && dump.contains(type),
+             qPrintable(dump));
     const QString probe = tool("blkid", {"-p", "-o", "export", "/dev/" + partName});
     QVERIFY2(probe.contains("TYPE=" + fsType + "\n"), qPrintable(probe));
     QVERIFY2(probe.contains("LABEL=" + label + "\n"), qPrintable(probe));
 
-    if (scheme == "mbr" && QFileInfo::exists("/usr/lib/grub/i386-pc/boot.img")) {
+    if (scheme == "mbr" && sectorSize == 512 && QFileInfo::exists("/usr/lib/grub/i386-pc/boot.img")) {
         run = helper({"bootcode", loop}, environment);
         QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
         QCOMPARE(tool("sfdisk", {"--dump", loop}), dump);
@@ -617,6 +614,82 @@ void TestUsbHelper::otherFileSystemsAreLeftMounted()
     const Run run = helper({"unmount", stick.Node()});
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QVERIFY(mounted(folder));
+}
+
+// A disk that something else uses is never wiped: mounted where the desktop
+// does not mount removable media (a server's data, a container's root), or
+// held open by another program. The helper says why and writes nothing.
+void TestUsbHelper::disksInUseAreRefused_data()
+{
+    QTest::addColumn<QString>("use");
+    QTest::addColumn<QString>("reason"); // in the refusal; "%1" is the temporary folder
+
+    QTest::newRow("whole disk mounted elsewhere") << "mount disk" << "is mounted at %1/data";
+    QTest::newRow("partition mounted elsewhere") << "mount partition" << "is mounted at %1/data";
+    QTest::newRow("held open exclusively") << "exclusive" << "in use";
+    QTest::newRow("held open by a program") << "open" << "in use by sleep";
+}
+
+void TestUsbHelper::disksInUseAreRefused()
+{
+    QFETCH(QString, use);
+    QFETCH(QString, reason);
+    if (::geteuid() != 0)
+        QSKIP("needs root for loop devices");
+    if (QStandardPaths::findExecutable("mkfs.ext2", {"/usr/sbin", "/sbin"}).isEmpty())
+        QSKIP("mkfs.ext2 is not installed");
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    if (!stick.IsValid())
+        QSKIP("no loop device can be set up here");
+    QString node = stick.Node();
+    int code = -1;
+    if (use == "mount partition") {
+        QProcess sfdisk;
+        sfdisk.start("sfdisk", {"-q", stick.Node()});
+        sfdisk.write("start=1MiB\n");
+        sfdisk.closeWriteChannel();
+        QVERIFY(sfdisk.waitForFinished() && sfdisk.exitCode() == 0);
+        tool("partx", {"-u", stick.Node()});
+        node = stick.Partition();
+        QTRY_VERIFY(QFileInfo::exists(node));
+    }
+    tool("mkfs.ext2", {"-q", "-F", node}, &code);
+    QVERIFY(code == 0);
+    const QString folder = dir.filePath("data");
+    QVERIFY(QDir().mkpath(folder));
+    const auto unmountData = qScopeGuard([&] {
+        while (mounted(folder))
+            tool("umount", {folder});
+    });
+    QProcess holder;
+    int exclusive = -1;
+    const auto close = qScopeGuard([&] {
+        if (exclusive >= 0)
+            ::close(exclusive);
+        holder.kill();
+        holder.waitForFinished();
+    });
+    if (use.startsWith("mount")) {
+        const QString said = tool("mount", {node, folder}, &code);
+        QVERIFY2(code == 0, qPrintable(said));
+    } else if (use == "exclusive") {
+        exclusive = ::open(QFile::encodeName(node).constData(), O_RDONLY | O_EXCL | O_CLOEXEC);
+        QVERIFY(exclusive >= 0);
+    } else {
+        holder.setStandardInputFile(node);
+        holder.start("sleep", {"60"});
+        QVERIFY(holder.waitForStarted());
+    }
+    const QByteArray before = sha256Of(stick.Node());
+
+    const Run run = helper({"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32", "--owner", "0:0"});
+    QCOMPARE(run.exitCode, 3);
+    QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(QString(reason).replace("%1", dir.path())),
+             qPrintable(run.lines.join('\n')));
+    QCOMPARE(mounted(folder), use.startsWith("mount"));
+    QCOMPARE(sha256Of(stick.Node()), before);
 }
 
 QTEST_GUILESS_MAIN(TestUsbHelper)

@@ -16,6 +16,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRandomGenerator>
+#include <QScopeGuard>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTemporaryFile>
@@ -27,6 +29,10 @@
 #include <optional>
 
 #include <fcntl.h>
+#include <linux/blkpg.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -193,9 +199,8 @@ QString harden(const QString& folder)
     return QString();
 }
 
-// Whether a process still has one of the devices open: a FUSE driver may go
-// on writing for a moment after its mount is gone.
-bool heldOpen(const QStringList& numbers)
+// A process that has one of the devices open, 0 when none has.
+qint64 holderOf(const QStringList& numbers)
 {
     const QStringList processes = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& pid : processes) {
@@ -207,10 +212,10 @@ bool heldOpen(const QStringList& numbers)
             if (::stat(QFile::encodeName(fds + QLatin1Char('/') + fd).constData(), &info) == 0
                 && S_ISBLK(info.st_mode)
                 && numbers.contains(QStringLiteral("%1:%2").arg(major(info.st_rdev)).arg(minor(info.st_rdev))))
-                return true;
+                return pid.toLongLong();
         }
     }
-    return false;
+    return 0;
 }
 
 // Unmounts `mount` where it is. The folder is looked at without following a
@@ -260,11 +265,12 @@ bool unmountAll(const QString& diskName, const QString& step, QString& failure)
     }
     if (list.isEmpty())
         return true;
-    // Only when no driver holds the stick any more is everything written.
+    // Only when no driver holds the stick any more is everything written: a
+    // FUSE driver may go on writing for a moment after its mount is gone.
     const QStringList numbers = deviceNumbersOf(diskName);
     QElapsedTimer timer;
     timer.start();
-    while (heldOpen(numbers)) {
+    while (holderOf(numbers) != 0) {
         if (timer.elapsed() > 120000) {
             failure = ErrorLine(step, QStringLiteral("a file system driver still holds /dev/") + diskName, {});
             return false;
@@ -290,6 +296,15 @@ bool accept(const QString& path, Target& target)
         return false;
     }
     target.node = QStringLiteral("/dev/") + target.facts.name;
+    // A disk mounted anywhere else serves something other than the desktop.
+    for (const MountEntry& mount : mountsOf(target.facts.name)) {
+        if (!IsRemovableMediaFolder(mount.point)) {
+            say(QStringLiteral("refused: a file system of %1 is mounted at %2, not where removable media are "
+                               "mounted (/media, /run/media); unmount it first")
+                    .arg(target.node, mount.point.simplified()));
+            return false;
+        }
+    }
     return true;
 }
 
@@ -361,59 +376,160 @@ int mountPartition(const Request& request, const QString& partName)
     return Ok;
 }
 
+// The program that has one of the devices open ("sleep (process 812)"), or
+// empty. What opens a disk for a moment (udev reading its labels) is waited for.
+QString userOf(const QStringList& numbers)
+{
+    QElapsedTimer timer;
+    timer.start();
+    for (;;) {
+        const qint64 pid = holderOf(numbers);
+        if (pid == 0)
+            return QString();
+        if (timer.elapsed() > 3000) {
+            QFile comm(QStringLiteral("/proc/%1/comm").arg(pid));
+            const QString name = comm.open(QIODevice::ReadOnly) ? QString::fromUtf8(comm.readAll().trimmed())
+                                                               : QStringLiteral("a program");
+            return QStringLiteral("%1 (process %2)").arg(name).arg(pid);
+        }
+        QThread::msleep(100);
+    }
+}
+
+// Writes `data` at `offset` of the open disk, all of it.
+bool writeAll(int fd, qint64 offset, const QByteArray& data)
+{
+    qint64 done = 0;
+    while (done < data.size()) {
+        const ssize_t wrote = ::pwrite(fd, data.constData() + done, size_t(data.size() - done), offset + done);
+        if (wrote < 0 && errno == EINTR)
+            continue;
+        if (wrote <= 0)
+            return false;
+        done += wrote;
+    }
+    return true;
+}
+
+// Makes the kernel show partition 1 of the open disk: it rereads the table
+// (allowed on the descriptor that holds the disk exclusively), and where it
+// does not read that kind of table, it is told the partition.
+bool showPartition(int fd, const QString& partName, const Extent& extent, int sectorSize)
+{
+    const QString sys = QStringLiteral("/sys/class/block/") + partName;
+    if (::ioctl(fd, BLKRRPART) == 0 && QFileInfo::exists(sys))
+        return true;
+    blkpg_partition partition = {};
+    partition.start = extent.start * sectorSize;
+    partition.length = extent.count * sectorSize;
+    partition.pno = 1;
+    blkpg_ioctl_arg argument = {};
+    argument.op = BLKPG_ADD_PARTITION;
+    argument.datalen = sizeof(partition);
+    argument.data = &partition;
+    return ::ioctl(fd, BLKPG, &argument) == 0 || QFileInfo::exists(sys);
+}
+
+// Wipes the disk and writes its new partition table through one descriptor
+// that holds the whole disk exclusively: the kernel gives it only when no
+// partition is mounted and nothing else (a program, a RAID or encrypted
+// volume) holds the disk or a partition, and keeps everyone else out until it
+// is closed. Says "refused: ..." or the error itself; the exit status.
+int partition(const Request& request, const Target& target)
+{
+    const QString disk = target.facts.name;
+    const QString user = userOf(deviceNumbersOf(disk));
+    if (!user.isEmpty()) {
+        say(QStringLiteral("refused: %1 is in use by %2; close it first").arg(target.node, user));
+        return Refused;
+    }
+    const int fd = ::open(QFile::encodeName(target.node).constData(), O_RDWR | O_EXCL | O_CLOEXEC);
+    if (fd < 0 && errno == EBUSY) {
+        say(QStringLiteral("refused: %1 is in use: the system or another program holds it").arg(target.node));
+        return Refused;
+    }
+    if (fd < 0) {
+        say(ErrorLine(QStringLiteral("wiping"),
+                      QStringLiteral("cannot open %1: %2").arg(target.node, QString::fromLocal8Bit(std::strerror(errno))),
+                      {}));
+        return Failed;
+    }
+    const auto closeDisk = qScopeGuard([fd] { ::close(fd); });
+    // udev leaves a locked disk alone instead of reading it half written.
+    ::flock(fd, LOCK_EX);
+    int sectorSize = 0;
+    quint64 bytes = 0;
+    if (::ioctl(fd, BLKSSZGET, &sectorSize) != 0 || ::ioctl(fd, BLKGETSIZE64, &bytes) != 0) {
+        say(ErrorLine(QStringLiteral("wiping"), QStringLiteral("cannot read the size of ") + target.node, {}));
+        return Failed;
+    }
+    QByteArray random(36, '\0');
+    QRandomGenerator::system()->fillRange(reinterpret_cast<quint32*>(random.data()), random.size() / 4);
+    const qint64 sectors = qint64(bytes) / qMax(sectorSize, 1);
+    const QList<DiskWrite> table = PartitionTable(request.scheme, request.fs, sectorSize, sectors, random);
+    if (table.isEmpty()) {
+        say(ErrorLine(QStringLiteral("partitioning"), target.node + QStringLiteral(" is too small"), {}));
+        return Failed;
+    }
+
+    // Nothing old may be recognised afterwards: the old tables, the
+    // signatures where the new partition starts, and whatever keeps a copy
+    // in the last MiB (a GPT's backup, RAID and ZFS labels).
+    const QByteArray zeros(kPartitionStart, '\0');
+    const qint64 size = qint64(bytes);
+    if (!writeAll(fd, 0, zeros) || !writeAll(fd, kPartitionStart, zeros) || !writeAll(fd, size - kPartitionStart, zeros)
+        || ::fsync(fd) != 0) {
+        say(ErrorLine(QStringLiteral("wiping"), QStringLiteral("cannot write to ") + target.node, {}));
+        return Failed;
+    }
+
+    say(QStringLiteral("step: partitioning"));
+    for (const DiskWrite& write : table) {
+        if (!writeAll(fd, write.offset, write.data)) {
+            say(ErrorLine(QStringLiteral("partitioning"), QStringLiteral("cannot write to ") + target.node, {}));
+            return Failed;
+        }
+    }
+    if (::fsync(fd) != 0) {
+        say(ErrorLine(QStringLiteral("partitioning"), QStringLiteral("cannot write to ") + target.node, {}));
+        return Failed;
+    }
+    if (!showPartition(fd, PartitionName(disk, 1), PartitionExtent(request.scheme, sectorSize, sectors), sectorSize)) {
+        say(ErrorLine(QStringLiteral("partitioning"),
+                      QStringLiteral("the kernel does not take the new partition table of ") + target.node, {}));
+        return Failed;
+    }
+    return Ok;
+}
+
 int prepare(const Request& request)
 {
     Target target;
     if (!accept(request.device, target))
         return Refused;
     const QString disk = target.facts.name;
-    QString failure;
 
     say(QStringLiteral("step: wiping"));
+    QString failure;
     if (!unmountAll(disk, QStringLiteral("wiping"), failure)) {
         say(failure);
         return Failed;
     }
-    for (const QString& part : Drives::PartitionsOf(disk)) {
-        const RunResult result = run({QStringLiteral("wipefs"), {QStringLiteral("-a"), QStringLiteral("/dev/") + part}});
-        if (!result.ok) {
-            say(ErrorLine(QStringLiteral("wiping"), result.reason, result.lines));
-            return Failed;
-        }
-    }
-    RunResult result = run({QStringLiteral("wipefs"), {QStringLiteral("-a"), target.node}});
-    if (!result.ok) {
-        say(ErrorLine(QStringLiteral("wiping"), result.reason, result.lines));
-        return Failed;
-    }
-
-    say(QStringLiteral("step: partitioning"));
-    result = run({QStringLiteral("sfdisk"),
-                  {QStringLiteral("--wipe"), QStringLiteral("always"), QStringLiteral("--wipe-partitions"),
-                   QStringLiteral("always"), target.node}},
-                 SfdiskScript(request.scheme, request.fs).toUtf8());
-    if (!result.ok) {
-        say(ErrorLine(QStringLiteral("partitioning"), result.reason, result.lines));
-        return Failed;
-    }
-    // sfdisk asks the kernel to reread the table; partx covers the devices
-    // where that is refused, and udev may still be making the node.
-    run({QStringLiteral("partx"), {QStringLiteral("-u"), target.node}});
+    // The disk is let go before the file system is made: mkfs holds the
+    // partition exclusively, which the kernel refuses while the disk is held.
+    if (const int status = partition(request, target); status != Ok)
+        return status;
     if (!findTool(QStringLiteral("udevadm")).isEmpty())
         run({QStringLiteral("udevadm"), {QStringLiteral("settle")}});
     const QString partName = PartitionName(disk, 1);
     if (!waitForPartition(partName)) {
-        result = run({QStringLiteral("blockdev"), {QStringLiteral("--rereadpt"), target.node}});
-        if (!waitForPartition(partName)) {
-            say(ErrorLine(QStringLiteral("partitioning"),
-                          QStringLiteral("the kernel does not show the new partition ") + partName, result.lines));
-            return Failed;
-        }
+        say(ErrorLine(QStringLiteral("partitioning"), QStringLiteral("the kernel does not show the new partition ") + partName, {}));
+        return Failed;
     }
     const QString partition = QStringLiteral("/dev/") + partName;
 
     say(QStringLiteral("step: formatting"));
-    result = run(MakeFileSystem(request.fs, partition, request.label, startSector(partName)));
+    const RunResult result = run(MakeFileSystem(request.fs, partition, request.label, startSector(partName)));
     if (!result.ok) {
         say(ErrorLine(QStringLiteral("formatting"), result.reason, result.lines));
         return Failed;

@@ -1,6 +1,7 @@
 #include "usbhelper/usbhelper.h"
 
 #include <QRegularExpression>
+#include <QUuid>
 
 namespace UsbHelper {
 
@@ -207,11 +208,164 @@ QString PartitionType(Scheme scheme, FileSystem fs)
     return QString();
 }
 
-QString SfdiskScript(Scheme scheme, FileSystem fs)
+namespace {
+
+// 128 entries of 128 bytes, a whole number of sectors of any size up to 16 KiB.
+constexpr qint64 kGptEntriesBytes = 128 * 128;
+
+void putLittle(QByteArray& data, qint64 offset, quint64 value, int bytes)
 {
-    if (scheme == Scheme::Gpt)
-        return QStringLiteral("label: gpt\nstart=1MiB, type=%1\n").arg(PartitionType(scheme, fs));
-    return QStringLiteral("label: dos\nstart=1MiB, type=%1, bootable\n").arg(PartitionType(scheme, fs));
+    for (int i = 0; i < bytes; ++i)
+        data[offset + i] = char((value >> (8 * i)) & 0xff);
+}
+
+// Cylinder, head and sector of a sector number as MBR entries keep them, for
+// the 255 heads and 63 sectors of a disk that BIOS addresses by LBA; beyond
+// what they can say, the largest value.
+QByteArray chs(qint64 lba)
+{
+    constexpr qint64 heads = 255;
+    constexpr qint64 perTrack = 63;
+    if (lba >= 1024 * heads * perTrack)
+        return QByteArray("\xfe\xff\xff", 3);
+    const qint64 cylinder = lba / (heads * perTrack);
+    const qint64 head = (lba / perTrack) % heads;
+    const qint64 sector = lba % perTrack + 1;
+    QByteArray out(3, '\0');
+    out[0] = char(head);
+    out[1] = char((sector & 0x3f) | ((cylinder >> 2) & 0xc0));
+    out[2] = char(cylinder & 0xff);
+    return out;
+}
+
+// The MBR of `sectorSize` bytes with one entry, the boot code area empty.
+QByteArray mbrSector(int sectorSize, quint32 signature, bool bootable, quint8 type, qint64 start, qint64 count)
+{
+    QByteArray sector(sectorSize, '\0');
+    putLittle(sector, 0x1b8, signature, 4);
+    constexpr int entry = 0x1be;
+    sector[entry] = char(bootable ? 0x80 : 0x00);
+    sector.replace(entry + 1, 3, chs(start));
+    sector[entry + 4] = char(type);
+    sector.replace(entry + 5, 3, chs(start + count - 1));
+    putLittle(sector, entry + 8, quint64(start), 4);
+    putLittle(sector, entry + 12, quint64(count), 4);
+    sector[0x1fe] = char(0x55);
+    sector[0x1ff] = char(0xaa);
+    return sector;
+}
+
+// A GUID as GPT stores it: the first three fields little-endian.
+QByteArray guidBytes(const QUuid& id)
+{
+    QByteArray out(16, '\0');
+    putLittle(out, 0, id.data1, 4);
+    putLittle(out, 4, id.data2, 2);
+    putLittle(out, 6, id.data3, 2);
+    for (int i = 0; i < 8; ++i)
+        out[8 + i] = char(id.data4[i]);
+    return out;
+}
+
+// A random (version 4) GUID from 16 random bytes.
+QUuid randomGuid(const QByteArray& bytes)
+{
+    QUuid id = QUuid::fromRfc4122(bytes.left(16));
+    id.data3 = ushort((id.data3 & 0x0fff) | 0x4000);
+    id.data4[0] = uchar((id.data4[0] & 0x3f) | 0x80);
+    return id;
+}
+
+QByteArray gptHeader(int sectorSize, qint64 current, qint64 backup, qint64 firstUsable, qint64 lastUsable,
+                     const QByteArray& diskGuid, qint64 entriesAt, quint32 entriesCrc)
+{
+    constexpr int headerSize = 92;
+    QByteArray header(sectorSize, '\0');
+    header.replace(0, 8, "EFI PART");
+    putLittle(header, 8, 0x00010000, 4);
+    putLittle(header, 12, headerSize, 4);
+    putLittle(header, 24, quint64(current), 8);
+    putLittle(header, 32, quint64(backup), 8);
+    putLittle(header, 40, quint64(firstUsable), 8);
+    putLittle(header, 48, quint64(lastUsable), 8);
+    header.replace(56, 16, diskGuid);
+    putLittle(header, 72, quint64(entriesAt), 8);
+    putLittle(header, 80, 128, 4); // entries
+    putLittle(header, 84, 128, 4); // bytes each
+    putLittle(header, 88, entriesCrc, 4);
+    putLittle(header, 16, Crc32(QByteArrayView(header).first(headerSize)), 4);
+    return header;
+}
+
+} // namespace
+
+quint32 Crc32(QByteArrayView data)
+{
+    quint32 crc = 0xffffffffU;
+    for (const char byte : data) {
+        crc ^= quint8(byte);
+        for (int bit = 0; bit < 8; ++bit)
+            crc = (crc >> 1) ^ (0xedb88320U & (0U - (crc & 1U)));
+    }
+    return ~crc;
+}
+
+Extent PartitionExtent(Scheme scheme, int sectorSize, qint64 sectors)
+{
+    Extent extent;
+    if (sectorSize < 512 || sectorSize > 4096 || kPartitionStart % sectorSize != 0)
+        return extent;
+    const qint64 perMiB = kPartitionStart / sectorSize;
+    extent.start = perMiB;
+    if (scheme == Scheme::Mbr) {
+        // An MBR counts sectors in 32 bits; a larger disk keeps the rest unused.
+        extent.count = qMin<qint64>(sectors - extent.start, 0xffffffffLL);
+    } else {
+        // Up to the last whole MiB before the backup entries, as partitioning
+        // tools leave it.
+        const qint64 lastUsable = sectors - 2 - kGptEntriesBytes / sectorSize;
+        extent.count = (lastUsable + 1) / perMiB * perMiB - extent.start;
+    }
+    if (extent.count < perMiB)
+        extent.count = 0;
+    return extent;
+}
+
+QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qint64 sectors, const QByteArray& random)
+{
+    const Extent extent = PartitionExtent(scheme, sectorSize, sectors);
+    if (extent.count == 0 || random.size() < 36)
+        return {};
+    if (scheme == Scheme::Mbr) {
+        quint32 signature = 0;
+        for (int i = 0; i < 4; ++i)
+            signature |= quint32(quint8(random[i])) << (8 * i);
+        const quint8 type = quint8(PartitionType(scheme, fs).toUInt(nullptr, 16));
+        return {{0, mbrSector(sectorSize, signature ? signature : 1, true, type, extent.start, extent.count)}};
+    }
+
+    const qint64 entrySectors = kGptEntriesBytes / sectorSize;
+    const qint64 firstUsable = 2 + entrySectors;
+    const qint64 lastUsable = sectors - 2 - entrySectors;
+    const QByteArray diskGuid = guidBytes(randomGuid(random.mid(4, 16)));
+    QByteArray entries(kGptEntriesBytes, '\0');
+    entries.replace(0, 16, guidBytes(QUuid(QStringLiteral("{%1}").arg(PartitionType(scheme, fs)))));
+    entries.replace(16, 16, guidBytes(randomGuid(random.mid(20, 16))));
+    putLittle(entries, 32, quint64(extent.start), 8);
+    putLittle(entries, 40, quint64(extent.start + extent.count - 1), 8);
+    const quint32 entriesCrc = Crc32(entries);
+    const qint64 backupEntries = sectors - 1 - entrySectors;
+    // The protective MBR covers the whole disk, or as much as 32 bits count.
+    const QByteArray protective =
+        mbrSector(sectorSize, 0, false, 0xee, 1, qMin<qint64>(sectors - 1, 0xffffffffLL));
+    return {
+        {0, protective},
+        {sectorSize, gptHeader(sectorSize, 1, sectors - 1, firstUsable, lastUsable, diskGuid, 2, entriesCrc)},
+        {2LL * sectorSize, entries},
+        {backupEntries * sectorSize, entries},
+        {(sectors - 1) * sectorSize, gptHeader(sectorSize, sectors - 1, 1, firstUsable, lastUsable, diskGuid,
+                                               backupEntries, entriesCrc)},
+    };
 }
 
 QString VolumeLabel(FileSystem fs, const QString& label)
@@ -354,6 +508,15 @@ QList<MountEntry> ParseMountInfo(const QByteArray& text)
     return list;
 }
 
+bool IsRemovableMediaFolder(const QString& point)
+{
+    for (const QString& root : {QStringLiteral("/media/"), QStringLiteral("/run/media/"), kMountRoot + QLatin1Char('/')}) {
+        if (point.startsWith(root) && point.size() > root.size())
+            return true;
+    }
+    return false;
+}
+
 QStringList MissingMountFlags(const MountEntry& mount)
 {
     QStringList missing;
@@ -409,12 +572,6 @@ constexpr int kSector = 512;
 // The block list at the end of the core image's first sector: start (64 bits)
 // and length (16 bits) of the rest of the core image.
 constexpr int kBlockList = kSector - 12;
-
-void putLittle(QByteArray& data, int offset, quint64 value, int bytes)
-{
-    for (int i = 0; i < bytes; ++i)
-        data[offset + i] = char((value >> (8 * i)) & 0xff);
-}
 
 } // namespace
 

@@ -49,8 +49,34 @@ QString PartitionName(const QString& diskName, int number);
 // The MBR partition type byte ("c", "6", "7") or the GPT type GUID.
 QString PartitionType(Scheme scheme, FileSystem fs);
 
-// What sfdisk reads on standard input: one partition from 1 MiB to the end.
-QString SfdiskScript(Scheme scheme, FileSystem fs);
+// Where the partition starts: 1 MiB into the disk.
+constexpr qint64 kPartitionStart = 1 << 20;
+
+// The one partition of a disk of `sectors` sectors of `sectorSize` bytes, in
+// sectors; a count of 0 when the disk is too small.
+struct Extent
+{
+    qint64 start = 0;
+    qint64 count = 0;
+};
+Extent PartitionExtent(Scheme scheme, int sectorSize, qint64 sectors);
+
+struct DiskWrite
+{
+    qint64 offset = 0;
+    QByteArray data;
+};
+
+// The partition table for a disk of `sectors` sectors of `sectorSize` bytes,
+// with one partition from kPartitionStart to the end (GPT: to the last whole
+// MiB before the backup table): an MBR whose partition is bootable and of
+// PartitionType(), or a GPT (protective MBR, both headers and both entry
+// arrays) with one basic-data partition. `random` (at least 36 bytes) makes
+// the disk's and the partition's identifiers. Empty when the disk is too small.
+QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qint64 sectors, const QByteArray& random);
+
+// The CRC-32 that GPT, zlib and Ethernet use.
+quint32 Crc32(QByteArrayView data);
 
 // The label as the file system takes it: FAT labels are upper case, at most 11
 // characters, without the characters FAT forbids; exFAT at most 15; NTFS 128.
@@ -93,6 +119,11 @@ struct MountEntry
 };
 
 QList<MountEntry> ParseMountInfo(const QByteArray& text);
+
+// Whether `point` is where the desktop mounts removable media (/media,
+// /run/media) or the helper mounts sticks (/run/brenta): the only mounts the
+// helper takes away. A disk mounted anywhere else belongs to something else.
+bool IsRemovableMediaFolder(const QString& point);
 
 // Which of kMountFlags the mount lacks.
 QStringList MissingMountFlags(const MountEntry& mount);
