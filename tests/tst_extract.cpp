@@ -1,5 +1,8 @@
 #include <QtTest>
 
+#include <memory>
+#include <unistd.h>
+
 #include "common/craftedimage.h"
 #include "common/isofixture.h"
 #include "iso/isojobs.h"
@@ -52,12 +55,11 @@ private Q_SLOTS:
     void initTestCase();
     void listsRealImages_data();
     void listsRealImages();
-    void refusesWhatIsNoImage_data();
-    void refusesWhatIsNoImage();
     void extractsExactlyTheEntries_data();
     void extractsExactlyTheEntries();
     void neverOverwritesWhatWasThere();
-    void failsHonestlyOnUnwritableDestination();
+    void failuresSayWhy_data();
+    void failuresSayWhy();
     void stopRemovesPartialOutput();
     void takesNothingFromOutside_data();
     void takesNothingFromOutside();
@@ -83,6 +85,16 @@ void TestExtract::initTestCase()
     m_images["crafted"] = CraftedImage::Build(m_dir.path(), {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
                                               m_dir.filePath("crafted.iso"), &error);
     QVERIFY2(!m_images["crafted"].isEmpty(), qPrintable(error));
+    QVERIFY(!IsoFixture::SparseFile(m_dir.filePath("four/zeros.bin"), 4).isEmpty());
+    m_images["four mebibytes"] = IsoFixture::Build(m_dir.filePath("four"), m_dir.filePath("four.iso"), "joliet", &error);
+    QVERIFY(!m_images["four mebibytes"].isEmpty());
+    m_images["not an image"] = m_dir.filePath("not an image.iso");
+    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"not an image.iso", "just some text, not an image"}}));
+    m_images["truncated"] = m_dir.filePath("truncated.iso");
+    QVERIFY(QFile::copy(m_images["joliet"], m_images["truncated"]));
+    QVERIFY(QFile::resize(m_images["truncated"], QFileInfo(m_images["joliet"]).size() / 2));
+    m_images["folder"] = m_dir.filePath("folder.iso");
+    QVERIFY(QDir().mkpath(m_images["folder"]));
     QVERIFY(IsoFixture::WriteTree(m_dir.filePath("nothing"), {}));
     m_images["empty"] = IsoFixture::Build(m_dir.filePath("nothing"), m_dir.filePath("empty.iso"), "joliet", &error);
     QVERIFY(!m_images["empty"].isEmpty());
@@ -112,43 +124,6 @@ void TestExtract::listsRealImages()
         QVERIFY2(lines.contains(expected), qPrintable(expected + " not in\n" + lines.join('\n')));
     QVERIFY(tree.Find("docs\\x")->isDir);
     QCOMPARE(tree.Find("docs\\x\\a.txt")->time.size(), 19);
-}
-
-void TestExtract::refusesWhatIsNoImage_data()
-{
-    QTest::addColumn<QString>("content");
-    QTest::addColumn<bool>("empty");
-    QTest::newRow("text file") << "just some text, not an image" << false;
-    QTest::newRow("missing file") << QString() << false;
-    QTest::newRow("empty image lists fine") << QString() << true;
-}
-
-// A file the tool cannot read must give the page back with a reason, never
-// leave it waiting.
-void TestExtract::refusesWhatIsNoImage()
-{
-    QFETCH(QString, content);
-    QFETCH(bool, empty);
-    QString path = m_images["empty"];
-    if (!empty) {
-        path = m_dir.filePath("not-an-image.iso");
-        QFile::remove(path);
-        if (!content.isEmpty()) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(content.toUtf8());
-        }
-    }
-    ItemTree tree;
-    CListJob job(tree);
-    job.Start(path);
-    waitFor(job);
-    QCOMPARE(job.Succeeded(), empty);
-    QVERIFY(tree.Root().children.empty());
-    if (!empty) {
-        QVERIFY(job.Message().startsWith("The image could not be opened."));
-        QVERIFY2(job.Message().contains("ERROR"), qPrintable(job.Message())); // the tool's own words
-    }
 }
 
 void TestExtract::extractsExactlyTheEntries_data()
@@ -214,16 +189,80 @@ void TestExtract::neverOverwritesWhatWasThere()
     QCOMPARE(QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 4);
 }
 
-void TestExtract::failsHonestlyOnUnwritableDestination()
+namespace {
+
+// A tmpfs mounted on `path` for as long as the object lives (root only).
+class TmpfsMount
 {
-    // A folder below a plain file can never be made, not even by root.
-    QTemporaryDir dir;
-    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"plain", "file"}}));
-    CExtractJob job;
-    job.Start(m_images["joliet"], dir.filePath("plain/out"), {"a.txt"});
-    waitFor(job);
-    QVERIFY(!job.Succeeded());
-    QVERIFY2(job.Message().startsWith("Cannot write into"), qPrintable(job.Message()));
+public:
+    TmpfsMount(const QString& path, const QString& options) : m_path(path)
+    {
+        QDir().mkpath(path);
+        m_mounted = QProcess::execute("mount", {"-t", "tmpfs", "-o", options, "tmpfs", path}) == 0;
+    }
+    ~TmpfsMount()
+    {
+        if (m_mounted)
+            QProcess::execute("umount", {m_path});
+    }
+    bool Mounted() const { return m_mounted; }
+
+private:
+    QString m_path;
+    bool m_mounted = false;
+};
+
+} // namespace
+
+void TestExtract::failuresSayWhy_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QString>("destination"); // inside the test's box; "" for none
+    QTest::addColumn<QString>("mount");       // tmpfs options for the box, "" for none
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("list, not an image") << "list" << "not an image" << "" << "" << "Cannot open the file as archive";
+    QTest::newRow("list, truncated image") << "list" << "truncated" << "" << "" << "Unexpected end of archive";
+    QTest::newRow("not an image") << "extract" << "not an image" << "dest" << "" << "Cannot open the file as archive";
+    QTest::newRow("a folder as image") << "extract" << "folder" << "dest" << "" << "Cannot find archive";
+    QTest::newRow("truncated image") << "extract" << "truncated" << "dest" << "" << "Unexpected end of archive";
+    QTest::newRow("destination is a file") << "extract" << "joliet" << "plain" << "" << "plain is not a folder";
+    QTest::newRow("destination below a file") << "extract" << "joliet" << "plain/dest" << "" << "plain is not a folder";
+    QTest::newRow("read-only destination") << "extract" << "joliet" << "dest" << "ro,size=1m" << "Read-only file system";
+    QTest::newRow("full disk") << "extract" << "four mebibytes" << "dest" << "size=1m" << "No space left on device";
+}
+
+// Every failure of the terminal forms ends with a message that says why, in
+// the tool's or the system's words, and leaves no staging folder behind.
+void TestExtract::failuresSayWhy()
+{
+    QFETCH(QString, command);
+    QFETCH(QString, kind);
+    QFETCH(QString, destination);
+    QFETCH(QString, mount);
+    QFETCH(QString, reason);
+    QTemporaryDir box;
+    std::unique_ptr<TmpfsMount> mounted;
+    if (!mount.isEmpty()) {
+        if (::geteuid() != 0)
+            QSKIP("mounting a small file system takes root");
+        mounted = std::make_unique<TmpfsMount>(box.path(), mount);
+        QVERIFY(mounted->Mounted());
+    } else {
+        QVERIFY(IsoFixture::WriteTree(box.path(), {{"plain", "a file"}}));
+    }
+    QStringList arguments{command, m_images[kind]};
+    if (!destination.isEmpty())
+        arguments << box.filePath(destination);
+    QProcess brenta;
+    brenta.start(BRENTA_EXECUTABLE, arguments);
+    QVERIFY(brenta.waitForFinished(120000));
+    QCOMPARE(brenta.exitCode(), 1);
+    const QString err = QString::fromUtf8(brenta.readAllStandardError());
+    QVERIFY2(err.startsWith("brenta: ") && err.contains(reason), qPrintable(err));
+    QDirIterator it(box.path(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        QVERIFY2(!it.next().contains(".brenta-extract"), qPrintable(it.filePath()));
 }
 
 void TestExtract::stopRemovesPartialOutput()
@@ -303,6 +342,7 @@ void TestExtract::commandLine_data()
     QTest::newRow("extract") << QStringList{"extract", "@joliet", "@dest", "docs/x/sub", "-dash.txt"} << 0
                              << "";
     QTest::newRow("list no image") << QStringList{"list", "@missing"} << 1 << "";
+    QTest::newRow("list empty image") << QStringList{"list", "@empty"} << 0 << "";
     QTest::newRow("extract usage") << QStringList{"extract", "@joliet"} << 2 << "";
     // Entries that name files outside the image are refused by name, and
     // nothing is taken from where they point.
@@ -326,6 +366,8 @@ void TestExtract::commandLine()
             argument = m_images["joliet"];
         else if (argument == "@dest")
             argument = destination;
+        else if (argument == "@empty")
+            argument = m_images["empty"];
         else if (argument == "@missing")
             argument = m_dir.filePath("missing.iso");
         else if (argument == "@outside")

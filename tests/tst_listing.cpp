@@ -59,6 +59,8 @@ private Q_SLOTS:
     void pathHelpers();
     void progress_data();
     void progress();
+    void reasons_data();
+    void reasons();
     void argumentsKeepNamesLiteral();
     void moveUpNeverReplaces();
     void moveUpTakesNothingFromOutside();
@@ -253,6 +255,38 @@ void TestListing::progress()
         QCOMPARE(step->percent, percent);
         QCOMPARE(step->name, name);
     }
+}
+
+// The archive tool's own transcripts: the reason is on the line after its
+// error header, or on the header itself, and must reach the user.
+void TestListing::reasons_data()
+{
+    QTest::addColumn<QStringList>("lines");
+    QTest::addColumn<QStringList>("reasons");
+    QTest::newRow("full disk") << QStringList{"- r.bin\n", "System ERROR:\n", "errno=28 : No space left on device\n"}
+                               << QStringList{"No space left on device"};
+    QTest::newRow("not an image") << QStringList{"Extracting archive: x.iso", "ERROR: x.iso", "Cannot open the file as archive",
+                                                 "  0%", "Can't open as archive: 1", "Files: 0"}
+                                  << QStringList{"x.iso: Cannot open the file as archive"};
+    QTest::newRow("missing image") << QStringList{"ERROR: errno=2 : No such file or directory", "missing.iso",
+                                                  "System ERROR:", "errno=2 : No such file or directory"}
+                                   << QStringList{"No such file or directory: missing.iso"};
+    QTest::newRow("folder as image") << QStringList{"Scanning the drive for archives:", "Command Line Error:",
+                                                    "Cannot find archive"}
+                                     << QStringList{"Cannot find archive"};
+    QTest::newRow("truncated image, refused link")
+        << QStringList{"Type = Iso", "ERRORS:", "Unexpected end of archive", "Physical Size = 362496", "- d/f.txt",
+                       "ERROR: Dangerous link path was ignored : d/up : ../../x", "Sub items Errors: 1",
+                       "Archives with Errors: 1"}
+        << QStringList{"Unexpected end of archive", "Dangerous link path was ignored : d/up : ../../x"};
+    QTest::newRow("success") << QStringList{"- a.txt", "Everything is Ok", "Files: 3"} << QStringList{};
+}
+
+void TestListing::reasons()
+{
+    QFETCH(QStringList, lines);
+    QFETCH(QStringList, reasons);
+    QCOMPARE(Extraction::Reasons(lines), reasons);
 }
 
 void TestListing::argumentsKeepNamesLiteral()

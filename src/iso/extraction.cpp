@@ -2,7 +2,11 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <sys/stat.h>
 
 #include "app/util.h"
@@ -51,6 +55,80 @@ bool OutputSaysOk(const QStringList& lines)
             return true;
     }
     return false;
+}
+
+namespace {
+
+bool isErrorHeader(const QString& line)
+{
+    return line.startsWith(QLatin1String("ERROR:")) || line == QLatin1String("ERRORS:") ||
+           line == QLatin1String("System ERROR:") || line == QLatin1String("Command Line Error:");
+}
+
+// A line that can carry the detail of an error header: not another header,
+// not a count of the summary ("Sub items Errors: 1"), not a progress figure
+// and not an entry of the tool's list of names ("- boot/bcd").
+bool isDetail(const QString& line)
+{
+    static const QRegularExpression count(QStringLiteral("^[A-Za-z' ]+:\\s+\\d+$"));
+    static const QRegularExpression progress(QStringLiteral("^\\d+%"));
+    return !line.isEmpty() && !isErrorHeader(line) && !count.match(line).hasMatch() &&
+           !progress.match(line).hasMatch() && !line.startsWith(QLatin1String("- "));
+}
+
+} // namespace
+
+QStringList Reasons(const QStringList& lines)
+{
+    static const QRegularExpression errnoPrefix(QStringLiteral("^errno=\\d+ : "));
+    QStringList reasons;
+    for (qsizetype i = 0; i < lines.size(); ++i) {
+        const QString line = lines.at(i).trimmed();
+        if (!isErrorHeader(line))
+            continue;
+        QStringList parts;
+        if (line.startsWith(QLatin1String("ERROR:")))
+            parts << line.mid(6).trimmed();
+        if (i + 1 < lines.size() && isDetail(lines.at(i + 1).trimmed()))
+            parts << lines.at(++i).trimmed();
+        parts.removeAll(QString());
+        QString reason = parts.join(QLatin1String(": "));
+        reason.remove(errnoPrefix);
+        if (reason.isEmpty())
+            continue;
+        const bool known = std::any_of(reasons.cbegin(), reasons.cend(),
+                                       [&](const QString& earlier) { return earlier.contains(reason); });
+        if (!known)
+            reasons << reason;
+    }
+    return reasons;
+}
+
+QString PrepareDestination(const QString& destination)
+{
+    const QFileInfo info(destination);
+    if (info.exists() && !info.isDir())
+        return QStringLiteral("%1 is not a folder.").arg(destination);
+    if (info.isDir())
+        return QString();
+    // Folder by folder, so that the one that cannot be made is named with
+    // the system's reason.
+    const QString absolute = QDir::cleanPath(info.absoluteFilePath());
+    QString path;
+    for (const QString& component : absolute.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+        path += QLatin1Char('/') + component;
+        const QFileInfo step(path);
+        if (step.isDir())
+            continue;
+        if (step.exists())
+            return QStringLiteral("Cannot create the folder %1: %2 is not a folder.").arg(destination, path);
+        if (::mkdir(QFile::encodeName(path).constData(), 0777) != 0 && errno != EEXIST) {
+            const int error = errno;
+            return QStringLiteral("Cannot create the folder %1: %2.")
+                .arg(destination, QString::fromLocal8Bit(std::strerror(error)));
+        }
+    }
+    return QString();
 }
 
 QString FreeName(const QString& dir, const QString& name)

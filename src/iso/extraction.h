@@ -30,6 +30,18 @@ QStringList Arguments(const QString& image, const QString& outputDir, const QStr
 // True when the tool's last words say the extraction went well.
 bool OutputSaysOk(const QStringList& lines);
 
+// Why the tool failed, in its own words: the text of each error header
+// ("ERROR: ...", "ERRORS:", "System ERROR:", "Command Line Error:") with the
+// line that follows it, without "errno=N : " prefixes, each reason once.
+// "System ERROR:" / "errno=28 : No space left on device" gives "No space
+// left on device"; "ERROR: x.iso" / "Cannot open the file as archive" gives
+// "x.iso: Cannot open the file as archive".
+QStringList Reasons(const QStringList& lines);
+
+// Makes the destination folder where it is missing. What is wrong with it,
+// naming it and the reason, or an empty string.
+QString PrepareDestination(const QString& destination);
+
 // What is wrong with the entries asked for, naming them, or an empty string.
 // Each must be a safe path (see Listing::IsSafePath) that the image's
 // listing holds.

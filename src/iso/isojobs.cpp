@@ -21,6 +21,18 @@ QString archiveToolName()
     return ToolLocator::DisplayName(ToolLocator::Tool::Archive);
 }
 
+// A failed run of the archive tool in plain words, quoting the tool's
+// reasons where it gave any.
+QString archiveFailure(const CRunCommandThread& runner, const QStringList& lines)
+{
+    const CRunCommandThread::Result result = runner.GetResult();
+    const QStringList reasons = Extraction::Reasons(lines);
+    if (reasons.isEmpty() || result == CRunCommandThread::Result::StartFailed ||
+        result == CRunCommandThread::Result::Stopped)
+        return runner.FailureText(archiveToolName());
+    return QStringLiteral("%1 said: \"%2\"").arg(archiveToolName(), reasons.join(QStringLiteral("\", \"")));
+}
+
 } // namespace
 
 CListJob::CListJob(ItemTree& tree, QObject* parent) : QObject(parent), m_tree(tree) {}
@@ -47,9 +59,13 @@ void CListJob::Start(const QString& image)
         m_reader->RecordFiles(m_files);
     }
     m_runner = new CRunCommandThread;
+    m_said.clear();
     connect(m_runner, &CRunCommandThread::standoutputlines, this, [this](const QStringList& lines) {
-        for (const QString& line : lines)
+        for (const QString& line : lines) {
+            if (!m_reader->InTable() && !Listing::IsSeparator(line))
+                m_said << line;
             m_reader->Feed(line);
+        }
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CListJob::OnFinished);
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive), Listing::Arguments(image));
@@ -75,9 +91,10 @@ void CListJob::OnFinished()
         m_tree.Clear();
         m_tree.title = title;
         m_message = QStringLiteral("The image could not be opened. %1")
-                        .arg(m_runner->FailureText(archiveToolName()));
+                        .arg(archiveFailure(*m_runner, m_said));
     }
     m_leftOut = m_reader->LeftOut();
+    m_said.clear();
     m_runner->deleteLater();
     m_runner = nullptr;
     m_reader.reset();
@@ -141,10 +158,14 @@ void CExtractJob::Extract(const ItemTree* contents)
             return;
         }
     }
-    QDir().mkpath(m_destination);
+    if (const QString wrong = Extraction::PrepareDestination(m_destination); !wrong.isEmpty()) {
+        FinishLater(false, QStringLiteral("Nothing was extracted. %1").arg(wrong));
+        return;
+    }
     QTemporaryDir staging(QDir(m_destination).filePath(QStringLiteral(".brenta-extract-XXXXXX")));
     if (!staging.isValid()) {
-        FinishLater(false, QStringLiteral("Cannot write into %1 (%2).").arg(m_destination, staging.errorString()));
+        FinishLater(false, QStringLiteral("Nothing was extracted. Cannot write into %1: %2.")
+                               .arg(m_destination, staging.errorString()));
         return;
     }
     staging.setAutoRemove(false);
@@ -188,7 +209,7 @@ void CExtractJob::OnFinished()
 {
     const bool toolOk = m_runner->GetResult() == CRunCommandThread::Result::Success &&
                         Extraction::OutputSaysOk(m_lines);
-    const QString failure = toolOk ? QString() : m_runner->FailureText(archiveToolName());
+    const QString failure = toolOk ? QString() : archiveFailure(*m_runner, m_lines);
     m_runner->deleteLater();
     m_runner = nullptr;
     m_lines.clear();

@@ -52,6 +52,7 @@ private:
     std::vector<Listing::FileSpan>* m_files = nullptr;
     CRunCommandThread* m_runner = nullptr;
     std::unique_ptr<Listing::Reader> m_reader;
+    QStringList m_said; // the tool's lines outside the table, where it tells what went wrong
     bool m_succeeded = false;
     QString m_message;
     QStringList m_leftOut;

@@ -55,6 +55,8 @@ public:
     // Also appends every file line to `files`, duplicates included.
     void RecordFiles(std::vector<FileSpan>* files) { m_files = files; }
     bool Finished() const { return m_finished; }
+    // Between the separators, where every line is an entry.
+    bool InTable() const { return m_inListing; }
     int Entries() const { return m_entries; }
     QStringList LeftOut() const { return m_leftOut; }
 
