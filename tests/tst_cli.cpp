@@ -60,7 +60,8 @@ constexpr uid_t kNobody = 65534;
 // Everything in a folder, hidden entries included.
 QStringList entries(const QString& folder)
 {
-    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                  QDir::NoDotAndDotDot);
 }
 
 QByteArray readAll(const QString& path)
@@ -239,9 +240,11 @@ void TestCli::signalStopsAndCleansUp()
     QFETCH(int, signal);
     QTemporaryDir dir;
     const QString ready = dir.filePath("ready");
-    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"docs/a.txt", QByteArray(100000, 'a')}, {"b.txt", "b"}}));
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"),
+                                  {{"docs/a.txt", QByteArray(100000, 'a')}, {"b.txt", "b"}}));
     QString error;
-    QVERIFY2(!IsoFixture::Build(dir.filePath("files"), dir.filePath("source.iso"), "joliet", &error).isEmpty(),
+    QVERIFY2(!IsoFixture::Build(dir.filePath("files"), dir.filePath("source.iso"), "joliet", &error)
+                  .isEmpty(),
              qPrintable(error));
     const QString slow = "#!/bin/sh\n"
                          "\"$BRENTA_TEST_REAL\" \"$@\" || exit $?\n"
@@ -250,10 +253,12 @@ void TestCli::signalStopsAndCleansUp()
                          "exec sleep 60\n";
     for (const QString& tool : {QString("7z/7z"), QString("cdrtools/mkisofs")}) {
         QVERIFY(IsoFixture::WriteTree(dir.filePath("tools"), {{tool, slow.toUtf8()}}));
-        QVERIFY(QFile::setPermissions(dir.filePath("tools/" + tool), QFile::ReadOwner | QFile::ExeOwner));
+        QVERIFY(QFile::setPermissions(dir.filePath("tools/" + tool),
+                                      QFile::ReadOwner | QFile::ExeOwner));
     }
     QString device;
-    for (const QString& name : QDir("/sys/class/block").entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::System)) {
+    for (const QString& name :
+         QDir("/sys/class/block").entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::System)) {
         if (QFileInfo::exists("/dev/" + name)) {
             device = "/dev/" + name;
             break;
@@ -270,7 +275,8 @@ void TestCli::signalStopsAndCleansUp()
         arguments = QStringList{"extract", dir.filePath("source.iso"), out};
         real = QStandardPaths::findExecutable("7z");
     } else if (command == "create") {
-        arguments = QStringList{"create", out + "/image.iso", dir.filePath("files/docs"), dir.filePath("files/b.txt")};
+        arguments = QStringList{"create", out + "/image.iso", dir.filePath("files/docs"),
+                                dir.filePath("files/b.txt")};
         real = QStandardPaths::findExecutable("genisoimage");
     } else {
         arguments = QStringList{"copy-disc", device, out + "/image.iso"};
@@ -282,8 +288,9 @@ void TestCli::signalStopsAndCleansUp()
     environment.insert("BRENTA_TEST_READY", ready);
     environment.insert("BRENTA_STANDIN_MODE", "hang");
     environment.insert("BRENTA_STANDIN_LOG", ready);
-    environment.insert("BRENTA_TOOLS_DIR", command == "copy-disc" ? QString(BRENTA_SOURCE_DIR "/tests/standins")
-                                                                   : dir.filePath("tools"));
+    environment.insert("BRENTA_TOOLS_DIR", command == "copy-disc"
+                                               ? QString(BRENTA_SOURCE_DIR "/tests/standins")
+                                               : dir.filePath("tools"));
     brenta.setProcessEnvironment(environment);
     brenta.start(BRENTA_EXECUTABLE, arguments);
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(ready), 30000);
@@ -306,8 +313,10 @@ void TestCli::startRemovesWorkingCopiesLeftBehind()
 {
     QTemporaryDir dir;
     const QString scratch = dir.filePath("data/brenta/tmp");
-    QVERIFY(IsoFixture::WriteTree(scratch, {{"create-left/a.txt", "a"}, {"create-left.lock", ""},
-                                            {"edit-held/contents/b.txt", "b"}, {"edit-held.lock", ""},
+    QVERIFY(IsoFixture::WriteTree(scratch, {{"create-left/a.txt", "a"},
+                                            {"create-left.lock", ""},
+                                            {"edit-held/contents/b.txt", "b"},
+                                            {"edit-held.lock", ""},
                                             {"c.txt", "c"}}));
     // This test is the running owner of the held one.
     const int held = ::open(qPrintable(scratch + "/edit-held.lock"), O_RDWR | O_CLOEXEC);
@@ -327,16 +336,19 @@ void TestCli::createRefusesUnreadableFolder()
 {
     const uid_t user = ::geteuid() == 0 ? kNobody : 0;
     QTemporaryDir dir;
-    QVERIFY(QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
-                                                  QFile::ReadOther | QFile::ExeOther));
-    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"ok.txt", "ok"}, {"locked/secret.txt", "s"}}));
+    QVERIFY(QFile::setPermissions(dir.path(), QFile::ReadOwner | QFile::WriteOwner |
+                                                  QFile::ExeOwner | QFile::ReadOther |
+                                                  QFile::ExeOther));
+    QVERIFY(IsoFixture::WriteTree(dir.filePath("files"),
+                                  {{"ok.txt", "ok"}, {"locked/secret.txt", "s"}}));
     QVERIFY(QDir(dir.path()).mkdir("home"));
     QVERIFY(user == 0 || ::chown(qPrintable(dir.filePath("home")), user, user) == 0);
     const QString locked = dir.filePath("files/locked");
     QVERIFY(QFile::setPermissions(locked, {}));
-    const Run run = runBrenta({"create", dir.filePath("home/out.iso"), dir.filePath("files")}, 60000,
-                              {"HOME=" + dir.filePath("home"), "XDG_DATA_HOME=" + dir.filePath("home/data")},
-                              QByteArray(), QStringLiteral(BRENTA_EXECUTABLE), user);
+    const Run run =
+        runBrenta({"create", dir.filePath("home/out.iso"), dir.filePath("files")}, 60000,
+                  {"HOME=" + dir.filePath("home"), "XDG_DATA_HOME=" + dir.filePath("home/data")},
+                  QByteArray(), QStringLiteral(BRENTA_EXECUTABLE), user);
     QVERIFY(QFile::setPermissions(locked, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
     QCOMPARE(run.exitCode, 1);
     QVERIFY2(run.err.contains(locked), qPrintable(run.err));

@@ -20,7 +20,8 @@ QByteArray readAll(const QString& path)
 // Everything in a folder, hidden entries included.
 QStringList entries(const QString& folder)
 {
-    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                  QDir::NoDotAndDotDot);
 }
 
 QStringList listed(const QString& image)

@@ -246,7 +246,8 @@ void TestDiscTools::copies()
     QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
     // The reader writes a part file beside the output, never the output itself.
     QCOMPARE(Logged(m_log).size(), 1);
-    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" + m_dir.filePath(".copy-" + mode + ".iso.")));
+    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" +
+                                             m_dir.filePath(".copy-" + mode + ".iso.")));
     // A failed copy leaves no half image behind.
     QCOMPARE(QFileInfo::exists(output), succeeded);
     if (succeeded) {

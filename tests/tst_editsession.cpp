@@ -77,7 +77,8 @@ QStringList listImage(const QString& image)
 QFileInfoList partFiles(const QString& output)
 {
     const QFileInfo info(output);
-    return info.dir().entryInfoList({"." + info.fileName() + ".*.part"}, QDir::Files | QDir::Hidden);
+    return info.dir().entryInfoList({"." + info.fileName() + ".*.part"},
+                                    QDir::Files | QDir::Hidden);
 }
 
 QByteArray readFile(const QString& path)
@@ -345,7 +346,8 @@ void TestEditSession::stopDuringEachSavePhase()
     session.Save(output);
     if (phase == int(Phase::Building)) {
         QTRY_VERIFY_WITH_TIMEOUT(!progress.isEmpty() && progress.last().first().toInt() == phase, 60000);
-        QTRY_VERIFY_WITH_TIMEOUT(!partFiles(output).isEmpty() && partFiles(output).first().size() > 0, 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !partFiles(output).isEmpty() && partFiles(output).first().size() > 0, 60000);
     } else {
         QVERIFY(!progress.isEmpty());
         QCOMPARE(progress.last().first().toInt(), phase);

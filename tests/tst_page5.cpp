@@ -132,7 +132,8 @@ void TestPage5::copiesTheDisc()
     QCOMPARE(m_urls.opened, QList<QUrl>{QUrl::fromLocalFile(m_dir.filePath("copies"))});
     QCOMPARE(QFileInfo(output).size(), qint64(300) * 2048);
     QCOMPARE(Logged(m_log).size(), 1);
-    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" + m_dir.filePath("copies/.disc copy.iso.")));
+    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" +
+                                             m_dir.filePath("copies/.disc copy.iso.")));
 }
 
 // Stop is the user's own choice: no message, no half image (nor its part

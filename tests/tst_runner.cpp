@@ -315,16 +315,20 @@ void TestRunner::toolDiesWithBrenta()
 {
     QTemporaryDir dir;
     const QString pidFile = dir.filePath("pid");
-    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"tools/cdrtools/mkisofs", "#!/bin/sh\necho $$ >\"$BRENTA_TEST_PID\"\nexec sleep 60\n"},
-                                               {"files/a.txt", "a"}}));
-    QVERIFY(QFile::setPermissions(dir.filePath("tools/cdrtools/mkisofs"), QFile::ReadOwner | QFile::ExeOwner));
+    QVERIFY(IsoFixture::WriteTree(
+        dir.path(),
+        {{"tools/cdrtools/mkisofs", "#!/bin/sh\necho $$ >\"$BRENTA_TEST_PID\"\nexec sleep 60\n"},
+         {"files/a.txt", "a"}}));
+    QVERIFY(QFile::setPermissions(dir.filePath("tools/cdrtools/mkisofs"),
+                                  QFile::ReadOwner | QFile::ExeOwner));
     QProcess brenta;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
     environment.insert("BRENTA_TEST_PID", pidFile);
     environment.insert("XDG_DATA_HOME", dir.filePath("data"));
     brenta.setProcessEnvironment(environment);
-    brenta.start(BRENTA_EXECUTABLE, {"create", dir.filePath("out.iso"), dir.filePath("files/a.txt")});
+    brenta.start(BRENTA_EXECUTABLE,
+                 {"create", dir.filePath("out.iso"), dir.filePath("files/a.txt")});
     QTRY_VERIFY_WITH_TIMEOUT(readPid(pidFile) > 0, 30000);
     const qint64 tool = readPid(pidFile);
     QVERIFY(processAlive(tool));

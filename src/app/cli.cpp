@@ -475,12 +475,16 @@ int RunBurnDisc(const Request& request)
     }
     // A burn cut short would ruin the disc: it goes on, and Brenta with it.
     bool told = false;
-    return runDiscJob(job, showProgress, [&] { job.Start(request.image, request.device); }, [&told] {
-        if (!told)
-            print(stderr, QStringLiteral("\nbrenta: a disc burn cannot be stopped; it goes on to its end.\n"));
-        told = true;
-        return false;
-    });
+    return runDiscJob(
+        job, showProgress, [&] { job.Start(request.image, request.device); },
+        [&told] {
+            if (!told)
+                print(stderr,
+                      QStringLiteral(
+                          "\nbrenta: a disc burn cannot be stopped; it goes on to its end.\n"));
+            told = true;
+            return false;
+        });
 }
 
 namespace {
@@ -611,10 +615,12 @@ int RunCopyDisc(const Request& request)
                 print(stderr, QStringLiteral("\r\033[KReading %1%").arg(sector * 100 / *end));
         });
     }
-    return runDiscJob(job, showProgress, [&] { job.Start(request.device, request.output); }, [&job] {
-        job.Stop();
-        return true;
-    });
+    return runDiscJob(
+        job, showProgress, [&] { job.Start(request.device, request.output); },
+        [&job] {
+            job.Stop();
+            return true;
+        });
 }
 
 QString VersionText()

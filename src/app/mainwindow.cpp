@@ -125,8 +125,8 @@ void MainWindow::onClose()
     // copies and unfinished output.
     const QObjectList pages = children();
     for (QObject* page : pages) {
-        if (qobject_cast<CPage2*>(page) || qobject_cast<CPage3*>(page) || qobject_cast<CPage4*>(page) ||
-            qobject_cast<CPage5*>(page))
+        if (qobject_cast<CPage2*>(page) || qobject_cast<CPage3*>(page) ||
+            qobject_cast<CPage4*>(page) || qobject_cast<CPage5*>(page))
             delete page;
     }
     std::fflush(nullptr);

@@ -64,7 +64,8 @@ QString Util::ScratchDir()
 void Util::RemoveStaleWorkingCopies()
 {
     const QDir scratch(ScratchDir());
-    const QStringList locks = scratch.entryList({QStringLiteral("*.lock")}, QDir::Files | QDir::Hidden);
+    const QStringList locks =
+        scratch.entryList({QStringLiteral("*.lock")}, QDir::Files | QDir::Hidden);
     for (const QString& name : locks) {
         const QString lock = scratch.filePath(name);
         const int fd = ::open(QFile::encodeName(lock).constData(), O_RDWR | O_CLOEXEC);
@@ -281,8 +282,9 @@ ScratchFolder::ScratchFolder(const QString& stem)
         // another name is tried.
         struct stat held = {};
         struct stat named = {};
-        if (::flock(fd, LOCK_EX) == 0 && ::fstat(fd, &held) == 0 && ::stat(lock.constData(), &named) == 0 &&
-            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+        if (::flock(fd, LOCK_EX) == 0 && ::fstat(fd, &held) == 0 &&
+            ::stat(lock.constData(), &named) == 0 && held.st_dev == named.st_dev &&
+            held.st_ino == named.st_ino) {
             m_path = QFile::decodeName(folder);
             m_lock = fd;
         } else {

@@ -61,8 +61,9 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
             [this](int value) { Q_EMIT progress(Phase::Building, value, 10000); });
     // The build puts the image in place only when it is whole, so a failed
     // save never costs the file that was there.
-    connect(m_build, &CBuildJob::finished, this,
-            [this] { Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message()); });
+    connect(m_build, &CBuildJob::finished, this, [this] {
+        Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message());
+    });
     m_poll = new QTimer(this);
     m_poll->setInterval(100);
     connect(m_poll, &QTimer::timeout, this, &CEditSession::Poll);

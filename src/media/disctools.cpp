@@ -395,7 +395,8 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
         QString error;
         if (ok && !Util::CommitPart(m_part, m_output, &error)) {
             ok = false;
-            message = QStringLiteral("The disc was read but could not be saved as %1 (%2).").arg(m_output, error);
+            message = QStringLiteral("The disc was read but could not be saved as %1 (%2).")
+                          .arg(m_output, error);
         } else if (!ok) {
             QString plain = DiscTools::CopyFailure(m_runner->ExitCode(), m_runner->LastLines());
             if (plain.isEmpty() && m_runner->GetResult() == CRunCommandThread::Result::Success)
@@ -409,7 +410,8 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
         m_runner = nullptr;
         Q_EMIT finished(ok, message);
     });
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscReader), DiscTools::CopyArguments(node, m_part));
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscReader),
+                         DiscTools::CopyArguments(node, m_part));
     m_runner->StartCommand(QThread::InheritPriority);
 }
 

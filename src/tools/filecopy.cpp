@@ -82,7 +82,8 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir, std::at
         ::closedir(folder);
     } else {
         if (failures)
-            *failures << QStringLiteral("%1: %2").arg(sourceDir, QString::fromLocal8Bit(strerror(errno)));
+            *failures << QStringLiteral("%1: %2").arg(sourceDir,
+                                                      QString::fromLocal8Bit(strerror(errno)));
         return false;
     }
     if (!QDir().mkpath(targetDir)) {
