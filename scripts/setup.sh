@@ -10,7 +10,7 @@ packages=(
   # run
   qt6-qpa-plugins libqt6svg6 fonts-noto-core fonts-dejavu-core xdg-utils
   # the disc tools Brenta drives
-  p7zip-full genisoimage wodim
+  p7zip-full genisoimage wodim xorriso
   # the USB helper: partitioning, file systems (with FUSE drivers for kernels
   # without vfat or exfat), BIOS boot code, and pkexec to start it
   fdisk dosfstools exfatprogs ntfs-3g fusefat exfat-fuse grub-pc-bin grub2-common pkexec

@@ -30,6 +30,8 @@ ToolNames namesOf(Tool tool)
         return {"wimlib", "wimlib-imagex", {QStringLiteral("wimlib-imagex")}};
     case Tool::UsbHelper:
         return {"usbhelper", "brenta-usb-helper", {}};
+    case Tool::Xorriso:
+        return {"xorriso", "xorriso", {QStringLiteral("xorriso")}};
     }
     return {"", "", {}};
 }

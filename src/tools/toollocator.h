@@ -18,6 +18,7 @@ enum class Tool {
     DiscReader,   // readcd or readom: reads a disc into an image
     WimTool,      // wimlib-imagex: splits an installer image into parts
     UsbHelper,    // brenta-usb-helper: does what needs root on a USB stick
+    Xorriso,      // xorriso: reads an image's Rock Ridge tree (symbolic links)
 };
 
 // The full path of the tool, or an empty string when it is nowhere to be found.
