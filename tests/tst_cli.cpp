@@ -473,7 +473,7 @@ void TestCli::burnUsb()
     QCOMPARE(QFileInfo(mount + "/docs/a.txt").size(), qint64(1));
     if (options.contains("--label"))
         QVERIFY2(Standins::Logged(log).first().contains(
-                     " --scheme gpt --fs fat32 --label My Stick --owner "),
+                     " --scheme gpt --fs fat32 --label My Stick"),
                  qPrintable(Standins::Logged(log).first()));
 }
 
@@ -493,7 +493,7 @@ void TestCli::burnUsbAsDesktopUser_data()
 }
 
 // Brenta run by an ordinary user asks pkexec to start the helper for every
-// step, and passes the user's own ids for the mount. The helper and pkexec
+// step. The helper and pkexec
 // are stand-ins; the user is "nobody", so Brenta gets a folder of its own
 // that user can reach.
 void TestCli::burnUsbAsDesktopUser()
@@ -556,7 +556,6 @@ void TestCli::burnUsbAsDesktopUser()
         commands << line.section(' ', 1, 1);
     }
     QCOMPARE(commands, authorised);
-    QVERIFY2(lines.first().endsWith(" --owner 65534:65534"), qPrintable(lines.first()));
     if (exitCode == 0)
         QCOMPARE(QFileInfo(home + "/mount/docs/a.txt").size(), qint64(1));
 }

@@ -374,7 +374,7 @@ private Q_SLOTS:
         QCOMPARE(Standins::LoggedCommands(m_log), calls);
         const QString prepare = Standins::Logged(m_log).first();
         QVERIFY2(prepare.contains(gpt ? "--scheme gpt --fs fat32" : "--scheme mbr --fs ntfs"), qPrintable(prepare));
-        QVERIFY(prepare.contains(QString("--label myusb --owner %1:%2").arg(::getuid()).arg(::getgid())));
+        QVERIFY2(prepare.endsWith("--label myusb"), qPrintable(prepare));
 
         if (succeeds) {
             QList<Phase> expected{Phase::Checking, Phase::Formatting, Phase::BootCode, Phase::Copying,

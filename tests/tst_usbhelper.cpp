@@ -20,6 +20,8 @@ Q_DECLARE_METATYPE(Drives::NodeFacts)
 
 namespace {
 
+constexpr uint kNobody = 65534;
+
 struct Run
 {
     int exitCode = -1;
@@ -32,7 +34,8 @@ Run helper(const QStringList& arguments,
     QProcess process;
     process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral(BRENTA_USB_HELPER), arguments);
+    // Another build of the helper can be tried against these tests.
+    process.start(qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER)), arguments);
     process.waitForFinished(120000);
     Run run;
     run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
@@ -146,8 +149,6 @@ class TestUsbHelper : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void parse_data();
-    void parse();
     void refusal_data();
     void refusal();
     void label_data();
@@ -167,72 +168,9 @@ private Q_SLOTS:
     void otherFileSystemsAreLeftMounted();
     void disksInUseAreRefused_data();
     void disksInUseAreRefused();
+    void loopDevicesOfOthersAreRefused_data();
+    void loopDevicesOfOthersAreRefused();
 };
-
-void TestUsbHelper::parse_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<QString>("label");
-
-    QTest::newRow("check") << QStringList{"check", "/dev/sdb"} << true << "";
-    QTest::newRow("check extra") << QStringList{"check", "/dev/sdb", "x"} << false << "";
-    QTest::newRow("no command") << QStringList{} << false << "";
-    QTest::newRow("unknown command") << QStringList{"format", "/dev/sdb"} << false << "";
-    QTest::newRow("no device") << QStringList{"unmount"} << false << "";
-    QTest::newRow("option as device") << QStringList{"check", "--help"} << false << "";
-    QTest::newRow("prepare") << QStringList{"prepare", "/dev/sdb", "--scheme", "gpt", "--fs", "exfat", "--label",
-                                            "my stick", "--owner", "1000:100"}
-                             << true << "my stick";
-    QTest::newRow("prepare options reordered")
-        << QStringList{"prepare", "/dev/sdb", "--owner", "0:0", "--fs", "fat", "--scheme", "mbr"} << true << "";
-    QTest::newRow("prepare without owner")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32"} << false << "";
-    QTest::newRow("prepare bad scheme")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "MBR", "--fs", "fat32", "--owner", "1:1"} << false << "";
-    QTest::newRow("prepare bad fs")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "ext4", "--owner", "1:1"} << false << "";
-    QTest::newRow("prepare twice")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--scheme", "gpt", "--fs", "fat32", "--owner", "1:1"}
-        << false << "";
-    QTest::newRow("prepare dangling option")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1", "--label"}
-        << false << "";
-    QTest::newRow("prepare unknown option")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1", "--force", "1"}
-        << false << "";
-    QTest::newRow("owner negative")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "-1:0"} << false << "";
-    QTest::newRow("owner no-id value")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "4294967295:0"}
-        << false << "";
-    QTest::newRow("owner name")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "root:root"} << false
-        << "";
-    QTest::newRow("label with line feed")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1", "--label", "a\nb"}
-        << false << "";
-    QTest::newRow("bootcode") << QStringList{"bootcode", "/dev/sdb"} << true << "";
-    QTest::newRow("bootcode extra") << QStringList{"bootcode", "/dev/sdb", "/run/brenta/sdb1"} << false << "";
-    QTest::newRow("remount") << QStringList{"remount", "/dev/sdb", "--fs", "ntfs", "--owner", "1000:1000"} << true
-                             << "";
-    QTest::newRow("remount takes no scheme")
-        << QStringList{"remount", "/dev/sdb", "--scheme", "mbr", "--fs", "ntfs", "--owner", "1:1"} << false << "";
-    QTest::newRow("remount without fs") << QStringList{"remount", "/dev/sdb", "--owner", "1:1"} << false << "";
-}
-
-void TestUsbHelper::parse()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(bool, ok);
-    QFETCH(QString, label);
-    Request request;
-    QString error;
-    QCOMPARE(ParseArguments(arguments, request, error), ok);
-    QCOMPARE(error.isEmpty(), ok);
-    if (ok)
-        QCOMPARE(request.label, label);
-}
 
 void TestUsbHelper::refusal_data()
 {
@@ -413,8 +351,16 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
     QTest::newRow("relative") << QStringList{"check", "sda"} << 3 << "refused: sda is not a device path";
     QTest::newRow("escape from dev") << QStringList{"unmount", "/dev/../etc/passwd"} << 3 << "refused: ";
     QTest::newRow("prepare refused before writing")
-        << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32", "--owner", "1:1"} << 3
-        << "refused: ";
+        << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32"} << 3 << "refused: ";
+    // The user the stick is mounted for comes from pkexec, never from the caller.
+    QTest::newRow("owner given") << QStringList{"remount", "/dev/sdb", "--fs", "fat32", "--owner", "0:0"} << 2
+                                 << "unknown option \"--owner\"";
+    QTest::newRow("unknown option") << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32",
+                                                   "--force", "1"}
+                                    << 2 << "unknown option";
+    QTest::newRow("label with a line feed")
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--label", "a\nb"} << 2
+        << "bad value";
 }
 
 void TestUsbHelper::usageAndRefusalsOfTheProgram()
@@ -510,18 +456,25 @@ void TestUsbHelper::endToEnd()
         QVERIFY(standIn.setPermissions(standIn.permissions() | QFileDevice::ExeOwner));
         environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
     }
+    // Through pkexec, the stick is mounted for the user it names, who owns
+    // the loop device's file; the stand-in tools are only honoured for root
+    // itself, who gets the stick.
+    const uint owner = fuse ? 0 : kNobody;
+    if (!fuse)
+        environment.insert("PKEXEC_UID", QString::number(kNobody));
+    QVERIFY(::chown(QFile::encodeName(dir.filePath("stick.img")).constData(), kNobody, kNobody) == 0);
 
-    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", "brenta", "--owner", "65534:65534"},
-                     environment);
+    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", "brenta"}, environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting", "step: mounting",
                                      "mounted: " + folder}));
     QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
 
-    // Writable by the owner given: "nobody" writes a file into it.
+    // Writable by its owner.
+    QCOMPARE(QFileInfo(folder).ownerId(), owner);
     code = -1;
-    tool("setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups", "sh", "-c",
-                     "echo written > '" + folder + "/by-owner.txt'"},
+    tool("setpriv", {QString("--reuid=%1").arg(owner), QString("--regid=%1").arg(owner), "--clear-groups", "sh",
+                     "-c", "echo written > '" + folder + "/by-owner.txt'"},
          &code);
     QCOMPARE(code, 0);
     QFile written(folder + "/by-owner.txt");
@@ -561,7 +514,8 @@ void TestUsbHelper::endToEnd()
 
     // A remount keeps what was written, the owner's right to write and the
     // stick's powerlessness.
-    run = helper({"remount", loop, "--fs", fs, "--owner", "65534:65534"}, environment);
+    run = helper({"remount", loop, "--fs", fs}, environment);
+    QCOMPARE(QFileInfo(folder).ownerId(), owner);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QCOMPARE(run.lines.last(), "mounted: " + folder);
     QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
@@ -684,11 +638,64 @@ void TestUsbHelper::disksInUseAreRefused()
     }
     const QByteArray before = sha256Of(stick.Node());
 
-    const Run run = helper({"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32", "--owner", "0:0"});
+    const Run run = helper({"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"});
     QCOMPARE(run.exitCode, 3);
     QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(QString(reason).replace("%1", dir.path())),
              qPrintable(run.lines.join('\n')));
     QCOMPARE(mounted(folder), use.startsWith("mount"));
+    QCOMPARE(sha256Of(stick.Node()), before);
+}
+
+// Any user polkit lets through may name any loop device, and a loop device
+// can read any file, the system's own images too: through pkexec the helper
+// takes only a loop device over a file of the user pkexec names, as the
+// kernel holds it (a file put in its place later does not count).
+void TestUsbHelper::loopDevicesOfOthersAreRefused_data()
+{
+    QTest::addColumn<QString>("pkexecUid");
+    QTest::addColumn<QString>("file"); // "root's"; "swapped": root's, deleted, with the user's own named like it
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("another user's file") << "65534" << "root's" << "belongs to another user";
+    QTest::newRow("own file named like another's") << "65534" << "swapped" << "cannot be found";
+    QTest::newRow("not a user id") << "65534x" << "root's" << "PKEXEC_UID is not a user id";
+    QTest::newRow("unknown user") << "4000000000" << "root's" << "unknown to the system";
+}
+
+void TestUsbHelper::loopDevicesOfOthersAreRefused()
+{
+    QFETCH(QString, pkexecUid);
+    QFETCH(QString, file);
+    QFETCH(QString, reason);
+    if (::geteuid() != 0)
+        QSKIP("needs root for loop devices");
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString image = dir.filePath("stick.img");
+    const LoopDevice stick(image, 16);
+    if (!stick.IsValid())
+        QSKIP("no loop device can be set up here");
+    if (file == "swapped") {
+        // The kernel names a deleted file "<path> (deleted)": a name anyone
+        // can give a file of their own.
+        QVERIFY(QFile::remove(image));
+        QFile own(image + " (deleted)");
+        QVERIFY(own.open(QIODevice::WriteOnly));
+        own.close();
+        QVERIFY(::chown(QFile::encodeName(own.fileName()).constData(), kNobody, kNobody) == 0);
+    }
+    const QByteArray before = sha256Of(stick.Node());
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("PKEXEC_UID", pkexecUid);
+
+    for (const QStringList& arguments : {QStringList{"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"},
+                                         QStringList{"unmount", stick.Node()}}) {
+        const Run run = helper(arguments, environment);
+        QCOMPARE(run.exitCode, 3);
+        QVERIFY2(run.lines.size() == 1 && run.lines.first().startsWith("refused: ")
+                     && run.lines.first().contains(reason),
+                 qPrintable(run.lines.join('\n')));
+    }
     QCOMPARE(sha256Of(stick.Node()), before);
 }
 

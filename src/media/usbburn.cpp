@@ -139,14 +139,14 @@ QStringList SplitArguments(const QString& wim, const QString& firstPart, qint64 
 }
 
 QStringList PrepareArguments(const QString& device, UsbPlan::Scheme scheme, UsbPlan::FileSystem fs,
-                             const QString& label, uint uid, uint gid)
+                             const QString& label)
 {
     QStringList arguments{QStringLiteral("prepare"), device, QStringLiteral("--scheme"),
                           scheme == UsbPlan::Scheme::Gpt ? QStringLiteral("gpt") : QStringLiteral("mbr"),
                           QStringLiteral("--fs"), UsbPlan::Name(fs).toLower()};
     if (!label.isEmpty())
         arguments << QStringLiteral("--label") << label;
-    return arguments << QStringLiteral("--owner") << QStringLiteral("%1:%2").arg(uid).arg(gid);
+    return arguments;
 }
 
 void ReadHelperLine(const QString& line, HelperReport& report)
@@ -434,8 +434,7 @@ void CUsbBurnJob::Burn()
     Q_EMIT phase(Phase::Formatting);
     Q_EMIT progress(0, 0);
     RunHelper(QStringLiteral("formatting"),
-              UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem, m_options.label,
-                                        ::getuid(), ::getgid()),
+              UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem, m_options.label),
               &CUsbBurnJob::StartBootCode);
 }
 
@@ -577,8 +576,7 @@ void CUsbBurnJob::StartRemount()
     Q_EMIT progress(0, 0);
     RunHelper(QStringLiteral("verifying"),
               {QStringLiteral("remount"), m_options.device, QStringLiteral("--fs"),
-               UsbPlan::Name(m_decision.fileSystem).toLower(), QStringLiteral("--owner"),
-               QStringLiteral("%1:%2").arg(::getuid()).arg(::getgid())},
+               UsbPlan::Name(m_decision.fileSystem).toLower()},
               &CUsbBurnJob::StartVerify);
 }
 

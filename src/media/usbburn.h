@@ -34,9 +34,10 @@ QStringList CopyArguments(const QString& image, const QString& mountPoint, const
 // each at most 3,800 MiB, well below FAT's limit (or half of a smaller limit).
 QStringList SplitArguments(const QString& wim, const QString& firstPart, qint64 fatFileLimit);
 
-// The helper's arguments for preparing a stick.
+// The helper's arguments for preparing a stick. The helper mounts it for the
+// user pkexec names, or for whoever runs it.
 QStringList PrepareArguments(const QString& device, UsbPlan::Scheme scheme, UsbPlan::FileSystem fs,
-                             const QString& label, uint uid, uint gid);
+                             const QString& label);
 
 // What a helper run said: the folder it mounted, or its error line
 // ("error: <step>: <reason>") without the prefix, or its refusal.

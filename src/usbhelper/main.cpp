@@ -31,6 +31,8 @@
 #include <fcntl.h>
 #include <linux/blkpg.h>
 #include <linux/fs.h>
+#include <linux/loop.h>
+#include <pwd.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -280,17 +282,83 @@ bool unmountAll(const QString& diskName, const QString& step, QString& failure)
     return true;
 }
 
+// Whom the helper works for: the user pkexec names, or whoever started it.
+struct Caller
+{
+    uint uid = 0;
+    uint gid = 0;
+};
+
+// Under pkexec, the user polkit authorised and that user's primary group;
+// started directly, the real ids of whoever started it. False with `error`
+// when pkexec named no user the system knows.
+bool findCaller(Caller& caller, QString& error)
+{
+    if (!qEnvironmentVariableIsSet("PKEXEC_UID")) {
+        caller.uid = ::getuid();
+        caller.gid = ::getgid();
+        return true;
+    }
+    const QByteArray given = qgetenv("PKEXEC_UID");
+    if (!ParseUid(given, caller.uid)) {
+        error = QStringLiteral("PKEXEC_UID is not a user id");
+        return false;
+    }
+    QByteArray buffer(16384, '\0');
+    struct passwd entry = {};
+    struct passwd* found = nullptr;
+    int status = 0;
+    while ((status = ::getpwuid_r(caller.uid, &entry, buffer.data(), size_t(buffer.size()), &found)) == ERANGE
+           && buffer.size() < (1 << 20))
+        buffer.resize(buffer.size() * 2);
+    if (status != 0 || found == nullptr) {
+        error = QStringLiteral("user %1 is unknown to the system").arg(caller.uid);
+        return false;
+    }
+    caller.gid = found->pw_gid;
+    return true;
+}
+
+// Empty when the loop device reads a file that belongs to `uid`, else why
+// not. The file is the one the kernel holds (its device and inode), not
+// whatever its path names now.
+QString loopRefusal(const QString& node, const QString& name, uint uid)
+{
+    struct loop_info64 info = {};
+    const int fd = ::open(QFile::encodeName(node).constData(), O_RDONLY | O_CLOEXEC);
+    const bool bound = fd >= 0 && ::ioctl(fd, LOOP_GET_STATUS64, &info) == 0;
+    if (fd >= 0)
+        ::close(fd);
+    if (!bound)
+        return QStringLiteral("%1 reads no file").arg(node);
+    QFile sys(QStringLiteral("/sys/class/block/%1/loop/backing_file").arg(name));
+    QByteArray path = sys.open(QIODevice::ReadOnly) ? sys.readAll() : QByteArray();
+    if (path.endsWith('\n'))
+        path.chop(1);
+    struct stat file;
+    if (path.isEmpty() || ::stat(path.constData(), &file) != 0 || quint64(file.st_dev) != info.lo_device
+        || quint64(file.st_ino) != info.lo_inode)
+        return QStringLiteral("the file %1 reads cannot be found").arg(node);
+    if (file.st_uid != uid)
+        return QStringLiteral("%1 reads %2, which belongs to another user")
+            .arg(node, QFile::decodeName(path).simplified());
+    return QString();
+}
+
 struct Target
 {
     QString node; // "/dev/sdb", the kernel's name for what was given
     Drives::NodeFacts facts;
 };
 
-// The check every command starts with; prints the refusal itself.
-bool accept(const QString& path, Target& target)
+// The check every command starts with; prints the refusal itself. A user
+// may have a loop device only over a file of their own; root any.
+bool accept(const QString& path, const Caller& caller, Target& target)
 {
     target.facts = IsPlainDevicePath(path) ? Drives::Inspect(path) : Drives::NodeFacts();
-    const QString refusal = Refusal(path, target.facts);
+    QString refusal = Refusal(path, target.facts);
+    if (refusal.isEmpty() && target.facts.loop && caller.uid != 0)
+        refusal = loopRefusal(QStringLiteral("/dev/") + target.facts.name, target.facts.name, caller.uid);
     if (!refusal.isEmpty()) {
         say(QStringLiteral("refused: ") + refusal);
         return false;
@@ -332,7 +400,7 @@ qint64 startSector(const QString& partition)
 
 // Mounts the stick's partition under the helper's folder, writable by the
 // user; says "mounted: <folder>".
-int mountPartition(const Request& request, const QString& partName)
+int mountPartition(const Request& request, const Caller& caller, const QString& partName)
 {
     const QString partition = QStringLiteral("/dev/") + partName;
     say(QStringLiteral("step: mounting"));
@@ -349,7 +417,7 @@ int mountPartition(const Request& request, const QString& partName)
                                           | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
     RunResult last;
     last.reason = QStringLiteral("no way to mount %1 is installed").arg(FileSystemName(request.fs));
-    for (const ToolCall& call : MountCalls(request.fs, partition, folder, request.uid, request.gid)) {
+    for (const ToolCall& call : MountCalls(request.fs, partition, folder, caller.uid, caller.gid)) {
         if (findTool(call.program).isEmpty())
             continue;
         last = run(call);
@@ -502,10 +570,10 @@ int partition(const Request& request, const Target& target)
     return Ok;
 }
 
-int prepare(const Request& request)
+int prepare(const Request& request, const Caller& caller)
 {
     Target target;
-    if (!accept(request.device, target))
+    if (!accept(request.device, caller, target))
         return Refused;
     const QString disk = target.facts.name;
 
@@ -535,7 +603,7 @@ int prepare(const Request& request)
         return Failed;
     }
 
-    return mountPartition(request, partName);
+    return mountPartition(request, caller, partName);
 }
 
 bool writeFile(const QString& path, const QByteArray& data)
@@ -559,10 +627,10 @@ bool writeAt(const QString& node, qint64 offset, const QByteArray& data)
     return ::fsync(file.handle()) == 0;
 }
 
-int bootCode(const Request& request)
+int bootCode(const Request& request, const Caller& caller)
 {
     Target target;
-    if (!accept(request.device, target))
+    if (!accept(request.device, caller, target))
         return Refused;
     const QString step = QStringLiteral("bootcode");
     say(QStringLiteral("step: bootcode"));
@@ -616,20 +684,20 @@ bool release(const Target& target)
     return true;
 }
 
-int remount(const Request& request)
+int remount(const Request& request, const Caller& caller)
 {
     Target target;
-    if (!accept(request.device, target))
+    if (!accept(request.device, caller, target))
         return Refused;
     if (!release(target))
         return Failed;
-    return mountPartition(request, PartitionName(target.facts.name, 1));
+    return mountPartition(request, caller, PartitionName(target.facts.name, 1));
 }
 
-int unmount(const Request& request)
+int unmount(const Request& request, const Caller& caller)
 {
     Target target;
-    if (!accept(request.device, target))
+    if (!accept(request.device, caller, target))
         return Refused;
     if (!release(target))
         return Failed;
@@ -652,22 +720,27 @@ int main(int argc, char** argv)
         std::fputs(("brenta-usb-helper: " + error + "\n" + UsageText()).toUtf8().constData(), stderr);
         return Usage;
     }
+    Caller caller;
+    if (!findCaller(caller, error)) {
+        say(QStringLiteral("refused: ") + error);
+        return Refused;
+    }
     switch (request.command) {
     case Command::Check: {
         Target target;
-        if (!accept(request.device, target))
+        if (!accept(request.device, caller, target))
             return Refused;
         say(QStringLiteral("ok"));
         return Ok;
     }
     case Command::Prepare:
-        return prepare(request);
+        return prepare(request, caller);
     case Command::BootCode:
-        return bootCode(request);
+        return bootCode(request, caller);
     case Command::Remount:
-        return remount(request);
+        return remount(request, caller);
     case Command::Unmount:
-        return unmount(request);
+        return unmount(request, caller);
     }
     return Usage;
 }

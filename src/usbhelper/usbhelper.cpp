@@ -1,6 +1,5 @@
 #include "usbhelper/usbhelper.h"
 
-#include <QRegularExpression>
 #include <QUuid>
 
 namespace UsbHelper {
@@ -33,24 +32,6 @@ bool parseFileSystem(const QString& text, FileSystem& fs)
     return true;
 }
 
-// "1000:1000"; both numbers plain decimal, below the kernel's "no id" value.
-bool parseOwner(const QString& text, uint& uid, uint& gid)
-{
-    static const QRegularExpression pattern(QStringLiteral("^(\\d{1,10}):(\\d{1,10})$"));
-    const QRegularExpressionMatch match = pattern.match(text);
-    if (!match.hasMatch())
-        return false;
-    bool okUid = false;
-    bool okGid = false;
-    const qulonglong u = match.captured(1).toULongLong(&okUid);
-    const qulonglong g = match.captured(2).toULongLong(&okGid);
-    if (!okUid || !okGid || u >= 0xffffffffULL || g >= 0xffffffffULL)
-        return false;
-    uid = uint(u);
-    gid = uint(g);
-    return true;
-}
-
 bool hasControl(const QString& text)
 {
     for (const QChar c : text) {
@@ -67,10 +48,11 @@ QString UsageText()
     return QStringLiteral(
         "usage: brenta-usb-helper check DEVICE\n"
         "       brenta-usb-helper prepare DEVICE --scheme mbr|gpt --fs fat32|fat|ntfs|exfat"
-        " [--label LABEL] --owner UID:GID\n"
+        " [--label LABEL]\n"
         "       brenta-usb-helper bootcode DEVICE\n"
-        "       brenta-usb-helper remount DEVICE --fs fat32|fat|ntfs|exfat --owner UID:GID\n"
-        "       brenta-usb-helper unmount DEVICE\n");
+        "       brenta-usb-helper remount DEVICE --fs fat32|fat|ntfs|exfat\n"
+        "       brenta-usb-helper unmount DEVICE\n"
+        "The stick is mounted for the user pkexec names in PKEXEC_UID, or for the caller.\n");
 }
 
 bool ParseArguments(const QStringList& arguments, Request& request, QString& error)
@@ -109,7 +91,6 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
     bool haveScheme = false;
     bool haveFs = false;
     bool haveLabel = false;
-    bool haveOwner = false;
     for (int i = 1; i < rest.size(); i += 2) {
         const QString option = rest.at(i);
         if (i + 1 >= rest.size()) {
@@ -129,9 +110,6 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
             seen = &haveLabel;
             request.label = value;
             ok = !hasControl(value);
-        } else if (option == QLatin1String("--owner")) {
-            seen = &haveOwner;
-            ok = parseOwner(value, request.uid, request.gid);
         } else {
             error = QStringLiteral("unknown option \"%1\"").arg(option);
             return false;
@@ -146,14 +124,29 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
             return false;
         }
     }
-    if (prepare && (!haveScheme || !haveFs || !haveOwner)) {
-        error = QStringLiteral("prepare needs --scheme, --fs and --owner");
+    if (prepare && (!haveScheme || !haveFs)) {
+        error = QStringLiteral("prepare needs --scheme and --fs");
         return false;
     }
-    if (!prepare && (!haveFs || !haveOwner)) {
-        error = QStringLiteral("remount needs --fs and --owner");
+    if (!prepare && !haveFs) {
+        error = QStringLiteral("remount needs --fs");
         return false;
     }
+    return true;
+}
+
+bool ParseUid(const QByteArray& text, uint& uid)
+{
+    if (text.isEmpty() || text.size() > 10)
+        return false;
+    for (const char c : text) {
+        if (c < '0' || c > '9')
+            return false;
+    }
+    const qulonglong value = text.toULongLong();
+    if (value >= 0xffffffffULL)
+        return false;
+    uid = uint(value);
     return true;
 }
 

@@ -25,8 +25,6 @@ struct Request
     Scheme scheme = Scheme::Mbr;
     FileSystem fs = FileSystem::Fat32;
     QString label;      // as given; see VolumeLabel()
-    uint uid = 0;
-    uint gid = 0;
 };
 
 // The command line without the program name. On wrong usage returns false and
@@ -34,6 +32,10 @@ struct Request
 bool ParseArguments(const QStringList& arguments, Request& request, QString& error);
 
 QString UsageText();
+
+// A user id as pkexec passes it in PKEXEC_UID: plain decimal, below the
+// kernel's "no id" value.
+bool ParseUid(const QByteArray& text, uint& uid);
 
 // Only absolute paths under /dev without "." or ".." components, empty
 // components or control characters.
