@@ -37,6 +37,20 @@ QStringList treeLines(const Item& folder)
     return lines;
 }
 
+// Link name → target as stored.
+QList<QPair<QString, QString>> linkTable(const QString& outside)
+{
+    return {{"link", "d/f.txt"}, {"abs", outside}, {"d/up", "../../x"}, {"dirlink", "d"}, {"d/self", "f.txt"},
+            {"new\nline", "nl\ntarget"}};
+}
+
+QByteArray linkText(const QString& path)
+{
+    char buffer[4096];
+    const ssize_t size = ::readlink(QFile::encodeName(path).constData(), buffer, sizeof buffer);
+    return size < 0 ? QByteArray() : QByteArray(buffer, int(size));
+}
+
 template <typename Job>
 void waitFor(Job& job)
 {
@@ -61,6 +75,9 @@ private Q_SLOTS:
     void failuresSayWhy_data();
     void failuresSayWhy();
     void stopRemovesPartialOutput();
+    void makesLinksAsStored_data();
+    void makesLinksAsStored();
+    void saysWhenLinksCannotBeLookedFor();
     void takesNothingFromOutside_data();
     void takesNothingFromOutside();
     void commandLine_data();
@@ -95,6 +112,23 @@ void TestExtract::initTestCase()
     QVERIFY(QFile::resize(m_images["truncated"], QFileInfo(m_images["joliet"]).size() / 2));
     m_images["folder"] = m_dir.filePath("folder.iso");
     QVERIFY(QDir().mkpath(m_images["folder"]));
+    // Rock Ridge links of every kind: within the image, absolute, up and
+    // out of the image, to a folder, and with a name Joliet cannot hold.
+    const QString links = m_dir.filePath("links");
+    QVERIFY(IsoFixture::WriteTree(links, {{"d/f.txt", "file"}}));
+    for (const auto& [name, target] : linkTable(m_dir.filePath("outside.txt")))
+        QVERIFY(QFile::link(target, QDir(links).filePath(name)));
+    for (const QString& kind : {"rock ridge", "rock ridge + joliet"}) {
+        QProcess builder;
+        builder.setProcessChannelMode(QProcess::MergedChannels);
+        QStringList arguments{"-quiet", "-R", "-o", m_dir.filePath(kind + ".iso"), links};
+        if (kind.endsWith("joliet"))
+            arguments.insert(2, "-J");
+        builder.start("genisoimage", arguments);
+        QVERIFY(builder.waitForFinished(60000));
+        QVERIFY2(builder.exitCode() == 0, builder.readAll().constData());
+        m_images[kind] = m_dir.filePath(kind + ".iso");
+    }
     QVERIFY(IsoFixture::WriteTree(m_dir.filePath("nothing"), {}));
     m_images["empty"] = IsoFixture::Build(m_dir.filePath("nothing"), m_dir.filePath("empty.iso"), "joliet", &error);
     QVERIFY(!m_images["empty"].isEmpty());
@@ -290,6 +324,70 @@ void TestExtract::stopRemovesPartialOutput()
     QCOMPARE(finished.count(), 0);
     QCOMPARE(QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              QStringList());
+}
+
+void TestExtract::makesLinksAsStored_data()
+{
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QStringList>("entries");
+    QTest::addColumn<QStringList>("links");   // image path → path in the destination
+    QTest::addColumn<QStringList>("notMade"); // links the job must name as not extracted
+    const QStringList all{"link", "abs", "d/up", "dirlink", "d/self", "new\nline"};
+    QTest::newRow("rock ridge, whole image") << "rock ridge" << QStringList{} << all << QStringList{};
+    // The archive tool reads the Joliet tree, which has no links and cannot
+    // name the last one.
+    QTest::newRow("rock ridge + joliet, whole image") << "rock ridge + joliet" << QStringList{} << all.mid(0, 5)
+                                                      << QStringList{"new\nline"};
+    QTest::newRow("rock ridge, one folder") << "rock ridge" << QStringList{"d"} << QStringList{"d/up", "d/self"}
+                                            << QStringList{};
+    QTest::newRow("rock ridge + joliet, links themselves")
+        << "rock ridge + joliet" << QStringList{"abs", "d/up"} << QStringList{"abs", "d/up=up"} << QStringList{};
+}
+
+// A link comes out as a link holding exactly what the image stores, never
+// as an empty file, never followed; one that cannot be made is named.
+void TestExtract::makesLinksAsStored()
+{
+    QFETCH(QString, kind);
+    QFETCH(QStringList, entries);
+    QFETCH(QStringList, links);
+    QFETCH(QStringList, notMade);
+    QMap<QString, QString> stored;
+    for (const auto& [name, target] : linkTable(m_dir.filePath("outside.txt")))
+        stored.insert(name, target);
+    QTemporaryDir destination;
+    CExtractJob job;
+    job.Start(m_images[kind], destination.path(), entries);
+    waitFor(job);
+    QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
+    for (const QString& link : links) {
+        const QString inImage = link.section('=', 0, 0);
+        const QString placed = destination.filePath(link.contains('=') ? link.section('=', 1) : link);
+        QVERIFY2(QFileInfo(placed).isSymLink(), qPrintable(placed));
+        QCOMPARE(QFile::decodeName(linkText(placed)), stored.value(inImage));
+    }
+    for (const QString& link : notMade)
+        QVERIFY2(job.Message().contains(link), qPrintable(job.Message()));
+    if (notMade.isEmpty())
+        QCOMPARE(job.Message(), QString());
+    if (entries.isEmpty())
+        QCOMPARE(readAll(destination.filePath("d/f.txt")), QByteArray("file"));
+    QVERIFY(!QFileInfo::exists(m_dir.filePath("outside.txt")));
+}
+
+void TestExtract::saysWhenLinksCannotBeLookedFor()
+{
+    QTemporaryDir tools;
+    QVERIFY(IsoFixture::WriteTree(tools.path(), {{"xorriso/xorriso", "#!/bin/sh\necho 'cannot read' >&2\nexit 5\n"}}));
+    QVERIFY(QFile::setPermissions(tools.filePath("xorriso/xorriso"), QFile::ReadOwner | QFile::ExeOwner));
+    qputenv("BRENTA_TOOLS_DIR", tools.path().toLocal8Bit());
+    QTemporaryDir destination;
+    CExtractJob job;
+    job.Start(m_images["rock ridge + joliet"], destination.path(), {"link"});
+    waitFor(job);
+    qunsetenv("BRENTA_TOOLS_DIR");
+    QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
+    QVERIFY2(job.Message().contains("cannot read"), qPrintable(job.Message()));
 }
 
 void TestExtract::takesNothingFromOutside_data()

@@ -372,7 +372,11 @@ int RunExtract(const Request& request)
             print(stderr, QStringLiteral("\r\033[K%1% %2").arg(percent, 3).arg(entry));
         });
     }
-    return runToEnd(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
+    const int status =
+        runToEnd(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
+    if (status == 0 && !job.Message().isEmpty())
+        print(stderr, QStringLiteral("brenta: warning: %1\n").arg(job.Message()));
+    return status;
 }
 
 int RunDrives(const Request& /*request*/)

@@ -170,7 +170,40 @@ void CExtractJob::Extract(const ItemTree* contents)
     }
     staging.setAutoRemove(false);
     m_staging = staging.path();
+    m_links.clear();
+    m_linksUnknown.clear();
 
+    const QString xorriso = ToolLocator::Find(ToolLocator::Tool::Xorriso);
+    if (xorriso.isEmpty()) {
+        m_linksUnknown = QStringLiteral("xorriso was not found");
+        StartArchive();
+        return;
+    }
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) { m_lines << line; });
+    connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnLinksListed);
+    m_runner->SetCommand(xorriso, Extraction::LinkArguments(m_image));
+    m_runner->StartCommand();
+}
+
+void CExtractJob::OnLinksListed()
+{
+    std::optional<std::vector<Extraction::Link>> links;
+    if (m_runner->GetResult() == CRunCommandThread::Result::Success)
+        links = Extraction::ParseLinks(m_lines);
+    if (links)
+        m_links = Extraction::LinksWithin(*links, m_entries);
+    else if (m_runner->GetResult() == CRunCommandThread::Result::Success)
+        m_linksUnknown = QStringLiteral("xorriso's list of them could not be read");
+    else
+        m_linksUnknown = m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
+    CRunCommandThread::Dispose(m_runner);
+    m_lines.clear();
+    StartArchive();
+}
+
+void CExtractJob::StartArchive()
+{
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, &CExtractJob::OnLine);
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnFinished);
@@ -207,8 +240,12 @@ void CExtractJob::OnLine(const QString& line)
 
 void CExtractJob::OnFinished()
 {
-    const bool toolOk = m_runner->GetResult() == CRunCommandThread::Result::Success &&
-                        Extraction::OutputSaysOk(m_lines);
+    // The tool refuses links that point out of its output folder and ends
+    // with an error for them alone; the job makes those links itself.
+    const CRunCommandThread::Result result = m_runner->GetResult();
+    const bool toolOk = (result == CRunCommandThread::Result::Success && Extraction::OutputSaysOk(m_lines)) ||
+                        (result == CRunCommandThread::Result::Failed && m_runner->ExitCode() == 2 &&
+                         Extraction::OnlyLinksRefused(Extraction::Reasons(m_lines), m_links));
     const QString failure = toolOk ? QString() : archiveFailure(*m_runner, m_lines);
     m_runner->deleteLater();
     m_runner = nullptr;
@@ -226,10 +263,27 @@ void CExtractJob::OnFinished()
                                                 QDir::NoDotAndDotDot,
                                             QDir::Name);
     }
+    const QStringList linksNotMade = Extraction::PlaceLinks(m_staging, m_links);
     const Extraction::MoveResult moved = Extraction::MoveUp(m_staging, entries, m_destination);
     m_staging.clear();
     m_placed = moved.placed;
-    Finish(moved.ok, moved.ok ? QString() : QStringLiteral("Extracting failed. %1").arg(moved.message));
+    if (!moved.ok) {
+        Finish(false, QStringLiteral("Extracting failed. %1").arg(moved.message));
+        return;
+    }
+    QString notice;
+    if (!m_linksUnknown.isEmpty()) {
+        notice = QStringLiteral("Symbolic links could not be looked for (%1): any in the image came out as "
+                                "empty files.")
+                     .arg(m_linksUnknown);
+    } else if (!linksNotMade.isEmpty()) {
+        const QString count = linksNotMade.size() == 1
+                                  ? QStringLiteral("1 symbolic link")
+                                  : QStringLiteral("%1 symbolic links").arg(linksNotMade.size());
+        notice = QStringLiteral("%1 could not be extracted: %2.")
+                     .arg(count, linksNotMade.join(QStringLiteral(", ")));
+    }
+    Finish(true, notice);
 }
 
 void CExtractJob::Finish(bool succeeded, const QString& message)

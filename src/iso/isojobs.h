@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "iso/extraction.h"
 #include "iso/imagebuild.h"
 #include "iso/listing.h"
 
@@ -62,7 +63,10 @@ private:
 // receives the entries themselves: the tool writes into a hidden staging
 // folder inside the destination, and the entries are then moved up under free
 // names, so nothing that was there before is ever overwritten or deleted.
-// The staging folder goes at the end, whatever the outcome.
+// The staging folder goes at the end, whatever the outcome. The archive tool
+// leaves Rock Ridge symbolic links as empty files (or changes their targets):
+// the job asks xorriso for the image's links and makes each one itself, with
+// its target exactly as stored, and says which it could not make.
 class CExtractJob final : public QObject
 {
     Q_OBJECT
@@ -83,6 +87,7 @@ public:
     bool IsRunning() const { return m_running; }
 
     bool Succeeded() const { return m_succeeded; }
+    // Why it failed; after success, what was not extracted (links), if anything.
     QString Message() const { return m_message; }
     QStringList Placed() const { return m_placed; }
 
@@ -93,6 +98,8 @@ Q_SIGNALS:
 private:
     void OnListed();
     void Extract(const ItemTree* contents);
+    void OnLinksListed();
+    void StartArchive();
     void OnLine(const QString& line);
     void OnFinished();
     // Ends the run now, or from the event loop when called while starting, so
@@ -110,6 +117,8 @@ private:
     QString m_staging;
     QStringList m_entries;
     QStringList m_lines;
+    std::vector<Extraction::Link> m_links; // the links among the entries
+    QString m_linksUnknown; // why the links could not be looked for
     bool m_succeeded = false;
     QString m_message;
     QStringList m_placed;

@@ -143,6 +143,8 @@ void CPage2::OnExtractFinished()
     if (succeeded) {
         Util::WriteLog(QStringLiteral("Extract files successfully :") + m_destination);
         Util::ShowFinished(QStringLiteral("Extract files successfully."), m_destination);
+        if (!m_extract->Message().isEmpty())
+            Util::ShowMessage(m_extract->Message());
     } else {
         Util::WriteLog(m_extract->Message());
         Util::ShowMessage(m_extract->Message());
