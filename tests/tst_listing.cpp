@@ -56,7 +56,6 @@ private Q_SLOTS:
     void filesBeforeTheirFolders();
     void insertRules();
     void findAndRemove();
-    void pathHelpers();
     void progress_data();
     void progress();
     void reasons_data();
@@ -64,7 +63,6 @@ private Q_SLOTS:
     void links_data();
     void links();
     void placeLinksOnlyInsideStaging();
-    void argumentsKeepNamesLiteral();
     void moveUpNeverReplaces();
     void moveUpTakesNothingFromOutside();
 };
@@ -224,16 +222,6 @@ void TestListing::findAndRemove()
     QVERIFY(tree.Root().children.empty());
 }
 
-void TestListing::pathHelpers()
-{
-    QCOMPARE(ItemTree::LastComponent("boot\\fonts\\x.pf2"), QString("x.pf2"));
-    QCOMPARE(ItemTree::LastComponent("top"), QString("top"));
-    QCOMPARE(ItemTree::ParentPath("boot\\fonts\\x.pf2"), QString("boot\\fonts"));
-    QCOMPARE(ItemTree::ParentPath("top"), QString());
-    QCOMPARE(ItemTree::ReplaceLastComponent("boot\\old", "new"), QString("boot\\new"));
-    QCOMPARE(ItemTree::ReplaceLastComponent("old", "new"), QString("new"));
-}
-
 void TestListing::progress_data()
 {
     QTest::addColumn<QString>("line");
@@ -243,7 +231,6 @@ void TestListing::progress_data()
     QTest::newRow("without count") << " 59% - r1.bin" << 59 << "r1.bin";
     QTest::newRow("hundred") << "100% 3 - a - b.txt\n" << 100 << "a - b.txt";
     QTest::newRow("not progress") << "- docs/x/a.txt\n" << -1 << "";
-    QTest::newRow("listing of names") << "Extracting archive: x.iso" << -1 << "";
     QTest::newRow("no figure") << "abc% 1 - x" << -1 << "";
 }
 
@@ -358,22 +345,6 @@ void TestListing::placeLinksOnlyInsideStaging()
     QVERIFY(QFileInfo(root.filePath("stage/full")).isFile());
     QVERIFY(QFileInfo(root.filePath("elsewhere/empty")).isFile());
     QVERIFY(!QFileInfo(root.filePath("elsewhere/empty")).isSymLink());
-}
-
-void TestListing::argumentsKeepNamesLiteral()
-{
-    const QStringList arguments =
-        Extraction::Arguments("-image.iso", "/out dir", {"@list", "-y", "@list", "a*b"});
-    const qsizetype end = arguments.indexOf("--");
-    QVERIFY(end > 0);
-    // Everything from the image and the user comes after "--"; names are not
-    // wildcards and not recursive.
-    QCOMPARE(arguments.mid(end + 1), (QStringList{"-image.iso", "@list", "-y", "a*b"}));
-    QVERIFY(arguments.contains("-spd"));
-    QVERIFY(arguments.contains("-r-"));
-    QVERIFY(!arguments.contains("-r"));
-    QVERIFY(arguments.contains("-o/out dir"));
-    QCOMPARE(Listing::Arguments("-x.iso"), (QStringList{"l", "--", "-x.iso"}));
 }
 
 void TestListing::moveUpNeverReplaces()

@@ -681,8 +681,8 @@ QString HelpText()
         "\n"
         "Environment:\n"
         "  BRENTA_TOOLS_DIR       folder searched first for 7z/7z, cdrtools/mkisofs,\n"
-        "                         cdrtools/cdrecord, cdrtools/readcd, wimlib/wimlib-imagex\n"
-        "                         and usbhelper/brenta-usb-helper\n"
+        "                         cdrtools/cdrecord, cdrtools/readcd, wimlib/wimlib-imagex,\n"
+        "                         xorriso/xorriso and usbhelper/brenta-usb-helper\n"
         "\n"
         "Logging: while a file named config.dat exists beside the brenta executable,\n"
         "Brenta appends its log to log.txt in ~/.local/share/brenta.\n");
