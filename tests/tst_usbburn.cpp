@@ -248,16 +248,23 @@ private Q_SLOTS:
         QTest::addColumn<QString>("device");
         QTest::addColumn<qint64>("fatLimit");
         QTest::addColumn<int>("fs");
+        QTest::addColumn<QString>("label");
         QTest::addColumn<QString>("message");
 
         const int fat32 = int(UsbPlan::FileSystem::Fat32);
+        const qint64 noLimit = UsbPlan::kFatFileLimit;
         QTest::newRow("file too large for FAT")
-            << "plain" << "stick" << qint64(4) << fat32 << "The file /bootmgr";
+            << "plain" << "stick" << qint64(4) << fat32 << "" << "The file /bootmgr";
         QTest::newRow("too large but NTFS is fine")
-            << "plain" << "stick" << qint64(4) << int(UsbPlan::FileSystem::Ntfs) << "";
-        QTest::newRow("stick too small") << "plain" << "/dev/null" << UsbPlan::kFatFileLimit << fat32 << "cannot hold";
-        QTest::newRow("unreadable image") << "broken" << "stick" << UsbPlan::kFatFileLimit << fat32
-                                          << "could not be opened";
+            << "plain" << "stick" << qint64(4) << int(UsbPlan::FileSystem::Ntfs) << "" << "";
+        QTest::newRow("stick too small") << "plain" << "/dev/null" << noLimit << fat32 << "" << "cannot hold";
+        QTest::newRow("unreadable image") << "broken" << "stick" << noLimit << fat32 << "" << "could not be opened";
+        // The page and "brenta burn-usb" both plan: neither wipes a stick for a
+        // label that mkfs would then refuse.
+        QTest::newRow("label too long for exFAT") << "plain" << "stick" << noLimit << int(UsbPlan::FileSystem::Exfat)
+                                                  << "Brenta Stick" << "An exFAT label holds at most 11 characters";
+        QTest::newRow("label FAT cannot hold") << "plain" << "stick" << noLimit << fat32 << QString("Données")
+                                               << "A FAT32 label can hold only";
     }
 
     void planRefusals()
@@ -266,6 +273,7 @@ private Q_SLOTS:
         QFETCH(QString, device);
         QFETCH(qint64, fatLimit);
         QFETCH(int, fs);
+        QFETCH(QString, label);
         QFETCH(QString, message);
 
         CUsbBurnJob::Options options;
@@ -279,6 +287,7 @@ private Q_SLOTS:
         }
         options.device = device == "stick" ? m_dir.path() : device;
         options.fileSystem = UsbPlan::FileSystem(fs);
+        options.label = label;
         options.fatFileLimit = fatLimit;
 
         CUsbBurnJob job;

@@ -6,6 +6,7 @@
 #include <QTemporaryDir>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -14,8 +15,6 @@
 
 using namespace UsbHelper;
 
-Q_DECLARE_METATYPE(UsbHelper::Scheme)
-Q_DECLARE_METATYPE(UsbHelper::FileSystem)
 Q_DECLARE_METATYPE(Drives::NodeFacts)
 
 namespace {
@@ -151,14 +150,9 @@ class TestUsbHelper : public QObject
 private Q_SLOTS:
     void refusal_data();
     void refusal();
-    void label_data();
-    void label();
-    void partitionName();
-    void mountCalls();
     void bootSectors();
     void mountOfDisk_data();
     void mountOfDisk();
-    void errorLine();
     void usageAndRefusalsOfTheProgram_data();
     void usageAndRefusalsOfTheProgram();
     void systemDiskIsRefused();
@@ -170,6 +164,9 @@ private Q_SLOTS:
     void disksInUseAreRefused();
     void loopDevicesOfOthersAreRefused_data();
     void loopDevicesOfOthersAreRefused();
+    void badLabelsAreRefusedBeforeWriting_data();
+    void badLabelsAreRefusedBeforeWriting();
+    void toolsDieWithTheHelper();
 };
 
 void TestUsbHelper::refusal_data()
@@ -221,55 +218,6 @@ void TestUsbHelper::refusal()
         QVERIFY2(refusal.isEmpty(), qPrintable(refusal));
     else
         QVERIFY2(refusal.contains(reason), qPrintable(refusal));
-}
-
-void TestUsbHelper::label_data()
-{
-    QTest::addColumn<FileSystem>("fs");
-    QTest::addColumn<QString>("given");
-    QTest::addColumn<QString>("label");
-
-    QTest::newRow("fat32 upper case") << FileSystem::Fat32 << "brenta" << "BRENTA";
-    QTest::newRow("fat cut to 11") << FileSystem::Fat << "abcdefghijkl" << "ABCDEFGHIJK";
-    QTest::newRow("fat forbidden characters") << FileSystem::Fat32 << "a.b/c:d" << "A_B_C_D";
-    QTest::newRow("fat non-ascii") << FileSystem::Fat32 << QString::fromUtf8("grün") << "GR_N";
-    QTest::newRow("fat trailing blank after cut") << FileSystem::Fat32 << "abcdefghij x" << "ABCDEFGHIJ";
-    QTest::newRow("exfat keeps case, 15") << FileSystem::ExFat << "Brenta Stick 2024!" << "Brenta Stick 20";
-    QTest::newRow("ntfs keeps case") << FileSystem::Ntfs << "My Windows Stick" << "My Windows Stick";
-    QTest::newRow("empty") << FileSystem::Fat32 << "" << "";
-}
-
-void TestUsbHelper::label()
-{
-    QFETCH(FileSystem, fs);
-    QFETCH(QString, given);
-    QFETCH(QString, label);
-    QCOMPARE(VolumeLabel(fs, given), label);
-}
-
-void TestUsbHelper::partitionName()
-{
-    QCOMPARE(PartitionName("sdb", 1), QString("sdb1"));
-    QCOMPARE(PartitionName("loop0", 1), QString("loop0p1"));
-    QCOMPARE(PartitionName("nvme0n1", 2), QString("nvme0n1p2"));
-    QCOMPARE(PartitionName("mmcblk0", 1), QString("mmcblk0p1"));
-}
-
-void TestUsbHelper::mountCalls()
-{
-    // Every way of mounting gives the files to the user and ends with the
-    // partition and the folder, so that no option can be taken for either.
-    for (const FileSystem fs : {FileSystem::Fat32, FileSystem::Fat, FileSystem::Ntfs, FileSystem::ExFat}) {
-        const QList<ToolCall> calls = MountCalls(fs, "/dev/sdb1", "/run/brenta/sdb1", 1000, 100);
-        QVERIFY(!calls.isEmpty());
-        for (const ToolCall& call : calls) {
-            QVERIFY2(call.arguments.join(' ').contains("uid=1000,gid=100,umask=022"), qPrintable(call.program));
-            QCOMPARE(call.arguments.mid(call.arguments.size() - 2), (QStringList{"/dev/sdb1", "/run/brenta/sdb1"}));
-        }
-    }
-    // GRUB finds the partition behind a FUSE mount only by the source name.
-    QVERIFY(MountCalls(FileSystem::Fat32, "/dev/sdb1", "/m", 1, 1).last().arguments.join(' ').contains(
-        "fsname=/dev/sdb1"));
 }
 
 void TestUsbHelper::bootSectors()
@@ -332,13 +280,6 @@ void TestUsbHelper::mountOfDisk()
     QCOMPARE(IsMountOfDisk(entries.first(), {"8:16", "8:17"}, {"sdb1"}), ofDisk);
 }
 
-void TestUsbHelper::errorLine()
-{
-    QCOMPARE(ErrorLine("formatting", "mkfs.vfat failed (exit status 1)", {"a", "", "b  c", "d", "e", ""}),
-             QString("error: formatting: mkfs.vfat failed (exit status 1). b c d e"));
-    QCOMPARE(ErrorLine("mounting", "no way", {}), QString("error: mounting: no way."));
-}
-
 void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -360,7 +301,7 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
                                     << 2 << "unknown option";
     QTest::newRow("label with a line feed")
         << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--label", "a\nb"} << 2
-        << "bad value";
+        << "control characters";
 }
 
 void TestUsbHelper::usageAndRefusalsOfTheProgram()
@@ -406,18 +347,22 @@ void TestUsbHelper::endToEnd_data()
     QTest::addColumn<int>("sectorSize");
     QTest::addColumn<QString>("type");   // as sfdisk --dump prints it
     QTest::addColumn<QString>("fsType"); // as blkid -p prints it
-    QTest::addColumn<QString>("label");
+    QTest::addColumn<QString>("given");  // the label
+    QTest::addColumn<QString>("label");  // as blkid -p prints it
 
     const QString basicData = "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
-    QTest::newRow("mbr fat32") << "mbr" << "fat32" << false << 512 << "type=c, bootable" << "vfat" << "BRENTA";
+    QTest::newRow("mbr fat32") << "mbr" << "fat32" << false << 512 << "type=c, bootable" << "vfat" << "brenta"
+                               << "BRENTA";
     QTest::newRow("mbr fat through FUSE") << "mbr" << "fat" << true << 512 << "type=6, bootable" << "vfat"
-                                          << "BRENTA";
-    QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << false << 512 << "type=7, bootable" << "ntfs" << "brenta";
-    QTest::newRow("gpt exfat") << "gpt" << "exfat" << false << 512 << basicData << "exfat" << "brenta";
+                                          << "Brenta" << "BRENTA";
+    QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << false << 512 << "type=7, bootable" << "ntfs"
+                              << QString("Données") << QString("Données");
+    QTest::newRow("gpt exfat") << "gpt" << "exfat" << false << 512 << basicData << "exfat" << QString("Données")
+                               << QString("Données");
     QTest::newRow("mbr exfat through FUSE") << "mbr" << "exfat" << true << 512 << "type=7, bootable" << "exfat"
-                                            << "brenta";
+                                            << "Brenta" << "Brenta";
     QTest::newRow("gpt fat32, 4096-byte sectors") << "gpt" << "fat32" << false << 4096 << basicData << "vfat"
-                                                  << "BRENTA";
+                                                  << "brenta" << "BRENTA";
 }
 
 void TestUsbHelper::endToEnd()
@@ -428,6 +373,7 @@ void TestUsbHelper::endToEnd()
     QFETCH(int, sectorSize);
     QFETCH(QString, type);
     QFETCH(QString, fsType);
+    QFETCH(QString, given);
     QFETCH(QString, label);
 
     if (::geteuid() != 0)
@@ -464,7 +410,7 @@ void TestUsbHelper::endToEnd()
         environment.insert("PKEXEC_UID", QString::number(kNobody));
     QVERIFY(::chown(QFile::encodeName(dir.filePath("stick.img")).constData(), kNobody, kNobody) == 0);
 
-    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", "brenta"}, environment);
+    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", given}, environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
     QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting", "step: mounting",
                                      "mounted: " + folder}));
@@ -491,7 +437,7 @@ void TestUsbHelper::endToEnd()
              qPrintable(dump));
     const QString probe = tool("blkid", {"-p", "-o", "export", "/dev/" + partName});
     QVERIFY2(probe.contains("TYPE=" + fsType + "\n"), qPrintable(probe));
-    QVERIFY2(probe.contains("LABEL=" + label + "\n"), qPrintable(probe));
+    QCOMPARE(tool("blkid", {"-p", "-o", "value", "-s", "LABEL", "/dev/" + partName}), label + "\n");
 
     if (scheme == "mbr" && sectorSize == 512 && QFileInfo::exists("/usr/lib/grub/i386-pc/boot.img")) {
         run = helper({"bootcode", loop}, environment);
@@ -697,6 +643,82 @@ void TestUsbHelper::loopDevicesOfOthersAreRefused()
                  qPrintable(run.lines.join('\n')));
     }
     QCOMPARE(sha256Of(stick.Node()), before);
+}
+
+// A label the file system cannot take is refused before the stick is
+// touched: mkfs refusing it after the wipe would leave the stick empty.
+void TestUsbHelper::badLabelsAreRefusedBeforeWriting_data()
+{
+    QTest::addColumn<QString>("fs");
+    QTest::addColumn<QString>("label");
+    QTest::addColumn<QString>("reason");
+
+    QTest::newRow("exFAT, 12 characters") << "exfat" << "Brenta Stick" << "at most 11 characters";
+    QTest::newRow("FAT32, a dot") << "fat32" << "V1.0" << "can hold only";
+    QTest::newRow("NTFS, 129 characters") << "ntfs" << QString(129, 'n') << "at most 128 characters";
+}
+
+void TestUsbHelper::badLabelsAreRefusedBeforeWriting()
+{
+    QFETCH(QString, fs);
+    QFETCH(QString, label);
+    QFETCH(QString, reason);
+    if (::geteuid() != 0)
+        QSKIP("needs root for loop devices");
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    if (!stick.IsValid())
+        QSKIP("no loop device can be set up here");
+    {
+        QFile disk(stick.Node());
+        QVERIFY(disk.open(QIODevice::WriteOnly));
+        QVERIFY(disk.write(QByteArray(1 << 20, 'x')) == 1 << 20);
+    }
+    const QByteArray before = sha256Of(stick.Node());
+
+    const Run run = helper({"prepare", stick.Node(), "--scheme", "mbr", "--fs", fs, "--label", label});
+    QCOMPARE(run.exitCode, 2);
+    QVERIFY2(run.lines.join('\n').contains(reason), qPrintable(run.lines.join('\n')));
+    QCOMPARE(sha256Of(stick.Node()), before);
+}
+
+// A helper that is killed (its caller gone, a burn cut short) takes its tools
+// with it, so that no mkfs goes on writing to a stick nobody waits for.
+void TestUsbHelper::toolsDieWithTheHelper()
+{
+    if (::geteuid() != 0)
+        QSKIP("needs root for loop devices");
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    if (!stick.IsValid())
+        QSKIP("no loop device can be set up here");
+    QVERIFY(QDir().mkpath(dir.filePath("tools/system")));
+    QFile standIn(dir.filePath("tools/system/mkfs.vfat"));
+    QVERIFY(standIn.open(QIODevice::WriteOnly));
+    standIn.write("#!/bin/sh\necho $$ > \"$BRENTA_TEST_PID\"\nexec sleep 60\n");
+    standIn.close();
+    QVERIFY(standIn.setPermissions(standIn.permissions() | QFileDevice::ExeOwner));
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
+    environment.insert("BRENTA_TEST_PID", dir.filePath("mkfs.pid"));
+
+    QProcess helper;
+    helper.setProcessEnvironment(environment);
+    helper.start(qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER)),
+                 {"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"});
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dir.filePath("mkfs.pid")).size() > 0, 20000);
+    QFile pidFile(dir.filePath("mkfs.pid"));
+    QVERIFY(pidFile.open(QIODevice::ReadOnly));
+    const pid_t pid = pid_t(pidFile.readAll().trimmed().toInt());
+    QVERIFY(pid > 0);
+    const auto reap = qScopeGuard([pid] { ::kill(pid, SIGKILL); });
+    const QString mkfs = QString("/proc/%1").arg(pid);
+    QVERIFY(QFileInfo::exists(mkfs));
+    helper.kill();
+    QVERIFY(helper.waitForFinished());
+    QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(mkfs), 5000);
 }
 
 QTEST_GUILESS_MAIN(TestUsbHelper)

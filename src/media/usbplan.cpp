@@ -65,18 +65,77 @@ QString Name(FileSystem fs)
     return QString();
 }
 
+FileSystem UsedFileSystem(Scheme scheme, FileSystem chosen, qint64 capacity)
+{
+    if (scheme == Scheme::Gpt || (chosen == FileSystem::Fat && capacity >= kFourGiB))
+        return FileSystem::Fat32;
+    return chosen;
+}
+
+Label CheckLabel(FileSystem fs, const QString& label)
+{
+    Label out;
+    for (const QChar c : label) {
+        if (c.category() == QChar::Other_Control) {
+            out.problem = QStringLiteral("A volume label cannot hold control characters such as tabs or line "
+                                         "breaks.");
+            return out;
+        }
+    }
+    const auto tooLong = [&](const QString& text, int limit) {
+        return QStringLiteral("%1 %2 label holds at most %3 characters; \"%4\" has %5.")
+            .arg(fs == FileSystem::Exfat || fs == FileSystem::Ntfs ? QStringLiteral("An") : QStringLiteral("A"), Name(fs))
+            .arg(limit)
+            .arg(text)
+            .arg(text.size());
+    };
+    switch (fs) {
+    case FileSystem::Fat32:
+    case FileSystem::Fat: {
+        // FAT keeps labels in its old 8-bit character set: only ASCII is the
+        // same everywhere, and mkfs refuses these.
+        static const QString forbidden = QStringLiteral("\"*+,./:;<=>?[\\]|");
+        const QString text = label.trimmed();
+        for (const QChar c : text) {
+            if (c.unicode() > 0x7e || forbidden.contains(c)) {
+                out.problem = QStringLiteral("A %1 label can hold only the letters A to Z, digits, blanks and "
+                                             "! # $ % & ' ( ) - @ ^ _ ` { } ~, not \"%2\".")
+                                  .arg(Name(fs), c);
+                return out;
+            }
+        }
+        if (text.size() > 11)
+            out.problem = tooLong(text, 11);
+        else
+            out.text = text.toUpper();
+        return out;
+    }
+    case FileSystem::Exfat:
+        if (label.size() > 11)
+            out.problem = tooLong(label, 11);
+        else
+            out.text = label;
+        return out;
+    case FileSystem::Ntfs:
+        if (label.size() > 128)
+            out.problem = tooLong(label, 128);
+        else
+            out.text = label;
+        return out;
+    }
+    return out;
+}
+
 Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen,
-                qint64 fatFileLimit)
+                const QString& label, qint64 fatFileLimit)
 {
     Decision decision;
     decision.tooSmall = capacity <= imageSize + kSpareBytes - 1;
-
-    // UEFI firmware reads FAT32, so GPT takes nothing else; FAT cannot
-    // address a stick of 4 GiB or more.
-    decision.fileSystem = chosen;
-    if (scheme == Scheme::Gpt || (chosen == FileSystem::Fat && capacity >= kFourGiB))
-        decision.fileSystem = FileSystem::Fat32;
+    decision.fileSystem = UsedFileSystem(scheme, chosen, capacity);
     const bool fat = decision.fileSystem == FileSystem::Fat32 || decision.fileSystem == FileSystem::Fat;
+    const QString labelProblem = CheckLabel(decision.fileSystem, label).problem;
+    if (!labelProblem.isEmpty())
+        decision.refusals << labelProblem;
 
     if (fat) {
         forEachFile(contents.Root(), [&](const Item& file) {

@@ -151,19 +151,27 @@ void CBurnDialog::BurnToUsb(const QString& image)
         showNotice(QStringLiteral(":/nwu/insert_usb"));
         return;
     }
-    if (Util::ConfirmPicture(QStringLiteral(":/nwu/format_usb")) != QDialog::Accepted)
-        return;
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = currentNode(m_usblist);
-    if (Util::DiskTotalSize(options.device) < QFileInfo(image).size() + UsbPlan::kSpareBytes) {
-        showNotice(QStringLiteral(":/nwu/insufficient_space"));
-        return;
-    }
     options.scheme = m_ptlist->currentIndex() == 1 ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
     options.fileSystem = UsbPlan::FileSystemFromName(m_sysfilelist->currentText())
                              .value_or(UsbPlan::FileSystem::Fat32);
     options.label = m_volumelab->text();
+    // A label the file system cannot hold is said before the stick is offered
+    // for erasing; the plan would refuse it too.
+    const UsbPlan::FileSystem used =
+        UsbPlan::UsedFileSystem(options.scheme, options.fileSystem, Util::DiskTotalSize(options.device));
+    if (const QString problem = UsbPlan::CheckLabel(used, options.label).problem; !problem.isEmpty()) {
+        Util::ShowMessage(problem);
+        return;
+    }
+    if (Util::ConfirmPicture(QStringLiteral(":/nwu/format_usb")) != QDialog::Accepted)
+        return;
+    if (Util::DiskTotalSize(options.device) < QFileInfo(image).size() + UsbPlan::kSpareBytes) {
+        showNotice(QStringLiteral(":/nwu/insufficient_space"));
+        return;
+    }
     // Formatting half done leaves the stick unusable, so a USB burn cannot be
     // stopped either.
     StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Checking), 0);

@@ -33,6 +33,8 @@
 #include <linux/fs.h>
 #include <linux/loop.h>
 #include <pwd.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -78,9 +80,11 @@ QString findTool(const QString& program)
     return QStandardPaths::findExecutable(program, kPath.split(QLatin1Char(':')));
 }
 
-// Runs a tool to its end with C messages. Its output goes through a file
-// rather than a pipe: a FUSE driver stays behind as a daemon and must not
-// write into a pipe nobody reads any more.
+// Runs a tool to its end with English messages and UTF-8 text, so that a
+// label such as "Données" reaches the file system as it is. Its output goes
+// through a file rather than a pipe: a FUSE driver stays behind as a daemon
+// and must not write into a pipe nobody reads any more. The tool dies with
+// the helper (a daemon it starts is a new process, which does not).
 RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
 {
     RunResult result;
@@ -97,12 +101,18 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
     }
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     environment.insert(QStringLiteral("PATH"), kPath);
     process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setStandardInputFile(feed.fileName());
     process.setStandardOutputFile(output.fileName());
+    const pid_t helper = ::getpid();
+    process.setChildProcessModifier([helper] {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != helper)
+            ::_exit(127);
+    });
     process.start(program, call.arguments);
     if (!process.waitForStarted(-1)) {
         result.reason = call.program + QStringLiteral(" could not be started");

@@ -26,7 +26,7 @@ bool parseFileSystem(const QString& text, FileSystem& fs)
     else if (text == QLatin1String("ntfs"))
         fs = FileSystem::Ntfs;
     else if (text == QLatin1String("exfat"))
-        fs = FileSystem::ExFat;
+        fs = FileSystem::Exfat;
     else
         return false;
     return true;
@@ -109,7 +109,6 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
         } else if (option == QLatin1String("--label") && prepare) {
             seen = &haveLabel;
             request.label = value;
-            ok = !hasControl(value);
         } else {
             error = QStringLiteral("unknown option \"%1\"").arg(option);
             return false;
@@ -126,6 +125,12 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
     }
     if (prepare && (!haveScheme || !haveFs)) {
         error = QStringLiteral("prepare needs --scheme and --fs");
+        return false;
+    }
+    // Checked before anything is written: mkfs refusing it would leave the
+    // stick wiped.
+    if (const QString problem = UsbPlan::CheckLabel(request.fs, request.label).problem; !problem.isEmpty()) {
+        error = problem;
         return false;
     }
     if (!prepare && !haveFs) {
@@ -195,7 +200,7 @@ QString PartitionType(Scheme scheme, FileSystem fs)
     case FileSystem::Fat:
         return QStringLiteral("6"); // FAT16 over 32 MB
     case FileSystem::Ntfs:
-    case FileSystem::ExFat:
+    case FileSystem::Exfat:
         return QStringLiteral("7");
     }
     return QString();
@@ -361,31 +366,9 @@ QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qi
     };
 }
 
-QString VolumeLabel(FileSystem fs, const QString& label)
-{
-    switch (fs) {
-    case FileSystem::Fat32:
-    case FileSystem::Fat: {
-        // Characters a FAT directory entry cannot hold become "_".
-        static const QString forbidden = QStringLiteral("\"*+,./:;<=>?[\\]|");
-        QString out = label.toUpper();
-        for (QChar& c : out) {
-            if (forbidden.contains(c) || c.unicode() > 0x7e)
-                c = QLatin1Char('_');
-        }
-        return out.left(11).trimmed();
-    }
-    case FileSystem::ExFat:
-        return label.left(15);
-    case FileSystem::Ntfs:
-        return label.left(128);
-    }
-    return label;
-}
-
 ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label, qint64 startSector)
 {
-    const QString name = VolumeLabel(fs, label);
+    const QString name = UsbPlan::CheckLabel(fs, label).text;
     ToolCall call;
     switch (fs) {
     case FileSystem::Fat32:
@@ -406,7 +389,7 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
         if (!name.isEmpty())
             call.arguments << QStringLiteral("-L") << name;
         break;
-    case FileSystem::ExFat:
+    case FileSystem::Exfat:
         call.program = QStringLiteral("mkfs.exfat");
         if (!name.isEmpty())
             call.arguments << QStringLiteral("-n") << name;
@@ -420,7 +403,7 @@ QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QStrin
 {
     const QString owner =
         kMountFlags.join(QLatin1Char(',')) + QStringLiteral(",uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
-    const QString kernelType = fs == FileSystem::ExFat ? QStringLiteral("exfat") : QStringLiteral("vfat");
+    const QString kernelType = fs == FileSystem::Exfat ? QStringLiteral("exfat") : QStringLiteral("vfat");
     switch (fs) {
     case FileSystem::Fat32:
     case FileSystem::Fat:
@@ -434,7 +417,7 @@ QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QStrin
              {QStringLiteral("-o"), QStringLiteral("rw+,allow_other,fsname=") + partition + QLatin1Char(',') + owner,
               partition, mountPoint}},
         };
-    case FileSystem::ExFat:
+    case FileSystem::Exfat:
         return {
             {QStringLiteral("mount"),
              {QStringLiteral("-t"), kernelType, QStringLiteral("-o"), owner, partition, mountPoint}},
@@ -529,7 +512,7 @@ QString FileSystemName(FileSystem fs)
         return QStringLiteral("fat");
     case FileSystem::Ntfs:
         return QStringLiteral("ntfs");
-    case FileSystem::ExFat:
+    case FileSystem::Exfat:
         return QStringLiteral("exfat");
     }
     return QString();

@@ -4,6 +4,7 @@
 #include <QStringList>
 
 #include "media/drives.h"
+#include "media/usbplan.h"
 
 // The decisions of brenta-usb-helper, the small program that does what needs
 // root on a USB stick: wiping, partitioning, making the file system, boot code,
@@ -15,8 +16,8 @@ namespace UsbHelper {
 inline const QString kMountRoot = QStringLiteral("/run/brenta");
 
 enum class Command { Check, Prepare, BootCode, Remount, Unmount };
-enum class Scheme { Mbr, Gpt };
-enum class FileSystem { Fat32, Fat, Ntfs, ExFat };
+using Scheme = UsbPlan::Scheme;
+using FileSystem = UsbPlan::FileSystem;
 
 struct Request
 {
@@ -24,11 +25,12 @@ struct Request
     QString device;     // "/dev/sdb"
     Scheme scheme = Scheme::Mbr;
     FileSystem fs = FileSystem::Fat32;
-    QString label;      // as given; see VolumeLabel()
+    QString label;      // as given; UsbPlan::CheckLabel() has passed it
 };
 
-// The command line without the program name. On wrong usage returns false and
-// says why in `error`.
+// The command line without the program name. On wrong usage, a label
+// included that the file system cannot take, returns false and says why in
+// `error`.
 bool ParseArguments(const QStringList& arguments, Request& request, QString& error);
 
 QString UsageText();
@@ -80,10 +82,6 @@ QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qi
 // The CRC-32 that GPT, zlib and Ethernet use.
 quint32 Crc32(QByteArrayView data);
 
-// The label as the file system takes it: FAT labels are upper case, at most 11
-// characters, without the characters FAT forbids; exFAT at most 15; NTFS 128.
-QString VolumeLabel(FileSystem fs, const QString& label);
-
 struct ToolCall
 {
     QString program;
@@ -95,7 +93,8 @@ struct ToolCall
 };
 
 // The mkfs call for a partition that starts at `startSector` (512-byte units):
-// FAT and NTFS record it in their boot sector, which the boot code needs.
+// FAT and NTFS record it in their boot sector, which the boot code needs. The
+// label is given as UsbPlan::CheckLabel() makes it.
 ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label, qint64 startSector);
 
 // The ways to mount, in order of preference: the kernel's driver, then the
