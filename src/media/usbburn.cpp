@@ -396,8 +396,8 @@ void CUsbBurnJob::OnListed()
     }
     const qint64 imageSize = QFileInfo(m_options.image).size();
     const qint64 capacity = Util::DiskTotalSize(m_options.device);
-    m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme, m_options.fileSystem,
-                                 m_options.label, m_options.fatFileLimit);
+    m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme,
+                                 m_options.fileSystem, m_options.label, m_options.fatFileLimit);
     QStringList refusals = m_decision.refusals;
     if (m_decision.tooSmall) {
         refusals.prepend(QStringLiteral("The stick (%1) cannot hold the image (%2) with 50 MB to spare.")
@@ -434,7 +434,8 @@ void CUsbBurnJob::Burn()
     Q_EMIT phase(Phase::Formatting);
     Q_EMIT progress(0, 0);
     RunHelper(QStringLiteral("formatting"),
-              UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem, m_options.label),
+              UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem,
+                                        m_options.label),
               &CUsbBurnJob::StartBootCode);
 }
 

@@ -77,14 +77,17 @@ Label CheckLabel(FileSystem fs, const QString& label)
     Label out;
     for (const QChar c : label) {
         if (c.category() == QChar::Other_Control) {
-            out.problem = QStringLiteral("A volume label cannot hold control characters such as tabs or line "
-                                         "breaks.");
+            out.problem =
+                QStringLiteral("A volume label cannot hold control characters such as tabs or line "
+                               "breaks.");
             return out;
         }
     }
     const auto tooLong = [&](const QString& text, int limit) {
         return QStringLiteral("%1 %2 label holds at most %3 characters; \"%4\" has %5.")
-            .arg(fs == FileSystem::Exfat || fs == FileSystem::Ntfs ? QStringLiteral("An") : QStringLiteral("A"), Name(fs))
+            .arg(fs == FileSystem::Exfat || fs == FileSystem::Ntfs ? QStringLiteral("An")
+                                                                   : QStringLiteral("A"),
+                 Name(fs))
             .arg(limit)
             .arg(text)
             .arg(text.size());
@@ -98,8 +101,9 @@ Label CheckLabel(FileSystem fs, const QString& label)
         const QString text = label.trimmed();
         for (const QChar c : text) {
             if (c.unicode() > 0x7e || forbidden.contains(c)) {
-                out.problem = QStringLiteral("A %1 label can hold only the letters A to Z, digits, blanks and "
-                                             "! # $ % & ' ( ) - @ ^ _ ` { } ~, not \"%2\".")
+                out.problem = QStringLiteral(
+                                  "A %1 label can hold only the letters A to Z, digits, blanks and "
+                                  "! # $ % & ' ( ) - @ ^ _ ` { } ~, not \"%2\".")
                                   .arg(Name(fs), c);
                 return out;
             }
@@ -126,8 +130,8 @@ Label CheckLabel(FileSystem fs, const QString& label)
     return out;
 }
 
-Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen,
-                const QString& label, qint64 fatFileLimit)
+Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme,
+                FileSystem chosen, const QString& label, qint64 fatFileLimit)
 {
     Decision decision;
     decision.tooSmall = capacity <= imageSize + kSpareBytes - 1;

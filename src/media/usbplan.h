@@ -54,7 +54,7 @@ struct Decision
 
 // `contents` is the image as listed; sizes are bytes; `label` as the user
 // typed it. `fatFileLimit` is the largest file FAT takes (smaller in tests).
-Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme, FileSystem chosen,
-                const QString& label, qint64 fatFileLimit = kFatFileLimit);
+Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme,
+                FileSystem chosen, const QString& label, qint64 fatFileLimit = kFatFileLimit);
 
 } // namespace UsbPlan

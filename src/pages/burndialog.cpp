@@ -160,9 +160,10 @@ void CBurnDialog::BurnToUsb(const QString& image)
     options.label = m_volumelab->text();
     // A label the file system cannot hold is said before the stick is offered
     // for erasing; the plan would refuse it too.
-    const UsbPlan::FileSystem used =
-        UsbPlan::UsedFileSystem(options.scheme, options.fileSystem, Util::DiskTotalSize(options.device));
-    if (const QString problem = UsbPlan::CheckLabel(used, options.label).problem; !problem.isEmpty()) {
+    const UsbPlan::FileSystem used = UsbPlan::UsedFileSystem(options.scheme, options.fileSystem,
+                                                             Util::DiskTotalSize(options.device));
+    if (const QString problem = UsbPlan::CheckLabel(used, options.label).problem;
+        !problem.isEmpty()) {
         Util::ShowMessage(problem);
         return;
     }

@@ -201,13 +201,15 @@ QString harden(const QString& folder)
     const unsigned long flags = MS_REMOUNT | MS_BIND | MS_NOSUID | MS_NODEV | MS_NOEXEC;
     if (::mount(nullptr, QFile::encodeName(folder).constData(), nullptr, flags, nullptr) != 0)
         return QStringLiteral("%1 could not be made %2: %3")
-            .arg(folder, kMountFlags.join(QLatin1Char(',')), QString::fromLocal8Bit(std::strerror(errno)));
+            .arg(folder, kMountFlags.join(QLatin1Char(',')),
+                 QString::fromLocal8Bit(std::strerror(errno)));
     const std::optional<MountEntry> mount = mountAt(folder);
     if (!mount)
         return QStringLiteral("nothing is mounted at %1 any more").arg(folder);
     const QStringList missing = MissingMountFlags(*mount);
     if (!missing.isEmpty())
-        return QStringLiteral("the mount at %1 lacks %2").arg(folder, missing.join(QLatin1Char(',')));
+        return QStringLiteral("the mount at %1 lacks %2")
+            .arg(folder, missing.join(QLatin1Char(',')));
     return QString();
 }
 
@@ -221,9 +223,10 @@ qint64 holderOf(const QStringList& numbers)
         const QString fds = QStringLiteral("/proc/%1/fd").arg(pid);
         for (const QString& fd : QDir(fds).entryList(QDir::System | QDir::NoDotAndDotDot)) {
             struct stat info;
-            if (::stat(QFile::encodeName(fds + QLatin1Char('/') + fd).constData(), &info) == 0
-                && S_ISBLK(info.st_mode)
-                && numbers.contains(QStringLiteral("%1:%2").arg(major(info.st_rdev)).arg(minor(info.st_rdev))))
+            if (::stat(QFile::encodeName(fds + QLatin1Char('/') + fd).constData(), &info) == 0 &&
+                S_ISBLK(info.st_mode) &&
+                numbers.contains(
+                    QStringLiteral("%1:%2").arg(major(info.st_rdev)).arg(minor(info.st_rdev))))
                 return pid.toLongLong();
         }
     }
@@ -244,12 +247,14 @@ QString unmountOne(const MountEntry& mount, bool own)
     const int looked = ::statx(AT_FDCWD, path.constData(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
                                STATX_TYPE | STATX_MNT_ID, &info);
     if (looked == 0) {
-        const bool sameMount = !(info.stx_mask & STATX_MNT_ID) || info.stx_mnt_id == quint64(mount.id);
-        if (!S_ISDIR(info.stx_mode) || !sameMount || info.stx_dev_major != mount.major
-            || info.stx_dev_minor != mount.minor)
+        const bool sameMount =
+            !(info.stx_mask & STATX_MNT_ID) || info.stx_mnt_id == quint64(mount.id);
+        if (!S_ISDIR(info.stx_mode) || !sameMount || info.stx_dev_major != mount.major ||
+            info.stx_dev_minor != mount.minor)
             return QStringLiteral("%1 is no longer the mount of the stick").arg(mount.point);
     } else if (!own) {
-        return QStringLiteral("%1 cannot be looked at: %2").arg(mount.point, QString::fromLocal8Bit(std::strerror(errno)));
+        return QStringLiteral("%1 cannot be looked at: %2")
+            .arg(mount.point, QString::fromLocal8Bit(std::strerror(errno)));
     }
     if (::umount2(path.constData(), UMOUNT_NOFOLLOW) != 0)
         return QStringLiteral("%1 could not be unmounted: %2")
@@ -265,8 +270,8 @@ bool unmountAll(const QString& diskName, const QString& step, QString& failure)
     const QList<MountEntry> list = mountsOf(diskName);
     const QStringList partitions = Drives::PartitionsOf(diskName);
     for (auto it = list.crbegin(); it != list.crend(); ++it) {
-        const bool own = it->point.startsWith(kMountRoot + QLatin1Char('/'))
-                         && partitions.contains(it->point.mid(kMountRoot.size() + 1));
+        const bool own = it->point.startsWith(kMountRoot + QLatin1Char('/')) &&
+                         partitions.contains(it->point.mid(kMountRoot.size() + 1));
         const QString reason = unmountOne(*it, own);
         if (!reason.isEmpty()) {
             failure = ErrorLine(step, reason, {});
@@ -318,8 +323,9 @@ bool findCaller(Caller& caller, QString& error)
     struct passwd entry = {};
     struct passwd* found = nullptr;
     int status = 0;
-    while ((status = ::getpwuid_r(caller.uid, &entry, buffer.data(), size_t(buffer.size()), &found)) == ERANGE
-           && buffer.size() < (1 << 20))
+    while ((status = ::getpwuid_r(caller.uid, &entry, buffer.data(), size_t(buffer.size()),
+                                  &found)) == ERANGE &&
+           buffer.size() < (1 << 20))
         buffer.resize(buffer.size() * 2);
     if (status != 0 || found == nullptr) {
         error = QStringLiteral("user %1 is unknown to the system").arg(caller.uid);
@@ -346,8 +352,8 @@ QString loopRefusal(const QString& node, const QString& name, uint uid)
     if (path.endsWith('\n'))
         path.chop(1);
     struct stat file;
-    if (path.isEmpty() || ::stat(path.constData(), &file) != 0 || quint64(file.st_dev) != info.lo_device
-        || quint64(file.st_ino) != info.lo_inode)
+    if (path.isEmpty() || ::stat(path.constData(), &file) != 0 ||
+        quint64(file.st_dev) != info.lo_device || quint64(file.st_ino) != info.lo_inode)
         return QStringLiteral("the file %1 reads cannot be found").arg(node);
     if (file.st_uid != uid)
         return QStringLiteral("%1 reads %2, which belongs to another user")
@@ -368,7 +374,8 @@ bool accept(const QString& path, const Caller& caller, Target& target)
     target.facts = IsPlainDevicePath(path) ? Drives::Inspect(path) : Drives::NodeFacts();
     QString refusal = Refusal(path, target.facts);
     if (refusal.isEmpty() && target.facts.loop && caller.uid != 0)
-        refusal = loopRefusal(QStringLiteral("/dev/") + target.facts.name, target.facts.name, caller.uid);
+        refusal =
+            loopRefusal(QStringLiteral("/dev/") + target.facts.name, target.facts.name, caller.uid);
     if (!refusal.isEmpty()) {
         say(QStringLiteral("refused: ") + refusal);
         return false;
@@ -377,8 +384,9 @@ bool accept(const QString& path, const Caller& caller, Target& target)
     // A disk mounted anywhere else serves something other than the desktop.
     for (const MountEntry& mount : mountsOf(target.facts.name)) {
         if (!IsRemovableMediaFolder(mount.point)) {
-            say(QStringLiteral("refused: a file system of %1 is mounted at %2, not where removable media are "
-                               "mounted (/media, /run/media); unmount it first")
+            say(QStringLiteral(
+                    "refused: a file system of %1 is mounted at %2, not where removable media are "
+                    "mounted (/media, /run/media); unmount it first")
                     .arg(target.node, mount.point.simplified()));
             return false;
         }
@@ -466,8 +474,9 @@ QString userOf(const QStringList& numbers)
             return QString();
         if (timer.elapsed() > 3000) {
             QFile comm(QStringLiteral("/proc/%1/comm").arg(pid));
-            const QString name = comm.open(QIODevice::ReadOnly) ? QString::fromUtf8(comm.readAll().trimmed())
-                                                               : QStringLiteral("a program");
+            const QString name = comm.open(QIODevice::ReadOnly)
+                                     ? QString::fromUtf8(comm.readAll().trimmed())
+                                     : QStringLiteral("a program");
             return QStringLiteral("%1 (process %2)").arg(name).arg(pid);
         }
         QThread::msleep(100);
@@ -479,7 +488,8 @@ bool writeAll(int fd, qint64 offset, const QByteArray& data)
 {
     qint64 done = 0;
     while (done < data.size()) {
-        const ssize_t wrote = ::pwrite(fd, data.constData() + done, size_t(data.size() - done), offset + done);
+        const ssize_t wrote =
+            ::pwrite(fd, data.constData() + done, size_t(data.size() - done), offset + done);
         if (wrote < 0 && errno == EINTR)
             continue;
         if (wrote <= 0)
@@ -523,12 +533,14 @@ int partition(const Request& request, const Target& target)
     }
     const int fd = ::open(QFile::encodeName(target.node).constData(), O_RDWR | O_EXCL | O_CLOEXEC);
     if (fd < 0 && errno == EBUSY) {
-        say(QStringLiteral("refused: %1 is in use: the system or another program holds it").arg(target.node));
+        say(QStringLiteral("refused: %1 is in use: the system or another program holds it")
+                .arg(target.node));
         return Refused;
     }
     if (fd < 0) {
         say(ErrorLine(QStringLiteral("wiping"),
-                      QStringLiteral("cannot open %1: %2").arg(target.node, QString::fromLocal8Bit(std::strerror(errno))),
+                      QStringLiteral("cannot open %1: %2")
+                          .arg(target.node, QString::fromLocal8Bit(std::strerror(errno))),
                       {}));
         return Failed;
     }
@@ -538,15 +550,19 @@ int partition(const Request& request, const Target& target)
     int sectorSize = 0;
     quint64 bytes = 0;
     if (::ioctl(fd, BLKSSZGET, &sectorSize) != 0 || ::ioctl(fd, BLKGETSIZE64, &bytes) != 0) {
-        say(ErrorLine(QStringLiteral("wiping"), QStringLiteral("cannot read the size of ") + target.node, {}));
+        say(ErrorLine(QStringLiteral("wiping"),
+                      QStringLiteral("cannot read the size of ") + target.node, {}));
         return Failed;
     }
     QByteArray random(36, '\0');
-    QRandomGenerator::system()->fillRange(reinterpret_cast<quint32*>(random.data()), random.size() / 4);
+    QRandomGenerator::system()->fillRange(reinterpret_cast<quint32*>(random.data()),
+                                          random.size() / 4);
     const qint64 sectors = qint64(bytes) / qMax(sectorSize, 1);
-    const QList<DiskWrite> table = PartitionTable(request.scheme, request.fs, sectorSize, sectors, random);
+    const QList<DiskWrite> table =
+        PartitionTable(request.scheme, request.fs, sectorSize, sectors, random);
     if (table.isEmpty()) {
-        say(ErrorLine(QStringLiteral("partitioning"), target.node + QStringLiteral(" is too small"), {}));
+        say(ErrorLine(QStringLiteral("partitioning"), target.node + QStringLiteral(" is too small"),
+                      {}));
         return Failed;
     }
 
@@ -555,26 +571,32 @@ int partition(const Request& request, const Target& target)
     // in the last MiB (a GPT's backup, RAID and ZFS labels).
     const QByteArray zeros(kPartitionStart, '\0');
     const qint64 size = qint64(bytes);
-    if (!writeAll(fd, 0, zeros) || !writeAll(fd, kPartitionStart, zeros) || !writeAll(fd, size - kPartitionStart, zeros)
-        || ::fsync(fd) != 0) {
-        say(ErrorLine(QStringLiteral("wiping"), QStringLiteral("cannot write to ") + target.node, {}));
+    if (!writeAll(fd, 0, zeros) || !writeAll(fd, kPartitionStart, zeros) ||
+        !writeAll(fd, size - kPartitionStart, zeros) || ::fsync(fd) != 0) {
+        say(ErrorLine(QStringLiteral("wiping"), QStringLiteral("cannot write to ") + target.node,
+                      {}));
         return Failed;
     }
 
     say(QStringLiteral("step: partitioning"));
     for (const DiskWrite& write : table) {
         if (!writeAll(fd, write.offset, write.data)) {
-            say(ErrorLine(QStringLiteral("partitioning"), QStringLiteral("cannot write to ") + target.node, {}));
+            say(ErrorLine(QStringLiteral("partitioning"),
+                          QStringLiteral("cannot write to ") + target.node, {}));
             return Failed;
         }
     }
     if (::fsync(fd) != 0) {
-        say(ErrorLine(QStringLiteral("partitioning"), QStringLiteral("cannot write to ") + target.node, {}));
+        say(ErrorLine(QStringLiteral("partitioning"),
+                      QStringLiteral("cannot write to ") + target.node, {}));
         return Failed;
     }
-    if (!showPartition(fd, PartitionName(disk, 1), PartitionExtent(request.scheme, sectorSize, sectors), sectorSize)) {
+    if (!showPartition(fd, PartitionName(disk, 1),
+                       PartitionExtent(request.scheme, sectorSize, sectors), sectorSize)) {
         say(ErrorLine(QStringLiteral("partitioning"),
-                      QStringLiteral("the kernel does not take the new partition table of ") + target.node, {}));
+                      QStringLiteral("the kernel does not take the new partition table of ") +
+                          target.node,
+                      {}));
         return Failed;
     }
     return Ok;
@@ -601,13 +623,16 @@ int prepare(const Request& request, const Caller& caller)
         run({QStringLiteral("udevadm"), {QStringLiteral("settle")}});
     const QString partName = PartitionName(disk, 1);
     if (!waitForPartition(partName)) {
-        say(ErrorLine(QStringLiteral("partitioning"), QStringLiteral("the kernel does not show the new partition ") + partName, {}));
+        say(ErrorLine(QStringLiteral("partitioning"),
+                      QStringLiteral("the kernel does not show the new partition ") + partName,
+                      {}));
         return Failed;
     }
     const QString partition = QStringLiteral("/dev/") + partName;
 
     say(QStringLiteral("step: formatting"));
-    const RunResult result = run(MakeFileSystem(request.fs, partition, request.label, startSector(partName)));
+    const RunResult result =
+        run(MakeFileSystem(request.fs, partition, request.label, startSector(partName)));
     if (!result.ok) {
         say(ErrorLine(QStringLiteral("formatting"), result.reason, result.lines));
         return Failed;

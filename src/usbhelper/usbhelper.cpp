@@ -129,7 +129,8 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
     }
     // Checked before anything is written: mkfs refusing it would leave the
     // stick wiped.
-    if (const QString problem = UsbPlan::CheckLabel(request.fs, request.label).problem; !problem.isEmpty()) {
+    if (const QString problem = UsbPlan::CheckLabel(request.fs, request.label).problem;
+        !problem.isEmpty()) {
         error = problem;
         return false;
     }
@@ -237,7 +238,8 @@ QByteArray chs(qint64 lba)
 }
 
 // The MBR of `sectorSize` bytes with one entry, the boot code area empty.
-QByteArray mbrSector(int sectorSize, quint32 signature, bool bootable, quint8 type, qint64 start, qint64 count)
+QByteArray mbrSector(int sectorSize, quint32 signature, bool bootable, quint8 type, qint64 start,
+                     qint64 count)
 {
     QByteArray sector(sectorSize, '\0');
     putLittle(sector, 0x1b8, signature, 4);
@@ -274,8 +276,9 @@ QUuid randomGuid(const QByteArray& bytes)
     return id;
 }
 
-QByteArray gptHeader(int sectorSize, qint64 current, qint64 backup, qint64 firstUsable, qint64 lastUsable,
-                     const QByteArray& diskGuid, qint64 entriesAt, quint32 entriesCrc)
+QByteArray gptHeader(int sectorSize, qint64 current, qint64 backup, qint64 firstUsable,
+                     qint64 lastUsable, const QByteArray& diskGuid, qint64 entriesAt,
+                     quint32 entriesCrc)
 {
     constexpr int headerSize = 92;
     QByteArray header(sectorSize, '\0');
@@ -329,7 +332,8 @@ Extent PartitionExtent(Scheme scheme, int sectorSize, qint64 sectors)
     return extent;
 }
 
-QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qint64 sectors, const QByteArray& random)
+QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qint64 sectors,
+                                const QByteArray& random)
 {
     const Extent extent = PartitionExtent(scheme, sectorSize, sectors);
     if (extent.count == 0 || random.size() < 36)
@@ -339,7 +343,8 @@ QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qi
         for (int i = 0; i < 4; ++i)
             signature |= quint32(quint8(random[i])) << (8 * i);
         const quint8 type = quint8(PartitionType(scheme, fs).toUInt(nullptr, 16));
-        return {{0, mbrSector(sectorSize, signature ? signature : 1, true, type, extent.start, extent.count)}};
+        return {{0, mbrSector(sectorSize, signature ? signature : 1, true, type, extent.start,
+                              extent.count)}};
     }
 
     const qint64 entrySectors = kGptEntriesBytes / sectorSize;
@@ -358,11 +363,12 @@ QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qi
         mbrSector(sectorSize, 0, false, 0xee, 1, qMin<qint64>(sectors - 1, 0xffffffffLL));
     return {
         {0, protective},
-        {sectorSize, gptHeader(sectorSize, 1, sectors - 1, firstUsable, lastUsable, diskGuid, 2, entriesCrc)},
+        {sectorSize,
+         gptHeader(sectorSize, 1, sectors - 1, firstUsable, lastUsable, diskGuid, 2, entriesCrc)},
         {2LL * sectorSize, entries},
         {backupEntries * sectorSize, entries},
-        {(sectors - 1) * sectorSize, gptHeader(sectorSize, sectors - 1, 1, firstUsable, lastUsable, diskGuid,
-                                               backupEntries, entriesCrc)},
+        {(sectors - 1) * sectorSize, gptHeader(sectorSize, sectors - 1, 1, firstUsable, lastUsable,
+                                               diskGuid, backupEntries, entriesCrc)},
     };
 }
 
@@ -401,9 +407,10 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
 
 QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid)
 {
-    const QString owner =
-        kMountFlags.join(QLatin1Char(',')) + QStringLiteral(",uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
-    const QString kernelType = fs == FileSystem::Exfat ? QStringLiteral("exfat") : QStringLiteral("vfat");
+    const QString owner = kMountFlags.join(QLatin1Char(',')) +
+                          QStringLiteral(",uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
+    const QString kernelType =
+        fs == FileSystem::Exfat ? QStringLiteral("exfat") : QStringLiteral("vfat");
     switch (fs) {
     case FileSystem::Fat32:
     case FileSystem::Fat:
@@ -486,7 +493,8 @@ QList<MountEntry> ParseMountInfo(const QByteArray& text)
 
 bool IsRemovableMediaFolder(const QString& point)
 {
-    for (const QString& root : {QStringLiteral("/media/"), QStringLiteral("/run/media/"), kMountRoot + QLatin1Char('/')}) {
+    for (const QString& root : {QStringLiteral("/media/"), QStringLiteral("/run/media/"),
+                                kMountRoot + QLatin1Char('/')}) {
         if (point.startsWith(root) && point.size() > root.size())
             return true;
     }
@@ -584,15 +592,16 @@ bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByte
     return true;
 }
 
-bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers, const QStringList& partitions)
+bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers,
+                   const QStringList& partitions)
 {
     if (mount.major != 0)
         return numbers.contains(QStringLiteral("%1:%2").arg(mount.major).arg(mount.minor));
     if (!mount.type.startsWith(QLatin1String("fuse")))
         return false;
     for (const QString& partition : partitions) {
-        if (mount.point == kMountRoot + QLatin1Char('/') + partition
-            && mount.source == QStringLiteral("/dev/") + partition)
+        if (mount.point == kMountRoot + QLatin1Char('/') + partition &&
+            mount.source == QStringLiteral("/dev/") + partition)
             return true;
     }
     return false;

@@ -25,7 +25,7 @@ struct Request
     QString device;     // "/dev/sdb"
     Scheme scheme = Scheme::Mbr;
     FileSystem fs = FileSystem::Fat32;
-    QString label;      // as given; UsbPlan::CheckLabel() has passed it
+    QString label; // as given; UsbPlan::CheckLabel() has passed it
 };
 
 // The command line without the program name. On wrong usage, a label
@@ -77,7 +77,8 @@ struct DiskWrite
 // PartitionType(), or a GPT (protective MBR, both headers and both entry
 // arrays) with one basic-data partition. `random` (at least 36 bytes) makes
 // the disk's and the partition's identifiers. Empty when the disk is too small.
-QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qint64 sectors, const QByteArray& random);
+QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qint64 sectors,
+                                const QByteArray& random);
 
 // The CRC-32 that GPT, zlib and Ethernet use.
 quint32 Crc32(QByteArrayView data);
@@ -105,7 +106,8 @@ QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QStrin
 // Every mount the helper makes carries these: nothing on a stick, which its
 // owner can fill with anything, may act as a device, run as another user or
 // run at all.
-inline const QStringList kMountFlags = {QStringLiteral("nosuid"), QStringLiteral("nodev"), QStringLiteral("noexec")};
+inline const QStringList kMountFlags = {QStringLiteral("nosuid"), QStringLiteral("nodev"),
+                                        QStringLiteral("noexec")};
 
 // One line of /proc/self/mountinfo.
 struct MountEntry
@@ -162,7 +164,8 @@ bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByte
 // number of its own (0:N) and a source that is whatever its driver was told,
 // so a source naming the stick proves nothing; but no one other than root can
 // mount on "/run/brenta/<partition>", and only the helper mounts there.
-bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers, const QStringList& partitions);
+bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers,
+                   const QStringList& partitions);
 
 // "error: <step>: <reason>. <last words>": the tool's last lines joined by
 // blanks, at most `maxLines` of them.
