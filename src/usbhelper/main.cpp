@@ -1,7 +1,10 @@
 // brenta-usb-helper: does what needs root on a USB stick, for Brenta running as
 // the desktop user (through pkexec) or as root. It trusts none of its
 // arguments: every command first checks that the device is a whole USB or
-// removable disk, or a loop device, that the running system does not use.
+// removable disk, or a loop device over the user's own file, that the running
+// system does not use and that is mounted nowhere but in the folders for
+// removable media. It works for the user pkexec names (PKEXEC_UID), or for
+// whoever runs it, and every mount it makes is nosuid,nodev,noexec.
 //
 // Output is one line per event, for Brenta's command runner:
 //   step: <what now>        progress
