@@ -251,6 +251,10 @@ void TestEditSession::roundTripKeepsContentsAndBoot()
     QVERIFY(original && rebuilt);
     const ElTorito::Entry& before = original->defaultEntry;
     const ElTorito::Entry& after = rebuilt->defaultEntry;
+    // The reader agrees with what the image builder was told.
+    QVERIFY(before.bootable);
+    QCOMPARE(int(before.sectorCount), media == "no-emulation" ? 4 : 1);
+    QCOMPARE(int(original->efiEntries.size()), efiEntries);
     QCOMPARE(ElTorito::MediaName(after.media), media);
     QCOMPARE(after.sectorCount, before.sectorCount);
     QCOMPARE(after.loadSegment, before.loadSegment);
@@ -268,8 +272,10 @@ void TestEditSession::roundTripKeepsContentsAndBoot()
     } else {
         QCOMPARE(bytes, expected);
     }
-    if (efiEntries)
+    if (efiEntries) {
+        QCOMPARE(int(original->efiEntries.front().sectorCount), efi.size() / 512);
         QCOMPARE(bootBytes(output, rebuilt->efiEntries.front(), efi.size()), efi);
+    }
 }
 
 void TestEditSession::editsDuringExtractionApplyInOrder()

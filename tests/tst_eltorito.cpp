@@ -1,8 +1,6 @@
 #include <QtTest>
 
 #include "common/bytes.h"
-
-#include "common/isofixture.h"
 #include "iso/bootsetup.h"
 #include "iso/eltorito.h"
 
@@ -80,8 +78,6 @@ class TestElTorito final : public QObject
 private Q_SLOTS:
     void parses_data();
     void parses();
-    void readsRealImages_data();
-    void readsRealImages();
     void corpusReplaysCleanly();
 };
 
@@ -148,56 +144,6 @@ void TestElTorito::parses()
     QCOMPARE(ElTorito::BootImageLength(catalog->defaultEntry), length);
     QCOMPARE(catalog->defaultEntry.bootable, bootable);
     QVERIFY(catalog->efiEntries.empty());
-}
-
-void TestElTorito::readsRealImages_data()
-{
-    QTest::addColumn<QStringList>("options");
-    QTest::addColumn<QString>("media");
-    QTest::addColumn<int>("loadSize");
-    QTest::addColumn<int>("efiEntries");
-    QTest::newRow("no emulation, load size 4, with EFI")
-        << QStringList{"-b", "boot/loader.bin", "-no-emul-boot", "-boot-load-size", "4", "-eltorito-alt-boot", "-e",
-                       "boot/efi.img", "-no-emul-boot"}
-        << "no-emulation" << 4 << 1;
-    QTest::newRow("1.44M diskette") << QStringList{"-b", "boot/floppy.img"} << "1.44M" << 1 << 0;
-    QTest::newRow("hard disk") << QStringList{"-b", "boot/disk.img", "-hard-disk-boot"} << "hard-disk" << 1 << 0;
-}
-
-// The reader must agree with what the image builder wrote.
-void TestElTorito::readsRealImages()
-{
-    QFETCH(QStringList, options);
-    QFETCH(QString, media);
-    QFETCH(int, loadSize);
-    QFETCH(int, efiEntries);
-    QTemporaryDir dir;
-    QByteArray disk(1024 * 1024, '\0');
-    disk[446] = char(0x80); // one active partition from sector 1 to the end
-    disk[450] = 0x0C;
-    Put32(disk, 454, 1);
-    Put32(disk, 458, 2047);
-    disk[510] = char(0x55);
-    disk[511] = char(0xAA);
-    QVERIFY(IsoFixture::WriteTree(dir.filePath("src"), {{"boot/loader.bin", QByteArray(8192, 'l')},
-                                                        {"boot/floppy.img", QByteArray(1474560, 'f')},
-                                                        {"boot/efi.img", QByteArray(65536, 'e')},
-                                                        {"boot/disk.img", disk}}));
-    QProcess builder;
-    builder.setProcessChannelMode(QProcess::MergedChannels);
-    builder.start("genisoimage", QStringList{"-quiet", "-o", dir.filePath("boot.iso")} + options
-                                     + QStringList{dir.filePath("src")});
-    QVERIFY(builder.waitForFinished(60000));
-    QVERIFY2(builder.exitCode() == 0, builder.readAll().constData());
-
-    const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(dir.filePath("boot.iso"));
-    QVERIFY(catalog);
-    QVERIFY(catalog->defaultEntry.bootable);
-    QCOMPARE(ElTorito::MediaName(catalog->defaultEntry.media), media);
-    QCOMPARE(int(catalog->defaultEntry.sectorCount), loadSize);
-    QCOMPARE(int(catalog->efiEntries.size()), efiEntries);
-    if (efiEntries)
-        QCOMPARE(int(catalog->efiEntries.front().sectorCount), 65536 / 512);
 }
 
 // Every input the fuzzer kept is read again: none may crash the reader or
