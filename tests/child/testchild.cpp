@@ -1,7 +1,6 @@
 // A stand-in tool for the runner tests. The first argument picks what it does:
 //   print-raw TEXT     writes TEXT with \r, \n, \b and \\ escapes decoded, exits 0
 //   exit N             prints "bye" and exits with status N
-//   long N             prints one line of N 'x' characters
 //   hang PIDFILE       writes its pid, starts a grandchild that writes its pid to
 //                      PIDFILE.child, then prints "ready" and sleeps forever
 //   stubborn PIDFILE   like hang, but ignores SIGTERM
@@ -79,11 +78,6 @@ int main(int argc, char** argv)
     if (mode == "exit" && argc >= 3) {
         std::printf("bye\n");
         return std::atoi(argv[2]);
-    }
-    if (mode == "long" && argc >= 3) {
-        std::string line(static_cast<size_t>(std::atoi(argv[2])), 'x');
-        std::printf("%s\n", line.c_str());
-        return 0;
     }
     if ((mode == "hang" || mode == "stubborn") && argc >= 3)
         hang(argv[2], mode == "stubborn");
