@@ -487,8 +487,8 @@ void TestCli::burnUsbAsDesktopUser_data()
     QTest::newRow("password given") << "grant" << 0 << "" << QStringList{"prepare", "remount", "unmount"};
     QTest::newRow("password dialog dismissed")
         << "dismiss" << 1
-        << "brenta: The USB stick was not burned. The step that failed: formatting: Brenta was not given "
-           "the right to change the stick (the administrator's password was not given)."
+        << "brenta: The USB stick was not burned. The step that failed: formatting: Brenta is not "
+           "authorised to change the stick: the administrator's password was not given."
         << QStringList{"prepare"};
 }
 

@@ -59,7 +59,7 @@ const QString kMark = QStringLiteral("Brenta polkit test");
 // can reach it.
 const QString kWorkFolder = QStringLiteral("brenta-polkit-test-");
 // What Brenta says when pkexec refuses to start the helper.
-const QString kRefused = QStringLiteral("Brenta was not given the right to change the stick");
+const QString kRefused = QStringLiteral("Brenta is not authorised to change the stick: the system's policy refused it");
 
 struct Ran
 {

@@ -7,7 +7,6 @@
 #include <QProcess>
 #include <QStandardPaths>
 #include <QStorageInfo>
-#include <QTemporaryDir>
 #include <QThread>
 
 #include <algorithm>
@@ -276,7 +275,8 @@ public:
 protected:
     void run() override
     {
-        QProcess tool;
+        // A process of the runner's kind, so that it ends with Brenta.
+        CProcess tool;
         tool.setProcessChannelMode(QProcess::SeparateChannels);
         tool.start(ToolLocator::Find(ToolLocator::Tool::Archive),
                    {QStringLiteral("x"), QStringLiteral("-so"), QStringLiteral("--"), m_image});
@@ -464,9 +464,12 @@ void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, N
         QString reason;
         if (!m_report.error.isEmpty())
             reason = m_report.error;
-        else if (pkexec && (exitCode == 126 || exitCode == 127))
-            reason = step + QStringLiteral(": Brenta was not given the right to change the stick (the "
-                                           "administrator's password was not given).");
+        else if (pkexec && exitCode == 126)
+            reason = step + QStringLiteral(": Brenta is not authorised to change the stick: the "
+                                           "administrator's password was not given.");
+        else if (pkexec && exitCode == 127)
+            reason = step + QStringLiteral(": Brenta is not authorised to change the stick: the system's "
+                                           "policy refused it, or the password was wrong.");
         else
             reason = step + QStringLiteral(": ") + failure;
         Fail(reason);
@@ -543,15 +546,15 @@ void CUsbBurnJob::StartSplit()
     }
     Q_EMIT phase(Phase::Splitting);
     Q_EMIT progress(0, 0);
-    m_wimDir = std::make_unique<QTemporaryDir>(Util::ScratchDir() + QStringLiteral("/wim-XXXXXX"));
-    if (!m_wimDir->isValid()) {
+    m_wimDir = std::make_unique<ScratchFolder>(QStringLiteral("wim"));
+    if (!m_wimDir->IsValid()) {
         Fail(QStringLiteral("splitting install.wim: no temporary folder could be made in %1.")
                  .arg(Util::ScratchDir()));
         return;
     }
     const QString wim = SplitWim();
     RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_wimDir->path(), QStringLiteral("--"),
+            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_wimDir->Path(), QStringLiteral("--"),
              m_options.image, wim},
             &CUsbBurnJob::SplitExtracted);
 }
@@ -563,7 +566,7 @@ void CUsbBurnJob::SplitExtracted()
     QDir().mkpath(folder);
     RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::WimTool),
             ToolLocator::DisplayName(ToolLocator::Tool::WimTool),
-            UsbBurn::SplitArguments(m_wimDir->path() + QLatin1Char('/') + wim,
+            UsbBurn::SplitArguments(m_wimDir->Path() + QLatin1Char('/') + wim,
                                     folder + QStringLiteral("/install.swm"), m_options.fatFileLimit),
             &CUsbBurnJob::StartRemount);
 }

@@ -17,7 +17,7 @@
 class CListJob;
 class CRunCommandThread;
 class QIODevice;
-class QTemporaryDir;
+class ScratchFolder;
 class QThread;
 
 namespace UsbBurn {
@@ -178,7 +178,7 @@ private:
     QThread* m_verifier = nullptr;
     std::atomic<bool> m_stopVerify{false};
     UsbBurn::VerifyResult m_verified;
-    std::unique_ptr<QTemporaryDir> m_wimDir;
+    std::unique_ptr<ScratchFolder> m_wimDir;
     QString m_mountPoint;
     QString m_failure; // the message of a failed step, kept while the stick is unmounted
 };
