@@ -4,9 +4,6 @@
 
 #include <QBuffer>
 #include <QDirIterator>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QCryptographicHash>
@@ -255,8 +252,6 @@ private Q_SLOTS:
         const qint64 noLimit = UsbPlan::kFatFileLimit;
         QTest::newRow("file too large for FAT")
             << "plain" << "stick" << qint64(4) << fat32 << "" << "The file /bootmgr";
-        QTest::newRow("too large but NTFS is fine")
-            << "plain" << "stick" << qint64(4) << int(UsbPlan::FileSystem::Ntfs) << "" << "";
         QTest::newRow("stick too small") << "plain" << "/dev/null" << noLimit << fat32 << "" << "cannot hold";
         QTest::newRow("unreadable image") << "broken" << "stick" << noLimit << fat32 << "" << "could not be opened";
         // The page and "brenta burn-usb" both plan: neither wipes a stick for a
@@ -425,40 +420,46 @@ private Q_SLOTS:
         QCOMPARE(QFile(m_stick + "/sources/boot.wim").size(), 5);
     }
 
-    // The real helper on a loop device: every scheme and file system, checked
-    // with sfdisk, blkid and the archive tool's listing of the partition.
+    // The real helper on a loop device, through the job: every scheme and file
+    // system ends with the image's files on the stick, and a failed step with
+    // the tool's words and nothing left mounted. The partition table, file
+    // system and label each one makes are the helper's own test.
     void realStick_data()
     {
         QTest::addColumn<QString>("scheme");
         QTest::addColumn<QString>("fs");
-        QTest::addColumn<QString>("label");
-        QTest::addColumn<QString>("partitionType"); // sfdisk --json
-        QTest::addColumn<QString>("fsType");        // blkid -p
-        QTest::addColumn<QString>("fsLabel");
+        QTest::addColumn<QString>("failure"); // mkfs fails with these words; empty: it works
 
-        const QString basicData = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
-        QTest::newRow("mbr fat32, lower-case label") << "mbr" << "fat32" << "myusb" << "c" << "vfat" << "MYUSB";
-        QTest::newRow("mbr fat") << "mbr" << "fat" << "STICK" << "6" << "vfat" << "STICK";
-        QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << "Win Stick" << "7" << "ntfs" << "Win Stick";
-        QTest::newRow("mbr exfat") << "mbr" << "exfat" << "exStick" << "7" << "exfat" << "exStick";
-        QTest::newRow("gpt fat32") << "gpt" << "fat32" << "uefi" << basicData << "vfat" << "UEFI";
+        QTest::newRow("mbr fat32") << "mbr" << "fat32" << "";
+        QTest::newRow("mbr fat") << "mbr" << "fat" << "";
+        QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << "";
+        QTest::newRow("mbr exfat") << "mbr" << "exfat" << "";
+        QTest::newRow("gpt fat32") << "gpt" << "fat32" << "";
+        // A tool stood in through BRENTA_TOOLS_DIR.
+        QTest::newRow("mkfs fails") << "mbr" << "fat32"
+                                    << "formatting: mkfs.vfat failed (exit status 1). mkfs.fat: unable to open";
     }
 
     void realStick()
     {
         QFETCH(QString, scheme);
         QFETCH(QString, fs);
-        QFETCH(QString, label);
-        QFETCH(QString, partitionType);
-        QFETCH(QString, fsType);
-        QFETCH(QString, fsLabel);
+        QFETCH(QString, failure);
 
         if (::geteuid() != 0)
             QSKIP("needs root for loop devices");
+        const QString failing = m_tools + "/system/mkfs.vfat";
+        if (!failure.isEmpty()) {
+            QVERIFY(IsoFixture::WriteTree(m_tools, {{"system/mkfs.vfat", "#!/bin/sh\necho 'mkfs.fat: unable to "
+                                                                         "open the device: Input/output error' >&2\n"
+                                                                         "exit 1\n"}}));
+            QVERIFY(QFile::setPermissions(failing, QFile::ReadOwner | QFile::ExeOwner));
+        }
         QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
         QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
         const auto restore = qScopeGuard([&] {
             const QString standins = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins";
+            QFile::remove(failing);
             linkTool(m_tools, "usbhelper/brenta-usb-helper", standins + "/usbhelper/brenta-usb-helper");
             linkTool(m_tools, "7z/7z", standins + "/7z/7z");
         });
@@ -478,30 +479,24 @@ private Q_SLOTS:
         options.device = loop;
         options.scheme = scheme == "gpt" ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
         options.fileSystem = *UsbPlan::FileSystemFromName(fs);
-        options.label = label;
-        const Outcome outcome = burn(options);
-        QVERIFY2(outcome.succeeded, qPrintable(outcome.planMessage + outcome.message));
-
-        // Unmounted and flushed when it says so.
+        options.label = "brenta";
+        Outcome outcome = burn(options);
+        QVERIFY2(outcome.finished && outcome.succeeded == failure.isEmpty(),
+                 qPrintable(outcome.planMessage + outcome.message));
+        QVERIFY2(outcome.message.contains(failure), qPrintable(outcome.message));
+        // Unmounted (and flushed) when it says so, whether it worked or not.
         QVERIFY(!run("cat", {"/proc/self/mounts"}).contains("/run/brenta/" + partition.mid(5)));
 
-        const QJsonObject table =
-            QJsonDocument::fromJson(run("sfdisk", {"--json", loop}).toUtf8()).object()["partitiontable"].toObject();
-        QCOMPARE(table["label"].toString(), scheme == "gpt" ? "gpt" : "dos");
-        const QJsonArray partitions = table["partitions"].toArray();
-        QCOMPARE(partitions.size(), 1);
-        QCOMPARE(partitions[0].toObject()["start"].toInt(), 2048);
-        QCOMPARE(partitions[0].toObject()["type"].toString().toUpper(), partitionType.toUpper());
-        QCOMPARE(partitions[0].toObject()["bootable"].toBool(), scheme == "mbr");
-
-        const QString probe = run("blkid", {"-p", "-o", "export", partition});
-        QVERIFY2(probe.contains("TYPE=" + fsType + "\n"), qPrintable(probe));
-        QVERIFY2(probe.contains("LABEL=" + QString(fsLabel).replace(" ", "\\ ") + "\n"), qPrintable(probe));
-
-        QFile disk(loop);
-        QVERIFY(disk.open(QIODevice::ReadOnly));
-        QCOMPARE(disk.read(512).contains("GRUB"), scheme == "mbr");
-        disk.close();
+        if (!failure.isEmpty()) {
+            // The partition the failed run left is refused as a device.
+            options.device = partition;
+            QVERIFY(QFileInfo::exists(options.device));
+            outcome = burn(options);
+            QVERIFY(outcome.finished && !outcome.succeeded);
+            QVERIFY2(outcome.message.contains("refused") && outcome.message.contains("partition"),
+                     qPrintable(outcome.message));
+            return;
+        }
 
         // The archive tool reads FAT and NTFS partitions itself; exFAT is
         // read through its driver.
@@ -525,51 +520,6 @@ private Q_SLOTS:
         onStick.sort(Qt::CaseInsensitive);
         expected.sort(Qt::CaseInsensitive);
         QCOMPARE(onStick, expected);
-    }
-
-    // A step of the real helper fails (a tool stood in through
-    // BRENTA_TOOLS_DIR), and a partition is refused as the device.
-    void realStickFailures()
-    {
-        if (::geteuid() != 0)
-            QSKIP("needs root for loop devices");
-        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
-        const QString failing = m_tools + "/system/mkfs.vfat";
-        QDir().mkpath(m_tools + "/system");
-        QFile script(failing);
-        QVERIFY(script.open(QIODevice::WriteOnly));
-        script.write("#!/bin/sh\necho 'mkfs.fat: unable to open the device: Input/output error' >&2\nexit 1\n");
-        script.close();
-        script.setPermissions(script.permissions() | QFileDevice::ExeOwner);
-        const auto restore = qScopeGuard([&] {
-            QFile::remove(failing);
-            linkTool(m_tools, "usbhelper/brenta-usb-helper",
-                     QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper");
-        });
-        const QString backing = IsoFixture::SparseFile(m_dir.filePath("fail.img"), 64);
-        int code = 0;
-        const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
-        if (code != 0 || !loop.startsWith("/dev/loop"))
-            QSKIP("no loop device can be set up here");
-        const auto detach = qScopeGuard([&] { run("losetup", {"-d", loop}); });
-
-        CUsbBurnJob::Options options;
-        options.image = image("small", {{"bootmgr", "loader"}});
-        options.device = loop;
-        Outcome outcome = burn(options);
-        QVERIFY(outcome.finished && !outcome.succeeded);
-        QVERIFY2(outcome.message.contains("formatting: mkfs.vfat failed (exit status 1). mkfs.fat: unable to open"),
-                 qPrintable(outcome.message));
-        QVERIFY(!run("cat", {"/proc/self/mounts"}).contains("/run/brenta/"));
-
-        // The partition the failed run left is refused as a device.
-        options.device = loop + "p1";
-        if (QFileInfo::exists(options.device)) {
-            outcome = burn(options);
-            QVERIFY(outcome.finished && !outcome.succeeded);
-            QVERIFY2(outcome.message.contains("refused") && outcome.message.contains("partition"),
-                     qPrintable(outcome.message));
-        }
     }
 };
 
