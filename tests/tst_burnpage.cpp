@@ -399,33 +399,26 @@ void TestBurnPage::burnsTheStick_data()
     QTest::addColumn<int>("scheme");         // index in the list
     QTest::addColumn<QString>("fileSystem"); // chosen before the scheme
     QTest::addColumn<QString>("prepare");    // the helper's options
-    QTest::addColumn<QStringList>("calls");  // of the helper, by command
     QTest::addColumn<QString>("said");
-    QTest::newRow("MBR with boot code")
-        << "success" << 0 << "exFAT"
-        << "--scheme mbr --fs exfat --label ACME STICK"
-        << QStringList{"prepare", "bootcode", "remount", "unmount"} << "Burning Successfully...";
-    QTest::newRow("GPT keeps FAT32")
-        << "success" << 1 << "NTFS"
-        << "--scheme gpt --fs fat32 --label ACME STICK"
-        << QStringList{"prepare", "remount", "unmount"} << "Burning Successfully...";
+    QTest::newRow("MBR, exFAT")
+        << "success" << 0 << "exFAT" << "--scheme mbr --fs exfat --label ACME STICK"
+        << "Burning Successfully...";
     // A failed step is named, with the tool's own words.
-    QTest::newRow("formatting fails")
-        << "failformat" << 0 << "FAT32"
-        << "--scheme mbr --fs fat32 --label ACME STICK" << QStringList{"prepare"}
+    QTest::newRow("GPT keeps FAT32, formatting fails")
+        << "failformat" << 1 << "NTFS" << "--scheme gpt --fs fat32 --label ACME STICK"
         << "The USB stick was not burned. The step that failed: formatting: mkfs.fat failed";
 }
 
 // Whole burns with the real archive tool and a stand-in helper whose "stick"
 // is a folder: what the page shows while it runs, what it asks the helper
-// for, what it says at the end, and what ends up on the stick.
+// for and what it says at the end. The helper's steps and the files the job
+// writes are the job's own test.
 void TestBurnPage::burnsTheStick()
 {
     QFETCH(QString, mode);
     QFETCH(int, scheme);
     QFETCH(QString, fileSystem);
     QFETCH(QString, prepare);
-    QFETCH(QStringList, calls);
     QFETCH(QString, said);
     const QString mount = m_dir.filePath(QString("mount-%1").arg(QTest::currentDataTag()));
     qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
@@ -460,18 +453,10 @@ void TestBurnPage::burnsTheStick()
     QCOMPARE(answers.seen.first(), kFormatUsb);
     QVERIFY2(answers.seen.last().startsWith(said), qPrintable(answers.seen.last()));
     QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled());
-
-    QCOMPARE(Standins::LoggedCommands(m_log), calls);
     QCOMPARE(Logged(m_log).first(), QString("prepare %1 %2").arg(m_stick, prepare));
-    if (mode != "success")
-        return;
-    QVERIFY2(full.contains("100%"), qPrintable(full.join(", ")));
-    for (const char* file :
-         {"bootmgr", "efi/boot/bootx64.efi", "sources/boot.wim", "Read Me.txt"}) {
-        QFile copy(mount + "/" + file);
-        QFile original(m_dir.filePath(QString("installer/") + file));
-        QVERIFY2(copy.open(QIODevice::ReadOnly) && original.open(QIODevice::ReadOnly), file);
-        QVERIFY2(copy.readAll() == original.readAll(), file);
+    if (mode == "success") {
+        QVERIFY2(full.contains("100%"), qPrintable(full.join(", ")));
+        QCOMPARE(QFileInfo(mount + "/sources/boot.wim").size(), 300 * 1024);
     }
 }
 
