@@ -130,10 +130,8 @@ void TestPage5::copiesTheDisc()
     QVERIFY(finished.count() == 1 || finished.wait(20000));
     QVERIFY(finished.first().first().toBool());
     QCOMPARE(m_urls.opened, QList<QUrl>{QUrl::fromLocalFile(m_dir.filePath("copies"))});
-    QCOMPARE(QFileInfo(output).size(), qint64(300) * 2048);
-    QCOMPARE(Logged(m_log).size(), 1);
-    QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" +
-                                             m_dir.filePath("copies/.disc copy.iso.")));
+    // The reader's part file and the copy it becomes are the copy job's own test.
+    QVERIFY(QFileInfo::exists(output));
 }
 
 // Stop is the user's own choice: no message, no half image (nor its part
