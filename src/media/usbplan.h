@@ -17,11 +17,7 @@ namespace UsbPlan {
 
 // Image: the image is written to the whole stick byte for byte. Files: the
 // stick gets a partition and a file system, and the image's files are copied.
-enum class WriteMode
-{
-    Image,
-    Files
-};
+enum class WriteMode { Image, Files };
 
 struct ModeChoice
 {
@@ -43,18 +39,8 @@ bool HasPartitionTable(const QByteArray& head);
 // the files are copied, with or without /bootmgr to start.
 ModeChoice ChooseMode(const QByteArray& head, const ItemTree& contents);
 
-enum class Scheme
-{
-    Mbr,
-    Gpt
-};
-enum class FileSystem
-{
-    Fat32,
-    Ntfs,
-    Exfat,
-    Fat
-};
+enum class Scheme { Mbr, Gpt };
+enum class FileSystem { Fat32, Ntfs, Exfat, Fat };
 
 // "FAT32", "NTFS", "exFAT", "FAT" (as the page lists them; case ignored).
 std::optional<FileSystem> FileSystemFromName(const QString& name);
@@ -85,23 +71,23 @@ Label CheckLabel(FileSystem fs, const QString& label);
 struct Decision
 {
     WriteMode mode = WriteMode::Files;
-    QString modeReason; // left to the caller, who chose the mode
+    QString modeReason;          // left to the caller, who chose the mode
     FileSystem fileSystem = FileSystem::Fat32;
-    bool bootCode = false; // legacy BIOS boot code that starts /bootmgr
-    bool tooSmall = false; // the stick cannot hold the image and the spare
-    QString splitWim;      // the installer image to split into parts ("sources\install.wim")
-    QStringList refusals;  // reasons the burn cannot go on
-    QStringList warnings;  // what the user must agree to first
+    bool bootCode = false;       // legacy BIOS boot code that starts /bootmgr
+    bool tooSmall = false;       // the stick cannot hold the image and the spare
+    QString splitWim;            // the installer image to split into parts ("sources\install.wim")
+    QStringList refusals;        // reasons the burn cannot go on
+    QStringList warnings;        // what the user must agree to first
 };
 
-// `contents` is the image as listed; sizes are bytes; `label` as the user
-// typed it. `fatFileLimit` is the largest file FAT takes (smaller in tests).
-// The decision for Files mode.
+// The decision for Files mode. `contents` is the image as listed; sizes are
+// bytes; `label` as the user typed it. `fatFileLimit` is the largest file FAT
+// takes (smaller in tests).
 Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme,
                 FileSystem chosen, const QString& label, qint64 fatFileLimit = kFatFileLimit);
 
-// The decision for Image mode: the stick only has to hold the image (the
-// image brings its own partitions and file systems). A stick that cannot sets
+// The decision for Image mode: the stick only has to hold the image, which
+// brings its own partitions and file systems. A stick that cannot sets
 // tooSmall and has its refusal, in plain words with both sizes, in refusals.
 Decision DecideImage(qint64 imageSize, qint64 capacity);
 
