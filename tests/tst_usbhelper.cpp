@@ -11,6 +11,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "common/standins.h"
 #include "usbhelper/usbhelper.h"
 
 using namespace UsbHelper;
@@ -27,14 +28,22 @@ struct Run
     QStringList lines;
 };
 
+QString helperPath()
+{
+    // Another build of the helper can be tried against these tests.
+    return qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER));
+}
+
 Run helper(const QStringList& arguments,
-           const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment())
+           const QProcessEnvironment& environment = QProcessEnvironment::systemEnvironment(),
+           const QByteArray& input = QByteArray())
 {
     QProcess process;
     process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
-    // Another build of the helper can be tried against these tests.
-    process.start(qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER)), arguments);
+    process.start(helperPath(), arguments);
+    process.write(input);
+    process.closeWriteChannel();
     process.waitForFinished(120000);
     Run run;
     run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
@@ -57,6 +66,14 @@ QByteArray sha256Of(const QString& path)
     QFile file(path);
     QCryptographicHash hash(QCryptographicHash::Sha256);
     return file.open(QIODevice::ReadOnly) && hash.addData(&file) ? hash.result() : QByteArray();
+}
+
+QByteArray randomBytes(qint64 size)
+{
+    QByteArray bytes((size + 3) & ~qint64(3), Qt::Uninitialized);
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(bytes.data()), bytes.size() / 4);
+    bytes.truncate(size);
+    return bytes;
 }
 
 bool mounted(const QString& folder)
@@ -93,20 +110,21 @@ bool hardened(const QString& folder)
     return options.contains("nosuid") && options.contains("nodev") && options.contains("noexec");
 }
 
-// A loop device over a new sparse file, with partition scanning; detached,
-// after anything the helper left mounted is unmounted, when it goes.
+// A loop device over a new sparse file in a folder of its own, with
+// partition scanning (root only); detached, after anything the helper left
+// mounted is unmounted, when it goes.
 class LoopDevice
 {
 public:
-    LoopDevice(const QString& image, qint64 mib, int sectorSize = 512)
+    explicit LoopDevice(qint64 mib, int sectorSize = 512)
     {
-        QFile file(image);
-        if (!file.open(QIODevice::WriteOnly) || !file.resize(mib << 20))
+        QFile file(Image());
+        if (::geteuid() != 0 || !file.open(QIODevice::WriteOnly) || !file.resize(mib << 20))
             return;
         file.close();
         int code = 0;
         const QString node =
-            tool("losetup", {"-f", "--show", "-P", "--sector-size", QString::number(sectorSize), image}, &code)
+            tool("losetup", {"-f", "--show", "-P", "--sector-size", QString::number(sectorSize), Image()}, &code)
                 .trimmed();
         if (code == 0 && node.startsWith("/dev/loop"))
             m_node = node;
@@ -127,8 +145,13 @@ public:
     QString Partition() const { return m_node + "p1"; }
     // Where the helper mounts the first partition.
     QString Folder() const { return "/run/brenta/" + m_node.mid(5) + "p1"; }
+    // The loop device's file, and the folder it lies in, for the test's own files.
+    QString Image() const { return m_dir.filePath("stick.img"); }
+    QString DirPath() const { return m_dir.path(); }
+    QString FilePath(const QString& name) const { return m_dir.filePath(name); }
 
 private:
+    QTemporaryDir m_dir;
     QString m_node;
 };
 
@@ -153,6 +176,8 @@ private Q_SLOTS:
     void bootSectors();
     void mountOfDisk_data();
     void mountOfDisk();
+    void sizeArguments_data();
+    void sizeArguments();
     void usageAndRefusalsOfTheProgram_data();
     void usageAndRefusalsOfTheProgram();
     void systemDiskIsRefused();
@@ -166,6 +191,12 @@ private Q_SLOTS:
     void loopDevicesOfOthersAreRefused();
     void badLabelsAreRefusedBeforeWriting_data();
     void badLabelsAreRefusedBeforeWriting();
+    void imageWrittenAndHashed_data();
+    void imageWrittenAndHashed();
+    void imageNotWritten_data();
+    void imageNotWritten();
+    void stickRemovedWhileWriting();
+    void hashReadsTheStickItself();
     void toolsDieWithTheHelper();
 };
 
@@ -274,6 +305,38 @@ void TestUsbHelper::mountOfDisk()
     QCOMPARE(IsMountOfDisk(entries.first(), {"8:16", "8:17"}, {"sdb1"}), ofDisk);
 }
 
+// The size is how many bytes root writes to a disk: only a plain decimal
+// number is taken, never one that a sign, a base or an overflow turns into
+// another.
+void TestUsbHelper::sizeArguments_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<qint64>("size"); // 0: wrong usage
+
+    QTest::newRow("write") << QStringList{"write", "/dev/sdb", "--size", "1000001"} << qint64(1000001);
+    QTest::newRow("hash, 18 digits") << QStringList{"hash", "/dev/sdb", "--size", "999999999999999999"}
+                                     << qint64(999999999999999999);
+    QTest::newRow("no size") << QStringList{"write", "/dev/sdb"} << qint64(0);
+    QTest::newRow("zero") << QStringList{"hash", "/dev/sdb", "--size", "0"} << qint64(0);
+    QTest::newRow("sign") << QStringList{"write", "/dev/sdb", "--size", "+512"} << qint64(0);
+    QTest::newRow("exponent") << QStringList{"write", "/dev/sdb", "--size", "1e9"} << qint64(0);
+    QTest::newRow("beyond 64 bits") << QStringList{"write", "/dev/sdb", "--size", "18446744073709551617"}
+                                    << qint64(0);
+    QTest::newRow("another option") << QStringList{"write", "/dev/sdb", "--fs", "fat32"} << qint64(0);
+    QTest::newRow("size twice") << QStringList{"hash", "/dev/sdb", "--size", "512", "--size", "1024"} << qint64(0);
+}
+
+void TestUsbHelper::sizeArguments()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(qint64, size);
+    Request request;
+    QString error;
+    QCOMPARE(ParseArguments(arguments, request, error), size > 0);
+    if (size > 0)
+        QCOMPARE(request.size, size);
+}
+
 void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
 {
     QTest::addColumn<QStringList>("arguments");
@@ -365,17 +428,13 @@ void TestUsbHelper::endToEnd()
     QFETCH(QString, given);
     QFETCH(QString, label);
 
-    if (::geteuid() != 0)
-        QSKIP("needs root for loop devices");
     for (const char* program : {"losetup", "sfdisk", "wipefs", "blkid", "mkfs.vfat", "mkfs.exfat", "mkfs.ntfs"}) {
         if (QStandardPaths::findExecutable(program, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"}).isEmpty())
             QSKIP(qPrintable(QString("%1 is not installed").arg(program)));
     }
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const LoopDevice stick(dir.filePath("stick.img"), 96, sectorSize);
+    const LoopDevice stick(96, sectorSize);
     if (!stick.IsValid())
-        QSKIP("no loop device can be set up here");
+        QSKIP("needs root and a free loop device");
     const QString loop = stick.Node();
     const QString partName = loop.mid(5) + "p1";
     const QString folder = stick.Folder();
@@ -383,13 +442,9 @@ void TestUsbHelper::endToEnd()
     // A "mount" that fails leaves the FUSE driver to do the work.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     if (fuse) {
-        QVERIFY(QDir().mkpath(dir.filePath("tools/system")));
-        QFile standIn(dir.filePath("tools/system/mount"));
-        QVERIFY(standIn.open(QIODevice::WriteOnly));
-        standIn.write("#!/bin/sh\necho \"mount: unknown filesystem type\" >&2\nexit 32\n");
-        standIn.close();
-        QVERIFY(standIn.setPermissions(standIn.permissions() | QFileDevice::ExeOwner));
-        environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
+        QVERIFY(Standins::Write(stick.FilePath("tools/system/mount"),
+                                "#!/bin/sh\necho \"mount: unknown filesystem type\" >&2\nexit 32\n"));
+        environment.insert("BRENTA_TOOLS_DIR", stick.FilePath("tools"));
     }
     // Through pkexec, the stick is mounted for the user it names, who owns
     // the loop device's file; the stand-in tools are only honoured for root
@@ -397,7 +452,7 @@ void TestUsbHelper::endToEnd()
     const uint owner = fuse ? 0 : kNobody;
     if (!fuse)
         environment.insert("PKEXEC_UID", QString::number(kNobody));
-    QVERIFY(::chown(QFile::encodeName(dir.filePath("stick.img")).constData(), kNobody, kNobody) == 0);
+    QVERIFY(::chown(QFile::encodeName(stick.Image()).constData(), kNobody, kNobody) == 0);
 
     Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", given}, environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
@@ -432,15 +487,10 @@ void TestUsbHelper::endToEnd()
         run = helper({"bootcode", loop}, environment);
         QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
         QCOMPARE(tool("sfdisk", {"--dump", loop}), dump);
+        // That GRUB's core image follows and starts the machine is the boot test's.
         QFile disk(loop);
         QVERIFY(disk.open(QIODevice::ReadOnly));
-        const QByteArray start = disk.read(1 << 20);
-        QVERIFY(start.left(512).contains("GRUB"));
-        // Sector 1 starts GRUB's core image, whose block list names sector 2 on.
-        QFile diskboot("/usr/lib/grub/i386-pc/diskboot.img");
-        QVERIFY(diskboot.open(QIODevice::ReadOnly));
-        QCOMPARE(start.mid(512, 500), diskboot.read(500));
-        QCOMPARE(start.mid(1012, 8), QByteArray("\x02\0\0\0\0\0\0\0", 8));
+        QVERIFY(disk.read(512).contains("GRUB"));
     } else if (scheme == "gpt") {
         run = helper({"bootcode", loop}, environment);
         QCOMPARE(run.exitCode, 1);
@@ -480,16 +530,12 @@ void TestUsbHelper::otherFileSystemsAreLeftMounted_data()
 void TestUsbHelper::otherFileSystemsAreLeftMounted()
 {
     QFETCH(QString, source);
-    if (::geteuid() != 0)
-        QSKIP("needs root for loop devices");
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    const LoopDevice stick(16);
     if (!stick.IsValid())
-        QSKIP("no loop device can be set up here");
-    const QString link = dir.filePath("stick-link");
+        QSKIP("needs root and a free loop device");
+    const QString link = stick.FilePath("stick-link");
     QVERIFY(QFile::link(stick.Node(), link));
-    const QString folder = dir.filePath("theirs");
+    const QString folder = stick.FilePath("theirs");
     QVERIFY(QDir().mkpath(folder));
     int code = -1;
     const QString said = tool("mount", {"-t", "tmpfs", "-o", "size=1m", source == "link" ? link : stick.Node(), folder},
@@ -510,28 +556,29 @@ void TestUsbHelper::otherFileSystemsAreLeftMounted()
 // held open by another program. The helper says why and writes nothing.
 void TestUsbHelper::disksInUseAreRefused_data()
 {
+    QTest::addColumn<QString>("command");
     QTest::addColumn<QString>("use");
     QTest::addColumn<QString>("reason"); // in the refusal; "%1" is the temporary folder
 
-    QTest::newRow("whole disk mounted elsewhere") << "mount disk" << "is mounted at %1/data";
-    QTest::newRow("partition mounted elsewhere") << "mount partition" << "is mounted at %1/data";
-    QTest::newRow("held open exclusively") << "exclusive" << "in use";
-    QTest::newRow("held open by a program") << "open" << "in use by sleep";
+    QTest::newRow("whole disk mounted elsewhere") << "prepare" << "mount disk" << "is mounted at %1/data";
+    QTest::newRow("partition mounted elsewhere") << "prepare" << "mount partition" << "is mounted at %1/data";
+    QTest::newRow("held open exclusively") << "prepare" << "exclusive" << "in use";
+    QTest::newRow("held open by a program") << "prepare" << "open" << "in use by sleep";
+    QTest::newRow("image write, partition mounted elsewhere") << "write" << "mount partition"
+                                                              << "is mounted at %1/data";
+    QTest::newRow("hash, whole disk mounted elsewhere") << "hash" << "mount disk" << "is mounted at %1/data";
 }
 
 void TestUsbHelper::disksInUseAreRefused()
 {
+    QFETCH(QString, command);
     QFETCH(QString, use);
     QFETCH(QString, reason);
-    if (::geteuid() != 0)
-        QSKIP("needs root for loop devices");
     if (QStandardPaths::findExecutable("mkfs.ext2", {"/usr/sbin", "/sbin"}).isEmpty())
         QSKIP("mkfs.ext2 is not installed");
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    const LoopDevice stick(16);
     if (!stick.IsValid())
-        QSKIP("no loop device can be set up here");
+        QSKIP("needs root and a free loop device");
     QString node = stick.Node();
     int code = -1;
     if (use == "mount partition") {
@@ -546,7 +593,7 @@ void TestUsbHelper::disksInUseAreRefused()
     }
     tool("mkfs.ext2", {"-q", "-F", node}, &code);
     QVERIFY(code == 0);
-    const QString folder = dir.filePath("data");
+    const QString folder = stick.FilePath("data");
     QVERIFY(QDir().mkpath(folder));
     const auto unmountData = qScopeGuard([&] {
         while (mounted(folder))
@@ -573,9 +620,12 @@ void TestUsbHelper::disksInUseAreRefused()
     }
     const QByteArray before = sha256Of(stick.Node());
 
-    const Run run = helper({"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"});
+    const bool image = command != "prepare";
+    const QStringList options = image ? QStringList{"--size", "1048576"} : QStringList{"--scheme", "mbr", "--fs", "fat32"};
+    const Run run = helper(QStringList{command, stick.Node()} + options, QProcessEnvironment::systemEnvironment(),
+                           command == "write" ? QByteArray(1 << 20, 'x') : QByteArray());
     QCOMPARE(run.exitCode, 3);
-    QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(QString(reason).replace("%1", dir.path())),
+    QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(QString(reason).replace("%1", stick.DirPath())),
              qPrintable(run.lines.join('\n')));
     QCOMPARE(mounted(folder), use.startsWith("mount"));
     QCOMPARE(sha256Of(stick.Node()), before);
@@ -602,14 +652,10 @@ void TestUsbHelper::loopDevicesOfOthersAreRefused()
     QFETCH(QString, pkexecUid);
     QFETCH(QString, file);
     QFETCH(QString, reason);
-    if (::geteuid() != 0)
-        QSKIP("needs root for loop devices");
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const QString image = dir.filePath("stick.img");
-    const LoopDevice stick(image, 16);
+    const LoopDevice stick(16);
     if (!stick.IsValid())
-        QSKIP("no loop device can be set up here");
+        QSKIP("needs root and a free loop device");
+    const QString image = stick.Image();
     if (file == "swapped") {
         // The kernel names a deleted file "<path> (deleted)": a name anyone
         // can give a file of their own.
@@ -652,13 +698,9 @@ void TestUsbHelper::badLabelsAreRefusedBeforeWriting()
     QFETCH(QString, fs);
     QFETCH(QString, label);
     QFETCH(QString, reason);
-    if (::geteuid() != 0)
-        QSKIP("needs root for loop devices");
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    const LoopDevice stick(16);
     if (!stick.IsValid())
-        QSKIP("no loop device can be set up here");
+        QSKIP("needs root and a free loop device");
     {
         QFile disk(stick.Node());
         QVERIFY(disk.open(QIODevice::WriteOnly));
@@ -672,33 +714,184 @@ void TestUsbHelper::badLabelsAreRefusedBeforeWriting()
     QCOMPARE(sha256Of(stick.Node()), before);
 }
 
+// What Brenta streams lands on the stick byte for byte from its first byte,
+// ending exactly where the image ends, though direct I/O takes only whole
+// blocks and an image rarely ends on one; the hash reads back just those
+// bytes. Progress comes every 32 MiB and at the end.
+void TestUsbHelper::imageWrittenAndHashed_data()
+{
+    QTest::addColumn<int>("sectorSize");
+    QTest::addColumn<qint64>("size");
+
+    QTest::newRow("512-byte blocks, odd end") << 512 << qint64((33 << 20) + 12345);
+    QTest::newRow("4096-byte blocks, ending between them") << 4096 << qint64((5 << 20) + 1536);
+}
+
+void TestUsbHelper::imageWrittenAndHashed()
+{
+    QFETCH(int, sectorSize);
+    QFETCH(qint64, size);
+    const LoopDevice stick(40, sectorSize);
+    if (!stick.IsValid())
+        QSKIP("needs root and a free loop device");
+    // What lies beyond the image stays as it was.
+    const qint64 fillFrom = size & ~qint64((1 << 20) - 1);
+    const QByteArray fill(2 << 20, char(0xa5));
+    {
+        QFile disk(stick.Node());
+        QVERIFY(disk.open(QIODevice::WriteOnly) && disk.seek(fillFrom) && disk.write(fill) == fill.size());
+        QVERIFY(disk.flush() && ::fsync(disk.handle()) == 0);
+    }
+    const QByteArray image = randomBytes(size);
+    const QString sizeText = QString::number(size);
+
+    Run run = helper({"write", stick.Node(), "--size", sizeText}, QProcessEnvironment::systemEnvironment(), image);
+    QStringList expected{"step: writing"};
+    for (qint64 done = 32 << 20; done < size; done += 32 << 20)
+        expected << QString("written: %1").arg(done);
+    QCOMPARE(run.lines, expected << "written: " + sizeText);
+    QCOMPARE(run.exitCode, 0);
+    QFile file(stick.Image());
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QByteArray onStick = file.read(fillFrom + fill.size());
+    QVERIFY(onStick.left(size) == image);
+    QCOMPARE(onStick.mid(size), fill.mid(size - fillFrom));
+
+    run = helper({"hash", stick.Node(), "--size", sizeText});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.lines, QStringList(expected).replaceInStrings("written:", "read:").replaceInStrings("writing", "verifying")
+                            << "sha256: " + QCryptographicHash::hash(image, QCryptographicHash::Sha256).toHex());
+}
+
+// Nothing short of the whole image passes: standard input that ends early
+// fails the write, and an image the stick cannot hold is refused before a
+// byte is written, or fails the read-back.
+void TestUsbHelper::imageNotWritten_data()
+{
+    QTest::addColumn<QString>("command");
+    QTest::addColumn<qint64>("size");
+    QTest::addColumn<qint64>("fed"); // bytes on standard input
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QStringList>("lines"); // "%1" is the stick
+
+    QTest::newRow("image ends early")
+        << "write" << qint64(3 << 20) << qint64((2 << 20) + 5) << 1
+        << QStringList{"step: writing", "error: writing: the image ended after 2097157 of 3145728 bytes."};
+    QTest::newRow("image larger than the stick")
+        << "write" << qint64((16 << 20) + 512) << qint64((16 << 20) + 512) << 3
+        << QStringList{"refused: %1 holds 16777216 bytes, fewer than the image's 16777728"};
+    QTest::newRow("hash beyond the stick")
+        << "hash" << qint64((16 << 20) + 512) << qint64(0) << 1
+        << QStringList{"step: verifying",
+                       "error: verifying: %1 holds only 16777216 bytes, fewer than the image's 16777728."};
+}
+
+void TestUsbHelper::imageNotWritten()
+{
+    QFETCH(QString, command);
+    QFETCH(qint64, size);
+    QFETCH(qint64, fed);
+    QFETCH(int, exitCode);
+    QFETCH(QStringList, lines);
+    const LoopDevice stick(16);
+    if (!stick.IsValid())
+        QSKIP("needs root and a free loop device");
+    const QByteArray before = sha256Of(stick.Node());
+
+    const Run run = helper({command, stick.Node(), "--size", QString::number(size)},
+                           QProcessEnvironment::systemEnvironment(), QByteArray(fed, 'x'));
+    QCOMPARE(run.lines, lines.replaceInStrings("%1", stick.Node()));
+    QCOMPARE(run.exitCode, exitCode);
+    if (exitCode == 3)
+        QCOMPARE(sha256Of(stick.Node()), before);
+}
+
+// A stick pulled out while the image goes to it fails the write with how far
+// it got, never a success. The kernel takes a vanished disk's size to
+// nothing, as it does for a loop device whose file is emptied when told to
+// look again. (Detaching the loop device would not do: the kernel leaves it
+// attached while the helper holds it open.)
+void TestUsbHelper::stickRemovedWhileWriting()
+{
+    const LoopDevice stick(64);
+    if (!stick.IsValid())
+        QSKIP("needs root and a free loop device");
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(helperPath(), {"write", stick.Node(), "--size", QString::number(48 << 20)});
+    QVERIFY(process.waitForStarted());
+    const auto reap = qScopeGuard([&] {
+        process.kill();
+        process.waitForFinished();
+    });
+    process.write(QByteArray(33 << 20, 'x'));
+    QByteArray said;
+    QTRY_VERIFY_WITH_TIMEOUT((said += process.readAll()).contains("written: 33554432\n"), 60000);
+
+    QVERIFY(QFile::resize(stick.Image(), 0));
+    int code = -1;
+    tool("losetup", {"-c", stick.Node()}, &code);
+    QCOMPARE(code, 0);
+    process.write(QByteArray(15 << 20, 'x'));
+    process.closeWriteChannel();
+    QVERIFY(process.waitForFinished(60000));
+    said += process.readAll();
+    QCOMPARE(process.exitCode(), 1);
+    QVERIFY2(said.endsWith("\nerror: writing: " + stick.Node().toUtf8() +
+                           " was removed (No space left on device) after 33554432 bytes.\n"),
+             said.constData());
+}
+
+// The read-back proves what the stick holds, not what the kernel remembers
+// having written: a stick that lost a byte fails the check even while the
+// page cache still holds the byte as it was written.
+void TestUsbHelper::hashReadsTheStickItself()
+{
+    const LoopDevice stick(16);
+    if (!stick.IsValid())
+        QSKIP("needs root and a free loop device");
+    const QByteArray image = randomBytes((1 << 20) + 777);
+    const QString size = QString::number(image.size());
+    Run run = helper({"write", stick.Node(), "--size", size}, QProcessEnvironment::systemEnvironment(), image);
+    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+
+    QFile disk(stick.Node());
+    QVERIFY(disk.open(QIODevice::ReadOnly | QIODevice::Unbuffered));
+    QVERIFY(disk.read(image.size()) == image);
+    QByteArray changed = image;
+    changed[changed.size() - 1] = char(~changed.back());
+    {
+        QFile file(stick.Image());
+        QVERIFY(file.open(QIODevice::ReadWrite) && file.seek(image.size() - 1) && file.write(changed.right(1)) == 1);
+    }
+    // The change is under the cache: read as everyone reads, the stick still shows the image.
+    QVERIFY(disk.seek(0));
+    QVERIFY(disk.read(image.size()) == image);
+
+    run = helper({"hash", stick.Node(), "--size", size});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.lines.last(), "sha256: " + QCryptographicHash::hash(changed, QCryptographicHash::Sha256).toHex());
+}
+
 // A helper that is killed (its caller gone, a burn cut short) takes its tools
 // with it, so that no mkfs goes on writing to a stick nobody waits for.
 void TestUsbHelper::toolsDieWithTheHelper()
 {
-    if (::geteuid() != 0)
-        QSKIP("needs root for loop devices");
-    QTemporaryDir dir;
-    QVERIFY(dir.isValid());
-    const LoopDevice stick(dir.filePath("stick.img"), 16);
+    const LoopDevice stick(16);
     if (!stick.IsValid())
-        QSKIP("no loop device can be set up here");
-    QVERIFY(QDir().mkpath(dir.filePath("tools/system")));
-    QFile standIn(dir.filePath("tools/system/mkfs.vfat"));
-    QVERIFY(standIn.open(QIODevice::WriteOnly));
-    standIn.write("#!/bin/sh\necho $$ > \"$BRENTA_TEST_PID\"\nexec sleep 60\n");
-    standIn.close();
-    QVERIFY(standIn.setPermissions(standIn.permissions() | QFileDevice::ExeOwner));
+        QSKIP("needs root and a free loop device");
+    QVERIFY(Standins::Write(stick.FilePath("tools/system/mkfs.vfat"),
+                            "#!/bin/sh\necho $$ > \"$BRENTA_TEST_PID\"\nexec sleep 60\n"));
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("BRENTA_TOOLS_DIR", dir.filePath("tools"));
-    environment.insert("BRENTA_TEST_PID", dir.filePath("mkfs.pid"));
+    environment.insert("BRENTA_TOOLS_DIR", stick.FilePath("tools"));
+    environment.insert("BRENTA_TEST_PID", stick.FilePath("mkfs.pid"));
 
     QProcess helper;
     helper.setProcessEnvironment(environment);
     helper.start(qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER)),
                  {"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"});
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(dir.filePath("mkfs.pid")).size() > 0, 20000);
-    QFile pidFile(dir.filePath("mkfs.pid"));
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(stick.FilePath("mkfs.pid")).size() > 0, 20000);
+    QFile pidFile(stick.FilePath("mkfs.pid"));
     QVERIFY(pidFile.open(QIODevice::ReadOnly));
     const pid_t pid = pid_t(pidFile.readAll().trimmed().toInt());
     QVERIFY(pid > 0);

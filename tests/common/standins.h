@@ -1,11 +1,23 @@
 #pragma once
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QString>
 #include <QStringList>
 
-// Reading what the stand-in disc tools were called with.
+// Stand-ins for the tools Brenta runs: writing one, and reading what the
+// stand-in disc tools were called with.
 namespace Standins {
+
+// A script at `path` that its owner may run, folders made on the way.
+inline bool Write(const QString& path, const QByteArray& script)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(script) == script.size() &&
+           file.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+}
 
 // The calls recorded in `path` other than bus scans, one line each with the
 // arguments separated by blanks.
