@@ -194,10 +194,9 @@ private Q_SLOTS:
         QTest::addColumn<bool>("ok");
         QTest::addColumn<QString>("problem");
 
+        // A changed byte is found by the stand-in burn whose copy is spoilt.
         const QStringList good{"a.txt=hello", "d/b.bin=12345"};
         QTest::newRow("match") << QByteArray("hello12345BOOTIMG") << good << true << "";
-        QTest::newRow("changed byte") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hellO", "d/b.bin=12345"}
-                                      << false << "/a.txt differs from the image";
         QTest::newRow("short file") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello", "d/b.bin=1234"}
                                     << false << "/d/b.bin has 4 bytes instead of 5";
         QTest::newRow("missing") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello"} << false
@@ -450,10 +449,8 @@ private Q_SLOTS:
             QSKIP("needs root for loop devices");
         const QString failing = m_tools + "/system/mkfs.vfat";
         if (!failure.isEmpty()) {
-            QVERIFY(IsoFixture::WriteTree(m_tools, {{"system/mkfs.vfat", "#!/bin/sh\necho 'mkfs.fat: unable to "
-                                                                         "open the device: Input/output error' >&2\n"
-                                                                         "exit 1\n"}}));
-            QVERIFY(QFile::setPermissions(failing, QFile::ReadOwner | QFile::ExeOwner));
+            QVERIFY(Standins::Write(failing, "#!/bin/sh\necho 'mkfs.fat: unable to open the device: "
+                                             "Input/output error' >&2\nexit 1\n"));
         }
         QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
         QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
