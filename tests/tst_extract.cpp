@@ -5,6 +5,7 @@
 
 #include "common/craftedimage.h"
 #include "common/isofixture.h"
+#include "common/standins.h"
 #include "iso/isojobs.h"
 #include "iso/itemtree.h"
 
@@ -378,8 +379,7 @@ void TestExtract::makesLinksAsStored()
 void TestExtract::saysWhenLinksCannotBeLookedFor()
 {
     QTemporaryDir tools;
-    QVERIFY(IsoFixture::WriteTree(tools.path(), {{"xorriso/xorriso", "#!/bin/sh\necho 'cannot read' >&2\nexit 5\n"}}));
-    QVERIFY(QFile::setPermissions(tools.filePath("xorriso/xorriso"), QFile::ReadOwner | QFile::ExeOwner));
+    QVERIFY(Standins::Write(tools.filePath("xorriso/xorriso"), "#!/bin/sh\necho 'cannot read' >&2\nexit 5\n"));
     qputenv("BRENTA_TOOLS_DIR", tools.path().toLocal8Bit());
     QTemporaryDir destination;
     CExtractJob job;
