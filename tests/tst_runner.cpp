@@ -69,7 +69,6 @@ private Q_SLOTS:
     void terminateStopsToolAndSignals_data();
     void terminateStopsToolAndSignals();
     void terminateInsideLineSlotDropsTheRest();
-    void destroyingARunningRunnerStopsTheTool();
     void toolDiesWithBrenta();
 };
 
@@ -228,8 +227,10 @@ void TestRunner::manyLinesArriveInOrder()
 void TestRunner::terminateStopsToolAndSignals_data()
 {
     QTest::addColumn<QString>("mode");
-    QTest::newRow("tool that ends when asked") << "hang";
-    QTest::newRow("tool that ignores the request") << "stubborn";
+    QTest::addColumn<bool>("destroy"); // the runner is destroyed instead of stopped
+    QTest::newRow("tool that ends when asked") << "hang" << false;
+    QTest::newRow("tool that ignores the request") << "stubborn" << false;
+    QTest::newRow("runner destroyed while its tool runs") << "hang" << true;
 }
 
 // Stop must leave nothing behind: no more signals to a page that may already
@@ -237,6 +238,7 @@ void TestRunner::terminateStopsToolAndSignals_data()
 void TestRunner::terminateStopsToolAndSignals()
 {
     QFETCH(QString, mode);
+    QFETCH(bool, destroy);
     QTemporaryDir dir;
     const QString pidFile = dir.filePath("pid");
 
@@ -250,6 +252,12 @@ void TestRunner::terminateStopsToolAndSignals()
     const qint64 grandchild = readPid(pidFile + ".child");
     QVERIFY(processAlive(tool));
     QVERIFY(processAlive(grandchild));
+    if (destroy) {
+        delete runner;
+        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
+        return;
+    }
 
     runner->terminate();
     QVERIFY(!runner->IsRunning());
@@ -282,23 +290,6 @@ void TestRunner::terminateInsideLineSlotDropsTheRest()
     QCOMPARE(received.size(), 10);
     QCOMPARE(received.last(), QStringLiteral("line 9\n"));
     QCOMPARE(finished.count(), 0);
-}
-
-void TestRunner::destroyingARunningRunnerStopsTheTool()
-{
-    QTemporaryDir dir;
-    const QString pidFile = dir.filePath("pid");
-    qint64 tool = -1;
-    {
-        CRunCommandThread runner;
-        QSignalSpy lines(&runner, &CRunCommandThread::standoutputline);
-        runner.SetCommand(kChild, {"hang", pidFile});
-        runner.StartCommand();
-        QTRY_COMPARE(lines.count(), 1);
-        tool = readPid(pidFile);
-        QVERIFY(processAlive(tool));
-    }
-    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
 }
 
 // Brenta killed outright runs no code of its own, yet the tool it started
