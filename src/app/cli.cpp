@@ -46,12 +46,24 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
             continue;
         }
         if (option != QLatin1String("--scheme") && option != QLatin1String("--fs") &&
-            option != QLatin1String("--label"))
+            option != QLatin1String("--label") && option != QLatin1String("--mode"))
             return QStringLiteral("Unknown burn-usb option: %1").arg(option);
         // "--label --yes" is a forgotten label, not a label.
         if (i + 1 >= arguments.size() || isOption(arguments.at(i + 1)))
             return QStringLiteral("%1 takes a value.").arg(option);
         const QString value = arguments.at(++i);
+        if (option == QLatin1String("--mode")) {
+            if (value.compare(QLatin1String("image"), Qt::CaseInsensitive) == 0)
+                request.writeMode = UsbPlan::WriteMode::Image;
+            else if (value.compare(QLatin1String("files"), Qt::CaseInsensitive) == 0)
+                request.writeMode = UsbPlan::WriteMode::Files;
+            else if (value.compare(QLatin1String("auto"), Qt::CaseInsensitive) == 0)
+                request.writeMode.reset();
+            else
+                return QStringLiteral("--mode takes auto, image or files.");
+            continue;
+        }
+        request.filesOptions << option;
         if (option == QLatin1String("--scheme")) {
             if (value.compare(QLatin1String("mbr"), Qt::CaseInsensitive) == 0)
                 request.scheme = UsbPlan::Scheme::Mbr;
@@ -69,6 +81,9 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
             request.label = value;
         }
     }
+    if (request.writeMode == UsbPlan::WriteMode::Image && !request.filesOptions.isEmpty())
+        return QStringLiteral("%1 is for files mode; in image mode the image is written as it is.")
+            .arg(request.filesOptions.first());
     return QString();
 }
 
@@ -517,6 +532,7 @@ public:
         EndLine();
         m_text = CUsbBurnJob::PhaseText(phase);
         m_percent = -1;
+        m_transfer.clear();
         print(stderr, m_terminal ? m_text : m_text + QLatin1Char('\n'));
         m_open = m_terminal;
     }
@@ -529,7 +545,17 @@ public:
         if (percent == m_percent)
             return;
         m_percent = percent;
-        print(stderr, QStringLiteral("\r\033[K%1 %2%").arg(m_text).arg(percent));
+        m_transfer.clear();
+        Show();
+    }
+
+    // Bytes, speed and time left, after the percentage.
+    void Transfer(const QString& text)
+    {
+        if (!m_terminal || m_percent < 0)
+            return;
+        m_transfer = text;
+        Show();
     }
 
     void EndLine()
@@ -540,10 +566,19 @@ public:
     }
 
 private:
+    void Show()
+    {
+        QString line = QStringLiteral("\r\033[K%1 %2%").arg(m_text).arg(m_percent);
+        if (!m_transfer.isEmpty())
+            line += QStringLiteral(" (%1)").arg(m_transfer);
+        print(stderr, line);
+    }
+
     bool m_terminal;
     bool m_open = false;
     QString m_text;
     int m_percent = -1;
+    QString m_transfer;
 };
 
 } // namespace
@@ -568,10 +603,14 @@ int RunBurnUsb(const Request& request)
     options.scheme = request.scheme;
     options.fileSystem = request.fileSystem;
     options.label = request.label;
+    options.autoMode = !request.writeMode.has_value();
+    options.mode = request.writeMode.value_or(UsbPlan::WriteMode::Files);
     QObject::connect(&job, &CUsbBurnJob::phase,
                      [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
     QObject::connect(&job, &CUsbBurnJob::progress,
                      [&report](int value, int maximum) { report.Progress(value, maximum); });
+    QObject::connect(&job, &CUsbBurnJob::transfer,
+                     [&report](const QString& text) { report.Transfer(text); });
     const auto [plannedOk, refusal] = await(job, &CUsbBurnJob::planned, [&] { job.Plan(options); });
     report.EndLine();
     if (!plannedOk) {
@@ -579,7 +618,16 @@ int RunBurnUsb(const Request& request)
         return 1;
     }
     const UsbPlan::Decision& decision = job.Decision();
-    if (decision.fileSystem != request.fileSystem) {
+    const bool image = decision.mode == UsbPlan::WriteMode::Image;
+    print(stderr,
+          QStringLiteral("Mode: %1: %2\n")
+              .arg(image ? QStringLiteral("image") : QStringLiteral("files"), decision.modeReason));
+    if (image && !request.filesOptions.isEmpty()) {
+        print(stderr,
+              QStringLiteral("brenta: warning: %1 is not used: the image is written as it is.\n")
+                  .arg(request.filesOptions.join(QStringLiteral(", "))));
+    }
+    if (!image && decision.fileSystem != request.fileSystem) {
         print(stderr,
               QStringLiteral("brenta: the stick gets %1 instead of %2.\n")
                   .arg(UsbPlan::Name(decision.fileSystem), UsbPlan::Name(request.fileSystem)));
@@ -642,8 +690,8 @@ QString HelpText()
         "       brenta boot-info IMAGE\n"
         "       brenta drives\n"
         "       brenta burn-disc IMAGE DEVICE\n"
-        "       brenta burn-usb IMAGE DEVICE [--scheme mbr|gpt] [--fs fat32|ntfs|exfat|fat]\n"
-        "                       [--label LABEL] [--yes]\n"
+        "       brenta burn-usb IMAGE DEVICE [--mode auto|image|files] [--scheme mbr|gpt]\n"
+        "                       [--fs fat32|ntfs|exfat|fat] [--label LABEL] [--yes]\n"
         "       brenta copy-disc DEVICE OUTPUT\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
@@ -662,11 +710,17 @@ QString HelpText()
         "                         optical, the device node and the list text (tab separated)\n"
         "  burn-disc IMAGE DEVICE burn IMAGE to the disc in DEVICE and eject it\n"
         "  burn-usb IMAGE DEVICE [OPTION...]\n"
-        "                         erase the USB disk DEVICE (such as /dev/sdb), copy the\n"
-        "                         files of IMAGE onto it, make it bootable where the image\n"
-        "                         allows, and check every file; asks first unless --yes.\n"
-        "                         --scheme mbr|gpt (mbr if not given; gpt takes FAT32),\n"
-        "                         --fs fat32|ntfs|exfat|fat (fat32), --label LABEL\n"
+        "                         erase the USB disk DEVICE (such as /dev/sdb) and put\n"
+        "                         IMAGE on it, then check it; asks first unless --yes.\n"
+        "                         --mode image writes IMAGE as it is and reads it back;\n"
+        "                         --mode files copies its files onto a new file system,\n"
+        "                         makes it bootable where the image allows and checks\n"
+        "                         every file; --mode auto (the default) takes image for\n"
+        "                         an image with a partition table, else files.\n"
+        "                         Files mode only: --scheme mbr|gpt (mbr if not given;\n"
+        "                         gpt takes FAT32), --fs fat32|ntfs|exfat|fat (fat32),\n"
+        "                         --label LABEL (refused with --mode image, unused when\n"
+        "                         auto picks image)\n"
         "  copy-disc DEVICE OUTPUT\n"
         "                         read the disc in DEVICE into the image file OUTPUT\n"
         "                         DEVICE is a device node such as /dev/sr0: one that\n"

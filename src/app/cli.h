@@ -3,6 +3,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 #include "media/usbplan.h"
 
 // Brenta's command line. Without arguments Brenta opens its window; the other
@@ -26,6 +28,10 @@ struct Request
     UsbPlan::FileSystem fileSystem = UsbPlan::FileSystem::Fat32;
     QString label;
     bool yes = false;
+    // BurnUsb: the mode, or nothing to let Brenta choose; which of --scheme,
+    // --fs and --label were given (they apply to files mode only)
+    std::optional<UsbPlan::WriteMode> writeMode;
+    QStringList filesOptions;
     QString error;     // UsageError: what was wrong
 };
 

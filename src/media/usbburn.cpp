@@ -10,11 +10,18 @@
 #include <QThread>
 
 #include <algorithm>
+#include <cerrno>
 #include <condition_variable>
+#include <csignal>
+#include <cstring>
 #include <mutex>
 #include <thread>
+#include <vector>
 
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include "app/util.h"
@@ -112,6 +119,153 @@ bool hashStream(QIODevice& stream, qint64 size, Sha256& hash, QByteArray& buffer
 
 } // namespace
 
+// Reads the image once, as the user, in large blocks, hashes every block and
+// writes it into a pipe whose read end is the helper's standard input. While
+// the stick is slower than the image the pipe is full and the feeder waits.
+class ImageFeeder final
+{
+public:
+    ImageFeeder(const QString& image, qint64 size) : m_size(size)
+    {
+        m_image = ::open(QFile::encodeName(image).constData(), O_RDONLY | O_CLOEXEC);
+        if (m_image < 0) {
+            m_problem = QStringLiteral("the image could not be opened: %1.")
+                            .arg(QString::fromLocal8Bit(std::strerror(errno)));
+            return;
+        }
+        ::posix_fadvise(m_image, 0, 0, POSIX_FADV_SEQUENTIAL);
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0) {
+            m_problem = QStringLiteral("no pipe to the helper could be made: %1.")
+                            .arg(QString::fromLocal8Bit(std::strerror(errno)));
+            return;
+        }
+        m_read = ends[0];
+        m_write = ends[1];
+        // A larger pipe means fewer switches between Brenta and the helper;
+        // the system may refuse it.
+        ::fcntl(m_write, F_SETPIPE_SZ, kPipeBytes);
+        ::fcntl(m_write, F_SETFL, ::fcntl(m_write, F_GETFL) | O_NONBLOCK);
+    }
+
+    ~ImageFeeder()
+    {
+        Finish();
+        for (int descriptor : {m_image, m_read, m_write}) {
+            if (descriptor >= 0)
+                ::close(descriptor);
+        }
+    }
+
+    ImageFeeder(const ImageFeeder&) = delete;
+    ImageFeeder& operator=(const ImageFeeder&) = delete;
+
+    // Why it cannot start; empty when it can.
+    QString Problem() const { return m_problem; }
+
+    // The pipe's read end, for the helper's standard input; the caller owns it.
+    int TakeReadEnd() { return std::exchange(m_read, -1); }
+
+    void Start()
+    {
+        if (m_problem.isEmpty() && !m_thread.joinable())
+            m_thread = std::thread(&ImageFeeder::Run, this);
+    }
+
+    // Stops waiting for a reader that no longer reads and waits for the end.
+    // Fed(), Error() and Sha256Hex() are final after it.
+    void Finish()
+    {
+        m_stop = true;
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+
+    qint64 Fed() const { return m_fed; }
+    // Reading the image failed, in plain words; empty when it did not.
+    QString Error() const { return m_error; }
+    // The hash of the whole image in lower-case hex, once all of it was fed.
+    QByteArray Sha256Hex() const { return m_sha256; }
+
+private:
+    static constexpr qint64 kBlock = 4 << 20;
+    static constexpr int kPipeBytes = 1 << 20;
+    static constexpr int kWaitMs = 100;
+
+    void Run()
+    {
+        // A helper that ended early makes the next write fail with EPIPE
+        // instead of ending Brenta.
+        sigset_t pipeSignal;
+        sigemptyset(&pipeSignal);
+        sigaddset(&pipeSignal, SIGPIPE);
+        pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
+
+        Sha256 hash;
+        std::vector<char> buffer(kBlock);
+        while (m_fed < m_size && m_error.isEmpty()) {
+            const qint64 block = qMin(kBlock, m_size - m_fed);
+            qint64 got = 0;
+            while (got < block && m_error.isEmpty()) {
+                const ssize_t n = ::read(m_image, buffer.data() + got, size_t(block - got));
+                if (n > 0)
+                    got += n;
+                else if (n == 0)
+                    m_error = QStringLiteral("the image ended after %1 of %2 bytes; it changed "
+                                             "after it was checked.")
+                                  .arg(m_fed + got)
+                                  .arg(m_size);
+                else if (errno != EINTR)
+                    m_error = QStringLiteral("the image could not be read after %1 bytes: %2.")
+                                  .arg(m_fed + got)
+                                  .arg(QString::fromLocal8Bit(std::strerror(errno)));
+            }
+            if (!m_error.isEmpty())
+                break;
+            hash.addData(QByteArrayView(buffer.data(), got));
+            if (!Write(buffer.data(), got))
+                break;
+        }
+        if (m_fed == m_size)
+            m_sha256 = hash.result().toHex();
+        // The helper reads exactly the image's size; an early end is its end of input.
+        ::close(m_write);
+        m_write = -1;
+    }
+
+    // False when the helper stopped reading or the feeder was stopped.
+    bool Write(const char* data, qint64 size)
+    {
+        while (size > 0) {
+            const ssize_t n = ::write(m_write, data, size_t(size));
+            if (n > 0) {
+                data += n;
+                size -= n;
+                m_fed += n;
+            } else if (n < 0 && errno == EAGAIN) {
+                if (m_stop)
+                    return false;
+                pollfd writable{m_write, POLLOUT, 0};
+                ::poll(&writable, 1, kWaitMs);
+            } else if (n < 0 && errno != EINTR) {
+                return false; // the helper ended; it says why
+            }
+        }
+        return true;
+    }
+
+    qint64 m_size;
+    int m_image = -1;
+    int m_read = -1;
+    int m_write = -1;
+    QString m_problem;
+    std::thread m_thread;
+    std::atomic<bool> m_stop{false};
+    std::atomic<qint64> m_fed{0};
+    QString m_error;
+    QByteArray m_sha256;
+};
+
 std::optional<int> ParseCopyProgress(const QString& line)
 {
     const int at = line.indexOf(QLatin1String("% "));
@@ -156,6 +310,26 @@ void ReadHelperLine(const QString& line, HelperReport& report)
         report.error = line.mid(7).trimmed();
     else if (line.startsWith(QLatin1String("refused: ")))
         report.error = QStringLiteral("the stick was refused: ") + line.mid(9).trimmed();
+    else if (line.startsWith(QLatin1String("written: ")) ||
+             line.startsWith(QLatin1String("read: ")))
+        report.done = line.section(QLatin1Char(' '), 1, 1).toLongLong();
+    else if (line.startsWith(QLatin1String("sha256: ")))
+        report.sha256 = line.mid(8).trimmed();
+}
+
+QString TransferText(qint64 done, qint64 total, qint64 elapsedMs)
+{
+    QString text = QStringLiteral("%1 of %2").arg(Util::FormatSize(done), Util::FormatSize(total));
+    if (done <= 0 || elapsedMs <= 0)
+        return text;
+    const double perSecond = double(done) * 1000.0 / double(elapsedMs);
+    const qint64 secondsLeft = qint64(double(total - done) / perSecond + 0.5);
+    text += QStringLiteral(", %1/s").arg(Util::FormatSize(qint64(perSecond)));
+    if (done >= total)
+        return text;
+    if (secondsLeft < 90)
+        return text + QStringLiteral(", about %1 s left").arg(secondsLeft);
+    return text + QStringLiteral(", about %1 min left").arg((secondsLeft + 30) / 60);
 }
 
 VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files, const QString& root,
@@ -320,6 +494,7 @@ CUsbBurnJob::~CUsbBurnJob()
     if (m_list != nullptr)
         m_list->Stop();
     CRunCommandThread::Dispose(m_runner);
+    m_feeder.reset();
     StopVerifier();
     // A burn cut short must not leave the stick mounted.
     if (m_running && !m_mountPoint.isEmpty()) {
@@ -333,6 +508,8 @@ QString CUsbBurnJob::PhaseText(Phase phase)
     switch (phase) {
     case Phase::Checking:
         return QStringLiteral("Checking the image...");
+    case Phase::Writing:
+        return QStringLiteral("Writing the image to the USB disk...");
     case Phase::Formatting:
         return QStringLiteral("The USB disk is formating...");
     case Phase::BootCode:
@@ -355,6 +532,17 @@ QString CUsbBurnJob::SuccessText(int files, qint64 bytes)
                                      "The stick can be removed.")
                           .arg(files)
                           .arg(Util::FormatSize(bytes));
+}
+
+QString CUsbBurnJob::ImageSuccessText(qint64 bytes)
+{
+    return kSuccess +
+           QStringLiteral(
+               "\n\nThe stick holds the image byte for byte: all %1 (%2 bytes) were read back "
+               "from the stick and their SHA-256 matches the image's. The stick can be "
+               "removed.")
+               .arg(Util::FormatSize(bytes))
+               .arg(bytes);
 }
 
 QStringList CUsbBurnJob::HelperCommand(const QStringList& arguments)
@@ -385,7 +573,46 @@ void CUsbBurnJob::Plan(const Options& options)
     }
     Q_EMIT phase(Phase::Checking);
     Q_EMIT progress(0, 0);
+    QFile image(m_options.image);
+    if (!image.open(QIODevice::ReadOnly)) {
+        Q_EMIT planned(
+            false,
+            QStringLiteral("%1 could not be opened: %2").arg(m_options.image, image.errorString()));
+        return;
+    }
+    m_head = image.read(UsbPlan::kHeadBytes);
+    // An image with a partition table goes as it is, whatever files it holds:
+    // no listing is needed to decide.
+    if (m_options.autoMode ? UsbPlan::HasPartitionTable(m_head)
+                           : m_options.mode == UsbPlan::WriteMode::Image) {
+        QMetaObject::invokeMethod(this, &CUsbBurnJob::PlanImage, Qt::QueuedConnection);
+        return;
+    }
     m_list->Start(m_options.image);
+}
+
+void CUsbBurnJob::PlanImage()
+{
+    const qint64 imageSize = QFileInfo(m_options.image).size();
+    m_decision = UsbPlan::DecideImage(imageSize, Util::DiskTotalSize(m_options.device));
+    m_decision.mode = UsbPlan::WriteMode::Image;
+    if (m_options.autoMode) {
+        m_decision.modeReason = UsbPlan::ChooseMode(m_head, ItemTree()).reason;
+    } else {
+        m_decision.modeReason = QStringLiteral(
+            "You chose disk image mode: the image is written to the stick as it is.");
+        if (!UsbPlan::HasPartitionTable(m_head))
+            m_decision.warnings << QStringLiteral(
+                "This image has no partition table, so a stick that holds it as "
+                "it is will most likely not start.");
+    }
+    if (!m_decision.refusals.isEmpty()) {
+        Q_EMIT planned(false, QStringLiteral("Nothing was written to the stick. ") +
+                                  m_decision.refusals.join(QLatin1Char(' ')));
+        return;
+    }
+    m_planned = true;
+    Q_EMIT planned(true, QString());
 }
 
 void CUsbBurnJob::OnListed()
@@ -398,6 +625,11 @@ void CUsbBurnJob::OnListed()
     const qint64 capacity = Util::DiskTotalSize(m_options.device);
     m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme,
                                  m_options.fileSystem, m_options.label, m_options.fatFileLimit);
+    m_decision.mode = UsbPlan::WriteMode::Files;
+    m_decision.modeReason =
+        m_options.autoMode
+            ? UsbPlan::ChooseMode(m_head, m_tree).reason
+            : QStringLiteral("You chose files mode: the image's files are copied onto the stick.");
     QStringList refusals = m_decision.refusals;
     if (m_decision.tooSmall) {
         refusals.prepend(QStringLiteral("The stick (%1) cannot hold the image (%2) with 50 MB to spare.")
@@ -431,6 +663,10 @@ void CUsbBurnJob::Burn()
     m_running = true;
     m_failure.clear();
     m_mountPoint.clear();
+    if (m_decision.mode == UsbPlan::WriteMode::Image) {
+        StartWrite();
+        return;
+    }
     Q_EMIT phase(Phase::Formatting);
     Q_EMIT progress(0, 0);
     RunHelper(QStringLiteral("formatting"),
@@ -439,41 +675,61 @@ void CUsbBurnJob::Burn()
               &CUsbBurnJob::StartBootCode);
 }
 
-void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, Next next)
+void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, Next next, int input)
 {
     const QStringList command = HelperCommand(arguments);
     m_report = UsbBurn::HelperReport();
-    const auto read = [this](const QString& line) { UsbBurn::ReadHelperLine(line, m_report); };
-    StartRunner(command.first(), command.mid(1), read, [this, step, next, arguments] {
-        const CRunCommandThread::Result result = m_runner->GetResult();
-        const int exitCode = m_runner->ExitCode();
-        const QString failure = m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::UsbHelper));
-        const bool pkexec = m_runner->Program().endsWith(QLatin1String("pkexec"));
-        m_runner->deleteLater();
-        m_runner = nullptr;
-        if (!m_report.mounted.isEmpty())
-            m_mountPoint = m_report.mounted;
-        // An unmount is never tried twice: after it the stick counts as
-        // unmounted, or as one the user must unmount, which the message says.
-        if (arguments.first() == QLatin1String("unmount"))
-            m_mountPoint.clear();
-        if (result == CRunCommandThread::Result::Success) {
-            (this->*next)();
-            return;
-        }
-        QString reason;
-        if (!m_report.error.isEmpty())
-            reason = m_report.error;
-        else if (pkexec && exitCode == 126)
-            reason = step + QStringLiteral(": Brenta is not authorised to change the stick: the "
-                                           "administrator's password was not given.");
-        else if (pkexec && exitCode == 127)
-            reason = step + QStringLiteral(": Brenta is not authorised to change the stick: the system's "
-                                           "policy refused it, or the password was wrong.");
-        else
-            reason = step + QStringLiteral(": ") + failure;
-        Fail(reason);
-    });
+    const auto read = [this](const QString& line) {
+        const qint64 done = m_report.done;
+        UsbBurn::ReadHelperLine(line, m_report);
+        if (m_report.done != done)
+            Transferred(m_report.done);
+    };
+    StartRunner(
+        command.first(), command.mid(1), read,
+        [this, step, next, arguments] {
+            // What the image feeder saw is final only once it has stopped, and an
+            // image that could not be read explains the helper's failure too.
+            QString imageFailure;
+            if (m_feeder != nullptr) {
+                m_feeder->Finish();
+                imageFailure = m_feeder->Error();
+            }
+            const CRunCommandThread::Result result = m_runner->GetResult();
+            const int exitCode = m_runner->ExitCode();
+            const QString failure =
+                m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::UsbHelper));
+            const bool pkexec = m_runner->Program().endsWith(QLatin1String("pkexec"));
+            m_runner->deleteLater();
+            m_runner = nullptr;
+            if (!m_report.mounted.isEmpty())
+                m_mountPoint = m_report.mounted;
+            // An unmount is never tried twice: after it the stick counts as
+            // unmounted, or as one the user must unmount, which the message says.
+            if (arguments.first() == QLatin1String("unmount"))
+                m_mountPoint.clear();
+            if (result == CRunCommandThread::Result::Success && imageFailure.isEmpty()) {
+                (this->*next)();
+                return;
+            }
+            QString reason;
+            if (!imageFailure.isEmpty())
+                reason = step + QStringLiteral(": ") + imageFailure;
+            else if (!m_report.error.isEmpty())
+                reason = m_report.error;
+            else if (pkexec && exitCode == 126)
+                reason =
+                    step + QStringLiteral(": Brenta is not authorised to change the stick: the "
+                                          "administrator's password was not given.");
+            else if (pkexec && exitCode == 127)
+                reason = step + QStringLiteral(
+                                    ": Brenta is not authorised to change the stick: the system's "
+                                    "policy refused it, or the password was wrong.");
+            else
+                reason = step + QStringLiteral(": ") + failure;
+            Fail(reason);
+        },
+        input);
 }
 
 void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QString& toolName,
@@ -496,14 +752,84 @@ void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QSt
 }
 
 void CUsbBurnJob::StartRunner(const QString& program, const QStringList& arguments,
-                              const std::function<void(const QString&)>& onLine, const std::function<void()>& onEnd)
+                              const std::function<void(const QString&)>& onLine,
+                              const std::function<void()>& onEnd, int input)
 {
     CRunCommandThread::Dispose(m_runner);
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, onLine);
     connect(m_runner, &CRunCommandThread::sigfinished, this, onEnd);
     m_runner->SetCommand(program, arguments);
+    if (input >= 0)
+        m_runner->SetInput(input);
     m_runner->StartCommand();
+}
+
+void CUsbBurnJob::StartWrite()
+{
+    Q_EMIT phase(Phase::Writing);
+    Q_EMIT progress(0, 100);
+    m_phaseClock.start();
+    m_imageSize = QFileInfo(m_options.image).size();
+    m_imageSha256.clear();
+    m_feeder = std::make_unique<UsbBurn::ImageFeeder>(m_options.image, m_imageSize);
+    if (!m_feeder->Problem().isEmpty()) {
+        const QString problem = m_feeder->Problem();
+        m_feeder.reset();
+        Fail(QStringLiteral("writing: ") + problem);
+        return;
+    }
+    RunHelper(QStringLiteral("writing"),
+              {QStringLiteral("write"), m_options.device, QStringLiteral("--size"),
+               QString::number(m_imageSize)},
+              &CUsbBurnJob::StartReadBack, m_feeder->TakeReadEnd());
+    m_feeder->Start();
+}
+
+void CUsbBurnJob::StartReadBack()
+{
+    const qint64 fed = m_feeder->Fed();
+    m_imageSha256 = m_feeder->Sha256Hex();
+    m_feeder.reset();
+    if (fed != m_imageSize || m_imageSha256.isEmpty()) {
+        Fail(QStringLiteral("writing: the helper ended after taking %1 of the image's %2 bytes.")
+                 .arg(fed)
+                 .arg(m_imageSize));
+        return;
+    }
+    // The helper reads the stick itself, past the system's cache.
+    Q_EMIT phase(Phase::Verifying);
+    Q_EMIT progress(0, 100);
+    m_phaseClock.start();
+    RunHelper(QStringLiteral("verifying"),
+              {QStringLiteral("hash"), m_options.device, QStringLiteral("--size"),
+               QString::number(m_imageSize)},
+              &CUsbBurnJob::ReadBack);
+}
+
+void CUsbBurnJob::ReadBack()
+{
+    if (m_report.sha256.isEmpty()) {
+        Fail(QStringLiteral("verifying: the helper did not say what it read back."));
+        return;
+    }
+    if (m_report.sha256.toLatin1() != m_imageSha256) {
+        Fail(QStringLiteral("verifying: the stick does not hold the image. Its first %1 bytes have "
+                            "the SHA-256 %2, "
+                            "the image %3.")
+                 .arg(m_imageSize)
+                 .arg(m_report.sha256, QString::fromLatin1(m_imageSha256)));
+        return;
+    }
+    End(true, ImageSuccessText(m_imageSize));
+}
+
+void CUsbBurnJob::Transferred(qint64 done)
+{
+    if (m_imageSize <= 0)
+        return;
+    Q_EMIT progress(int(qMin(done, m_imageSize) * 100 / m_imageSize), 100);
+    Q_EMIT transfer(UsbBurn::TransferText(done, m_imageSize, m_phaseClock.elapsed()));
 }
 
 QString CUsbBurnJob::SplitWim() const
@@ -659,6 +985,7 @@ void CUsbBurnJob::Fail(const QString& stepAndReason)
 {
     const QString message = QStringLiteral("The USB stick was not burned. The step that failed: ") + stepAndReason;
     m_wimDir.reset();
+    m_feeder.reset();
     if (!m_failure.isEmpty()) {
         // The unmount after a failure failed too.
         End(false, m_failure + QStringLiteral("\n\nThe stick could not be unmounted either; unmount it before "

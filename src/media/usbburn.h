@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -22,6 +23,8 @@ class QThread;
 
 namespace UsbBurn {
 
+class ImageFeeder;
+
 // The percentage at the start of an archive tool progress line
 // (" 45% 12 - boot/file" → 45); nothing for lines without "% " after some text.
 std::optional<int> ParseCopyProgress(const QString& line);
@@ -40,13 +43,22 @@ QStringList PrepareArguments(const QString& device, UsbPlan::Scheme scheme, UsbP
                              const QString& label);
 
 // What a helper run said: the folder it mounted, or its error line
-// ("error: <step>: <reason>") without the prefix, or its refusal.
+// ("error: <step>: <reason>") without the prefix, or its refusal; while it
+// writes or reads the whole stick, the bytes done so far and at the end the
+// SHA-256 of what it read (64 lower-case hex digits).
 struct HelperReport
 {
     QString mounted;
     QString error;
+    qint64 done = 0;
+    QString sha256;
 };
 void ReadHelperLine(const QString& line, HelperReport& report);
+
+// "300 MB of 1.17 GB, 85 MB/s, about 11 s left": how far a phase that moves
+// `total` bytes is after `elapsedMs`; without the speed and time left until
+// there is something to measure.
+QString TransferText(qint64 done, qint64 total, qint64 elapsedMs);
 
 struct VerifyResult
 {
@@ -70,11 +82,19 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
 
 // Burns an image to a USB stick in two steps.
 //
-// Plan() lists the image and decides what the burn will do (UsbPlan); it
-// writes nothing. planned() then tells whether the burn can go on; the
-// decision's warnings are what the user must agree to first.
+// Plan() reads the image's first sectors and, unless the caller chose, picks
+// the mode: an image with a partition table is written as it is, any other
+// has its files copied (UsbPlan::ChooseMode). For files mode it lists the
+// image. It decides what the burn will do (UsbPlan) and writes nothing.
+// planned() then tells whether the burn can go on; the decision's warnings
+// are what the user must agree to first.
 //
-// Burn() does the writing, step by step: the privileged helper wipes,
+// Burn() in disk image mode: Brenta reads the image as the user, once, and
+// hashes it while the privileged helper writes what it is given to the whole
+// stick; the helper then reads back as many bytes and their SHA-256 must be
+// the image's.
+//
+// Burn() in files mode does the writing step by step: the privileged helper wipes,
 // partitions, formats and mounts the stick, writes boot code (MBR with
 // /bootmgr), the archive tool extracts the image into the mounted partition
 // as the user, wimlib splits an installer image too large for FAT, every file
@@ -88,13 +108,15 @@ class CUsbBurnJob final : public QObject
     Q_DISABLE_COPY_MOVE(CUsbBurnJob)
 
 public:
-    enum class Phase {
+    enum class Phase
+    {
         Checking,   // listing the image, deciding
+        Writing,    // disk image mode: the image onto the whole stick; progress 0..100
         Formatting, // wiping, partitioning, making the file system, mounting
         BootCode,   // legacy BIOS boot code (MBR with /bootmgr only)
         Copying,    // the archive tool extracting onto the stick; progress 0..100
         Splitting,  // the installer image into parts below 4 GiB
-        Verifying,  // reading back and comparing; progress 0..100
+        Verifying,  // reading back and comparing; progress 0..100 (or busy while remounting)
         Finishing,  // unmounting and flushing
     };
     Q_ENUM(Phase)
@@ -103,6 +125,10 @@ public:
     {
         QString image;
         QString device; // "/dev/sdb"
+        // Plan() picks the mode from the image unless autoMode is false.
+        bool autoMode = true;
+        UsbPlan::WriteMode mode = UsbPlan::WriteMode::Files;
+        // Files mode only.
         UsbPlan::Scheme scheme = UsbPlan::Scheme::Mbr;
         UsbPlan::FileSystem fileSystem = UsbPlan::FileSystem::Fat32;
         QString label;
@@ -118,6 +144,7 @@ public:
     static QString PhaseText(Phase phase);
     // "Burning Successfully..." followed by what was verified.
     static QString SuccessText(int files, qint64 bytes);
+    static QString ImageSuccessText(qint64 bytes);
 
     void Plan(const Options& options);
     // The decision Plan() came to; valid after planned(true).
@@ -137,19 +164,29 @@ Q_SIGNALS:
     void phase(CUsbBurnJob::Phase phase);
     // Progress of the current phase; maximum 0 means busy.
     void progress(int value, int maximum);
+    // Bytes, speed and time left of a phase that moves the whole image
+    // (UsbBurn::TransferText), along with its progress.
+    void transfer(const QString& text);
     void finished(bool succeeded, const QString& message);
 
 private:
     using Next = void (CUsbBurnJob::*)();
     void OnListed();
+    void PlanImage();
     // The installer image to split, as a path inside the image ("sources/install.wim"), or empty.
     QString SplitWim() const;
-    void RunHelper(const QString& step, const QStringList& arguments, Next next);
+    // `input`: a descriptor the helper reads its standard input from, taken over.
+    void RunHelper(const QString& step, const QStringList& arguments, Next next, int input = -1);
     void RunTool(const QString& step, const QString& program, const QString& toolName, const QStringList& arguments,
                  Next next);
     // Runs one command; `onLine` gets its output lines, `onEnd` its end.
     void StartRunner(const QString& program, const QStringList& arguments,
-                     const std::function<void(const QString&)>& onLine, const std::function<void()>& onEnd);
+                     const std::function<void(const QString&)>& onLine,
+                     const std::function<void()>& onEnd, int input = -1);
+    void StartWrite();
+    void StartReadBack();
+    void ReadBack();
+    void Transferred(qint64 done);
     void StartBootCode();
     void StartCopy();
     void StartSplit();
@@ -166,6 +203,7 @@ private:
     void StopVerifier();
 
     Options m_options;
+    QByteArray m_head; // the image's first sectors
     ItemTree m_tree;
     std::vector<Listing::FileSpan> m_files;
     CListJob* m_list = nullptr;
@@ -179,6 +217,10 @@ private:
     std::atomic<bool> m_stopVerify{false};
     UsbBurn::VerifyResult m_verified;
     std::unique_ptr<ScratchFolder> m_wimDir;
+    std::unique_ptr<UsbBurn::ImageFeeder> m_feeder;
+    qint64 m_imageSize = 0;
+    QByteArray m_imageSha256; // hex, as the helper prints it
+    QElapsedTimer m_phaseClock;
     QString m_mountPoint;
     QString m_failure; // the message of a failed step, kept while the stick is unmounted
 };

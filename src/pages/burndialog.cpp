@@ -186,9 +186,10 @@ void CBurnDialog::onUSBPlanned(bool ok, const QString& message)
         Q_EMIT usbBurnFinished(false);
         return;
     }
-    const QStringList warnings = m_usbJob->Decision().warnings;
-    if (!warnings.isEmpty() &&
-        !Util::Confirm(warnings.join(QStringLiteral("\n\n")) +
+    const UsbPlan::Decision& decision = m_usbJob->Decision();
+    if (!decision.warnings.isEmpty() &&
+        !Util::Confirm(decision.modeReason + QStringLiteral("\n\n") +
+                       decision.warnings.join(QStringLiteral("\n\n")) +
                        QStringLiteral("\n\nErase the stick and burn anyway?"))) {
         EndShowingBurn(QString());
         Q_EMIT usbBurnFinished(false);

@@ -65,6 +65,8 @@ CRunCommandThread::~CRunCommandThread()
         m_stopped = true;
         wait();
     }
+    if (m_input >= 0)
+        ::close(m_input);
 }
 
 void CRunCommandThread::SetCommand(const QString& program, const QStringList& arguments)
@@ -74,6 +76,13 @@ void CRunCommandThread::SetCommand(const QString& program, const QStringList& ar
     // drop lines that the tool wrote before the stop but the page has not seen.
     m_program = program;
     m_arguments = arguments;
+}
+
+void CRunCommandThread::SetInput(int descriptor)
+{
+    if (m_input >= 0)
+        ::close(m_input);
+    m_input = descriptor;
 }
 
 void CRunCommandThread::StartCommand(QThread::Priority priority)
@@ -202,13 +211,22 @@ void CRunCommandThread::run()
     CProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     // A tool that asks a question reads end-of-file instead of waiting forever.
-    process.setStandardInputFile(QProcess::nullDevice());
+    // A given descriptor is opened again through /proc, which for a pipe
+    // yields the same pipe.
+    process.setStandardInputFile(m_input >= 0 ? QStringLiteral("/proc/self/fd/%1").arg(m_input)
+                                              : QProcess::nullDevice());
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     environment.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
     process.setProcessEnvironment(environment);
 
     process.start(m_program, m_arguments, QIODevice::ReadOnly);
+    // The tool holds its own copy now: the pipe's writer sees it end when the
+    // tool does.
+    if (m_input >= 0) {
+        ::close(m_input);
+        m_input = -1;
+    }
     qDebug() << "CRunCommandThread run" << m_program << m_arguments;
     Util::WriteLog(CommandLineText(m_program, m_arguments));
 

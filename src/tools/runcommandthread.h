@@ -61,6 +61,10 @@ public:
     ~CRunCommandThread() override;
 
     void SetCommand(const QString& program, const QStringList& arguments);
+    // The tool reads its standard input from `descriptor` (such as the read
+    // end of a pipe the caller writes into) instead of from nothing. The runner
+    // takes the descriptor over and closes it once the tool is started.
+    void SetInput(int descriptor);
     void StartCommand(QThread::Priority priority = QThread::InheritPriority);
     // Blocks until the run has ended or was stopped, processing the calling
     // thread's events meanwhile so that the window stays responsive.
@@ -112,6 +116,7 @@ private:
 
     QString m_program;
     QStringList m_arguments;
+    int m_input = -1;
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_stopped{false};
     std::atomic<bool> m_started{false};
