@@ -29,10 +29,8 @@ private Q_SLOTS:
     void copiesFileIntoNewFolder();
     void copiesFolderWithoutHiddenFiles();
     void replacesReadOnlyTarget();
-    void jobsRunInOrder();
-    void removeJobTakesOnlyTheFirst();
-    void removingTheRunningJobLosesNoOther();
-    void clearAndStopDropQueuedJobs();
+    void queueBehindALargeCopy_data();
+    void queueBehindALargeCopy();
     void loopingLinksAndMissingFilesAreReported();
 
 private:
@@ -84,69 +82,58 @@ void TestFileCopy::replacesReadOnlyTarget()
     QVERIFY(!QFileInfo::exists(m_root.filePath("x")));
 }
 
-// A delete queued after a copy of the same path must happen after it.
-void TestFileCopy::jobsRunInOrder()
+void TestFileCopy::queueBehindALargeCopy_data()
 {
+    QTest::addColumn<QStringList>("jobs");    // "copy|move|delete source [target]", below the test's folder
+    QTest::addColumn<QString>("change");      // then done to the queue: "remove <source>", "stop" or "clear"
+    QTest::addColumn<QStringList>("present"); // in out/ at the end
+    QTest::addColumn<QStringList>("absent");
+    // A delete queued after a copy of the same path must happen after it.
+    QTest::newRow("jobs run in order") << QStringList{"copy a.txt out/a.txt", "move out/a.txt out/b.txt",
+                                                      "delete out/big.bin"}
+                                       << "" << QStringList{"b.txt"} << QStringList{"a.txt", "big.bin"};
+    QTest::newRow("removing a job takes only the first of its source")
+        << QStringList{"copy a.txt out/first.txt", "copy a.txt out/second.txt"} << "remove a.txt"
+        << QStringList{"second.txt"} << QStringList{"first.txt"};
+    QTest::newRow("removing the running job loses no other")
+        << QStringList{"copy a.txt out/a.txt"} << "remove big.bin" << QStringList{"a.txt"} << QStringList{};
+    QTest::newRow("stop drops the queue") << QStringList{"copy a.txt out/a.txt", "copy a.txt out/b.txt"} << "stop"
+                                          << QStringList{} << QStringList{"a.txt", "b.txt"};
+    QTest::newRow("clear drops the queue") << QStringList{"copy a.txt out/a.txt"} << "clear" << QStringList{}
+                                           << QStringList{"a.txt"};
+}
+
+// Jobs queued while the worker copies a large file.
+void TestFileCopy::queueBehindALargeCopy()
+{
+    QFETCH(QStringList, jobs);
+    QFETCH(QString, change);
+    QFETCH(QStringList, present);
+    QFETCH(QStringList, absent);
     QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"a.txt", "a"}}));
     CFileCopy worker;
     worker.AddJob(bigFile(m_root), m_root.filePath("out/big.bin"), CFileCopy::Copy);
-    worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out/a.txt"), CFileCopy::Copy);
-    worker.AddJob(m_root.filePath("out/a.txt"), m_root.filePath("out/b.txt"), CFileCopy::Move);
-    worker.AddJob(m_root.filePath("out/big.bin"), QString(), CFileCopy::Delete);
-    QTRY_VERIFY_WITH_TIMEOUT(worker.RemainingBytes() <= 0, 60000);
-    QTRY_VERIFY(!QFileInfo::exists(m_root.filePath("out/big.bin")));
-    QCOMPARE(readAll(m_root.filePath("out/b.txt")), QByteArray("a"));
-    QVERIFY(!QFileInfo::exists(m_root.filePath("out/a.txt")));
-}
-
-void TestFileCopy::removeJobTakesOnlyTheFirst()
-{
-    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"a.txt", "a"}}));
-    CFileCopy worker;
-    worker.AddJob(bigFile(m_root), m_root.filePath("out/big.bin"), CFileCopy::Copy);
-    worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out/first.txt"), CFileCopy::Copy);
-    worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out/second.txt"), CFileCopy::Copy);
-    worker.RemoveJob(m_root.filePath("a.txt"));
-    QTRY_VERIFY_WITH_TIMEOUT(worker.RemainingBytes() <= 0, 60000);
-    QTRY_VERIFY(QFileInfo::exists(m_root.filePath("out/second.txt")));
-    QVERIFY(!QFileInfo::exists(m_root.filePath("out/first.txt")));
-}
-
-void TestFileCopy::removingTheRunningJobLosesNoOther()
-{
-    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"a.txt", "a"}}));
-    CFileCopy worker;
-    const QString big = bigFile(m_root);
-    worker.AddJob(big, m_root.filePath("out/big.bin"), CFileCopy::Copy);
-    worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out/a.txt"), CFileCopy::Copy);
-    QTest::qWait(20);
-    worker.RemoveJob(big);
-    // The removed job no longer counts; the other one still does until done.
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(m_root.filePath("out/a.txt")), 60000);
-    QTRY_VERIFY(worker.RemainingBytes() <= 0);
-}
-
-void TestFileCopy::clearAndStopDropQueuedJobs()
-{
-    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"a.txt", "a"}}));
-    {
-        CFileCopy worker;
-        worker.AddJob(bigFile(m_root), m_root.filePath("out/big.bin"), CFileCopy::Copy);
-        worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out/a.txt"), CFileCopy::Copy);
-        worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out/b.txt"), CFileCopy::Copy);
+    for (const QString& job : jobs) {
+        const QStringList parts = job.split(' ');
+        const auto kind = parts[0] == "copy" ? CFileCopy::Copy : parts[0] == "move" ? CFileCopy::Move : CFileCopy::Delete;
+        worker.AddJob(m_root.filePath(parts[1]), parts.size() > 2 ? m_root.filePath(parts[2]) : QString(), kind);
+    }
+    if (change == "stop") {
         worker.Stop();
         QVERIFY(worker.wait(60000));
+    } else {
+        QTest::qWait(20);
+        if (change == "clear")
+            worker.ClearJobs();
+        else if (!change.isEmpty())
+            worker.RemoveJob(m_root.filePath(change.section(' ', 1)));
+        QTRY_VERIFY_WITH_TIMEOUT(worker.RemainingBytes() <= 0, 60000);
     }
-    QVERIFY(!QFileInfo::exists(m_root.filePath("out/a.txt")));
-    QVERIFY(!QFileInfo::exists(m_root.filePath("out/b.txt")));
-
-    CFileCopy worker;
-    worker.AddJob(m_root.filePath("big.bin"), m_root.filePath("out2/big.bin"), CFileCopy::Copy);
-    worker.AddJob(m_root.filePath("a.txt"), m_root.filePath("out2/a.txt"), CFileCopy::Copy);
-    worker.ClearJobs();
-    QTRY_VERIFY_WITH_TIMEOUT(worker.RemainingBytes() <= 0, 60000);
+    for (const QString& name : present)
+        QTRY_COMPARE(readAll(m_root.filePath("out/" + name)), QByteArray("a"));
     QTest::qWait(50);
-    QVERIFY(!QFileInfo::exists(m_root.filePath("out2/a.txt")));
+    for (const QString& name : absent)
+        QTRY_VERIFY(!QFileInfo::exists(m_root.filePath("out/" + name)));
 }
 
 // A link that points to one of its own parents would copy for ever.
