@@ -1,5 +1,9 @@
 #include <QtTest>
 
+#include <QTemporaryDir>
+
+#include "common/bytes.h"
+#include "common/hybridimage.h"
 #include "iso/itemtree.h"
 #include "media/usbplan.h"
 
@@ -21,18 +25,124 @@ void fill(ItemTree& tree, const QStringList& files)
     }
 }
 
+QByteArray head(const QString& path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.read(kHeadBytes) : QByteArray();
+}
+
 } // namespace
+
+Q_DECLARE_METATYPE(UsbPlan::WriteMode)
 
 class TestUsbPlan final : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase();
+    void modes_data();
+    void modes();
+    void decidesImage_data();
+    void decidesImage();
     void decides_data();
     void decides();
     void labels_data();
     void labels();
+
+private:
+    QTemporaryDir m_dir;
+    QMap<QString, QByteArray> m_heads; // the first bytes of each real image, by shape
 };
+
+void TestUsbPlan::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    QString error;
+    const QMap<QString, QString> images{{"isolinux", HybridImage::Isolinux(m_dir.path(), &error)},
+                                        {"grub", HybridImage::GrubRescue(m_dir.path(), &error)},
+                                        {"windows", HybridImage::Windows(m_dir.path(), &error)},
+                                        {"data", HybridImage::Data(m_dir.path(), &error)},
+                                        // The EFI boot image inside the isolinux one: FAT's boot sector.
+                                        {"fat", m_dir.filePath("isolinux-tree/boot/efi.img")}};
+    for (auto it = images.cbegin(); it != images.cend(); ++it) {
+        QVERIFY2(!it.value().isEmpty(), qPrintable(it.key() + ": " + error));
+        m_heads.insert(it.key(), head(it.value()));
+        QVERIFY(m_heads[it.key()].size() >= 8192);
+    }
+}
+
+// Real images of each shape, and heads that look almost like a table: a wrong
+// Image choice overwrites a Windows installer's files way with a raw copy
+// that does not start, a wrong Files choice loses a Linux image's boot code.
+void TestUsbPlan::modes_data()
+{
+    QTest::addColumn<QByteArray>("head");
+    QTest::addColumn<QStringList>("files");
+    QTest::addColumn<WriteMode>("mode");
+    QTest::addColumn<bool>("namesBootmgr"); // whether the reason names /bootmgr
+
+    const QStringList linux{"isolinux/isolinux.bin:38912", "docs/readme.txt:18"};
+    const QStringList windows{"bootmgr:400000", "efi/boot/bootx64.efi:1024"};
+    QTest::newRow("isolinux hybrid") << m_heads["isolinux"] << linux << WriteMode::Image << false;
+    QTest::newRow("grub-mkrescue") << m_heads["grub"] << linux << WriteMode::Image << false;
+    QTest::newRow("Windows-shaped") << m_heads["windows"] << windows << WriteMode::Files << true;
+    QTest::newRow("data only") << m_heads["data"] << linux << WriteMode::Files << false;
+    // The table decides, whatever files the image also holds.
+    QTest::newRow("isohybrid that also holds /bootmgr") << m_heads["isolinux"] << windows << WriteMode::Image << false;
+
+    QByteArray empty(kHeadBytes, '\0');
+    empty[510] = char(0x55);
+    empty[511] = char(0xAA);
+    QTest::newRow("boot signature over an empty table") << empty << windows << WriteMode::Files << true;
+    // Boot code and messages where an MBR has its entries.
+    QTest::newRow("FAT boot sector") << m_heads["fat"] << linux << WriteMode::Files << false;
+
+    QByteArray gpt4k(kHeadBytes, '\0');
+    gpt4k.replace(4096, 8, "EFI PART");
+    Bytes::Put32(gpt4k, 4096 + 12, 92); // header size
+    Bytes::Put32(gpt4k, 4096 + 24, 1);  // its own LBA
+    QTest::newRow("GPT for 4096-byte sectors") << gpt4k << linux << WriteMode::Image << false;
+    QByteArray gptOnly = m_heads["grub"];
+    gptOnly.replace(446, 66, QByteArray(66, '\0'));
+    QTest::newRow("GPT without a protective MBR") << gptOnly << linux << WriteMode::Image << false;
+}
+
+void TestUsbPlan::modes()
+{
+    QFETCH(QByteArray, head);
+    QFETCH(QStringList, files);
+    QFETCH(WriteMode, mode);
+    QFETCH(bool, namesBootmgr);
+    ItemTree tree;
+    fill(tree, files);
+    const ModeChoice choice = ChooseMode(head, tree);
+    QCOMPARE(choice.mode, mode);
+    QCOMPARE(HasPartitionTable(head), mode == WriteMode::Image);
+    QVERIFY(!choice.reason.isEmpty());
+    QCOMPARE(choice.reason.contains("/bootmgr"), namesBootmgr);
+}
+
+// The image brings its own partitions: the stick needs no room to spare.
+void TestUsbPlan::decidesImage_data()
+{
+    QTest::addColumn<qint64>("capacity");
+    QTest::addColumn<bool>("tooSmall");
+    QTest::newRow("larger stick") << 16 * kGiB << false;
+    QTest::newRow("exactly the image's size") << kGiB << false;
+    QTest::newRow("one byte short") << kGiB - 1 << true;
+}
+
+void TestUsbPlan::decidesImage()
+{
+    QFETCH(qint64, capacity);
+    QFETCH(bool, tooSmall);
+    const Decision decision = DecideImage(kGiB, capacity);
+    QCOMPARE(decision.mode, WriteMode::Image);
+    QCOMPARE(decision.tooSmall, tooSmall);
+    QCOMPARE(decision.refusals.size(), tooSmall ? 1 : 0);
+    QVERIFY(decision.warnings.isEmpty());
+}
 
 void TestUsbPlan::decides_data()
 {
