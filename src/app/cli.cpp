@@ -613,15 +613,18 @@ int RunBurnUsb(const Request& request)
                      [&report](const QString& text) { report.Transfer(text); });
     const auto [plannedOk, refusal] = await(job, &CUsbBurnJob::planned, [&] { job.Plan(options); });
     report.EndLine();
+    // The mode, once it is known, also when the plan refuses the burn.
+    const UsbPlan::Decision& decision = job.Decision();
+    const bool image = decision.mode == UsbPlan::WriteMode::Image;
+    if (!decision.modeReason.isEmpty()) {
+        print(stderr, QStringLiteral("Mode: %1: %2\n")
+                          .arg(image ? QStringLiteral("image") : QStringLiteral("files"),
+                               decision.modeReason));
+    }
     if (!plannedOk) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(refusal));
         return 1;
     }
-    const UsbPlan::Decision& decision = job.Decision();
-    const bool image = decision.mode == UsbPlan::WriteMode::Image;
-    print(stderr,
-          QStringLiteral("Mode: %1: %2\n")
-              .arg(image ? QStringLiteral("image") : QStringLiteral("files"), decision.modeReason));
     if (image && !request.filesOptions.isEmpty()) {
         print(stderr,
               QStringLiteral("brenta: warning: %1 is not used: the image is written as it is.\n")
