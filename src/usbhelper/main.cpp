@@ -1,14 +1,18 @@
 // brenta-usb-helper: does what needs root on a USB stick, for Brenta running as
-// the desktop user (through pkexec) or as root. It trusts none of its
-// arguments: every command first checks that the device is a whole USB or
-// removable disk, or a loop device over the user's own file, that the running
-// system does not use and that is mounted nowhere but in the folders for
-// removable media. It works for the user pkexec names (PKEXEC_UID), or for
+// the desktop user (through pkexec) or as root: it prepares a stick for files,
+// or writes the disk image Brenta streams to it and reads it back. It trusts
+// none of its arguments: every command first checks that the device is a
+// whole USB or removable disk, or a loop device over the user's own file, that
+// the running system does not use and that is mounted nowhere but in the
+// folders for removable media. It works for the user pkexec names (PKEXEC_UID), or for
 // whoever runs it, and every mount it makes is nosuid,nodev,noexec.
 //
 // Output is one line per event, for Brenta's command runner:
 //   step: <what now>        progress
 //   mounted: <folder>       prepare's and remount's result
+//   written: <bytes>        write's progress, every 32 MiB and at the end
+//   read: <bytes>           hash's progress, likewise
+//   sha256: <hex>           hash's result
 //   ok / refused: <reason>  check's answer (exit 0 / 3)
 //   error: <step>: <reason>. <the tool's last words>   (exit 1)
 // Wrong usage: the usage text on standard error, exit 2.
@@ -28,6 +32,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 
@@ -44,6 +49,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+
+#include <openssl/evp.h>
 
 #include "usbhelper/usbhelper.h"
 
@@ -521,35 +528,58 @@ bool showPartition(int fd, const QString& partName, const Extent& extent, int se
     return ::ioctl(fd, BLKPG, &argument) == 0 || QFileInfo::exists(sys);
 }
 
-// Wipes the disk and writes its new partition table through one descriptor
-// that holds the whole disk exclusively: the kernel gives it only when no
-// partition is mounted and nothing else (a program, a RAID or encrypted
-// volume) holds the disk or a partition, and keeps everyone else out until it
-// is closed. Says "refused: ..." or the error itself; the exit status.
-int partition(const Request& request, const Target& target)
+QString errorText(int error)
 {
-    const QString disk = target.facts.name;
-    const QString user = userOf(deviceNumbersOf(disk));
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+// Opens the whole disk for writing through a descriptor that holds it
+// exclusively: the kernel gives it only when no partition is mounted and
+// nothing else (a program, a RAID or encrypted volume) holds the disk or a
+// partition, and keeps everyone else out until it is closed. `extraFlags` are
+// added to the open; O_DIRECT is dropped where the kernel refuses it. The
+// descriptor, or -1 after saying "refused: ..." or the error, with `status`
+// the exit status.
+int openExclusive(const Target& target, const QString& step, int extraFlags, int& status)
+{
+    status = Refused;
+    const QString user = userOf(deviceNumbersOf(target.facts.name));
     if (!user.isEmpty()) {
         say(QStringLiteral("refused: %1 is in use by %2; close it first").arg(target.node, user));
-        return Refused;
+        return -1;
     }
-    const int fd = ::open(QFile::encodeName(target.node).constData(), O_RDWR | O_EXCL | O_CLOEXEC);
+    const QByteArray node = QFile::encodeName(target.node);
+    int fd = ::open(node.constData(), O_RDWR | O_EXCL | O_CLOEXEC | extraFlags);
+    if (fd < 0 && errno == EINVAL && (extraFlags & O_DIRECT))
+        fd = ::open(node.constData(), O_RDWR | O_EXCL | O_CLOEXEC | (extraFlags & ~O_DIRECT));
     if (fd < 0 && errno == EBUSY) {
         say(QStringLiteral("refused: %1 is in use: the system or another program holds it")
                 .arg(target.node));
-        return Refused;
+        return -1;
     }
+    status = Failed;
     if (fd < 0) {
-        say(ErrorLine(QStringLiteral("wiping"),
-                      QStringLiteral("cannot open %1: %2")
-                          .arg(target.node, QString::fromLocal8Bit(std::strerror(errno))),
+        say(ErrorLine(step, QStringLiteral("cannot open %1: %2").arg(target.node, errorText(errno)),
                       {}));
-        return Failed;
+        return -1;
     }
-    const auto closeDisk = qScopeGuard([fd] { ::close(fd); });
     // udev leaves a locked disk alone instead of reading it half written.
     ::flock(fd, LOCK_EX);
+    status = Ok;
+    return fd;
+}
+
+// Wipes the disk and writes its new partition table through one descriptor
+// that holds the whole disk exclusively. Says "refused: ..." or the error
+// itself; the exit status.
+int partition(const Request& request, const Target& target)
+{
+    const QString disk = target.facts.name;
+    int status = Ok;
+    const int fd = openExclusive(target, QStringLiteral("wiping"), 0, status);
+    if (fd < 0)
+        return status;
+    const auto closeDisk = qScopeGuard([fd] { ::close(fd); });
     int sectorSize = 0;
     quint64 bytes = 0;
     if (::ioctl(fd, BLKSSZGET, &sectorSize) != 0 || ::ioctl(fd, BLKGETSIZE64, &bytes) != 0) {
@@ -747,6 +777,288 @@ int unmount(const Request& request, const Caller& caller)
     return Ok;
 }
 
+// An image goes to the disk and comes back in pieces this large: enough for
+// a stick to work at its full speed, little enough memory for any machine.
+constexpr qint64 kPiece = 4 << 20;
+// Progress is said about this often.
+constexpr qint64 kProgressStep = 32 << 20;
+
+// A piece of memory on a page boundary, as direct I/O needs it.
+class AlignedPiece
+{
+public:
+    AlignedPiece()
+    {
+        if (::posix_memalign(&m_data, 4096, size_t(kPiece)) != 0)
+            m_data = nullptr;
+    }
+    ~AlignedPiece() { std::free(m_data); }
+    Q_DISABLE_COPY_MOVE(AlignedPiece)
+
+    char* Data() const { return static_cast<char*>(m_data); }
+
+private:
+    void* m_data = nullptr;
+};
+
+// The size of the disk's logical block and of the disk, in bytes.
+bool diskGeometry(int fd, int& sectorSize, qint64& bytes)
+{
+    quint64 size = 0;
+    if (::ioctl(fd, BLKSSZGET, &sectorSize) != 0 || sectorSize <= 0 ||
+        ::ioctl(fd, BLKGETSIZE64, &size) != 0)
+        return false;
+    bytes = qint64(size);
+    return true;
+}
+
+// The size of the disk as sysfs gives it, -1 when it does not.
+qint64 diskBytes(const QString& diskName)
+{
+    QFile file(QStringLiteral("/sys/class/block/%1/size").arg(diskName));
+    bool ok = false;
+    const qint64 sectors =
+        file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toLongLong(&ok) : 0;
+    return ok ? sectors * 512 : -1;
+}
+
+// Turns direct I/O off for a driver that refuses a request with it. False
+// when it was off already.
+bool dropDirect(int fd)
+{
+    const int flags = ::fcntl(fd, F_GETFL);
+    return flags >= 0 && (flags & O_DIRECT) && ::fcntl(fd, F_SETFL, flags & ~O_DIRECT) == 0;
+}
+
+// What went wrong with the disk: a stick pulled out is gone for the kernel,
+// whose size for it drops to nothing.
+QString diskFailure(int fd, const QString& node, qint64 capacity, int error)
+{
+    quint64 now = 0;
+    if (::ioctl(fd, BLKGETSIZE64, &now) != 0 || qint64(now) < capacity)
+        return QStringLiteral("%1 was removed (%2)").arg(node, errorText(error));
+    return errorText(error);
+}
+
+// Writes `length` bytes at `offset`, adding what the disk took to `written`.
+// 0, or the error number.
+int writePiece(int fd, const char* data, qint64 length, qint64 offset, qint64& written)
+{
+    qint64 done = 0;
+    while (done < length) {
+        const ssize_t wrote = ::pwrite(fd, data + done, size_t(length - done), offset + done);
+        if (wrote < 0 && (errno == EINTR || (errno == EINVAL && dropDirect(fd))))
+            continue;
+        if (wrote < 0)
+            return errno;
+        if (wrote == 0)
+            return ENOSPC;
+        done += wrote;
+        written += wrote;
+    }
+    return 0;
+}
+
+// Reads up to `length` bytes at `offset` into `data`, fewer only at the end
+// of the disk; `got` says how many. 0, or the error number.
+int readPiece(int fd, char* data, qint64 length, qint64 offset, qint64& got)
+{
+    got = 0;
+    while (got < length) {
+        const ssize_t read = ::pread(fd, data + got, size_t(length - got), offset + got);
+        if (read < 0 && (errno == EINTR || (errno == EINVAL && dropDirect(fd))))
+            continue;
+        if (read < 0)
+            return errno;
+        if (read == 0)
+            break;
+        got += read;
+    }
+    return 0;
+}
+
+QString tooSmall(const QString& node, qint64 capacity, qint64 size)
+{
+    return QStringLiteral("refused: %1 holds %2 bytes, fewer than the image's %3")
+        .arg(node)
+        .arg(capacity)
+        .arg(size);
+}
+
+// Writes the image Brenta streams on standard input onto the disk from its
+// first byte, exactly `request.size` bytes of it, and says it is done only
+// when the disk has it all. The disk is held exclusively throughout.
+int writeImage(const Request& request, const Caller& caller)
+{
+    Target target;
+    if (!accept(request.device, caller, target))
+        return Refused;
+    if (const qint64 capacity = diskBytes(target.facts.name);
+        capacity >= 0 && request.size > capacity) {
+        say(tooSmall(target.node, capacity, request.size));
+        return Refused;
+    }
+    const QString step = QStringLiteral("writing");
+    say(QStringLiteral("step: writing"));
+    QString failure;
+    if (!unmountAll(target.facts.name, step, failure)) {
+        say(failure);
+        return Failed;
+    }
+    int status = Ok;
+    const int fd = openExclusive(target, step, O_DIRECT, status);
+    if (fd < 0)
+        return status;
+    const auto closeDisk = qScopeGuard([fd] { ::close(fd); });
+    int sectorSize = 0;
+    qint64 capacity = 0;
+    if (!diskGeometry(fd, sectorSize, capacity)) {
+        say(ErrorLine(step, QStringLiteral("cannot read the size of ") + target.node, {}));
+        return Failed;
+    }
+    if (request.size > capacity) {
+        say(tooSmall(target.node, capacity, request.size));
+        return Refused;
+    }
+    const AlignedPiece piece;
+    if (piece.Data() == nullptr) {
+        say(ErrorLine(step, QStringLiteral("out of memory"), {}));
+        return Failed;
+    }
+    qint64 written = 0;
+    while (written < request.size) {
+        const qint64 offset = written;
+        const qint64 length = qMin(kPiece, request.size - offset);
+        qint64 got = 0;
+        while (got < length) {
+            const ssize_t read = ::read(STDIN_FILENO, piece.Data() + got, size_t(length - got));
+            if (read < 0 && errno == EINTR)
+                continue;
+            if (read < 0) {
+                say(ErrorLine(step, QStringLiteral("the image cannot be read: ") + errorText(errno),
+                              {}));
+                return Failed;
+            }
+            if (read == 0) {
+                say(ErrorLine(step,
+                              QStringLiteral("the image ended after %1 of %2 bytes")
+                                  .arg(offset + got)
+                                  .arg(request.size),
+                              {}));
+                return Failed;
+            }
+            got += read;
+        }
+        // Direct I/O takes whole logical blocks only: the image's last bytes
+        // go through the page cache, and the disk keeps what follows them.
+        const qint64 whole = length - length % sectorSize;
+        int error = writePiece(fd, piece.Data(), whole, offset, written);
+        if (error == 0 && whole < length) {
+            dropDirect(fd);
+            error = writePiece(fd, piece.Data() + whole, length - whole, offset + whole, written);
+        }
+        if (error == 0 && written == request.size && ::fsync(fd) != 0)
+            error = errno;
+        if (error != 0) {
+            say(ErrorLine(step,
+                          QStringLiteral("%1 after %2 bytes")
+                              .arg(diskFailure(fd, target.node, capacity, error))
+                              .arg(written),
+                          {}));
+            return Failed;
+        }
+        if (written == request.size || written / kProgressStep != offset / kProgressStep)
+            say(QStringLiteral("written: %1").arg(written));
+    }
+    // The kernel shows the image's partitions; one whose table it does not
+    // read is no failure of the write.
+    ::ioctl(fd, BLKRRPART);
+    return Ok;
+}
+
+// Says the SHA-256 of the first `request.size` bytes of the disk, read from
+// the disk itself: the page cache still holds what was written even when the
+// stick did not keep it.
+int hashImage(const Request& request, const Caller& caller)
+{
+    Target target;
+    if (!accept(request.device, caller, target))
+        return Refused;
+    const QString step = QStringLiteral("verifying");
+    say(QStringLiteral("step: verifying"));
+    const QByteArray node = QFile::encodeName(target.node);
+    int fd = ::open(node.constData(), O_RDONLY | O_CLOEXEC | O_DIRECT);
+    if (fd < 0 && errno == EINVAL)
+        fd = ::open(node.constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        say(ErrorLine(step, QStringLiteral("cannot open %1: %2").arg(target.node, errorText(errno)),
+                      {}));
+        return Failed;
+    }
+    const auto closeDisk = qScopeGuard([fd] { ::close(fd); });
+    int sectorSize = 0;
+    qint64 capacity = 0;
+    if (!diskGeometry(fd, sectorSize, capacity)) {
+        say(ErrorLine(step, QStringLiteral("cannot read the size of ") + target.node, {}));
+        return Failed;
+    }
+    if (request.size > capacity) {
+        say(ErrorLine(step,
+                      QStringLiteral("%1 holds only %2 bytes, fewer than the image's %3")
+                          .arg(target.node)
+                          .arg(capacity)
+                          .arg(request.size),
+                      {}));
+        return Failed;
+    }
+    // Should direct I/O be refused, the reads go through a cache emptied first.
+    ::ioctl(fd, BLKFLSBUF, 0);
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    const AlignedPiece piece;
+    EVP_MD_CTX* context = EVP_MD_CTX_new();
+    const auto freeContext = qScopeGuard([context] { EVP_MD_CTX_free(context); });
+    if (piece.Data() == nullptr || context == nullptr ||
+        EVP_DigestInit_ex(context, EVP_sha256(), nullptr) != 1) {
+        say(ErrorLine(step, QStringLiteral("out of memory"), {}));
+        return Failed;
+    }
+    qint64 done = 0;
+    while (done < request.size) {
+        const qint64 length = qMin(kPiece, request.size - done);
+        // Direct I/O reads whole logical blocks; the disk ends on one.
+        const qint64 blocks = (length + sectorSize - 1) / sectorSize * sectorSize;
+        qint64 got = 0;
+        if (const int error = readPiece(fd, piece.Data(), blocks, done, got); error != 0) {
+            say(ErrorLine(step,
+                          QStringLiteral("%1 after %2 bytes")
+                              .arg(diskFailure(fd, target.node, capacity, error))
+                              .arg(done + got),
+                          {}));
+            return Failed;
+        }
+        if (got < length) {
+            say(ErrorLine(step,
+                          QStringLiteral("%1 ended after %2 of %3 bytes")
+                              .arg(target.node)
+                              .arg(done + got)
+                              .arg(request.size),
+                          {}));
+            return Failed;
+        }
+        EVP_DigestUpdate(context, piece.Data(), size_t(length));
+        done += length;
+        if (done == request.size || done / kProgressStep != (done - length) / kProgressStep)
+            say(QStringLiteral("read: %1").arg(done));
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    EVP_DigestFinal_ex(context, digest, &digestLength);
+    say(QStringLiteral("sha256: ") +
+        QString::fromLatin1(
+            QByteArray(reinterpret_cast<const char*>(digest), int(digestLength)).toHex()));
+    return Ok;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -779,6 +1091,10 @@ int main(int argc, char** argv)
         return remount(request, caller);
     case Command::Unmount:
         return unmount(request, caller);
+    case Command::Write:
+        return writeImage(request, caller);
+    case Command::Hash:
+        return hashImage(request, caller);
     }
     return Usage;
 }

@@ -32,6 +32,20 @@ bool parseFileSystem(const QString& text, FileSystem& fs)
     return true;
 }
 
+// Digits only, no sign, no leading zero, at most 18 of them: what fits a
+// qint64 and means one number whoever reads it.
+bool parseSize(const QString& text, qint64& bytes)
+{
+    if (text.isEmpty() || text.size() > 18 || text.front() == QLatin1Char('0'))
+        return false;
+    for (const QChar c : text) {
+        if (c < QLatin1Char('0') || c > QLatin1Char('9'))
+            return false;
+    }
+    bytes = text.toLongLong();
+    return true;
+}
+
 bool hasControl(const QString& text)
 {
     for (const QChar c : text) {
@@ -52,6 +66,8 @@ QString UsageText()
         "       brenta-usb-helper bootcode DEVICE\n"
         "       brenta-usb-helper remount DEVICE --fs fat32|fat|ntfs|exfat\n"
         "       brenta-usb-helper unmount DEVICE\n"
+        "       brenta-usb-helper write DEVICE --size BYTES    (the image on standard input)\n"
+        "       brenta-usb-helper hash DEVICE --size BYTES\n"
         "The stick is mounted for the user pkexec names in PKEXEC_UID, or for the caller.\n");
 }
 
@@ -77,6 +93,30 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
                                                                 : Command::BootCode;
         if (rest.size() != 1) {
             error = QStringLiteral("unexpected argument \"%1\"").arg(rest.at(1));
+            return false;
+        }
+        return true;
+    }
+    if (command == QLatin1String("write") || command == QLatin1String("hash")) {
+        request.command = command == QLatin1String("write") ? Command::Write : Command::Hash;
+        if (rest.size() < 2) {
+            error = QStringLiteral("%1 needs --size").arg(command);
+            return false;
+        }
+        if (rest.at(1) != QLatin1String("--size")) {
+            error = QStringLiteral("unknown option \"%1\"").arg(rest.at(1));
+            return false;
+        }
+        if (rest.size() < 3) {
+            error = QStringLiteral("\"--size\" needs a value");
+            return false;
+        }
+        if (!parseSize(rest.at(2), request.size)) {
+            error = QStringLiteral("bad value \"%1\" for \"--size\"").arg(rest.at(2));
+            return false;
+        }
+        if (rest.size() > 3) {
+            error = QStringLiteral("unexpected argument \"%1\"").arg(rest.at(3));
             return false;
         }
         return true;

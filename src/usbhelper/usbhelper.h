@@ -8,14 +8,24 @@
 
 // The decisions of brenta-usb-helper, the small program that does what needs
 // root on a USB stick: wiping, partitioning, making the file system, boot code,
-// mounting and unmounting. Everything here is free of side effects, so that the
-// rules can be tested without a disk; main.cpp runs the tools.
+// mounting and unmounting, and writing a disk image and reading it back.
+// Everything here is free of side effects, so that the rules can be tested
+// without a disk; main.cpp runs the tools.
 namespace UsbHelper {
 
 // Where the helper mounts the partitions it prepares: "/run/brenta/<partition>".
 inline const QString kMountRoot = QStringLiteral("/run/brenta");
 
-enum class Command { Check, Prepare, BootCode, Remount, Unmount };
+enum class Command
+{
+    Check,
+    Prepare,
+    BootCode,
+    Remount,
+    Unmount,
+    Write,
+    Hash
+};
 using Scheme = UsbPlan::Scheme;
 using FileSystem = UsbPlan::FileSystem;
 
@@ -26,11 +36,12 @@ struct Request
     Scheme scheme = Scheme::Mbr;
     FileSystem fs = FileSystem::Fat32;
     QString label; // as given; UsbPlan::CheckLabel() has passed it
+    qint64 size = 0; // write and hash: the image's bytes, from the start of the disk
 };
 
 // The command line without the program name. On wrong usage, a label
-// included that the file system cannot take, returns false and says why in
-// `error`.
+// included that the file system cannot take, or a size that is not a plain
+// positive decimal number, returns false and says why in `error`.
 bool ParseArguments(const QStringList& arguments, Request& request, QString& error);
 
 QString UsageText();
