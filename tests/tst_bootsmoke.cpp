@@ -4,7 +4,9 @@
 // backing file. The image holds tiny boot loaders that write a marker to the
 // first serial port, so the boot is checked end to end: the boot sector, the
 // core image, GRUB's search for /bootmgr through the file system driver, its
-// chain-load, and for UEFI the firmware's own look at the partition.
+// chain-load, and for UEFI the firmware's own look at the partition. Images
+// shaped as Linux distributions make them are written in disk image mode
+// through the burn job and start with their own loaders.
 //
 // Needs root (loop devices, mounting) and qemu-system-i386; the UEFI rows also
 // qemu-system-x86_64 and OVMF. Skips otherwise.
@@ -22,6 +24,7 @@
 #include <unistd.h>
 
 #include "common/bootloaders.h"
+#include "common/hybridimage.h"
 #include "common/isofixture.h"
 #include "media/usbburn.h"
 
@@ -187,6 +190,8 @@ private Q_SLOTS:
     void initTestCase();
     void boot_data();
     void boot();
+    void imageMode_data();
+    void imageMode();
 };
 
 void TestBootSmoke::initTestCase()
@@ -310,6 +315,87 @@ void TestBootSmoke::boot()
     QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
     QVERIFY2(plain(result.serial).contains(expected), qPrintable(readable(result.serial)));
     QCOMPARE(plain(result.serial).contains(marker), loaders);
+}
+
+void TestBootSmoke::imageMode_data()
+{
+    QTest::addColumn<Firmware>("firmware");
+    QTest::addColumn<QString>("shape");
+    QTest::addColumn<QByteArray>("expected");
+
+    QTest::newRow("isohybrid bios") << Firmware::Bios << "isolinux" << HybridImage::kIsolinuxMarker;
+    QTest::newRow("isohybrid uefi") << Firmware::Uefi << "isolinux" << HybridImage::kEfiImageMarker;
+    QTest::newRow("grub-mkrescue bios")
+        << Firmware::Bios << "grub" << HybridImage::kGrubMarker + " pc";
+    QTest::newRow("grub-mkrescue uefi")
+        << Firmware::Uefi << "grub" << HybridImage::kGrubMarker + " efi";
+}
+
+// Images built the way Linux distributions build theirs go onto the stick in
+// disk image mode by themselves, through the job and the real helper, and the
+// stick starts with the image's own loaders through the BIOS and UEFI.
+void TestBootSmoke::imageMode()
+{
+    QFETCH(Firmware, firmware);
+    QFETCH(QString, shape);
+    QFETCH(QByteArray, expected);
+
+    if (firmware == Firmware::Uefi) {
+        if (systemTool("qemu-system-x86_64").isEmpty())
+            QSKIP("qemu-system-x86_64 is not installed");
+        if (!QFileInfo::exists(kOvmfCode) || !QFileInfo::exists(kOvmfVars))
+            QSKIP("OVMF is not installed");
+    }
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QString error;
+    const QString iso = shape == "grub" ? HybridImage::GrubRescue(dir.path(), &error)
+                                        : HybridImage::Isolinux(dir.path(), &error);
+    QVERIFY2(!iso.isEmpty(), qPrintable(error));
+    // The job finds the helper through the tools folder.
+    QVERIFY(QDir().mkpath(dir.filePath("tools/usbhelper")));
+    QVERIFY(QFile::link(BRENTA_USB_HELPER, dir.filePath("tools/usbhelper/brenta-usb-helper")));
+    qputenv("BRENTA_TOOLS_DIR", dir.filePath("tools").toUtf8());
+    const auto unset = qScopeGuard([] { qunsetenv("BRENTA_TOOLS_DIR"); });
+
+    const QString stick = IsoFixture::SparseFile(dir.filePath("stick.img"), 96);
+    QVERIFY(!stick.isEmpty());
+    Run step = run(systemTool("losetup"), {"-f", "--show", stick});
+    const QString loop = step.output.trimmed();
+    if (step.exitCode != 0 || !loop.startsWith("/dev/loop"))
+        QSKIP(qPrintable("no loop device can be set up here: " + step.output.trimmed()));
+    bool attached = true;
+    const auto cleanup = qScopeGuard([&] {
+        if (attached)
+            run(systemTool("losetup"), {"-d", loop});
+    });
+
+    CUsbBurnJob job;
+    QSignalSpy planned(&job, &CUsbBurnJob::planned);
+    QSignalSpy finished(&job, &CUsbBurnJob::finished);
+    CUsbBurnJob::Options options;
+    options.image = iso;
+    options.device = loop;
+    job.Plan(options);
+    QVERIFY(planned.wait(60000));
+    QVERIFY2(planned.first().at(0).toBool(), qPrintable(planned.first().at(1).toString()));
+    QCOMPARE(job.Decision().mode, UsbPlan::WriteMode::Image);
+    job.Burn();
+    QVERIFY(finished.wait(120000));
+    QVERIFY2(finished.first().at(0).toBool(), qPrintable(finished.first().at(1).toString()));
+
+    step = run(systemTool("losetup"), {"-d", loop});
+    QVERIFY2(step.exitCode == 0, qPrintable(step.output));
+    attached = false;
+    QVERIFY2(waitForDetach(loop), "the loop device stays in use after the stick was written");
+
+    const QList<QByteArray> failures{"grub rescue>", "Boot failed", "EFI Internal Shell",
+                                     "No bootable option"};
+    const Boot result =
+        bootStick(firmware, stick, dir.path(), QList<QByteArray>{expected} + failures,
+                  firmware == Firmware::Bios ? 30000 : 60000);
+    QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
+    QVERIFY2(plain(result.serial).contains(expected), qPrintable(readable(result.serial)));
 }
 
 QTEST_GUILESS_MAIN(TestBootSmoke)

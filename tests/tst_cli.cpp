@@ -126,6 +126,11 @@ void TestCli::answersWithoutWindow_data()
     QTest::newRow("burn-usb, label forgotten")
         << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--label", "--yes"} << 2 << ""
         << "brenta: --label takes a value.";
+    // A file system for an image written as it is: the user meant something else.
+    QTest::newRow("burn-usb, file system in image mode")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--fs", "ntfs", "--mode", "image"} << 2
+        << ""
+        << "brenta: --fs is for files mode";
 }
 
 void TestCli::answersWithoutWindow()
@@ -414,6 +419,13 @@ void TestCli::burnUsb_data()
                        "brenta: warning: This image has no EFI loader"} +
                phases.mid(1)
         << "Burning Successfully..." << QStringList{"prepare", "remount", "unmount"};
+    QTest::newRow("image mode chosen")
+        << "image.iso"
+        << "stick" << QStringList{"--mode", "image", "--yes"} << QByteArray() << "success" << 0
+        << QStringList{"Checking the image...", "Mode: image: You chose disk image mode",
+                       "brenta: warning: This image has no partition table",
+                       "Writing the image to the USB disk...", "Verifying the USB disk..."}
+        << "Burning Successfully..." << QStringList{"write", "hash"};
     QTest::newRow("formatting fails")
         << "image.iso"
         << "stick" << QStringList{"--yes"} << QByteArray() << "failformat" << 1
@@ -470,6 +482,14 @@ void TestCli::burnUsb()
     QCOMPARE(Standins::LoggedCommands(log), calls);
     if (exitCode != 0)
         return;
+    if (options.contains("image")) {
+        // The stand-in's disk, written from what Brenta streamed to it.
+        QFile disk(mount + ".disk");
+        QFile written(dir.filePath(image));
+        QVERIFY(disk.open(QIODevice::ReadOnly) && written.open(QIODevice::ReadOnly));
+        QVERIFY(disk.readAll() == written.readAll());
+        return;
+    }
     QCOMPARE(QFileInfo(mount + "/docs/a.txt").size(), qint64(1));
     if (options.contains("--label"))
         QVERIFY2(Standins::Logged(log).first().contains(

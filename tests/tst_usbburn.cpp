@@ -1,6 +1,7 @@
 // The USB burn from image to verified stick. Most cases run with a stand-in
-// for the privileged helper (a folder plays the mounted stick) and the real
-// archive tool and wimlib; the last runs the real helper on loop devices.
+// for the privileged helper (a folder plays the mounted stick, a file the
+// whole stick) and the real archive tool and wimlib; the real-stick cases run
+// the real helper on loop devices.
 
 #include <QBuffer>
 #include <QDirIterator>
@@ -17,6 +18,7 @@
 
 #include <unistd.h>
 
+#include "common/hybridimage.h"
 #include "common/isofixture.h"
 #include "common/listedimage.h"
 #include "common/standins.h"
@@ -73,7 +75,7 @@ struct Outcome
     bool succeeded = false;
     QString message;
     QList<Phase> phases;
-    int lastCopyPercent = -1;
+    QMap<Phase, int> percent; // the last progress of each phase that counts to 100
 };
 
 } // namespace
@@ -108,8 +110,8 @@ private:
         CUsbBurnJob job;
         connect(&job, &CUsbBurnJob::phase, this, [&](Phase phase) { outcome.phases << phase; });
         connect(&job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
-            if (!outcome.phases.isEmpty() && outcome.phases.last() == Phase::Copying && maximum == 100)
-                outcome.lastCopyPercent = value;
+            if (!outcome.phases.isEmpty() && maximum == 100)
+                outcome.percent[outcome.phases.last()] = value;
         });
         QSignalSpy planned(&job, &CUsbBurnJob::planned);
         QSignalSpy finished(&job, &CUsbBurnJob::finished);
@@ -385,7 +387,7 @@ private Q_SLOTS:
             if (gpt)
                 expected.removeAll(Phase::BootCode);
             QCOMPARE(outcome.phases, expected);
-            QCOMPARE(outcome.lastCopyPercent, 100);
+            QCOMPARE(outcome.percent.value(Phase::Copying), 100);
             QCOMPARE(hashes(m_stick), hashes(m_dir.filePath("src-boot")));
         } else {
             QCOMPARE(outcome.phases.last(), calls.last() == "unmount" ? Phase::Finishing : Phase::Formatting);
@@ -517,6 +519,138 @@ private Q_SLOTS:
         onStick.sort(Qt::CaseInsensitive);
         expected.sort(Qt::CaseInsensitive);
         QCOMPARE(onStick, expected);
+    }
+
+    // Disk image mode with the stand-in helper, whose stick is the file
+    // BRENTA_STANDIN_DISK; each row's helper runs a few shell lines before the
+    // stand-in. Whatever goes wrong between the image and the stick ends the
+    // burn in the step it went wrong in.
+    void imageModeFailures_data()
+    {
+        QTest::addColumn<QByteArray>("before"); // shell lines run before the stand-in
+        QTest::addColumn<QString>("mode");      // the stand-in's BRENTA_STANDIN_MODE
+        QTest::addColumn<Phase>("lastPhase");
+        QTest::addColumn<QString>("message");
+
+        QTest::newRow("stick changed before the read-back")
+            << QByteArray("[ \"$1\" != hash ] || printf X | dd of=\"$BRENTA_STANDIN_DISK\" bs=1 "
+                          "seek=70000 "
+                          "conv=notrunc 2>/dev/null\n")
+            << "" << Phase::Verifying << "verifying: the stick does not hold the image. Its first";
+        // The rest of the image stays in the pipe, which no one reads any more.
+        QTest::newRow("helper takes part of the image")
+            << QByteArray("[ \"$1\" != write ] || { head -c 100000 >/dev/null; echo 'written: "
+                          "100000'; exit 0; }\n")
+            << "" << Phase::Writing << "writing: the helper ended after taking";
+        // The stand-in fails before it reads anything.
+        QTest::newRow("stick removed")
+            << QByteArray() << "failwrite" << Phase::Writing << " was removed (";
+    }
+
+    void imageModeFailures()
+    {
+        QFETCH(QByteArray, before);
+        QFETCH(QString, mode);
+        QFETCH(Phase, lastPhase);
+        QFETCH(QString, message);
+
+        const QString standIn =
+            QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper";
+        const QString helper = m_tools + "/usbhelper/brenta-usb-helper";
+        QFile::remove(helper);
+        QVERIFY(Standins::Write(helper, "#!/bin/sh\n" + before + "exec '" + standIn.toUtf8() +
+                                            "' \"$@\"\n"));
+        const auto restore =
+            qScopeGuard([&] { linkTool(m_tools, "usbhelper/brenta-usb-helper", standIn); });
+        const QString disk = m_dir.filePath("stick.disk");
+        qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
+        qputenv("BRENTA_STANDIN_DISK", disk.toUtf8());
+
+        // More than the pipe holds, and not a whole number of blocks.
+        CUsbBurnJob::Options options;
+        options.image =
+            image("plain", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
+        options.device = m_dir.path();
+        options.autoMode = false;
+        options.mode = UsbPlan::WriteMode::Image;
+        const Outcome outcome = burn(options);
+        QVERIFY2(outcome.finished && !outcome.succeeded,
+                 qPrintable(outcome.planMessage + outcome.message));
+        QVERIFY2(outcome.message.contains(message), qPrintable(outcome.message));
+        QCOMPARE(outcome.phases.last(), lastPhase);
+    }
+
+    // Disk image mode with the real helper on a loop device: images shaped as
+    // distributions make them go that way by themselves and end on the stick
+    // byte for byte, read back through the helper; files mode, when chosen,
+    // still copies their files.
+    void realStickImageMode_data()
+    {
+        QTest::addColumn<QString>("shape");
+        QTest::addColumn<bool>("filesChosen");
+
+        QTest::newRow("isohybrid") << "isolinux" << false;
+        QTest::newRow("grub-mkrescue") << "grub" << false;
+        QTest::newRow("isohybrid, files mode chosen") << "isolinux" << true;
+    }
+
+    void realStickImageMode()
+    {
+        QFETCH(QString, shape);
+        QFETCH(bool, filesChosen);
+
+        if (::geteuid() != 0)
+            QSKIP("needs root for loop devices");
+        QString error;
+        const QString folder = m_dir.filePath("shape-" + shape);
+        QDir().mkpath(folder);
+        QString built = QDir(folder).entryList({"*.iso"}).value(0);
+        built = !built.isEmpty()  ? folder + "/" + built
+                : shape == "grub" ? HybridImage::GrubRescue(folder, &error)
+                                  : HybridImage::Isolinux(folder, &error);
+        QVERIFY2(!built.isEmpty(), qPrintable(error));
+        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
+        QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
+        const auto restore = qScopeGuard([&] {
+            const QString standins = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins";
+            linkTool(m_tools, "usbhelper/brenta-usb-helper",
+                     standins + "/usbhelper/brenta-usb-helper");
+            linkTool(m_tools, "7z/7z", standins + "/7z/7z");
+        });
+        const QString backing = IsoFixture::SparseFile(m_dir.filePath("stick.img"), 96);
+        int code = 0;
+        const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
+        if (code != 0 || !loop.startsWith("/dev/loop"))
+            QSKIP("no loop device can be set up here");
+        const auto detach = qScopeGuard([&] { run("losetup", {"-d", loop}); });
+
+        CUsbBurnJob::Options options;
+        options.image = built;
+        options.device = loop;
+        options.autoMode = !filesChosen;
+        options.mode = UsbPlan::WriteMode::Files;
+        const Outcome outcome = burn(options);
+        QVERIFY2(outcome.succeeded, qPrintable(outcome.planMessage + outcome.message));
+        if (filesChosen) {
+            QVERIFY(outcome.phases.contains(Phase::Copying));
+            const auto line = [](const Item& item) { return item.name + " " + item.size; };
+            QStringList expected = ListedImage(built, line);
+            expected.removeIf([](const QString& l) { return l.startsWith("[BOOT]"); });
+            QStringList onStick = ListedImage(loop + "p1", line);
+            onStick.sort(Qt::CaseInsensitive);
+            expected.sort(Qt::CaseInsensitive);
+            QCOMPARE(onStick, expected);
+            return;
+        }
+        QCOMPARE(outcome.phases, (QList<Phase>{Phase::Checking, Phase::Writing, Phase::Verifying}));
+        QCOMPARE(outcome.percent.value(Phase::Writing), 100);
+        QCOMPARE(outcome.percent.value(Phase::Verifying), 100);
+        QVERIFY2(outcome.message.contains("byte for byte"), qPrintable(outcome.message));
+        QFile image(built);
+        QFile stick(loop);
+        QVERIFY(image.open(QIODevice::ReadOnly) && stick.open(QIODevice::ReadOnly));
+        const QByteArray written = image.readAll();
+        QVERIFY(stick.read(written.size()) == written);
     }
 };
 
