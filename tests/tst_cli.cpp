@@ -131,6 +131,13 @@ void TestCli::answersWithoutWindow_data()
         << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--fs", "ntfs", "--mode", "image"} << 2
         << ""
         << "brenta: --fs is for files mode";
+    QTest::newRow("restore-usb, FAT16")
+        << QStringList{"restore-usb", "/dev/sdz", "--fs", "fat"} << 2 << ""
+        << "brenta: --fs takes fat32, exfat or ntfs.";
+    // Refused before the question, so nothing is erased.
+    QTest::newRow("restore-usb, label too long")
+        << QStringList{"restore-usb", "/dev/sdz", "--label", "much too long"} << 1 << ""
+        << "brenta: A FAT32 label holds at most 11 characters";
 }
 
 void TestCli::answersWithoutWindow()

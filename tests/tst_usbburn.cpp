@@ -652,6 +652,78 @@ private Q_SLOTS:
         const QByteArray written = image.readAll();
         QVERIFY(stick.read(written.size()) == written);
     }
+
+    // A stick that holds an isohybrid image, restored by the real helper,
+    // shows nothing of the image: no ISO 9660 volume, no GPT (the backup at
+    // the disk's end either, when the image fills the stick), only the new
+    // table and the file system with its label.
+    void restoreAfterImage_data()
+    {
+        QTest::addColumn<int>("stickMiB"); // 0: the image fills the stick
+        QTest::addColumn<QString>("fs");
+        QTest::addColumn<QString>("type"); // as blkid names it
+
+        QTest::newRow("larger stick, fat32") << 96 << "fat32"
+                                             << "vfat";
+        QTest::newRow("image fills the stick, ntfs") << 0 << "ntfs"
+                                                     << "ntfs";
+    }
+
+    void restoreAfterImage()
+    {
+        QFETCH(int, stickMiB);
+        QFETCH(QString, fs);
+        QFETCH(QString, type);
+
+        if (::geteuid() != 0)
+            QSKIP("needs root for loop devices");
+        QString error;
+        const QString folder = m_dir.filePath("shape-isolinux");
+        QDir().mkpath(folder);
+        QString built = QDir(folder).entryList({"*.iso"}).value(0);
+        built = built.isEmpty() ? HybridImage::Isolinux(folder, &error) : folder + "/" + built;
+        QVERIFY2(!built.isEmpty(), qPrintable(error));
+        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
+        const auto restore = qScopeGuard([&] {
+            linkTool(m_tools, "usbhelper/brenta-usb-helper",
+                     QStringLiteral(BRENTA_SOURCE_DIR) +
+                         "/tests/standins/usbhelper/brenta-usb-helper");
+        });
+        // The stick as dd leaves it.
+        const QString backing = m_dir.filePath("restore.img");
+        QFile::remove(backing);
+        int code = 0;
+        if (stickMiB > 0)
+            QVERIFY(!IsoFixture::SparseFile(backing, stickMiB).isEmpty());
+        run("dd", {"if=" + built, "of=" + backing, "bs=1M", "conv=notrunc"}, &code);
+        QCOMPARE(code, 0);
+        const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
+        if (code != 0 || !loop.startsWith("/dev/loop"))
+            QSKIP("no loop device can be set up here");
+        const auto detach = qScopeGuard([&] { run("losetup", {"-d", loop}); });
+        const QString before = run("wipefs", {"-n", "-p", loop});
+        QVERIFY2(before.contains("iso9660") && before.count("gpt") == (stickMiB > 0 ? 1 : 2),
+                 qPrintable(before));
+
+        CUsbBurnJob job;
+        QSignalSpy finished(&job, &CUsbBurnJob::finished);
+        job.Restore(loop, *UsbPlan::FileSystemFromName(fs), "Restored");
+        QVERIFY(finished.wait(60000));
+        QVERIFY2(finished.first().at(0).toBool(), qPrintable(finished.first().at(1).toString()));
+        QVERIFY(!run("cat", {"/proc/self/mounts"}).contains(loop + "p1"));
+
+        run("udevadm", {"settle"});
+        const QString disk = run("blkid", {"-p", "-o", "export", loop}, &code);
+        QVERIFY2(disk.contains("PTTYPE=dos\n") && !disk.contains("TYPE=iso9660"), qPrintable(disk));
+        // wipefs lists every signature it knows, at both ends of the disk.
+        const QStringList signatures =
+            run("wipefs", {"-n", "-p", loop}).split('\n', Qt::SkipEmptyParts);
+        QCOMPARE(signatures.filter(QRegularExpression("^0x")), QStringList({"0x1fe,,,dos"}));
+        const QString partition = run("blkid", {"-p", "-o", "export", loop + "p1"}, &code);
+        QVERIFY2(partition.contains("TYPE=" + type + "\n") &&
+                     partition.contains("LABEL=Restored\n", Qt::CaseInsensitive),
+                 qPrintable(partition));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestUsbBurn)

@@ -87,6 +87,37 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
     return QString();
 }
 
+// restore-usb DEVICE and then its options, in any order. Returns what is
+// wrong, or nothing.
+QString parseRestoreUsb(const QStringList& arguments, Request& request)
+{
+    if (arguments.size() < 2 || arguments.at(1).startsWith(QLatin1String("--")))
+        return QStringLiteral("restore-usb takes a USB disk.");
+    request.device = arguments.at(1);
+    for (int i = 2; i < arguments.size(); ++i) {
+        const QString& option = arguments.at(i);
+        if (option == QLatin1String("--yes")) {
+            request.yes = true;
+            continue;
+        }
+        if (option != QLatin1String("--fs") && option != QLatin1String("--label"))
+            return QStringLiteral("Unknown restore-usb option: %1").arg(option);
+        if (i + 1 >= arguments.size() || arguments.at(i + 1).startsWith(QLatin1String("--")))
+            return QStringLiteral("%1 takes a value.").arg(option);
+        const QString value = arguments.at(++i);
+        if (option == QLatin1String("--label")) {
+            request.label = value;
+            continue;
+        }
+        // FAT16 is for images that need it, not for a stick to keep.
+        const std::optional<UsbPlan::FileSystem> fileSystem = UsbPlan::FileSystemFromName(value);
+        if (!fileSystem || *fileSystem == UsbPlan::FileSystem::Fat)
+            return QStringLiteral("--fs takes fat32, exfat or ntfs.");
+        request.fileSystem = *fileSystem;
+    }
+    return QString();
+}
+
 } // namespace
 
 Request Parse(const QStringList& arguments)
@@ -160,6 +191,13 @@ Request Parse(const QStringList& arguments)
         if (!error.isEmpty())
             return usageError(error);
         request.mode = Request::Mode::BurnUsb;
+        return request;
+    }
+    if (first == QLatin1String("restore-usb")) {
+        const QString error = parseRestoreUsb(arguments, request);
+        if (!error.isEmpty())
+            return usageError(error);
+        request.mode = Request::Mode::RestoreUsb;
         return request;
     }
     if (first == QLatin1String("copy-disc")) {
@@ -652,6 +690,40 @@ int RunBurnUsb(const Request& request)
     return 0;
 }
 
+int RunRestoreUsb(const Request& request)
+{
+    // What the device really is, the helper checks before it touches it.
+    if (!request.device.startsWith(QLatin1Char('/'))) {
+        print(stderr, QStringLiteral("brenta: %1 is not a device node (such as /dev/sdb).\n")
+                          .arg(request.device));
+        return 1;
+    }
+    // A label the file system cannot hold is refused before the question.
+    const UsbPlan::Label label = UsbPlan::CheckLabel(request.fileSystem, request.label);
+    if (!label.problem.isEmpty()) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(label.problem));
+        return 1;
+    }
+    if (!request.yes && !agreesToErase(request.device)) {
+        print(stderr, QStringLiteral("Nothing was written.\n"));
+        return 1;
+    }
+    UsbBurnReport report(progressWanted());
+    CUsbBurnJob job;
+    QObject::connect(&job, &CUsbBurnJob::phase,
+                     [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
+    const auto [succeeded, message] = await(job, &CUsbBurnJob::finished, [&] {
+        job.Restore(request.device, request.fileSystem, request.label);
+    });
+    report.EndLine();
+    if (!succeeded) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
+        return 1;
+    }
+    print(stdout, message + QLatin1Char('\n'));
+    return 0;
+}
+
 int RunCopyDisc(const Request& request)
 {
     if (!checkDevice(request.device))
@@ -695,6 +767,8 @@ QString HelpText()
         "       brenta burn-disc IMAGE DEVICE\n"
         "       brenta burn-usb IMAGE DEVICE [--mode auto|image|files] [--scheme mbr|gpt]\n"
         "                       [--fs fat32|ntfs|exfat|fat] [--label LABEL] [--yes]\n"
+        "       brenta restore-usb DEVICE [--fs fat32|exfat|ntfs] [--label LABEL]\n"
+        "                          [--yes]\n"
         "       brenta copy-disc DEVICE OUTPUT\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
@@ -724,6 +798,11 @@ QString HelpText()
         "                         gpt takes FAT32), --fs fat32|ntfs|exfat|fat (fat32),\n"
         "                         --label LABEL (refused with --mode image, unused when\n"
         "                         auto picks image)\n"
+        "  restore-usb DEVICE [OPTION...]\n"
+        "                         erase the USB disk DEVICE, whatever it held (an image\n"
+        "                         written as it is too), and leave one partition with\n"
+        "                         --fs fat32|exfat|ntfs (fat32 if not given) and --label\n"
+        "                         LABEL; asks first unless --yes\n"
         "  copy-disc DEVICE OUTPUT\n"
         "                         read the disc in DEVICE into the image file OUTPUT\n"
         "                         DEVICE is a device node such as /dev/sr0: one that\n"

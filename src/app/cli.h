@@ -14,16 +14,16 @@ namespace Cli {
 struct Request
 {
     enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, Drives, BurnDisc, BurnUsb,
-                      CopyDisc, UsageError };
+                      RestoreUsb, CopyDisc, UsageError };
     Mode mode = Mode::Gui;
     QString directory; // Screenshots: where the PNG files go; Extract: the destination
     QString image;     // List, Extract
     QStringList entries; // Extract: paths inside the image, "/" separated; Create: local paths
     QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
-    QString device;    // BurnDisc, BurnUsb, CopyDisc: the drive's device node
+    QString device;    // BurnDisc, BurnUsb, RestoreUsb, CopyDisc: the drive's device node
     QString output;    // CopyDisc: the image to write
     // BurnUsb: the partition scheme, the file system, the volume label, and
-    // whether to erase the stick without asking
+    // whether to erase the stick without asking; RestoreUsb: the last three
     UsbPlan::Scheme scheme = UsbPlan::Scheme::Mbr;
     UsbPlan::FileSystem fileSystem = UsbPlan::FileSystem::Fat32;
     QString label;
@@ -49,6 +49,7 @@ int RunBootInfo(const Request& request);
 int RunDrives(const Request& request);
 int RunBurnDisc(const Request& request);
 int RunBurnUsb(const Request& request);
+int RunRestoreUsb(const Request& request);
 int RunCopyDisc(const Request& request);
 
 } // namespace Cli

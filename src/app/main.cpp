@@ -96,6 +96,10 @@ int main(int argc, char** argv)
         QCoreApplication application(argc, argv);
         return Cli::RunBurnUsb(request);
     }
+    case Cli::Request::Mode::RestoreUsb: {
+        QCoreApplication application(argc, argv);
+        return Cli::RunRestoreUsb(request);
+    }
     case Cli::Request::Mode::CopyDisc: {
         QCoreApplication application(argc, argv);
         return Cli::RunCopyDisc(request);

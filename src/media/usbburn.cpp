@@ -545,6 +545,17 @@ QString CUsbBurnJob::ImageSuccessText(qint64 bytes)
                .arg(bytes);
 }
 
+QString CUsbBurnJob::RestoredText(UsbPlan::FileSystem fs, const QString& label)
+{
+    const QString what =
+        label.isEmpty() ? QStringLiteral("one %1 partition").arg(UsbPlan::Name(fs))
+                        : QStringLiteral("one %1 partition named %2").arg(UsbPlan::Name(fs), label);
+    return QStringLiteral(
+               "The stick is an ordinary stick again: it holds %1 and nothing of what it held "
+               "before. The stick can be removed.")
+        .arg(what);
+}
+
 QStringList CUsbBurnJob::HelperCommand(const QStringList& arguments)
 {
     const QString helper = ToolLocator::Find(ToolLocator::Tool::UsbHelper);
@@ -661,6 +672,7 @@ void CUsbBurnJob::Burn()
         return;
     m_planned = false;
     m_running = true;
+    m_restoring = false;
     m_failure.clear();
     m_mountPoint.clear();
     if (m_decision.mode == UsbPlan::WriteMode::Image) {
@@ -673,6 +685,51 @@ void CUsbBurnJob::Burn()
               UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem,
                                         m_options.label),
               &CUsbBurnJob::StartBootCode);
+}
+
+void CUsbBurnJob::Restore(const QString& device, UsbPlan::FileSystem fs, const QString& label)
+{
+    if (m_running)
+        return;
+    m_planned = false;
+    m_restoring = true;
+    m_failure.clear();
+    m_mountPoint.clear();
+    m_options = Options();
+    m_options.device = device;
+    m_options.fileSystem = fs;
+    const UsbPlan::Label checked = UsbPlan::CheckLabel(fs, label);
+    m_options.label = checked.text;
+    QString refusal = checked.problem;
+    if (ToolLocator::Find(ToolLocator::Tool::UsbHelper).isEmpty())
+        refusal = QStringLiteral(
+            "Brenta's USB helper (brenta-usb-helper) is not installed. Please reinstall "
+            "Brenta.");
+    if (!refusal.isEmpty()) {
+        Q_EMIT finished(false, QStringLiteral("Nothing was written to the stick. ") + refusal);
+        return;
+    }
+    m_running = true;
+    // The helper's prepare wipes the disk's first 2 MiB and last MiB, where
+    // every table and file system signature an image leaves is found.
+    Q_EMIT phase(Phase::Formatting);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("formatting"),
+              UsbBurn::PrepareArguments(device, UsbPlan::Scheme::Mbr, fs, m_options.label),
+              &CUsbBurnJob::StartRestoreUnmount);
+}
+
+void CUsbBurnJob::StartRestoreUnmount()
+{
+    Q_EMIT phase(Phase::Finishing);
+    Q_EMIT progress(0, 0);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device},
+              &CUsbBurnJob::Restored);
+}
+
+void CUsbBurnJob::Restored()
+{
+    End(true, RestoredText(m_options.fileSystem, m_options.label));
 }
 
 void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, Next next, int input)
@@ -983,7 +1040,10 @@ void CUsbBurnJob::Succeeded()
 
 void CUsbBurnJob::Fail(const QString& stepAndReason)
 {
-    const QString message = QStringLiteral("The USB stick was not burned. The step that failed: ") + stepAndReason;
+    const QString message =
+        (m_restoring ? QStringLiteral("The USB stick was not restored. The step that failed: ")
+                     : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
+        stepAndReason;
     m_wimDir.reset();
     m_feeder.reset();
     if (!m_failure.isEmpty()) {

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QElapsedTimer>
+#include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -32,6 +34,43 @@ std::optional<int> ParseCopyProgress(const QString& line);
 // The extraction onto the stick: the whole image except the archive tool's
 // "[BOOT]" pseudo-folder and, where it is split instead, the installer image.
 QStringList CopyArguments(const QString& image, const QString& mountPoint, const QString& skipped);
+
+// One entry of the archive tool's technical listing ("l -slt"): its path,
+// whether it is a folder, its size, its Unix mode ("-rwxr-xr-x", empty where
+// the image keeps none) and, for a symbolic link, where it points.
+struct ImageEntry
+{
+    QString path;
+    bool folder = false;
+    qint64 size = 0;
+    QString mode;
+    QString link;
+    bool IsLink() const { return mode.startsWith(QLatin1Char('l')); }
+};
+
+// Collects the entries of a technical listing, line by line; the lines
+// before the entries (the image's own properties) are passed over.
+class TechnicalListing
+{
+public:
+    void Read(const QString& line);
+    const std::vector<ImageEntry>& Entries() const { return m_entries; }
+    // Some entry carries a Unix mode (Rock Ridge without Joliet): the archive
+    // tool would set it on every file it extracts, and make links.
+    bool HasUnixModes() const;
+
+private:
+    bool m_inEntries = false;
+    std::vector<ImageEntry> m_entries;
+};
+
+// The path inside the image that the symbolic link `link` ("docs/a.txt")
+// pointing to `target` ("../b.txt") leads to, following further links
+// (`links`: path → target) to a file or folder of `present`. Empty when it
+// leads out of the image, to an absolute path, to nothing, in a circle, or
+// to a folder that holds the link itself.
+QString ResolveLink(const QString& link, const QString& target, const QHash<QString, QString>& links,
+                    const QSet<QString>& present);
 
 // The split parts' name pattern and size: "install.swm", "install2.swm", ...
 // each at most 3,800 MiB, well below FAT's limit (or half of a smaller limit).
@@ -145,12 +184,19 @@ public:
     // "Burning Successfully..." followed by what was verified.
     static QString SuccessText(int files, qint64 bytes);
     static QString ImageSuccessText(qint64 bytes);
+    static QString RestoredText(UsbPlan::FileSystem fs, const QString& label);
 
     void Plan(const Options& options);
     // The decision Plan() came to; valid after planned(true).
     const UsbPlan::Decision& Decision() const { return m_decision; }
     // Writes the stick; only after planned(true).
     void Burn();
+    // Gives a stick back as an ordinary one: the helper wipes every old
+    // signature (an image's tables at the start and the end of the disk
+    // too), makes one MBR partition with `fs` and `label`, and the stick is
+    // left unmounted. finished() comes once; a label `fs` cannot hold ends
+    // the job before anything is written.
+    void Restore(const QString& device, UsbPlan::FileSystem fs, const QString& label);
     bool IsRunning() const { return m_running; }
 
     // The helper's command line, program first: the helper itself when Brenta
@@ -196,6 +242,8 @@ private:
     void VerifySplit();
     void StartUnmount();
     void Succeeded();
+    void StartRestoreUnmount();
+    void Restored();
     // Ends the burn with "The USB stick was not burned. The step that failed:
     // <step>: <reason>", after unmounting the stick where it is mounted.
     void Fail(const QString& stepAndReason);
@@ -210,6 +258,7 @@ private:
     UsbPlan::Decision m_decision;
     bool m_planned = false;
     bool m_running = false;
+    bool m_restoring = false; // Restore() rather than Burn()
 
     CRunCommandThread* m_runner = nullptr;
     UsbBurn::HelperReport m_report;
