@@ -4,9 +4,18 @@
 // the mount; a remount, sha256sum over every file on the stick and over the
 // image's files as 7-Zip reads them; umount.
 //
-// Usage (as root): bench_usb [FOLDER] [fat32|ntfs|exfat]
+//
+// With "image" instead of a file system: a disk image write of 1 GiB of
+// random bytes to a loop device, Brenta's whole burn (the write, hashing the
+// image as it streams, and the read-back through the helper) against dd with
+// direct I/O and a flush, then sha256sum of the image and of as many bytes of
+// the device. OpenSSL's timings for the same two hashes are printed beside,
+// since coreutils' sha256sum does not use the processor's SHA instructions.
+//
+// Usage (as root): bench_usb [FOLDER] [fat32|ntfs|exfat|image] [RUNS]
 // FOLDER holds the image and the loop device's backing file (default a
-// temporary folder). The helper is taken from beside this program.
+// temporary folder). The helper is taken from beside this program. Each run
+// starts with the page cache dropped.
 #include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
@@ -79,6 +88,31 @@ QString makeImage(const QString& folder)
     return image;
 }
 
+// 1 GiB of random bytes, as an image without files would be written.
+QString makeRandomImage(const QString& folder)
+{
+    const QString image = folder + QStringLiteral("/bench-random.img");
+    if (QFileInfo(image).size() == (1LL << 30))
+        return image;
+    QFile file(image);
+    file.open(QIODevice::WriteOnly);
+    QRandomGenerator random(2026);
+    QByteArray block(1 << 20, '\0');
+    for (int i = 0; i < 1024; ++i) {
+        random.fillRange(reinterpret_cast<quint32*>(block.data()), block.size() / 4);
+        file.write(block);
+    }
+    return image;
+}
+
+void dropCaches()
+{
+    ::sync();
+    QFile drop(QStringLiteral("/proc/sys/vm/drop_caches"));
+    if (drop.open(QIODevice::WriteOnly))
+        drop.write("3\n");
+}
+
 QString attach(const QString& backing)
 {
     QFile file(backing);
@@ -114,6 +148,7 @@ Steps burnWithBrenta(const QString& image, const QString& loop, UsbPlan::FileSys
         case CUsbBurnJob::Phase::BootCode:
             current = QStringLiteral("2 boot code");
             break;
+        case CUsbBurnJob::Phase::Writing:
         case CUsbBurnJob::Phase::Copying:
         case CUsbBurnJob::Phase::Splitting:
             current = QStringLiteral("3 contents");
@@ -147,6 +182,86 @@ Steps burnWithBrenta(const QString& image, const QString& loop, UsbPlan::FileSys
     if (!finished.first().at(0).toBool())
         std::fprintf(stderr, "burn failed: %s\n", qPrintable(finished.first().at(1).toString()));
     return steps;
+}
+
+Steps imageWithBrenta(const QString& image, const QString& loop)
+{
+    Steps steps;
+    CUsbBurnJob job;
+    QElapsedTimer timer;
+    QString current;
+    const auto close = [&] {
+        if (!current.isEmpty())
+            steps[current] += seconds(timer);
+        timer.restart();
+    };
+    QObject::connect(&job, &CUsbBurnJob::phase, [&](CUsbBurnJob::Phase phase) {
+        close();
+        current = phase == CUsbBurnJob::Phase::Checking  ? QStringLiteral("0 check")
+                  : phase == CUsbBurnJob::Phase::Writing ? QStringLiteral("1 write")
+                                                         : QStringLiteral("2 verify");
+    });
+    QSignalSpy planned(&job, &CUsbBurnJob::planned);
+    QSignalSpy finished(&job, &CUsbBurnJob::finished);
+    CUsbBurnJob::Options options;
+    options.image = image;
+    options.device = loop;
+    options.autoMode = false;
+    options.mode = UsbPlan::WriteMode::Image;
+    dropCaches();
+    timer.start();
+    job.Plan(options);
+    planned.wait(600000);
+    if (!planned.first().at(0).toBool()) {
+        std::fprintf(stderr, "refused: %s\n", qPrintable(planned.first().at(1).toString()));
+        return steps;
+    }
+    job.Burn();
+    finished.wait(3600000);
+    close();
+    if (!finished.first().at(0).toBool())
+        std::fprintf(stderr, "burn failed: %s\n", qPrintable(finished.first().at(1).toString()));
+    return steps;
+}
+
+// dd, then the two hashes one after the other, as typed at a prompt; the
+// hashes must agree. `openssl` gets OpenSSL's time for the same hashes.
+Steps imageByHand(const QString& image, const QString& loop, double& openssl)
+{
+    Steps steps;
+    const qint64 size = QFileInfo(image).size();
+    dropCaches();
+    QElapsedTimer timer;
+    timer.start();
+    shell(QStringLiteral("dd if='%1' of='%2' bs=4M oflag=direct conv=fsync status=none")
+              .arg(image, loop));
+    steps[QStringLiteral("1 write")] = seconds(timer);
+    timer.restart();
+    const QString sums = shell(
+        QStringLiteral("sha256sum < '%1'; head -c %3 '%2' | sha256sum").arg(image, loop).arg(size));
+    steps[QStringLiteral("2 verify")] = seconds(timer);
+    const QStringList lines = sums.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    if (lines.size() != 2 || lines.at(0) != lines.at(1))
+        std::fprintf(stderr, "the device does not hold the image:\n%s", qPrintable(sums));
+    // The same hashes over the same cached bytes.
+    timer.restart();
+    shell(QStringLiteral("openssl dgst -sha256 '%1' >/dev/null; head -c %3 '%2' | openssl dgst "
+                         "-sha256 >/dev/null")
+              .arg(image, loop)
+              .arg(size));
+    openssl = seconds(timer);
+    return steps;
+}
+
+void printSteps(const Steps& brenta, const Steps& hand)
+{
+    std::printf("%-12s %9s %9s\n", "step", "Brenta", "by hand");
+    QStringList names = brenta.keys() + hand.keys();
+    names.removeDuplicates();
+    names.sort();
+    for (const QString& name : names)
+        std::printf("%-12s %8.2fs %8.2fs\n", qPrintable(name.mid(2)), brenta.value(name),
+                    hand.value(name));
 }
 
 Steps burnByHand(const QString& image, const QString& loop, const QString& fs, const QString& work)
@@ -214,8 +329,10 @@ int main(int argc, char** argv)
     QTemporaryDir temporary;
     const QString folder = argc > 1 ? QString::fromLocal8Bit(argv[1]) : temporary.path();
     const QString fsName = argc > 2 ? QString::fromLocal8Bit(argv[2]) : QStringLiteral("fat32");
+    const bool imageMode = fsName == QLatin1String("image");
+    const int runs = argc > 3 ? qMax(1, QString::fromLocal8Bit(argv[3]).toInt()) : 1;
     const std::optional<UsbPlan::FileSystem> fs = UsbPlan::FileSystemFromName(fsName);
-    if (!fs) {
+    if (!fs && !imageMode) {
         std::fprintf(stderr, "unknown file system %s\n", qPrintable(fsName));
         return 2;
     }
@@ -227,25 +344,32 @@ int main(int argc, char** argv)
                 tools + QStringLiteral("/usbhelper/brenta-usb-helper"));
     qputenv("BRENTA_TOOLS_DIR", tools.toUtf8());
 
-    const QString image = makeImage(folder);
+    const QString image = imageMode ? makeRandomImage(folder) : makeImage(folder);
     std::printf("image %s: %.2f GiB\n", qPrintable(image), double(QFileInfo(image).size()) / (1 << 30));
     const QString backing = folder + QStringLiteral("/bench-stick.img");
 
-    const QString loop = attach(backing);
-    const Steps brenta = burnWithBrenta(image, loop, *fs);
-    shell(QStringLiteral("losetup -d '%1'").arg(loop));
-    const QString loop2 = attach(backing);
-    const Steps hand = burnByHand(image, loop2, fsName.toLower(), folder);
-    shell(QStringLiteral("losetup -d '%1'").arg(loop2));
-    QFile::remove(backing);
+    for (int run = 1; run <= runs; ++run) {
+        const QString loop = attach(backing);
+        const Steps brenta =
+            imageMode ? imageWithBrenta(image, loop) : burnWithBrenta(image, loop, *fs);
+        shell(QStringLiteral("losetup -d '%1'").arg(loop));
+        const QString loop2 = attach(backing);
+        double openssl = 0;
+        const Steps hand = imageMode ? imageByHand(image, loop2, openssl)
+                                     : burnByHand(image, loop2, fsName.toLower(), folder);
+        shell(QStringLiteral("losetup -d '%1'").arg(loop2));
+        QFile::remove(backing);
 
-    std::printf("%-12s %9s %9s\n", "step", "Brenta", "by hand");
-    QStringList names = brenta.keys() + hand.keys();
-    names.removeDuplicates();
-    names.sort();
-    for (const QString& name : names)
-        std::printf("%-12s %8.2fs %8.2fs\n", qPrintable(name.mid(2)), brenta.value(name), hand.value(name));
-    std::printf("%-12s %8.2fs %8.2fs   ratio %.2f\n", "total", total(brenta), total(hand),
-                total(brenta) / total(hand));
+        std::printf("run %d of %d\n", run, runs);
+        printSteps(brenta, hand);
+        std::printf("%-12s %8.2fs %8.2fs   ratio %.2f\n", "total", total(brenta), total(hand),
+                    total(brenta) / total(hand));
+        if (imageMode)
+            std::printf("the two hashes with openssl dgst instead: %.2fs, by hand in all %.2fs, "
+                        "ratio %.2f\n",
+                        openssl, hand.value(QStringLiteral("1 write")) + openssl,
+                        total(brenta) / (hand.value(QStringLiteral("1 write")) + openssl));
+        std::fflush(stdout);
+    }
     return 0;
 }
