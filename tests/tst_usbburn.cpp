@@ -240,6 +240,36 @@ private Q_SLOTS:
         }
     }
 
+    // Where a symbolic link of the image leads, as the copy onto a stick
+    // without links follows it.
+    void resolveLink_data()
+    {
+        QTest::addColumn<QString>("link");
+        QTest::addColumn<QString>("target");
+        QTest::addColumn<QString>("resolved"); // empty: not in the image
+
+        QTest::newRow("same folder") << "docs/latest.txt" << "readme.txt" << "docs/readme.txt";
+        QTest::newRow("up and down") << "docs/data" << "../data/./" << "data";
+        QTest::newRow("through another link") << "top.txt" << "docs/latest.txt" << "docs/readme.txt";
+        QTest::newRow("out of the image") << "docs/up" << "../../etc/passwd" << "";
+        QTest::newRow("absolute") << "docs/hostname" << "/etc/hostname" << "";
+        QTest::newRow("nothing there") << "docs/gone" << "missing.txt" << "";
+        QTest::newRow("circle") << "loop/a" << "b" << "";
+        QTest::newRow("folder holding the link") << "docs/self" << "." << "";
+        QTest::newRow("the image's root") << "docs/root" << ".." << "";
+    }
+
+    void resolveLink()
+    {
+        QFETCH(QString, link);
+        QFETCH(QString, target);
+        QFETCH(QString, resolved);
+
+        const QHash<QString, QString> links{{"docs/latest.txt", "readme.txt"}, {"loop/a", "b"}, {"loop/b", "a"}};
+        const QSet<QString> present{"docs", "docs/readme.txt", "data", "data/blocks.bin", "loop"};
+        QCOMPARE(UsbBurn::ResolveLink(link, target, links, present), resolved);
+    }
+
     void planRefusals_data()
     {
         QTest::addColumn<QString>("imageName");
@@ -592,6 +622,9 @@ private Q_SLOTS:
         QTest::newRow("isohybrid") << "isolinux" << false;
         QTest::newRow("grub-mkrescue") << "grub" << false;
         QTest::newRow("isohybrid, files mode chosen") << "isolinux" << true;
+        // Rock Ridge's permissions and links, which FAT cannot hold (this
+        // system's FAT driver is a FUSE one).
+        QTest::newRow("rock ridge only, files mode chosen") << "isolinux-rr" << true;
     }
 
     void realStickImageMode()
@@ -605,9 +638,10 @@ private Q_SLOTS:
         const QString folder = m_dir.filePath("shape-" + shape);
         QDir().mkpath(folder);
         QString built = QDir(folder).entryList({"*.iso"}).value(0);
-        built = !built.isEmpty()  ? folder + "/" + built
-                : shape == "grub" ? HybridImage::GrubRescue(folder, &error)
-                                  : HybridImage::Isolinux(folder, &error);
+        built = !built.isEmpty()         ? folder + "/" + built
+                : shape == "grub"        ? HybridImage::GrubRescue(folder, &error)
+                : shape == "isolinux-rr" ? HybridImage::Isolinux(folder, &error, /*joliet=*/false)
+                                         : HybridImage::Isolinux(folder, &error);
         QVERIFY2(!built.isEmpty(), qPrintable(error));
         QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
         QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
@@ -637,6 +671,15 @@ private Q_SLOTS:
             QStringList expected = ListedImage(built, line);
             expected.removeIf([](const QString& l) { return l.startsWith("[BOOT]"); });
             QStringList onStick = ListedImage(loop + "p1", line);
+            if (shape == "isolinux-rr") {
+                // Links to a file and a folder of the image are copies of
+                // them; the one to /etc/hostname is left out.
+                QVERIFY2(outcome.message.contains("2 symbolic links") && outcome.message.contains("1 symbolic links could not be kept"),
+                         qPrintable(outcome.message));
+                QVERIFY(expected.removeOne("docs\\hostname 0") && expected.removeOne("docs\\latest.txt 0")
+                        && expected.removeOne("docs\\data 0"));
+                expected << "docs\\latest.txt 18" << "docs\\data " << "docs\\data\\blocks.bin 300000";
+            }
             onStick.sort(Qt::CaseInsensitive);
             expected.sort(Qt::CaseInsensitive);
             QCOMPARE(onStick, expected);

@@ -1,10 +1,12 @@
 #include "media/usbburn.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QIODevice>
 #include <QProcess>
+#include <QScopeGuard>
 #include <QStandardPaths>
 #include <QStorageInfo>
 #include <QThread>
@@ -30,9 +32,12 @@
 #include "tools/toollocator.h"
 
 namespace UsbBurn {
+
+constexpr qint64 kCopyChunk = 1 << 20;
+
 namespace {
 
-constexpr qint64 kChunk = 1 << 20;
+constexpr qint64 kChunk = kCopyChunk;
 
 // SHA-256 through libcrypto, which uses the processor's SHA instructions
 // where there are any: several times faster than a portable implementation,
@@ -285,6 +290,75 @@ QStringList CopyArguments(const QString& image, const QString& mountPoint, const
     return arguments << QStringLiteral("--") << QFileInfo(image).absoluteFilePath();
 }
 
+void TechnicalListing::Read(const QString& text)
+{
+    QString line = text;
+    while (line.endsWith(QLatin1Char('\n')) || line.endsWith(QLatin1Char('\r')))
+        line.chop(1);
+    if (!m_inEntries) {
+        m_inEntries = line.startsWith(QLatin1String("----------"));
+        return;
+    }
+    // "Key = value"; an empty value may come without the trailing space.
+    QString key = line;
+    QString value;
+    const int equals = line.indexOf(QLatin1String(" = "));
+    if (equals > 0) {
+        key = line.left(equals);
+        value = line.mid(equals + 3);
+    } else if (line.endsWith(QLatin1String(" ="))) {
+        key = line.chopped(2);
+    }
+    if (key == QLatin1String("Path")) {
+        m_entries.push_back(ImageEntry{value, false, 0, QString(), QString()});
+        return;
+    }
+    if (m_entries.empty())
+        return;
+    ImageEntry& entry = m_entries.back();
+    if (key == QLatin1String("Folder"))
+        entry.folder = value == QLatin1String("+");
+    else if (key == QLatin1String("Size"))
+        entry.size = value.toLongLong();
+    else if (key == QLatin1String("Mode"))
+        entry.mode = value.trimmed();
+    else if (key == QLatin1String("Symbolic Link"))
+        entry.link = value;
+}
+
+bool TechnicalListing::HasUnixModes() const
+{
+    return std::any_of(m_entries.begin(), m_entries.end(),
+                       [](const ImageEntry& entry) { return !entry.mode.isEmpty(); });
+}
+
+QString ResolveLink(const QString& link, const QString& target, const QHash<QString, QString>& links,
+                    const QSet<QString>& present)
+{
+    QString from = link;
+    QString to = target;
+    // Enough for any sensible chain; a circle ends here too.
+    for (int hop = 0; hop < 16; ++hop) {
+        if (to.isEmpty() || to.startsWith(QLatin1Char('/')))
+            return QString();
+        const QString folder = QFileInfo(from).path();
+        const QString joined =
+            QDir::cleanPath(folder == QLatin1String(".") ? to : folder + QLatin1Char('/') + to);
+        if (joined == QLatin1String(".") || joined == QLatin1String("..") || joined.startsWith(QLatin1String("../")))
+            return QString();
+        const auto next = links.constFind(joined);
+        if (next != links.constEnd()) {
+            from = joined;
+            to = next.value();
+            continue;
+        }
+        if (!present.contains(joined) || link.startsWith(joined + QLatin1Char('/')))
+            return QString();
+        return joined;
+    }
+    return QString();
+}
+
 QStringList SplitArguments(const QString& wim, const QString& firstPart, qint64 fatFileLimit)
 {
     const qint64 partMiB = std::clamp<qint64>(fatFileLimit / 2 / (1 << 20), 1, 3800);
@@ -482,6 +556,182 @@ private:
     const std::vector<Listing::FileSpan>& m_files;
     QString m_root;
     QStringList m_skipped;
+    std::atomic<bool>& m_stop;
+};
+
+// Copies `size` bytes of `stream` into `out`; says what went wrong, or nothing.
+QString copyBytes(QIODevice& stream, qint64 size, QFile& out, QByteArray& buffer,
+                  const std::function<void(qint64)>& written, const std::atomic<bool>& stop)
+{
+    while (size > 0) {
+        if (stop.load())
+            return QStringLiteral("stopped");
+        if (stream.bytesAvailable() <= 0 && !stream.waitForReadyRead(-1) && stream.bytesAvailable() <= 0)
+            return QStringLiteral("the image ended before %1 was read").arg(out.fileName());
+        const qint64 got = stream.read(buffer.data(), qMin<qint64>(size, buffer.size()));
+        if (got < 0)
+            return QStringLiteral("the image could not be read");
+        if (got > 0 && out.write(buffer.constData(), got) != got)
+            return QStringLiteral("%1 could not be written: %2").arg(out.fileName(), out.errorString());
+        size -= got;
+        written(got);
+    }
+    return QString();
+}
+
+// A file of the stick copied to another place on it, without permissions.
+QString copyOnStick(const QString& from, const QString& to, const std::atomic<bool>& stop)
+{
+    QFile in(from);
+    QFile out(to);
+    QDir().mkpath(QFileInfo(to).path());
+    if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly))
+        return QStringLiteral("%1 could not be copied to %2").arg(from, to);
+    QByteArray buffer(UsbBurn::kCopyChunk, Qt::Uninitialized);
+    const QString failure = copyBytes(in, in.size(), out, buffer, [](qint64) {}, stop);
+    out.close();
+    if (failure.isEmpty() && out.error() != QFileDevice::NoError)
+        return QStringLiteral("%1 could not be written: %2").arg(to, out.errorString());
+    return failure;
+}
+
+// Writes the image's files onto the stick from the archive tool's "x -so"
+// stream, on a thread of its own. Only names and contents are written: the
+// stick's file system need not hold Unix permissions, and a symbolic link
+// becomes a copy of what it leads to in the image.
+class CopyThread final : public QThread
+{
+public:
+    CopyThread(QString image, std::vector<UsbBurn::ImageEntry> entries, QString root, QString skipped,
+               std::atomic<bool>& stop)
+        : m_image(std::move(image)), m_entries(std::move(entries)), m_root(std::move(root)),
+          m_skipped(std::move(skipped)), m_stop(stop)
+    {
+    }
+
+    std::function<void(qint64 done, qint64 total)> onProgress;
+    QString failure;
+    QStringList linkCopies;
+    int linksLost = 0;
+
+protected:
+    void run() override
+    {
+        qint64 total = 0;
+        for (const UsbBurn::ImageEntry& entry : m_entries) {
+            const QString path = QDir::cleanPath(entry.path);
+            if (path.isEmpty() || path.startsWith(QLatin1Char('/')) || path == QLatin1String("..")
+                || path.startsWith(QLatin1String("../"))) {
+                failure = QStringLiteral("the image names %1, which is outside of it.").arg(entry.path);
+                return;
+            }
+            if (!Skipped(entry.path) && !entry.folder && !entry.IsLink())
+                total += entry.size;
+        }
+        CProcess tool;
+        tool.setProcessChannelMode(QProcess::SeparateChannels);
+        QStringList arguments{QStringLiteral("x"), QStringLiteral("-so"), QStringLiteral("-x![BOOT]")};
+        if (!m_skipped.isEmpty())
+            arguments << QStringLiteral("-x!") + m_skipped;
+        tool.start(ToolLocator::Find(ToolLocator::Tool::Archive), arguments << QStringLiteral("--") << m_image);
+        if (!tool.waitForStarted(-1)) {
+            failure = QStringLiteral("%1 could not be started.").arg(archiveName());
+            return;
+        }
+        tool.setReadChannel(QProcess::StandardOutput);
+        const auto end = qScopeGuard([&] {
+            if (tool.state() != QProcess::NotRunning) {
+                tool.kill();
+                tool.waitForFinished(-1);
+            }
+        });
+        QByteArray buffer(UsbBurn::kCopyChunk, Qt::Uninitialized);
+        qint64 done = 0;
+        const auto written = [&](qint64 bytes) {
+            done += bytes;
+            if (onProgress)
+                onProgress(done, total);
+        };
+        QHash<QString, QString> links;
+        QSet<QString> present;
+        for (const UsbBurn::ImageEntry& entry : m_entries) {
+            if (Skipped(entry.path))
+                continue;
+            const QString target = m_root + QLatin1Char('/') + entry.path;
+            if (entry.IsLink()) {
+                links.insert(entry.path, entry.link);
+                continue;
+            }
+            present.insert(entry.path);
+            if (entry.folder) {
+                if (!QDir().mkpath(target)) {
+                    failure = QStringLiteral("the folder %1 could not be made.").arg(target);
+                    return;
+                }
+                continue;
+            }
+            QDir().mkpath(QFileInfo(target).path());
+            QFile out(target);
+            if (!out.open(QIODevice::WriteOnly)) {
+                failure = QStringLiteral("%1 could not be written: %2").arg(target, out.errorString());
+                return;
+            }
+            failure = copyBytes(tool, entry.size, out, buffer, written, m_stop);
+            out.close();
+            if (failure.isEmpty() && out.error() != QFileDevice::NoError)
+                failure = QStringLiteral("%1 could not be written: %2").arg(target, out.errorString());
+            if (!failure.isEmpty())
+                return;
+        }
+        tool.closeReadChannel(QProcess::StandardOutput);
+        tool.waitForFinished(-1);
+        if (tool.exitStatus() != QProcess::NormalExit || tool.exitCode() != 0) {
+            failure = QStringLiteral("%1 failed reading the image (exit status %2).")
+                          .arg(archiveName())
+                          .arg(tool.exitCode());
+            return;
+        }
+        for (auto link = links.constBegin(); link != links.constEnd() && failure.isEmpty(); ++link)
+            CopyLink(link.key(), UsbBurn::ResolveLink(link.key(), link.value(), links, present));
+    }
+
+private:
+    bool Skipped(const QString& path) const
+    {
+        return path == QLatin1String("[BOOT]") || path.startsWith(QLatin1String("[BOOT]/"))
+               || (!m_skipped.isEmpty() && path == m_skipped);
+    }
+
+    void CopyLink(const QString& link, const QString& target)
+    {
+        if (target.isEmpty()) {
+            ++linksLost;
+            return;
+        }
+        const QString from = m_root + QLatin1Char('/') + target;
+        const QString to = m_root + QLatin1Char('/') + link;
+        if (!QFileInfo(from).isDir()) {
+            failure = copyOnStick(from, to, m_stop);
+            linkCopies << link;
+            return;
+        }
+        QDir().mkpath(to);
+        QDirIterator it(from, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        while (it.hasNext() && failure.isEmpty()) {
+            const QString path = it.next();
+            const QString copy = to + QLatin1Char('/') + QDir(from).relativeFilePath(path);
+            if (it.fileInfo().isDir())
+                QDir().mkpath(copy);
+            else
+                failure = copyOnStick(path, copy, m_stop);
+        }
+        linkCopies << link;
+    }
+
+    QString m_image;
+    std::vector<UsbBurn::ImageEntry> m_entries;
+    QString m_root;
+    QString m_skipped;
     std::atomic<bool>& m_stop;
 };
 
@@ -914,9 +1164,64 @@ void CUsbBurnJob::StartBootCode()
 void CUsbBurnJob::StartCopy()
 {
     Q_EMIT phase(Phase::Copying);
+    Q_EMIT progress(0, 0);
+    m_linkCopies.clear();
+    m_linksLost = 0;
+    m_entries = std::make_unique<UsbBurn::TechnicalListing>();
+    StartRunner(
+        ToolLocator::Find(ToolLocator::Tool::Archive),
+        {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("--"), m_options.image},
+        [this](const QString& line) { m_entries->Read(line); },
+        [this] {
+            const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
+            const QString failure = m_runner->FailureText(archiveName());
+            m_runner->deleteLater();
+            m_runner = nullptr;
+            if (!ok)
+                Fail(QStringLiteral("copying the files: ") + failure);
+            else if (m_entries->HasUnixModes())
+                StartStreamCopy();
+            else
+                StartToolCopy();
+        });
+}
+
+void CUsbBurnJob::StartToolCopy()
+{
     Q_EMIT progress(0, 100);
     RunTool(QStringLiteral("copying the files"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
             UsbBurn::CopyArguments(m_options.image, m_mountPoint, SplitWim()), &CUsbBurnJob::StartSplit);
+}
+
+void CUsbBurnJob::StartStreamCopy()
+{
+    // The archive tool would set every file's Unix permissions from the
+    // image's Rock Ridge records and make its symbolic links, which FAT and
+    // the FUSE drivers cannot hold; Brenta writes names and contents only.
+    Q_EMIT progress(0, 100);
+    m_stopVerify = false;
+    auto* thread = new CopyThread(m_options.image, m_entries->Entries(), m_mountPoint, SplitWim(), m_stopVerify);
+    thread->onProgress = [this, last = -1](qint64 done, qint64 total) mutable {
+        const int value = total > 0 ? int(done * 100 / total) : 100;
+        if (value == last)
+            return;
+        last = value;
+        QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
+    };
+    connect(thread, &QThread::finished, this, [this, thread] {
+        const QString failure = thread->failure;
+        m_linkCopies = thread->linkCopies;
+        m_linksLost = thread->linksLost;
+        m_verifier = nullptr;
+        thread->deleteLater();
+        if (!failure.isEmpty()) {
+            Fail(QStringLiteral("copying the files: ") + failure);
+            return;
+        }
+        StartSplit();
+    });
+    m_verifier = thread;
+    thread->start();
 }
 
 void CUsbBurnJob::StartSplit()
@@ -973,9 +1278,17 @@ void CUsbBurnJob::StartVerify()
     for (const Listing::FileSpan& file : m_files)
         total += file.size;
     const QString wim = SplitWim();
+    // A symbolic link is a file of no bytes in the listing; on the stick it is
+    // a copy of its target or nothing.
+    QStringList skipped = wim.isEmpty() ? QStringList() : QStringList(wim);
+    if (m_entries != nullptr) {
+        for (const UsbBurn::ImageEntry& entry : m_entries->Entries()) {
+            if (entry.IsLink())
+                skipped << entry.path;
+        }
+    }
     m_stopVerify = false;
-    auto* thread = new VerifyThread(m_options.image, m_files, m_mountPoint,
-                                    wim.isEmpty() ? QStringList() : QStringList(wim), m_stopVerify);
+    auto* thread = new VerifyThread(m_options.image, m_files, m_mountPoint, skipped, m_stopVerify);
     thread->onProgress = [this, total, last = -1](qint64 read) mutable {
         const int value = total > 0 ? int(read * 100 / total) : 100;
         if (value == last)
@@ -1035,7 +1348,16 @@ void CUsbBurnJob::Succeeded()
         return;
     }
     m_mountPoint.clear();
-    End(true, SuccessText(m_verified.files, m_verified.bytes));
+    QString text = SuccessText(m_verified.files, m_verified.bytes);
+    if (!m_linkCopies.isEmpty())
+        text += QStringLiteral("\n\n%1 symbolic links, which the stick's file system cannot hold, are copies of "
+                               "their targets.")
+                    .arg(m_linkCopies.size());
+    if (m_linksLost > 0)
+        text += QStringLiteral("\n\n%1 symbolic links could not be kept: they lead out of the image or to "
+                               "nothing in it.")
+                    .arg(m_linksLost);
+    End(true, text);
 }
 
 void CUsbBurnJob::Fail(const QString& stepAndReason)

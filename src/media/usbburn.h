@@ -235,6 +235,11 @@ private:
     void Transferred(qint64 done);
     void StartBootCode();
     void StartCopy();
+    // Files mode: the archive tool extracts onto the stick, or, for an image
+    // with Unix modes and links the stick's file system cannot hold, Brenta
+    // writes the files from the tool's stream itself.
+    void StartToolCopy();
+    void StartStreamCopy();
     void StartSplit();
     void SplitExtracted();
     void StartRemount();
@@ -265,6 +270,9 @@ private:
     QThread* m_verifier = nullptr;
     std::atomic<bool> m_stopVerify{false};
     UsbBurn::VerifyResult m_verified;
+    std::unique_ptr<UsbBurn::TechnicalListing> m_entries;
+    QStringList m_linkCopies; // links written as copies of their targets
+    int m_linksLost = 0;      // links whose targets are not in the image
     std::unique_ptr<ScratchFolder> m_wimDir;
     std::unique_ptr<UsbBurn::ImageFeeder> m_feeder;
     qint64 m_imageSize = 0;

@@ -83,6 +83,9 @@ inline bool copyFile(const QString& from, const QString& to, QString* error)
 // (isohdpfx.bin), isolinux as the El Torito BIOS image, and a FAT image
 // holding EFI/BOOT/BOOTX64.EFI as the El Torito EFI image, also given a GPT
 // partition (-isohybrid-gpt-basdat). Rock Ridge always, Joliet when asked.
+// Without Joliet, as such images come, it also holds symbolic links: to a
+// file and a folder of the image (docs/latest.txt, docs/data) and to a path
+// outside it (docs/hostname).
 inline QString Isolinux(const QString& dir, QString* error, bool joliet = true)
 {
     const QString name = joliet ? QStringLiteral("isolinux") : QStringLiteral("isolinux-rr");
@@ -91,6 +94,12 @@ inline QString Isolinux(const QString& dir, QString* error, bool joliet = true)
     files.insert("isolinux/isolinux.cfg", "SERIAL 0 115200\nSAY " + kIsolinuxMarker + "\nPROMPT 1\n");
     if (!IsoFixture::WriteTree(tree, files)) {
         *error = QStringLiteral("cannot write %1").arg(tree);
+        return QString();
+    }
+    if (!joliet
+        && (!QFile::link("readme.txt", tree + "/docs/latest.txt") || !QFile::link("../data", tree + "/docs/data")
+            || !QFile::link("/etc/hostname", tree + "/docs/hostname"))) {
+        *error = QStringLiteral("cannot make the symbolic links in %1").arg(tree);
         return QString();
     }
     if (!detail::copyFile("/usr/lib/ISOLINUX/isolinux.bin", tree + "/isolinux/isolinux.bin", error)
