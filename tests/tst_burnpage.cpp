@@ -10,6 +10,7 @@
 
 #include "app/mainwindow.h"
 #include "app/util.h"
+#include "common/hybridimage.h"
 #include "common/isofixture.h"
 #include "common/modal.h"
 #include "common/standins.h"
@@ -106,6 +107,8 @@ private Q_SLOTS:
     void usbWarningDeclined();
     void burnsTheStick_data();
     void burnsTheStick();
+    void usbMode_data();
+    void usbMode();
 
 private:
     void Open(QWidget* mainWindow = nullptr)
@@ -136,6 +139,7 @@ private:
     QString m_stick;
     QString m_installer; // /bootmgr and an EFI loader: no warnings, boot code under MBR
     QString m_files;     // files only: a warning under MBR
+    QString m_hybrid;    // isolinux's isohybrid image, built on first use
     QString m_log;
     QList<OpticalDrive> m_optical;
     QList<RemovableDrive> m_removable;
@@ -192,7 +196,6 @@ void TestBurnPage::cleanup()
     qunsetenv("BRENTA_STANDIN_MOUNT");
 }
 
-// The background carries the labels: a widget off its place names nothing.
 // Upper case, at most 11 characters, and typing inside the label must not
 // throw the cursor to its end.
 void TestBurnPage::volumeLabel()
@@ -347,27 +350,46 @@ void TestBurnPage::usbChecks_data()
     QTest::addColumn<qint64>("spare"); // the stick's size less the image's; 0: a small image
     QTest::addColumn<QStringList>("said");
     QTest::addColumn<bool>("checking");
-    QTest::newRow("erasing declined") << false << qint64(0) << QStringList{kFormatUsb} << false;
+    QTest::addColumn<bool>("table"); // a partition table: the image goes as it is
+    QTest::newRow("erasing declined")
+        << false << qint64(0) << QStringList{kFormatUsb} << false << false;
     QTest::newRow("a byte short of the spare room")
         << true << UsbPlan::kSpareBytes - 1 << QStringList{kFormatUsb, ":/nwu/insufficient_space"}
-        << false;
+        << false << false;
     QTest::newRow("just the spare room")
-        << true << UsbPlan::kSpareBytes << QStringList{kFormatUsb} << true;
+        << true << UsbPlan::kSpareBytes << QStringList{kFormatUsb} << true << false;
+    QTest::newRow("disk image, no spare room needed")
+        << true << qint64(1) << QStringList{kFormatUsb} << true << true;
+    QTest::newRow("disk image a byte larger than the stick")
+        << true << qint64(-1) << QStringList{kFormatUsb, ":/nwu/insufficient_space"} << false
+        << true;
 }
 
 // Before anything runs the user must agree to erasing the stick, and the stick
-// must hold the image with 50 MB to spare.
+// must hold the image, with 50 MB to spare for copied files.
 void TestBurnPage::usbChecks()
 {
     QFETCH(bool, erase);
     QFETCH(qint64, spare);
     QFETCH(QStringList, said);
     QFETCH(bool, checking);
+    QFETCH(bool, table);
     QString image = m_image;
-    if (spare > 0) {
+    if (spare != 0) {
         // A sparse image as large as the stick allows, give or take a byte.
         image = IsoFixture::SparseFile(m_dir.filePath("large.iso"), 0);
         QVERIFY(QFile::resize(image, Util::DiskTotalSize(m_stick) - spare));
+    }
+    if (table) {
+        // One MBR entry over the image, as isohybrid writes it.
+        QFile file(image);
+        QByteArray mbr(512, 0);
+        mbr[446] = char(0x80);
+        mbr[450] = char(0x17);
+        qToLittleEndian(quint32(file.size() / 512), mbr.data() + 458);
+        mbr[510] = char(0x55);
+        mbr[511] = char(0xAA);
+        QVERIFY(file.open(QIODevice::ReadWrite) && file.write(mbr) == 512);
     }
     OpenOnStick(image);
     DialogAnswerer answers([erase](const QString& said) { return said == kFormatUsb && erase; });
@@ -458,6 +480,68 @@ void TestBurnPage::burnsTheStick()
         QVERIFY2(full.contains("100%"), qPrintable(full.join(", ")));
         QCOMPARE(QFileInfo(mount + "/sources/boot.wim").size(), 300 * 1024);
     }
+}
+
+void TestBurnPage::usbMode_data()
+{
+    QTest::addColumn<bool>("hybrid");
+    QTest::addColumn<QString>("shown");  // the mode the page picks
+    QTest::addColumn<int>("key");        // pressed on the mode list; 0: none
+    QTest::addColumn<QString>("helper"); // the helper's first command
+    QTest::newRow("isohybrid image as shown") << true << "Disk image" << 0 << "write";
+    QTest::newRow("isohybrid image, files chosen")
+        << true << "Disk image" << int(Qt::Key_Down) << "prepare";
+    // The burn alone would copy this image's files: the user's choice must reach it.
+    QTest::newRow("plain image, disk image chosen")
+        << false << "Files" << int(Qt::Key_Up) << "write";
+}
+
+// The page shows the mode the image goes in, only the options that mode uses,
+// and the burn writes the stick the way the page shows when it starts.
+void TestBurnPage::usbMode()
+{
+    QFETCH(bool, hybrid);
+    QFETCH(QString, shown);
+    QFETCH(int, key);
+    QFETCH(QString, helper);
+    if (hybrid && m_hybrid.isEmpty()) {
+        QString error;
+        m_hybrid = HybridImage::Isolinux(m_dir.filePath("hybrid"), &error);
+        QVERIFY2(!m_hybrid.isEmpty(), qPrintable(error));
+    }
+    const QString image = hybrid ? m_hybrid : m_files;
+    const QString mount = m_dir.filePath(QString("mount-%1").arg(QTest::currentDataTag()));
+    qputenv("BRENTA_STANDIN_MOUNT", mount.toUtf8());
+    m_removable = {{m_stick, "ACME Stick", qint64(16'000'000'000)}};
+    Open();
+    click(Child("rusb"));
+    QSignalSpy shownSpy(m_page.get(), &CBurnDialog::modeShown);
+    Child<QLineEdit>("isofile")->setText(image);
+    QVERIFY(shownSpy.count() == 1 || shownSpy.wait(20000));
+    QVERIFY(!Child<QLabel>("modereason")->text().isEmpty());
+    auto* modes = Child<QComboBox>("modelist");
+    const auto filesOptionsShown = [this] {
+        return Child("ptlist")->isVisible() && Child("sysfilelist")->isVisible() &&
+               Child("volumelab")->isVisible();
+    };
+    QCOMPARE(modes->currentText(), shown);
+    QCOMPARE(filesOptionsShown(), shown == "Files");
+    if (key != 0) {
+        modes->setFocus();
+        QTest::keyClick(modes, Qt::Key(key));
+        QVERIFY(modes->currentText() != shown);
+        QCOMPARE(filesOptionsShown(), shown != "Files");
+    }
+
+    QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
+    DialogAnswerer answers([](const QString&) { return true; });
+    click(Child("burn"));
+    QVERIFY(finished.wait(60000));
+    QVERIFY2(finished.first().first().toBool(), qPrintable(answers.seen.join(" | ")));
+    QVERIFY2(Logged(m_log).first().startsWith(helper + " " + m_stick),
+             qPrintable(Logged(m_log).join(" | ")));
+    if (helper == "write")
+        QCOMPARE(QFileInfo(mount + ".disk").size(), QFileInfo(image).size());
 }
 
 QTEST_MAIN(TestBurnPage)

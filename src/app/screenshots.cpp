@@ -152,12 +152,51 @@ void RenderMainWindow(Writer& writer)
     DriveSeam::Reset();
 }
 
-// The burn page writing the sample stick, and what it says at the end. The
-// page is put in the state a burn leaves it in; nothing is written.
+QString makeSampleImage(const QTemporaryDir& scratch);
+
+// A copy of `image` with an MBR entry over the whole image, as images made to
+// be written to a stick as they are carry one.
+QString makeHybridImage(const QString& image)
+{
+    const QString hybrid = QFileInfo(image).path() + QStringLiteral("/Live Disc.iso");
+    QFile::remove(hybrid);
+    if (image.isEmpty() || !QFile::copy(image, hybrid))
+        return QString();
+    QFile file(hybrid);
+    if (!file.open(QIODevice::ReadWrite))
+        return QString();
+    QByteArray mbr = file.read(512);
+    const quint32 sectors = quint32(file.size() / 512);
+    mbr[446] = char(0x80);
+    mbr[450] = char(0x17);
+    for (int i = 0; i < 4; ++i)
+        mbr[446 + 12 + i] = char(sectors >> (8 * i));
+    mbr[510] = char(0x55);
+    mbr[511] = char(0xAA);
+    file.seek(0);
+    return file.write(mbr) == 512 ? hybrid : QString();
+}
+
+// The burn page on the sample stick with `image`, once it shows the mode.
+void showUsbImage(CBurnDialog* page, const QString& image)
+{
+    QEventLoop loop;
+    QObject::connect(page, &CBurnDialog::modeShown, &loop, &QEventLoop::quit);
+    QTimer::singleShot(30000, &loop, &QEventLoop::quit);
+    page->findChild<QLineEdit*>(QStringLiteral("isofile"))->setText(image);
+    loop.exec();
+}
+
+// The burn page writing the sample stick in both modes, and what it says at
+// the end. The page is put in the state a burn leaves it in; nothing is
+// written.
 void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
 {
+    QTemporaryDir scratch;
+    const QString sample = makeSampleImage(scratch);
     page->findChild<QRadioButton*>(QStringLiteral("rusb"))->setChecked(true);
     waitForOpticalList(page); // choosing refills both lists
+    showUsbImage(page, sample);
     writer.Save(QStringLiteral("page-burn-usb"), host);
 
     for (const char* button : {"browser", "back", "burn"})
@@ -172,6 +211,18 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
     auto burned = MessageDialogs::Message(CUsbBurnJob::SuccessText(1187, qint64(5'312'000'000)));
     writer.SaveOver(QStringLiteral("page-burn-usb-burned"), host, *burned);
+
+    showUsbImage(page, makeHybridImage(sample));
+    writer.Save(QStringLiteral("page-burn-usb-image"), host);
+    for (const char* button : {"browser", "back", "burn"})
+        page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
+    page->onUSBBurnPhase(CUsbBurnJob::Phase::Writing);
+    page->onUSBBurnProgress(62, 100);
+    page->onUSBBurnTransfer(
+        UsbBurn::TransferText(qint64(1'890'000'000), qint64(3'050'000'000), 22'000));
+    writer.SaveOver(QStringLiteral("page-burn-usb-image-progress"), host, *progress);
+    for (const char* button : {"browser", "back", "burn"})
+        page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
 }
 
 void RenderDrivePages(Writer& writer, const QString& folder)

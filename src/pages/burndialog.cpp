@@ -1,12 +1,15 @@
 #include "pages/burndialog.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QLineEdit>
 #include <QRadioButton>
 
 #include "app/mainwindow.h"
 #include "app/util.h"
+#include "iso/isojobs.h"
 #include "media/disctools.h"
 #include "media/drives.h"
 #include "ui/baseimagectrl.h"
@@ -72,23 +75,55 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     m_dvdlist = list(new CMyComboBox(this), "dvdlist", QRect(135, 137, 371, 23));
     m_rusb = radio("rusb", 113, 179);
     m_usblist = list(new CMyComboBox(this), "usblist", QRect(135, 222, 371, 23));
-    m_ptlist = list(new QComboBox(this), "ptlist", QRect(260, 258, 246, 23));
+    // The USB options' labels are widgets, unlike the picture's, so that they
+    // go with the options disk image mode does not use; each is as high as
+    // its control and ends 10 pixels before it, as "Drive" does.
+    const auto label = [&](const QString& text, const QRect& geometry) {
+        auto* caption = new QLabel(text, this);
+        caption->setGeometry(geometry);
+        caption->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+        caption->setStyleSheet(
+            QStringLiteral("color: #606060; font-family: \"Noto Sans\"; font-size: 13px;"));
+        return caption;
+    };
+    label(QStringLiteral("Write mode"), QRect(15, 256, 110, 23));
+    m_modelist = list(new QComboBox(this), "modelist", QRect(135, 256, 180, 23));
+    m_modelist->addItem(QStringLiteral("Disk image"), int(UsbPlan::WriteMode::Image));
+    m_modelist->addItem(QStringLiteral("Files"), int(UsbPlan::WriteMode::Files));
+    m_modelist->setCurrentIndex(1);
+    m_modereason = new QLabel(this);
+    m_modereason->setObjectName(QStringLiteral("modereason"));
+    m_modereason->setGeometry(137, 281, 500, 32);
+    m_modereason->setAlignment(Qt::AlignLeft | Qt::AlignTop);
+    m_modereason->setWordWrap(true);
+    m_modereason->setStyleSheet(
+        QStringLiteral("color: #90A4AE; font-family: \"Noto Sans\"; font-size: 12px;"));
+    m_ptlist = list(new QComboBox(this), "ptlist", QRect(135, 316, 246, 23));
     m_ptlist->addItems({QStringLiteral("MBR(for legacy BIOS/CSM boot)"), kGpt});
-    m_sysfilelist = list(new QComboBox(this), "sysfilelist", QRect(135, 349, 180, 23));
+    m_sysfilelist = list(new QComboBox(this), "sysfilelist", QRect(135, 350, 180, 23));
     m_sysfilelist->addItems({QStringLiteral("FAT32"), QStringLiteral("NTFS"),
                              QStringLiteral("exFAT"), QStringLiteral("FAT")});
     m_volumelab = new QLineEdit(this);
     m_volumelab->setObjectName(QStringLiteral("volumelab"));
-    m_volumelab->setGeometry(405, 351, 208, 23);
+    m_volumelab->setGeometry(430, 350, 190, 23);
     m_volumelab->setMaxLength(11);
+    m_filesOptions = {
+        label(QStringLiteral("Partition scheme"), QRect(15, 316, 110, 23)), m_ptlist,
+        label(QStringLiteral("File system"), QRect(15, 350, 110, 23)),      m_sysfilelist,
+        label(QStringLiteral("Volume label"), QRect(325, 350, 95, 23)),     m_volumelab};
 
     m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 145, 405);
     m_burn = MakePictureButton(this, "burn", QStringLiteral(":/nwu/burn"), 279, 405);
 
     m_progress = new CProgressDialog;
+    // Room for a second line under the phase: the bytes, speed and time left
+    // of writing or reading back a disk image.
+    m_progress->Label()->setGeometry(40, 56, 340, 40);
     m_scan = new COpticalScan(this);
     m_burnJob = new CDiscBurnJob(this);
     m_usbJob = new CUsbBurnJob(this);
+    m_modeLister = new CListJob(m_modeTree, this);
+    connect(m_modeLister, &CListJob::finished, this, &CBurnDialog::OnModeListed);
     connect(m_scan, &COpticalScan::entry, this, &CBurnDialog::onLineOutput);
     connect(m_scan, &COpticalScan::finished, this, &CBurnDialog::opticalListFilled);
     connect(m_burnJob, &CDiscBurnJob::progress, this, &CBurnDialog::onDVDBurnOutput);
@@ -97,6 +132,7 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     connect(m_usbJob, &CUsbBurnJob::phase, this, &CBurnDialog::onUSBBurnPhase);
     connect(m_usbJob, &CUsbBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
     connect(m_usbJob, &CUsbBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
+    connect(m_usbJob, &CUsbBurnJob::transfer, this, &CBurnDialog::onUSBBurnTransfer);
     // A drive the user picks while a scan is still running is the one to keep.
     connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
             [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
@@ -108,6 +144,12 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     connect(m_ptlist, qOverload<int>(&QComboBox::currentIndexChanged), this,
             &CBurnDialog::OnMBRSelect);
     connect(m_rdvd, &QRadioButton::toggled, this, &CBurnDialog::OnRadioSelected);
+    connect(m_isofile, &QLineEdit::textChanged, this, &CBurnDialog::ShowMode);
+    // Once the user has picked the mode, the burn keeps it.
+    connect(m_modelist, qOverload<int>(&QComboBox::activated), this, [this] {
+        m_modeChosen = true;
+        ShowModeOptions();
+    });
     if (auto* window = qobject_cast<MainWindow*>(mainWindow))
         connect(window, &MainWindow::sigdrivechange, this,
                 qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
@@ -151,25 +193,34 @@ void CBurnDialog::BurnToUsb(const QString& image)
         showNotice(QStringLiteral(":/nwu/insert_usb"));
         return;
     }
+    ShowMode();
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = currentNode(m_usblist);
-    options.scheme = m_ptlist->currentIndex() == 1 ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
-    options.fileSystem = UsbPlan::FileSystemFromName(m_sysfilelist->currentText())
-                             .value_or(UsbPlan::FileSystem::Fat32);
-    options.label = m_volumelab->text();
-    // A label the file system cannot hold is said before the stick is offered
-    // for erasing; the plan would refuse it too.
-    const UsbPlan::FileSystem used = UsbPlan::UsedFileSystem(options.scheme, options.fileSystem,
-                                                             Util::DiskTotalSize(options.device));
-    if (const QString problem = UsbPlan::CheckLabel(used, options.label).problem;
-        !problem.isEmpty()) {
-        Util::ShowMessage(problem);
-        return;
+    options.mode = ChosenMode();
+    options.autoMode = !m_modeChosen;
+    const bool files = options.mode == UsbPlan::WriteMode::Files;
+    if (files) {
+        options.scheme =
+            m_ptlist->currentIndex() == 1 ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
+        options.fileSystem = UsbPlan::FileSystemFromName(m_sysfilelist->currentText())
+                                 .value_or(UsbPlan::FileSystem::Fat32);
+        options.label = m_volumelab->text();
+        // A label the file system cannot hold is said before the stick is
+        // offered for erasing; the plan would refuse it too.
+        const UsbPlan::FileSystem used = UsbPlan::UsedFileSystem(
+            options.scheme, options.fileSystem, Util::DiskTotalSize(options.device));
+        if (const QString problem = UsbPlan::CheckLabel(used, options.label).problem;
+            !problem.isEmpty()) {
+            Util::ShowMessage(problem);
+            return;
+        }
     }
     if (Util::ConfirmPicture(QStringLiteral(":/nwu/format_usb")) != QDialog::Accepted)
         return;
-    if (Util::DiskTotalSize(options.device) < QFileInfo(image).size() + UsbPlan::kSpareBytes) {
+    // Copied files need room beside them; a disk image only has to fit.
+    if (Util::DiskTotalSize(options.device) <
+        QFileInfo(image).size() + (files ? UsbPlan::kSpareBytes : 0)) {
         showNotice(QStringLiteral(":/nwu/insufficient_space"));
         return;
     }
@@ -200,7 +251,13 @@ void CBurnDialog::onUSBPlanned(bool ok, const QString& message)
 
 void CBurnDialog::onUSBBurnPhase(CUsbBurnJob::Phase phase)
 {
-    m_progress->SetText(CUsbBurnJob::PhaseText(phase));
+    m_phaseText = CUsbBurnJob::PhaseText(phase);
+    m_progress->SetText(m_phaseText);
+}
+
+void CBurnDialog::onUSBBurnTransfer(const QString& text)
+{
+    m_progress->SetText(m_phaseText + QLatin1Char('\n') + text);
 }
 
 void CBurnDialog::onUSBBurnProgress(int value, int maximum)
@@ -311,19 +368,68 @@ void CBurnDialog::onLineOutput(const QString& text, const QString& node)
         m_dvdlist->setCurrentIndex(m_dvdlist->count() - 1);
 }
 
+void CBurnDialog::ShowMode()
+{
+    const QString image = m_isofile->text().trimmed();
+    if (!m_rusb->isChecked() || image == m_modeImage)
+        return;
+    m_modeImage = image;
+    m_modeChosen = false;
+    m_modeLister->Stop();
+    m_modereason->clear();
+    m_head.clear();
+    QFile file(image);
+    if (QFileInfo(image).isFile() && file.open(QIODevice::ReadOnly))
+        m_head = file.read(UsbPlan::kHeadBytes);
+    // The first sectors alone decide the mode; the files' reason waits for
+    // the listing.
+    const UsbPlan::ModeChoice choice = UsbPlan::ChooseMode(m_head, ItemTree());
+    m_modelist->setCurrentIndex(m_modelist->findData(int(choice.mode)));
+    ShowModeOptions();
+    if (choice.mode == UsbPlan::WriteMode::Image) {
+        m_modereason->setText(choice.reason);
+        Q_EMIT modeShown();
+    } else if (!m_head.isEmpty()) {
+        m_modeLister->Start(image);
+    }
+}
+
+// A listing that fails leaves the reason out: the burn's own check says why.
+void CBurnDialog::OnModeListed()
+{
+    if (m_modeLister->Succeeded())
+        m_modereason->setText(UsbPlan::ChooseMode(m_head, m_modeTree).reason);
+    Q_EMIT modeShown();
+}
+
+void CBurnDialog::ShowModeOptions()
+{
+    const bool files = ChosenMode() == UsbPlan::WriteMode::Files;
+    for (QWidget* option : m_filesOptions)
+        option->setVisible(files);
+}
+
+UsbPlan::WriteMode CBurnDialog::ChosenMode() const
+{
+    return UsbPlan::WriteMode(m_modelist->currentData().toInt());
+}
+
 void CBurnDialog::OnRadioSelected()
 {
     const bool disc = m_rdvd->isChecked();
     for (QWidget* usbControl :
-         {static_cast<QWidget*>(m_usblist), static_cast<QWidget*>(m_ptlist),
-          static_cast<QWidget*>(m_sysfilelist), static_cast<QWidget*>(m_volumelab)})
+         {static_cast<QWidget*>(m_usblist), static_cast<QWidget*>(m_modelist),
+          static_cast<QWidget*>(m_ptlist), static_cast<QWidget*>(m_sysfilelist),
+          static_cast<QWidget*>(m_volumelab)})
         usbControl->setEnabled(!disc);
     m_dvdlist->setEnabled(disc);
     // Both refills keep their list's selection themselves.
     InitializeUSBAndDVDComboBox(kBothLists);
     // A GPT choice keeps the file system fixed while the USB controls return.
-    if (!disc)
+    if (!disc) {
         OnMBRSelect();
+        ShowMode();
+    }
 }
 
 void CBurnDialog::OnRefresh()

@@ -1,23 +1,29 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 
+#include "iso/itemtree.h"
 #include "media/usbburn.h"
 #include "ui/imagedialog.h"
 
 class CDiscBurnJob;
 class CImageButton;
+class CListJob;
 class CMyComboBox;
 class COpticalScan;
 class CProgressDialog;
 class QComboBox;
+class QLabel;
 class QLineEdit;
 class QRadioButton;
 
 // The burn page: writes an image to a CD/DVD or to a USB drive. The optical
 // list is filled by a bus scan that runs beside the window, the removable
 // list from the system's USB disks; both keep their selection, by device
-// node, across refills.
+// node, across refills. For a USB burn the page shows the way the image will
+// go onto the stick (UsbPlan::ChooseMode) with its reason, lets the user pick
+// the other way, and shows only the options that way uses.
 class CBurnDialog final : public ImageDialog
 {
     Q_OBJECT
@@ -39,6 +45,8 @@ Q_SIGNALS:
     // A USB burn has ended: written and checked, failed (the page has said
     // why), or given up before anything was written.
     void usbBurnFinished(bool succeeded);
+    // The USB mode and its reason are on the page for the chosen image.
+    void modeShown();
 
 public Q_SLOTS:
     void onBrowser();
@@ -60,11 +68,18 @@ public Q_SLOTS:
     void onUSBBurnPhase(CUsbBurnJob::Phase phase);
     void onUSBBurnProgress(int value, int maximum);
     void onUSBBurnFinished(bool succeeded, const QString& message);
+    void onUSBBurnTransfer(const QString& text);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
+    // Reads the chosen image's first sectors and shows the mode it goes in;
+    // nothing when the image has not changed since.
+    void ShowMode();
+    void OnModeListed();
+    void ShowModeOptions();
+    UsbPlan::WriteMode ChosenMode() const;
     void RefillRemovable();
     void RefillOptical();
     void BurnToUsb(const QString& image);
@@ -79,15 +94,27 @@ private:
     CMyComboBox* m_dvdlist = nullptr;
     QRadioButton* m_rusb = nullptr;
     CMyComboBox* m_usblist = nullptr;
+    QComboBox* m_modelist = nullptr;
+    QLabel* m_modereason = nullptr;
     QComboBox* m_ptlist = nullptr;
     QComboBox* m_sysfilelist = nullptr;
     QLineEdit* m_volumelab = nullptr;
+    QList<QWidget*> m_filesOptions; // with their labels; hidden in disk image mode
     CImageButton* m_back = nullptr;
     CImageButton* m_burn = nullptr;
     CProgressDialog* m_progress = nullptr;
     COpticalScan* m_scan = nullptr;
     CDiscBurnJob* m_burnJob = nullptr;
     CUsbBurnJob* m_usbJob = nullptr;
+    // The mode shown is for m_modeImage, whose first sectors are m_head; the
+    // listing gives the reason for files mode. m_modeChosen: the user picked
+    // the mode, so the burn does not choose again.
+    CListJob* m_modeLister = nullptr;
+    ItemTree m_modeTree;
+    QString m_modeImage;
+    QByteArray m_head;
+    bool m_modeChosen = false;
+    QString m_phaseText;
     // The optical drive to select again when a refill finds it.
     QString m_opticalNode;
 };
