@@ -329,6 +329,8 @@ void TestBootSmoke::imageMode_data()
         << Firmware::Bios << "grub" << HybridImage::kGrubMarker + " pc";
     QTest::newRow("grub-mkrescue uefi")
         << Firmware::Uefi << "grub" << HybridImage::kGrubMarker + " efi";
+    // Files mode chosen: the loader comes from the image's EFI boot image.
+    QTest::newRow("isohybrid files uefi") << Firmware::Uefi << "isolinux files" << HybridImage::kEfiImageMarker;
 }
 
 // Images built the way Linux distributions build theirs go onto the stick in
@@ -376,10 +378,12 @@ void TestBootSmoke::imageMode()
     CUsbBurnJob::Options options;
     options.image = iso;
     options.device = loop;
+    const bool files = shape.endsWith(" files");
+    options.autoMode = !files;
     job.Plan(options);
     QVERIFY(planned.wait(60000));
     QVERIFY2(planned.first().at(0).toBool(), qPrintable(planned.first().at(1).toString()));
-    QCOMPARE(job.Decision().mode, UsbPlan::WriteMode::Image);
+    QCOMPARE(job.Decision().mode, files ? UsbPlan::WriteMode::Files : UsbPlan::WriteMode::Image);
     job.Burn();
     QVERIFY(finished.wait(120000));
     QVERIFY2(finished.first().at(0).toBool(), qPrintable(finished.first().at(1).toString()));

@@ -671,6 +671,10 @@ private Q_SLOTS:
             QStringList expected = ListedImage(built, line);
             expected.removeIf([](const QString& l) { return l.startsWith("[BOOT]"); });
             QStringList onStick = ListedImage(loop + "p1", line);
+            // The EFI boot image's loader, copied so that the stick starts through UEFI.
+            const qint64 loader = QFileInfo(folder + "/" + shape + "-bootx64.efi").size();
+            QVERIFY(loader > 0);
+            expected << "EFI " << "EFI\\BOOT " << QString("EFI\\BOOT\\BOOTX64.EFI %1").arg(loader);
             if (shape == "isolinux-rr") {
                 // Links to a file and a folder of the image are copies of
                 // them; the one to /etc/hostname is left out.

@@ -189,6 +189,15 @@ void TestUsbPlan::decides_data()
                                                      << "FAT32" << false << "" << "can hold only" << "";
     QTest::newRow("GPT without EFI loader") << QStringList{"bootmgr:1"} << stick << gpt << "FAT32" << "" << "FAT32"
                                             << false << "" << "" << "a GPT stick will not start";
+    // "+efi boot image": the loader is only in the El Torito EFI boot image,
+    // which a FAT stick is given.
+    const QStringList linux{"isolinux/isolinux.bin:1", "+efi boot image"};
+    QTest::newRow("EFI boot image, MBR") << linux << stick << mbr << "FAT32" << "" << "FAT32" << false << "" << ""
+                                         << "through UEFI only";
+    QTest::newRow("EFI boot image, GPT") << linux << stick << gpt << "FAT32" << "" << "FAT32" << false << "" << ""
+                                         << "";
+    QTest::newRow("EFI boot image, exFAT") << linux << stick << mbr << "exFAT" << "" << "exFAT" << false << "" << ""
+                                           << "will only hold";
 }
 
 void TestUsbPlan::decides()
@@ -203,10 +212,13 @@ void TestUsbPlan::decides()
     QFETCH(QString, split);
     QFETCH(QString, refusal);
     QFETCH(QString, warning);
+    const bool efiImage = files.removeAll("+efi boot image") > 0;
     ItemTree tree;
     fill(tree, files);
-    const Decision decision = Decide(tree, kGiB, capacity, Scheme(scheme), *FileSystemFromName(chosen), label);
+    const Decision decision =
+        Decide(tree, kGiB, capacity, Scheme(scheme), *FileSystemFromName(chosen), label, kFatFileLimit, efiImage);
     QCOMPARE(Name(decision.fileSystem), used);
+    QCOMPARE(decision.efiFromBootImage, efiImage && used.startsWith("FAT"));
     QCOMPARE(decision.bootCode, bootCode);
     QCOMPARE(decision.splitWim, split);
     QCOMPARE(decision.refusals.size(), refusal.isEmpty() ? 0 : 1);

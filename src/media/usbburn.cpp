@@ -27,6 +27,8 @@
 #include <unistd.h>
 
 #include "app/util.h"
+#include "iso/bootsetup.h"
+#include "iso/eltorito.h"
 #include "iso/isojobs.h"
 #include "tools/runcommandthread.h"
 #include "tools/toollocator.h"
@@ -884,8 +886,29 @@ void CUsbBurnJob::OnListed()
     }
     const qint64 imageSize = QFileInfo(m_options.image).size();
     const qint64 capacity = Util::DiskTotalSize(m_options.device);
-    m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme,
-                                 m_options.fileSystem, m_options.label, m_options.fatFileLimit);
+    // An image whose EFI loader lives only in its El Torito EFI boot image
+    // (as Linux distributions make them) can still start a FAT stick
+    // through UEFI: that boot image's /EFI tree goes onto it too.
+    m_efiOffset = 0;
+    m_efiLength = 0;
+    if (const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(m_options.image);
+        catalog && !catalog->efiEntries.empty()) {
+        QFile file(m_options.image);
+        if (file.open(QIODevice::ReadOnly)) {
+            const auto read = [&file](qint64 offset, int length, char* buffer) {
+                return file.seek(offset) && file.read(buffer, length) == length;
+            };
+            const ElTorito::Entry& entry = catalog->efiEntries.front();
+            const BootSetup::Measure measure = BootSetup::MeasureEntry(entry, true, read, imageSize);
+            // Read whole into memory when copied; EFI boot images are a few MiB.
+            if (measure.length > 0 && measure.length <= (256 << 20)) {
+                m_efiOffset = qint64(entry.loadRba) * 2048;
+                m_efiLength = measure.length;
+            }
+        }
+    }
+    m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme, m_options.fileSystem,
+                                 m_options.label, m_options.fatFileLimit, m_efiLength > 0);
     m_decision.mode = UsbPlan::WriteMode::Files;
     m_decision.modeReason =
         m_options.autoMode
@@ -925,6 +948,7 @@ void CUsbBurnJob::Burn()
     m_restoring = false;
     m_failure.clear();
     m_mountPoint.clear();
+    m_efiCopied = false;
     if (m_decision.mode == UsbPlan::WriteMode::Image) {
         StartWrite();
         return;
@@ -1259,9 +1283,37 @@ void CUsbBurnJob::SplitExtracted()
             &CUsbBurnJob::StartRemount);
 }
 
+void CUsbBurnJob::StartEfiCopy()
+{
+    m_efiCopied = true;
+    Q_EMIT phase(Phase::Copying);
+    Q_EMIT progress(0, 0);
+    m_efiDir = std::make_unique<ScratchFolder>(QStringLiteral("efi"));
+    const QString fatImage = m_efiDir->Path() + QStringLiteral("/efiboot.img");
+    QFile image(m_options.image);
+    QFile copy(fatImage);
+    if (!m_efiDir->IsValid() || !image.open(QIODevice::ReadOnly) || !image.seek(m_efiOffset)
+        || !copy.open(QIODevice::WriteOnly) || copy.write(image.read(m_efiLength)) != m_efiLength || !copy.flush()) {
+        Fail(QStringLiteral("copying the EFI loader: the image's EFI boot image could not be copied to %1.")
+                 .arg(Util::ScratchDir()));
+        return;
+    }
+    copy.close();
+    // FAT keeps no Unix permissions, so the archive tool writes only names and contents.
+    RunTool(QStringLiteral("copying the EFI loader"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
+            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_mountPoint, QStringLiteral("--"),
+             fatImage, QStringLiteral("EFI")},
+            &CUsbBurnJob::StartRemount);
+}
+
 void CUsbBurnJob::StartRemount()
 {
     m_wimDir.reset();
+    if (m_decision.efiFromBootImage && !m_efiCopied) {
+        StartEfiCopy();
+        return;
+    }
+    m_efiDir.reset();
     // Reading back through a fresh mount reads the stick, not what the
     // system still holds in memory from the copy.
     Q_EMIT phase(Phase::Verifying);
@@ -1367,6 +1419,7 @@ void CUsbBurnJob::Fail(const QString& stepAndReason)
                      : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
         stepAndReason;
     m_wimDir.reset();
+    m_efiDir.reset();
     m_feeder.reset();
     if (!m_failure.isEmpty()) {
         // The unmount after a failure failed too.

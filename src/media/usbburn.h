@@ -242,6 +242,8 @@ private:
     void StartStreamCopy();
     void StartSplit();
     void SplitExtracted();
+    // The /EFI tree of the image's EFI boot image onto the stick.
+    void StartEfiCopy();
     void StartRemount();
     void StartVerify();
     void VerifySplit();
@@ -273,6 +275,10 @@ private:
     std::unique_ptr<UsbBurn::TechnicalListing> m_entries;
     QStringList m_linkCopies; // links written as copies of their targets
     int m_linksLost = 0;      // links whose targets are not in the image
+    qint64 m_efiOffset = 0;   // the EFI boot image in the image, in bytes
+    qint64 m_efiLength = 0;
+    bool m_efiCopied = false;
+    std::unique_ptr<ScratchFolder> m_efiDir;
     std::unique_ptr<ScratchFolder> m_wimDir;
     std::unique_ptr<UsbBurn::ImageFeeder> m_feeder;
     qint64 m_imageSize = 0;

@@ -186,7 +186,7 @@ Label CheckLabel(FileSystem fs, const QString& label)
 }
 
 Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme,
-                FileSystem chosen, const QString& label, qint64 fatFileLimit)
+                FileSystem chosen, const QString& label, qint64 fatFileLimit, bool efiBootImage)
 {
     Decision decision;
     decision.tooSmall = capacity <= imageSize + kSpareBytes - 1;
@@ -216,7 +216,10 @@ Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Sch
     }
 
     const bool bootmgr = hasFile(contents, QStringLiteral("bootmgr"));
-    const bool efiLoader = hasFile(contents, QStringLiteral("efi/boot/bootx64.efi"));
+    const bool efiFile = hasFile(contents, QStringLiteral("efi/boot/bootx64.efi"));
+    // FAT is what the EFI boot image's loader is copied onto.
+    decision.efiFromBootImage = !efiFile && efiBootImage && fat;
+    const bool efiLoader = efiFile || decision.efiFromBootImage;
     decision.bootCode = scheme == Scheme::Mbr && bootmgr;
     if (scheme == Scheme::Mbr && !bootmgr) {
         decision.warnings << (efiLoader && fat ? QStringLiteral("This image has no /bootmgr, so the stick cannot "

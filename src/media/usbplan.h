@@ -78,13 +78,19 @@ struct Decision
     QString splitWim;            // the installer image to split into parts ("sources\install.wim")
     QStringList refusals;        // reasons the burn cannot go on
     QStringList warnings;        // what the user must agree to first
+    // The EFI loader comes from the image's El Torito EFI boot image, whose
+    // /EFI tree is copied onto the FAT stick after the image's files.
+    bool efiFromBootImage = false;
 };
 
 // The decision for Files mode. `contents` is the image as listed; sizes are
 // bytes; `label` as the user typed it. `fatFileLimit` is the largest file FAT
-// takes (smaller in tests).
+// takes (smaller in tests). `efiBootImage`: the image has an El Torito EFI
+// boot image, whose loader a FAT stick can be given where the image has no
+// /efi/boot/bootx64.efi of its own.
 Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Scheme scheme,
-                FileSystem chosen, const QString& label, qint64 fatFileLimit = kFatFileLimit);
+                FileSystem chosen, const QString& label, qint64 fatFileLimit = kFatFileLimit,
+                bool efiBootImage = false);
 
 // The decision for Image mode: the stick only has to hold the image, which
 // brings its own partitions and file systems. A stick that cannot sets
