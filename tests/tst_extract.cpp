@@ -96,7 +96,7 @@ void TestExtract::initTestCase()
     const QString source = m_dir.filePath("source");
     QVERIFY(IsoFixture::WriteTree(source, kFiles, {"empty folder"}));
     QString error;
-    for (const QString& kind : {"joliet", "udf"}) {
+    for (const QString kind : {"joliet", "udf"}) {
         m_images[kind] = IsoFixture::Build(source, m_dir.filePath("-" + kind + " image.iso"), kind, &error);
         QVERIFY2(!m_images[kind].isEmpty(), qPrintable(error));
     }
@@ -119,7 +119,7 @@ void TestExtract::initTestCase()
     QVERIFY(IsoFixture::WriteTree(links, {{"d/f.txt", "file"}}));
     for (const auto& [name, target] : linkTable(m_dir.filePath("outside.txt")))
         QVERIFY(QFile::link(target, QDir(links).filePath(name)));
-    for (const QString& kind : {"rock ridge", "rock ridge + joliet"}) {
+    for (const QString kind : {"rock ridge", "rock ridge + joliet"}) {
         QProcess builder;
         builder.setProcessChannelMode(QProcess::MergedChannels);
         QStringList arguments{"-quiet", "-R", "-o", m_dir.filePath(kind + ".iso"), links};
@@ -305,7 +305,7 @@ void TestExtract::stopRemovesPartialOutput()
     // A large file keeps the tool busy long enough to stop it; a sparse one
     // costs no time to make.
     const QString source = m_dir.filePath("big");
-    for (const QString& name : {"zeros1.bin", "zeros2.bin"})
+    for (const QString name : {"zeros1.bin", "zeros2.bin"})
         QVERIFY(!IsoFixture::SparseFile(QDir(source).filePath(name), 768).isEmpty());
     QString error;
     const QString image = IsoFixture::Build(source, m_dir.filePath("big.iso"), "joliet", &error);

@@ -176,7 +176,7 @@ void TestListing::filesBeforeTheirFolders()
 void TestListing::insertRules()
 {
     ItemTree tree;
-    for (const QString& name : {"z", "y/2", "y/1", "x", "y"}) {
+    for (const QString name : {"z", "y/2", "y/1", "x", "y"}) {
         auto item = entry(name, name == "y");
         tree.Insert(item);
     }
@@ -196,7 +196,7 @@ void TestListing::insertRules()
 void TestListing::findAndRemove()
 {
     ItemTree tree;
-    for (const QString& name : {"a/b/c", "a/b/d", "a/e"}) {
+    for (const QString name : {"a/b/c", "a/b/d", "a/e"}) {
         auto item = entry(name);
         tree.Insert(item);
     }

@@ -273,7 +273,7 @@ void TestPage2::craftedNamesStayOutOfReach()
 void TestPage2::folderPickerSelectsSeveralFolders()
 {
     QTemporaryDir dir;
-    for (const QString& name : {"one", "two", "three"})
+    for (const QString name : {"one", "two", "three"})
         QVERIFY(QDir(dir.path()).mkpath(name));
     CFileDialog dialog(nullptr, false);
     QCOMPARE(dialog.FallbackLevel(), 0);
