@@ -71,6 +71,7 @@ struct Outcome
 {
     bool planned = false;
     QString planMessage;
+    QString checksumFile; // the plan's published checksum file
     bool finished = false;
     bool succeeded = false;
     QString message;
@@ -120,6 +121,7 @@ private:
             return outcome;
         outcome.planned = planned.first().at(0).toBool();
         outcome.planMessage = planned.first().at(1).toString();
+        outcome.checksumFile = job.Decision().checksumFile;
         if (!outcome.planned || (!job.Decision().warnings.isEmpty() && !burnEvenWithWarnings))
             return outcome;
         job.Burn();
@@ -608,6 +610,91 @@ private Q_SLOTS:
                  qPrintable(outcome.planMessage + outcome.message));
         QVERIFY2(outcome.message.contains(message), qPrintable(outcome.message));
         QCOMPARE(outcome.phases.last(), lastPhase);
+    }
+
+    void publishedSha256_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<bool>("bare");
+        QTest::addColumn<QByteArray>("expected");
+        const QByteArray a(64, 'a');
+        const QByteArray b(64, 'b');
+        QTest::newRow("GNU line among others") << a + "  other.iso\n" + b + "  my.iso\n" << false << b;
+        QTest::newRow("binary marker, ./, CRLF, upper case")
+            << QByteArray(64, 'B') + " *./my.iso\r\n" << false << b;
+        QTest::newRow("BSD line") << "SHA256 (other.iso) = " + a + "\nSHA256 (my.iso) = " + b << false << b;
+        QTest::newRow("a longer name is another file") << a + "  my.iso.old\n" << false << QByteArray();
+        QTest::newRow("lone hash only in the image's own file") << a + "\n" << false << QByteArray();
+        QTest::newRow("lone hash in the image's own file") << a + "\n" << true << a;
+        QTest::newRow("not a SHA-256") << a.left(63) + "  my.iso\n" << true << QByteArray();
+    }
+
+    void publishedSha256()
+    {
+        QFETCH(QByteArray, text);
+        QFETCH(bool, bare);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(UsbBurn::PublishedSha256(text, "my.iso", bare), expected);
+    }
+
+    // Disk image mode with the stand-in helper: a checksum file beside the
+    // image that names it is compared with the hash taken while writing.
+    void publishedChecksum_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QByteArray>("text"); // "%1" is the image's SHA-256
+        QTest::addColumn<bool>("succeeded");
+        QTest::addColumn<QString>("message");
+        const QByteArray other(64, 'c');
+        QTest::newRow("SHA256SUMS matches")
+            << "SHA256SUMS" << other + "  other.iso\n%1  published.iso\n" << true
+            << "The image matches the published checksum in SHA256SUMS.";
+        QTest::newRow("own file differs")
+            << "published.iso.sha256" << other + "\n" << false
+            << "writing: the image does not match the published checksum in published.iso.sha256: expected " +
+                   QString::fromLatin1(other) + ", got %1.";
+        QTest::newRow("SHA256SUMS names other images") << "SHA256SUMS" << other + "  other.iso\n" << true << "";
+    }
+
+    void publishedChecksum()
+    {
+        QFETCH(QString, file);
+        QFETCH(QByteArray, text);
+        QFETCH(bool, succeeded);
+        QFETCH(QString, message);
+
+        const QString source = image("checksum", {{"a.txt", "a"}, {"big.bin", QByteArray(2 << 20, 'b')}});
+        const QString folder = m_dir.filePath(QStringLiteral("published-%1").arg(QTest::currentDataTag()));
+        QDir(folder).removeRecursively();
+        QVERIFY(QDir().mkpath(folder));
+        const QString published = folder + "/published.iso";
+        QVERIFY(QFile::copy(source, published));
+        QFile image(published);
+        QVERIFY(image.open(QIODevice::ReadOnly));
+        const QByteArray sha256 = QCryptographicHash::hash(image.readAll(), QCryptographicHash::Sha256).toHex();
+        QFile sums(folder + "/" + file);
+        QVERIFY(sums.open(QIODevice::WriteOnly));
+        sums.write(text.replace("%1", sha256));
+        sums.close();
+        qputenv("BRENTA_STANDIN_MODE", "");
+        qputenv("BRENTA_STANDIN_DISK", m_dir.filePath("stick.disk").toUtf8());
+
+        CUsbBurnJob::Options options;
+        options.image = published;
+        options.device = m_dir.path();
+        options.autoMode = false;
+        options.mode = UsbPlan::WriteMode::Image;
+        const Outcome outcome = burn(options);
+        QVERIFY2(outcome.finished, qPrintable(outcome.planMessage));
+        QCOMPARE(outcome.succeeded, succeeded);
+        QCOMPARE(outcome.checksumFile, message.isEmpty() ? QString() : file);
+        if (message.isEmpty())
+            QVERIFY2(!outcome.message.contains("published"), qPrintable(outcome.message));
+        else
+            QVERIFY2(outcome.message.contains(message.replace("%1", QString::fromLatin1(sha256))),
+                     qPrintable(outcome.message));
+        // A mismatch is found before the stick is read back.
+        QCOMPARE(outcome.phases.contains(Phase::Verifying), succeeded);
     }
 
     // Disk image mode with the real helper on a loop device: images shaped as

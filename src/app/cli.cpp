@@ -659,6 +659,11 @@ int RunBurnUsb(const Request& request)
                           .arg(image ? QStringLiteral("image") : QStringLiteral("files"),
                                decision.modeReason));
     }
+    if (!decision.checksumFile.isEmpty()) {
+        print(stderr, QStringLiteral("Checksum: %1 names the image; its SHA-256 is compared with the "
+                                     "image's as the image is written.\n")
+                          .arg(decision.checksumFile));
+    }
     if (!plannedOk) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(refusal));
         return 1;
@@ -789,7 +794,9 @@ QString HelpText()
         "  burn-usb IMAGE DEVICE [OPTION...]\n"
         "                         erase the USB disk DEVICE (such as /dev/sdb) and put\n"
         "                         IMAGE on it, then check it; asks first unless --yes.\n"
-        "                         --mode image writes IMAGE as it is and reads it back;\n"
+        "                         --mode image writes IMAGE as it is and reads it back,\n"
+        "                         and compares it with SHA256SUMS or IMAGE.sha256 beside\n"
+        "                         it where one names it;\n"
         "                         --mode files copies its files onto a new file system,\n"
         "                         makes it bootable where the image allows and checks\n"
         "                         every file; --mode auto (the default) takes image for\n"

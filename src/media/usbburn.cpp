@@ -393,6 +393,61 @@ void ReadHelperLine(const QString& line, HelperReport& report)
         report.sha256 = line.mid(8).trimmed();
 }
 
+QByteArray PublishedSha256(const QByteArray& text, const QString& name, bool bare)
+{
+    const auto isHash = [](const QByteArray& word) {
+        return word.size() == 64 && std::all_of(word.begin(), word.end(), [](char c) {
+                   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+               });
+    };
+    const QByteArray wanted = QFile::encodeName(name);
+    const auto names = [&wanted](QByteArray listed) {
+        if (listed.startsWith("./"))
+            listed = listed.mid(2);
+        return listed == wanted;
+    };
+    for (QByteArray line : text.split('\n')) {
+        if (line.endsWith('\r'))
+            line.chop(1);
+        const QByteArray hash = line.left(64);
+        if (bare && isHash(line.trimmed()))
+            return line.trimmed().toLower();
+        if (isHash(hash) && line.size() > 66 && line.at(64) == ' ' &&
+            (line.at(65) == ' ' || line.at(65) == '*') && names(line.mid(66)))
+            return hash.toLower();
+        static const QByteArray kBsd = "SHA256 (";
+        const int equals = line.lastIndexOf(") = ");
+        if (line.startsWith(kBsd) && equals > kBsd.size() && isHash(line.mid(equals + 4)) &&
+            names(line.mid(kBsd.size(), equals - kBsd.size())))
+            return line.mid(equals + 4).toLower();
+    }
+    return QByteArray();
+}
+
+PublishedChecksum FindPublishedChecksum(const QString& image)
+{
+    // Checksum files are a few lines; a larger file is not one.
+    constexpr qint64 kMostBytes = 1 << 20;
+    const QFileInfo info(image);
+    const QString name = info.fileName();
+    const struct
+    {
+        QString file;
+        bool bare;
+    } candidates[] = {{name + QStringLiteral(".sha256"), true},
+                      {name + QStringLiteral(".sha256sum"), true},
+                      {QStringLiteral("SHA256SUMS"), false}};
+    for (const auto& candidate : candidates) {
+        QFile file(info.dir().filePath(candidate.file));
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray sha256 = PublishedSha256(file.read(kMostBytes), name, candidate.bare);
+        if (!sha256.isEmpty())
+            return PublishedChecksum{candidate.file, sha256};
+    }
+    return PublishedChecksum();
+}
+
 QString TransferText(qint64 done, qint64 total, qint64 elapsedMs)
 {
     QString text = QStringLiteral("%1 of %2").arg(Util::FormatSize(done), Util::FormatSize(total));
@@ -786,15 +841,20 @@ QString CUsbBurnJob::SuccessText(int files, qint64 bytes)
                           .arg(Util::FormatSize(bytes));
 }
 
-QString CUsbBurnJob::ImageSuccessText(qint64 bytes)
+QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& checksumFile)
 {
+    const QString published =
+        checksumFile.isEmpty()
+            ? QString()
+            : QStringLiteral(" The image matches the published checksum in %1.").arg(checksumFile);
     return kSuccess +
            QStringLiteral(
                "\n\nThe stick holds the image byte for byte: all %1 (%2 bytes) were read back "
-               "from the stick and their SHA-256 matches the image's. The stick can be "
+               "from the stick and their SHA-256 matches the image's.%3 The stick can be "
                "removed.")
                .arg(Util::FormatSize(bytes))
-               .arg(bytes);
+               .arg(bytes)
+               .arg(published);
 }
 
 QString CUsbBurnJob::RestoredText(UsbPlan::FileSystem fs, const QString& label)
@@ -824,6 +884,7 @@ void CUsbBurnJob::Plan(const Options& options)
     m_options.image = QFileInfo(options.image).absoluteFilePath();
     m_planned = false;
     m_decision = UsbPlan::Decision();
+    m_published = UsbBurn::PublishedChecksum();
     if (ToolLocator::Find(ToolLocator::Tool::UsbHelper).isEmpty()) {
         Q_EMIT planned(false, QStringLiteral("Brenta's USB helper (brenta-usb-helper) is not installed, so the "
                                              "stick cannot be prepared. Please reinstall Brenta."));
@@ -859,6 +920,8 @@ void CUsbBurnJob::PlanImage()
     const qint64 imageSize = QFileInfo(m_options.image).size();
     m_decision = UsbPlan::DecideImage(imageSize, Util::DiskTotalSize(m_options.device));
     m_decision.mode = UsbPlan::WriteMode::Image;
+    m_published = UsbBurn::FindPublishedChecksum(m_options.image);
+    m_decision.checksumFile = m_published.file;
     if (m_options.autoMode) {
         m_decision.modeReason = UsbPlan::ChooseMode(m_head, ItemTree()).reason;
     } else {
@@ -1128,6 +1191,15 @@ void CUsbBurnJob::StartReadBack()
                  .arg(m_imageSize));
         return;
     }
+    // The hash taken while writing is the image's; a copy that was damaged
+    // or changed on its way to the user fails here, before the read-back.
+    if (!m_published.sha256.isEmpty() && m_published.sha256 != m_imageSha256) {
+        Fail(QStringLiteral("writing: the image does not match the published checksum in %1: "
+                            "expected %2, got %3.")
+                 .arg(m_published.file, QString::fromLatin1(m_published.sha256),
+                      QString::fromLatin1(m_imageSha256)));
+        return;
+    }
     // The helper reads the stick itself, past the system's cache.
     Q_EMIT phase(Phase::Verifying);
     Q_EMIT progress(0, 100);
@@ -1152,7 +1224,7 @@ void CUsbBurnJob::ReadBack()
                  .arg(m_report.sha256, QString::fromLatin1(m_imageSha256)));
         return;
     }
-    End(true, ImageSuccessText(m_imageSize));
+    End(true, ImageSuccessText(m_imageSize, m_published.file));
 }
 
 void CUsbBurnJob::Transferred(qint64 done)

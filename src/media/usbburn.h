@@ -99,6 +99,23 @@ void ReadHelperLine(const QString& line, HelperReport& report);
 // there is something to measure.
 QString TransferText(qint64 done, qint64 total, qint64 elapsedMs);
 
+// The SHA-256 a checksum file's `text` gives for the file `name`, in
+// lower-case hex: lines "<hex>  name" or "<hex> *name" (a leading "./" is
+// passed over) and "SHA256 (name) = <hex>"; where `bare`, also a line that is
+// only the hash (a "<image>.sha256" file made for that one image). Empty when
+// no line names it.
+QByteArray PublishedSha256(const QByteArray& text, const QString& name, bool bare);
+
+// The checksum file beside `image` that names it ("<image>.sha256",
+// "<image>.sha256sum" or SHA256SUMS, in that order), by its file name, and
+// the hash it gives; both empty when there is none.
+struct PublishedChecksum
+{
+    QString file;
+    QByteArray sha256;
+};
+PublishedChecksum FindPublishedChecksum(const QString& image);
+
 struct VerifyResult
 {
     bool ok = false;
@@ -183,7 +200,8 @@ public:
     static QString PhaseText(Phase phase);
     // "Burning Successfully..." followed by what was verified.
     static QString SuccessText(int files, qint64 bytes);
-    static QString ImageSuccessText(qint64 bytes);
+    // `checksumFile`: the file whose published SHA-256 the image matched, if any.
+    static QString ImageSuccessText(qint64 bytes, const QString& checksumFile = QString());
     static QString RestoredText(UsbPlan::FileSystem fs, const QString& label);
 
     void Plan(const Options& options);
@@ -283,6 +301,7 @@ private:
     std::unique_ptr<UsbBurn::ImageFeeder> m_feeder;
     qint64 m_imageSize = 0;
     QByteArray m_imageSha256; // hex, as the helper prints it
+    UsbBurn::PublishedChecksum m_published;
     QElapsedTimer m_phaseClock;
     QString m_mountPoint;
     QString m_failure; // the message of a failed step, kept while the stick is unmounted

@@ -81,6 +81,9 @@ struct Decision
     // The EFI loader comes from the image's El Torito EFI boot image, whose
     // /EFI tree is copied onto the FAT stick after the image's files.
     bool efiFromBootImage = false;
+    // Disk image mode: the checksum file beside the image that names it; its
+    // SHA-256 is compared with the image's as the image is written.
+    QString checksumFile;
 };
 
 // The decision for Files mode. `contents` is the image as listed; sizes are
