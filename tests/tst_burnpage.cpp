@@ -109,6 +109,8 @@ private Q_SLOTS:
     void burnsTheStick();
     void usbMode_data();
     void usbMode();
+    void restoresTheStick_data();
+    void restoresTheStick();
 
 private:
     void Open(QWidget* mainWindow = nullptr)
@@ -542,6 +544,55 @@ void TestBurnPage::usbMode()
              qPrintable(Logged(m_log).join(" | ")));
     if (helper == "write")
         QCOMPARE(QFileInfo(mount + ".disk").size(), QFileInfo(image).size());
+}
+
+void TestBurnPage::restoresTheStick_data()
+{
+    QTest::addColumn<bool>("erase");      // the answer to the format warning
+    QTest::addColumn<bool>("diskImage");  // disk image mode chosen: the files options are hidden
+    QTest::addColumn<QString>("prepare"); // the helper's options; empty: nothing runs
+    QTest::newRow("erasing declined") << false << false << "";
+    QTest::newRow("files mode's file system and label")
+        << true << false << "--scheme mbr --fs exfat --label ACME STICK";
+    QTest::newRow("disk image mode: FAT32, no label") << true << true << "--scheme mbr --fs fat32";
+}
+
+// Restore stick asks before erasing, then has the helper make the chosen
+// stick an ordinary one with the options the page shows, and says so.
+void TestBurnPage::restoresTheStick()
+{
+    QFETCH(bool, erase);
+    QFETCH(bool, diskImage);
+    QFETCH(QString, prepare);
+    qputenv("BRENTA_STANDIN_MOUNT",
+            m_dir.filePath(QString("mount-%1").arg(QTest::currentDataTag())).toUtf8());
+    OpenOnStick(m_files);
+    Child<QComboBox>("sysfilelist")->setCurrentText("exFAT");
+    QTest::keyClicks(Child("volumelab"), "Acme Stick");
+    if (diskImage) {
+        auto* modes = Child<QComboBox>("modelist");
+        modes->setFocus();
+        QTest::keyClick(modes, Qt::Key_Up);
+        QVERIFY(!Child("sysfilelist")->isVisible());
+    }
+    QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
+    DialogAnswerer answers([erase](const QString& said) { return said != kFormatUsb || erase; });
+    click(Child("restore"));
+    if (erase) {
+        QVERIFY(finished.wait(20000));
+        QVERIFY2(finished.first().first().toBool(), qPrintable(answers.seen.join(" | ")));
+        QVERIFY2(answers.seen.last().startsWith("The stick is an ordinary stick again"),
+                 qPrintable(answers.seen.last()));
+    } else {
+        QTest::qWait(150);
+    }
+    QCOMPARE(answers.seen.first(), kFormatUsb);
+    QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled() && Child("restore")->isEnabled());
+    const QStringList helper =
+        prepare.isEmpty()
+            ? QStringList()
+            : QStringList{QString("prepare %1 %2").arg(m_stick, prepare), "unmount " + m_stick};
+    QCOMPARE(Logged(m_log), helper);
 }
 
 QTEST_MAIN(TestBurnPage)

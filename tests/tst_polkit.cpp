@@ -32,6 +32,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "common/hybridimage.h"
 #include "common/isofixture.h"
 #include "common/listedimage.h"
 
@@ -455,8 +456,10 @@ private Q_SLOTS:
     void burnAsUser_data()
     {
         QTest::addColumn<bool>("allowed");
-        QTest::newRow("rules say yes") << true;
-        QTest::newRow("rules say no") << false;
+        QTest::addColumn<bool>("hybrid"); // isolinux's isohybrid image: written as it is
+        QTest::newRow("rules say yes") << true << false;
+        QTest::newRow("rules say no") << false << false;
+        QTest::newRow("hybrid image, rules say yes") << true << true;
     }
 
     // Success also shows that pkexec chose Brenta's action through the
@@ -465,6 +468,18 @@ private Q_SLOTS:
     void burnAsUser()
     {
         QFETCH(bool, allowed);
+        QFETCH(bool, hybrid);
+        QString image = m_image;
+        if (hybrid) {
+            // Brenta reads the image as the user; the helper never opens it.
+            QString error;
+            image = HybridImage::Isolinux(m_dir->filePath("hybrid"), &error);
+            QVERIFY2(!image.isEmpty(), qPrintable(error));
+            QVERIFY(QFile::setPermissions(m_dir->filePath("hybrid"),
+                                          QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                              QFile::ExeGroup | QFile::ExeOther) &&
+                    QFile::setPermissions(image, QFile::ReadOwner | QFile::ReadOther));
+        }
         const QString rules =
             QStringLiteral("// %1\n"
                            "polkit.addRule(function(action, subject) {\n"
@@ -498,7 +513,7 @@ private Q_SLOTS:
         const auto detach = qScopeGuard([&] { run("losetup", {"-d", loop}); });
         const QString partition = loop + "p1";
 
-        const Ran burnt = run(m_dir->filePath("app/brenta"), {"burn-usb", m_image, loop, "--yes"},
+        const Ran burnt = run(m_dir->filePath("app/brenta"), {"burn-usb", image, loop, "--yes"},
                               m_uid, m_gid, userEnvironment(), 300000);
         QVERIFY2(!readFile("/proc/self/mounts").contains(partition.toUtf8() + ' '),
                  "the stick is still mounted");
@@ -509,6 +524,13 @@ private Q_SLOTS:
             return;
         }
         QVERIFY2(burnt.exitCode == 0, qPrintable(burnt.output));
+        if (hybrid) {
+            const QByteArray written = readFile(image);
+            QVERIFY(!written.isEmpty());
+            QVERIFY2(readFile(loop, written.size()) == written,
+                     "the stick does not hold the image byte for byte");
+            return;
+        }
         QVERIFY2(run("blkid", {"-p", "-o", "export", loop}).output.contains("PTTYPE=dos\n"),
                  "no partition table");
         const Ran probe = run("blkid", {"-p", "-o", "export", partition});

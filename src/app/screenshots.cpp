@@ -188,10 +188,11 @@ void showUsbImage(CBurnDialog* page, const QString& image)
 }
 
 // The burn page writing the sample stick in both modes, and what it says at
-// the end. The page is put in the state a burn leaves it in; nothing is
-// written.
+// the end of a burn and of a restore. The page is put in the state a burn
+// leaves it in; nothing is written.
 void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
 {
+    const char* const kBurnButtons[] = {"browser", "back", "burn", "restore"};
     QTemporaryDir scratch;
     const QString sample = makeSampleImage(scratch);
     page->findChild<QRadioButton*>(QStringLiteral("rusb"))->setChecked(true);
@@ -199,7 +200,7 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
     showUsbImage(page, sample);
     writer.Save(QStringLiteral("page-burn-usb"), host);
 
-    for (const char* button : {"browser", "back", "burn"})
+    for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
     CProgressDialog* progress = page->Progress();
     progress->DisableStop();
@@ -207,22 +208,25 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
     page->onUSBBurnProgress(45, 100);
     writer.SaveOver(QStringLiteral("page-burn-usb-progress"), host, *progress);
 
-    for (const char* button : {"browser", "back", "burn"})
+    for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
     auto burned = MessageDialogs::Message(CUsbBurnJob::SuccessText(1187, qint64(5'312'000'000)));
     writer.SaveOver(QStringLiteral("page-burn-usb-burned"), host, *burned);
 
     showUsbImage(page, makeHybridImage(sample));
     writer.Save(QStringLiteral("page-burn-usb-image"), host);
-    for (const char* button : {"browser", "back", "burn"})
+    for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
     page->onUSBBurnPhase(CUsbBurnJob::Phase::Writing);
     page->onUSBBurnProgress(62, 100);
     page->onUSBBurnTransfer(
         UsbBurn::TransferText(qint64(1'890'000'000), qint64(3'050'000'000), 22'000));
     writer.SaveOver(QStringLiteral("page-burn-usb-image-progress"), host, *progress);
-    for (const char* button : {"browser", "back", "burn"})
+    for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
+    auto restored =
+        MessageDialogs::Message(CUsbBurnJob::RestoredText(UsbPlan::FileSystem::Fat32, QString()));
+    writer.SaveOver(QStringLiteral("page-burn-usb-restored"), host, *restored);
 }
 
 void RenderDrivePages(Writer& writer, const QString& folder)

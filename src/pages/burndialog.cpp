@@ -5,6 +5,7 @@
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPushButton>
 #include <QRadioButton>
 
 #include "app/mainwindow.h"
@@ -75,6 +76,20 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     m_dvdlist = list(new CMyComboBox(this), "dvdlist", QRect(135, 137, 371, 23));
     m_rusb = radio("rusb", 113, 179);
     m_usblist = list(new CMyComboBox(this), "usblist", QRect(135, 222, 371, 23));
+    // Drawn like the Browse button, and as wide as the rest of the row up to
+    // the volume label's right edge.
+    m_restore = new QPushButton(QStringLiteral("Restore stick"), this);
+    m_restore->setObjectName(QStringLiteral("restore"));
+    m_restore->setGeometry(516, 222, 104, 23);
+    m_restore->setCursor(Qt::PointingHandCursor);
+    m_restore->setToolTip(
+        QStringLiteral("Erase the stick and give it one empty partition, as it came"));
+    m_restore->setStyleSheet(QStringLiteral(
+        "QPushButton { color: #1565C0; background: #EEF6FF; border: 1px solid #1E88E5;"
+        " border-radius: 4px; font-family: \"Noto Sans\"; font-size: 12px; font-weight: bold; }"
+        "QPushButton:hover { background: #DCEEFF; }"
+        "QPushButton:pressed { background: #C8E2FF; }"
+        "QPushButton:disabled { color: #A0A0A0; background: #F4F4F4; border-color: #C8C8C8; }"));
     // The USB options' labels are widgets, unlike the picture's, so that they
     // go with the options disk image mode does not use; each is as high as
     // its control and ends 10 pixels before it, as "Drive" does.
@@ -140,6 +155,7 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     connect(m_browser, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBrowser);
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBack);
     connect(m_burn, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBurn);
+    connect(m_restore, &QPushButton::clicked, this, &CBurnDialog::onRestore);
     connect(m_volumelab, &QLineEdit::textChanged, this, &CBurnDialog::OnVolumeLabTextChange);
     connect(m_ptlist, qOverload<int>(&QComboBox::currentIndexChanged), this,
             &CBurnDialog::OnMBRSelect);
@@ -230,6 +246,29 @@ void CBurnDialog::BurnToUsb(const QString& image)
     m_usbJob->Plan(options);
 }
 
+void CBurnDialog::onRestore()
+{
+    if (m_usblist->currentIndex() < 0 || m_usblist->currentText().isEmpty()) {
+        showNotice(QStringLiteral(":/nwu/insert_usb"));
+        return;
+    }
+    const bool files = ChosenMode() == UsbPlan::WriteMode::Files;
+    const UsbPlan::FileSystem fs = files ? UsbPlan::FileSystemFromName(m_sysfilelist->currentText())
+                                               .value_or(UsbPlan::FileSystem::Fat32)
+                                         : UsbPlan::FileSystem::Fat32;
+    const QString label = files ? m_volumelab->text() : QString();
+    // As for a burn, a label the file system cannot hold is said before the
+    // stick is offered for erasing.
+    if (const QString problem = UsbPlan::CheckLabel(fs, label).problem; !problem.isEmpty()) {
+        Util::ShowMessage(problem);
+        return;
+    }
+    if (Util::ConfirmPicture(QStringLiteral(":/nwu/format_usb")) != QDialog::Accepted)
+        return;
+    StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Formatting), 0);
+    m_usbJob->Restore(currentNode(m_usblist), fs, label);
+}
+
 void CBurnDialog::onUSBPlanned(bool ok, const QString& message)
 {
     if (!ok) {
@@ -318,6 +357,7 @@ void CBurnDialog::SetButtonsEnabled(bool enabled)
 {
     for (CImageButton* button : {m_browser, m_back, m_burn})
         button->setEnabled(enabled);
+    m_restore->setEnabled(enabled && m_rusb->isChecked());
 }
 
 void CBurnDialog::onBack()
@@ -420,7 +460,7 @@ void CBurnDialog::OnRadioSelected()
     for (QWidget* usbControl :
          {static_cast<QWidget*>(m_usblist), static_cast<QWidget*>(m_modelist),
           static_cast<QWidget*>(m_ptlist), static_cast<QWidget*>(m_sysfilelist),
-          static_cast<QWidget*>(m_volumelab)})
+          static_cast<QWidget*>(m_volumelab), static_cast<QWidget*>(m_restore)})
         usbControl->setEnabled(!disc);
     m_dvdlist->setEnabled(disc);
     // Both refills keep their list's selection themselves.

@@ -16,6 +16,7 @@ class CProgressDialog;
 class QComboBox;
 class QLabel;
 class QLineEdit;
+class QPushButton;
 class QRadioButton;
 
 // The burn page: writes an image to a CD/DVD or to a USB drive. The optical
@@ -42,8 +43,8 @@ Q_SIGNALS:
     void opticalListFilled();
     // A disc burn has ended and the page has said how it went.
     void burnFinished(bool succeeded);
-    // A USB burn has ended: written and checked, failed (the page has said
-    // why), or given up before anything was written.
+    // A USB burn or restore has ended: written (and checked), failed (the
+    // page has said why), or given up before anything was written.
     void usbBurnFinished(bool succeeded);
     // The USB mode and its reason are on the page for the chosen image.
     void modeShown();
@@ -51,6 +52,9 @@ Q_SIGNALS:
 public Q_SLOTS:
     void onBrowser();
     void onBurn();
+    // Gives the chosen stick back as an ordinary one, with the file system
+    // and label of files mode (FAT32 and no label when they are hidden).
+    void onRestore();
     void onBack();
     // 0 both lists, 1 the optical list, 2 the removable list; else nothing.
     void InitializeUSBAndDVDComboBox(int type);
@@ -99,6 +103,7 @@ private:
     QComboBox* m_ptlist = nullptr;
     QComboBox* m_sysfilelist = nullptr;
     QLineEdit* m_volumelab = nullptr;
+    QPushButton* m_restore = nullptr;
     QList<QWidget*> m_filesOptions; // with their labels; hidden in disk image mode
     CImageButton* m_back = nullptr;
     CImageButton* m_burn = nullptr;
