@@ -131,6 +131,9 @@ void TestCli::answersWithoutWindow_data()
         << QStringList{"burn-usb", "a.iso", "/dev/sdz", "--fs", "ntfs", "--mode", "image"} << 2
         << ""
         << "brenta: --fs is for files mode";
+    QTest::newRow("burn-usb, several sticks in files mode")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdy", "/dev/sdz", "--mode", "files"} << 2 << ""
+        << "brenta: Several USB disks are written at once only in image mode.";
     QTest::newRow("restore-usb, FAT16")
         << QStringList{"restore-usb", "/dev/sdz", "--fs", "fat"} << 2 << ""
         << "brenta: --fs takes fat32, exfat or ntfs.";

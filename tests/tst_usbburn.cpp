@@ -787,6 +787,104 @@ private Q_SLOTS:
         QVERIFY(stick.read(written.size()) == written);
     }
 
+    // Several sticks at once: one read of the image feeds every stick, each
+    // is read back on its own, and a stick whose helper fails leaves the
+    // others be. Each stick's result is a line of its own.
+    void severalSticks_data()
+    {
+        QTest::addColumn<bool>("realHelper"); // on loop devices, as root
+        QTest::addColumn<int>("sticks");
+        QTest::addColumn<int>("failing"); // the stick removed before its first byte, or -1
+        QTest::newRow("stand-in, second of two removed") << false << 2 << 1;
+        QTest::newRow("stand-in, first of three removed") << false << 3 << 0;
+        QTest::newRow("real helper, three loop devices") << true << 3 << -1;
+    }
+
+    void severalSticks()
+    {
+        QFETCH(bool, realHelper);
+        QFETCH(int, sticks);
+        QFETCH(int, failing);
+
+        QString built;
+        QStringList devices;
+        QStringList disks; // what each stick holds, to compare with the image
+        const QString standIn = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper";
+        const QString helper = m_tools + "/usbhelper/brenta-usb-helper";
+        QList<std::function<void()>> tidy;
+        const auto tidyUp = qScopeGuard([&] {
+            for (const auto& step : tidy)
+                step();
+        });
+        tidy << [this, standIn] { linkTool(m_tools, "usbhelper/brenta-usb-helper", standIn); };
+        if (realHelper) {
+            if (::geteuid() != 0)
+                QSKIP("needs root for loop devices");
+            QString error;
+            const QString folder = m_dir.filePath("shape-isolinux");
+            QDir().mkpath(folder);
+            built = QDir(folder).entryList({"*.iso"}).value(0);
+            built = !built.isEmpty() ? folder + "/" + built : HybridImage::Isolinux(folder, &error);
+            QVERIFY2(!built.isEmpty(), qPrintable(error));
+            QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
+            for (int i = 0; i < sticks; ++i) {
+                const QString backing = IsoFixture::SparseFile(m_dir.filePath(QString("sticks-%1.img").arg(i)), 64);
+                int code = 0;
+                const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
+                if (code != 0 || !loop.startsWith("/dev/loop"))
+                    QSKIP("no loop device can be set up here");
+                tidy << [this, loop] { run("losetup", {"-d", loop}); };
+                devices << loop;
+                disks << loop;
+            }
+        } else {
+            built = image("several", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
+            QByteArray before = "export BRENTA_STANDIN_DISK=\"$2.disk\"\n";
+            for (int i = 0; i < sticks; ++i) {
+                const QString device = m_dir.filePath(QString("several-%1").arg(i));
+                QDir().mkpath(device);
+                QFile::remove(device + ".disk");
+                devices << device;
+                disks << device + ".disk";
+            }
+            before += "[ \"$2\" != '" + devices.value(failing).toUtf8() + "' ] || export BRENTA_STANDIN_MODE=failwrite\n";
+            QFile::remove(helper);
+            QVERIFY(Standins::Write(helper, "#!/bin/sh\n" + before + "exec '" + standIn.toUtf8() + "' \"$@\"\n"));
+            qputenv("BRENTA_STANDIN_MODE", "");
+        }
+
+        CUsbMultiBurnJob job;
+        QSignalSpy planned(&job, &CUsbMultiBurnJob::planned);
+        QSignalSpy finished(&job, &CUsbMultiBurnJob::finished);
+        CUsbBurnJob::Options options;
+        options.image = built;
+        // The stand-in's image has no partition table; the real one goes as a disk image by itself.
+        options.autoMode = realHelper;
+        options.mode = UsbPlan::WriteMode::Image;
+        job.Plan(options, devices);
+        QVERIFY(planned.wait(60000));
+        QVERIFY2(planned.first().at(0).toBool(), qPrintable(planned.first().at(1).toString()));
+        job.Burn();
+        QVERIFY(finished.wait(240000));
+        const QString message = finished.first().at(1).toString();
+        QCOMPARE(finished.first().at(0).toBool(), failing < 0);
+        const QStringList lines = message.split('\n');
+        QCOMPARE(lines.size(), sticks);
+
+        QFile image(built);
+        QVERIFY(image.open(QIODevice::ReadOnly));
+        const QByteArray expected = image.readAll();
+        for (int i = 0; i < sticks; ++i) {
+            QVERIFY2(lines[i].startsWith(devices[i] + ": "), qPrintable(message));
+            QVERIFY2(lines[i].contains(i == failing ? " was removed (" : "byte for byte"), qPrintable(message));
+            if (i == failing)
+                continue;
+            QFile stick(disks[i]);
+            QVERIFY(stick.open(QIODevice::ReadOnly));
+            QVERIFY2(stick.read(expected.size()) == expected, qPrintable(disks[i]));
+        }
+    }
+
     // A stick that holds an isohybrid image, restored by the real helper,
     // shows nothing of the image: no ISO 9660 volume, no GPT (the backup at
     // the disk's end either, when the image fills the stick), only the new

@@ -28,7 +28,7 @@ namespace Cli {
 
 namespace {
 
-// burn-usb IMAGE DEVICE and then its options, in any order. Returns what is
+// burn-usb IMAGE DEVICE [DEVICE...] and then its options, in any order. Returns what is
 // wrong, or nothing.
 QString parseBurnUsb(const QStringList& arguments, Request& request)
 {
@@ -43,6 +43,12 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
         const QString& option = arguments.at(i);
         if (option == QLatin1String("--yes")) {
             request.yes = true;
+            continue;
+        }
+        if (!isOption(option)) {
+            if (option == request.device || request.moreDevices.contains(option))
+                return QStringLiteral("%1 is named twice.").arg(option);
+            request.moreDevices << option;
             continue;
         }
         if (option != QLatin1String("--scheme") && option != QLatin1String("--fs") &&
@@ -84,6 +90,9 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
     if (request.writeMode == UsbPlan::WriteMode::Image && !request.filesOptions.isEmpty())
         return QStringLiteral("%1 is for files mode; in image mode the image is written as it is.")
             .arg(request.filesOptions.first());
+    if (!request.moreDevices.isEmpty() &&
+        (request.writeMode == UsbPlan::WriteMode::Files || !request.filesOptions.isEmpty()))
+        return QStringLiteral("Several USB disks are written at once only in image mode.");
     return QString();
 }
 
@@ -619,22 +628,12 @@ private:
     QString m_transfer;
 };
 
-} // namespace
-
-int RunBurnUsb(const Request& request)
+// Plans and burns with `job`, a CUsbBurnJob or, for several sticks, a
+// CUsbMultiBurnJob; `plan` starts its planning.
+template <typename Job, typename PlanStart>
+int burnUsb(const Request& request, Job& job, PlanStart plan)
 {
-    if (!QFileInfo(request.image).isFile()) {
-        print(stderr, QStringLiteral("brenta: %1 is not an image file.\n").arg(request.image));
-        return 1;
-    }
-    // What the device really is, the helper checks before it touches it.
-    if (!request.device.startsWith(QLatin1Char('/'))) {
-        print(stderr, QStringLiteral("brenta: %1 is not a device node (such as /dev/sdb).\n")
-                          .arg(request.device));
-        return 1;
-    }
     UsbBurnReport report(progressWanted());
-    CUsbBurnJob job;
     CUsbBurnJob::Options options;
     options.image = request.image;
     options.device = request.device;
@@ -643,13 +642,11 @@ int RunBurnUsb(const Request& request)
     options.label = request.label;
     options.autoMode = !request.writeMode.has_value();
     options.mode = request.writeMode.value_or(UsbPlan::WriteMode::Files);
-    QObject::connect(&job, &CUsbBurnJob::phase,
-                     [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
-    QObject::connect(&job, &CUsbBurnJob::progress,
+    QObject::connect(&job, &Job::phase, [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
+    QObject::connect(&job, &Job::progress,
                      [&report](int value, int maximum) { report.Progress(value, maximum); });
-    QObject::connect(&job, &CUsbBurnJob::transfer,
-                     [&report](const QString& text) { report.Transfer(text); });
-    const auto [plannedOk, refusal] = await(job, &CUsbBurnJob::planned, [&] { job.Plan(options); });
+    QObject::connect(&job, &Job::transfer, [&report](const QString& text) { report.Transfer(text); });
+    const auto [plannedOk, refusal] = await(job, &Job::planned, [&] { plan(options); });
     report.EndLine();
     // The mode, once it is known, also when the plan refuses the burn.
     const UsbPlan::Decision& decision = job.Decision();
@@ -680,19 +677,46 @@ int RunBurnUsb(const Request& request)
     }
     for (const QString& warning : decision.warnings)
         print(stderr, QStringLiteral("brenta: warning: %1\n").arg(warning));
-    if (!request.yes && !agreesToErase(request.device)) {
+    if (!request.yes &&
+        !agreesToErase((QStringList{request.device} + request.moreDevices).join(QStringLiteral(", ")))) {
         print(stderr, QStringLiteral("Nothing was written.\n"));
         return 1;
     }
 
-    const auto [succeeded, message] = await(job, &CUsbBurnJob::finished, [&] { job.Burn(); });
+    const auto [succeeded, message] = await(job, &Job::finished, [&] { job.Burn(); });
     report.EndLine();
-    if (!succeeded) {
+    // Several sticks: one result line each, those that were burned too.
+    if (!succeeded && request.moreDevices.isEmpty()) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(message));
         return 1;
     }
     print(stdout, message + QLatin1Char('\n'));
-    return 0;
+    return succeeded ? 0 : 1;
+}
+
+} // namespace
+
+int RunBurnUsb(const Request& request)
+{
+    if (!QFileInfo(request.image).isFile()) {
+        print(stderr, QStringLiteral("brenta: %1 is not an image file.\n").arg(request.image));
+        return 1;
+    }
+    const QStringList devices = QStringList{request.device} + request.moreDevices;
+    // What each device really is, the helper checks before it touches it.
+    for (const QString& device : devices) {
+        if (!device.startsWith(QLatin1Char('/'))) {
+            print(stderr,
+                  QStringLiteral("brenta: %1 is not a device node (such as /dev/sdb).\n").arg(device));
+            return 1;
+        }
+    }
+    if (devices.size() > 1) {
+        CUsbMultiBurnJob job;
+        return burnUsb(request, job, [&](const CUsbBurnJob::Options& options) { job.Plan(options, devices); });
+    }
+    CUsbBurnJob job;
+    return burnUsb(request, job, [&](const CUsbBurnJob::Options& options) { job.Plan(options); });
 }
 
 int RunRestoreUsb(const Request& request)
@@ -770,8 +794,9 @@ QString HelpText()
         "       brenta boot-info IMAGE\n"
         "       brenta drives\n"
         "       brenta burn-disc IMAGE DEVICE\n"
-        "       brenta burn-usb IMAGE DEVICE [--mode auto|image|files] [--scheme mbr|gpt]\n"
-        "                       [--fs fat32|ntfs|exfat|fat] [--label LABEL] [--yes]\n"
+        "       brenta burn-usb IMAGE DEVICE [DEVICE...] [--mode auto|image|files]\n"
+        "                       [--scheme mbr|gpt] [--fs fat32|ntfs|exfat|fat]\n"
+        "                       [--label LABEL] [--yes]\n"
         "       brenta restore-usb DEVICE [--fs fat32|exfat|ntfs] [--label LABEL]\n"
         "                          [--yes]\n"
         "       brenta copy-disc DEVICE OUTPUT\n"
@@ -791,7 +816,7 @@ QString HelpText()
         "  drives                 print the drives Brenta offers, USB ones first: usb or\n"
         "                         optical, the device node and the list text (tab separated)\n"
         "  burn-disc IMAGE DEVICE burn IMAGE to the disc in DEVICE and eject it\n"
-        "  burn-usb IMAGE DEVICE [OPTION...]\n"
+        "  burn-usb IMAGE DEVICE [DEVICE...] [OPTION...]\n"
         "                         erase the USB disk DEVICE (such as /dev/sdb) and put\n"
         "                         IMAGE on it, then check it; asks first unless --yes.\n"
         "                         --mode image writes IMAGE as it is and reads it back,\n"
@@ -804,7 +829,9 @@ QString HelpText()
         "                         Files mode only: --scheme mbr|gpt (mbr if not given;\n"
         "                         gpt takes FAT32), --fs fat32|ntfs|exfat|fat (fat32),\n"
         "                         --label LABEL (refused with --mode image, unused when\n"
-        "                         auto picks image)\n"
+        "                         auto picks image). Several DEVICEs are written at once\n"
+        "                         from one read of IMAGE, in image mode only, one result\n"
+        "                         line each\n"
         "  restore-usb DEVICE [OPTION...]\n"
         "                         erase the USB disk DEVICE, whatever it held (an image\n"
         "                         written as it is too), and leave one partition with\n"

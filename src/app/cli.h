@@ -32,6 +32,7 @@ struct Request
     // --fs and --label were given (they apply to files mode only)
     std::optional<UsbPlan::WriteMode> writeMode;
     QStringList filesOptions;
+    QStringList moreDevices; // BurnUsb: further sticks, written at once in image mode
     QString error;     // UsageError: what was wrong
 };
 

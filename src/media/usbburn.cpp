@@ -127,12 +127,15 @@ bool hashStream(QIODevice& stream, qint64 size, Sha256& hash, QByteArray& buffer
 } // namespace
 
 // Reads the image once, as the user, in large blocks, hashes every block and
-// writes it into a pipe whose read end is the helper's standard input. While
-// the stick is slower than the image the pipe is full and the feeder waits.
+// writes it into one pipe per stick, whose read end is that stick's helper's
+// standard input. While a stick is slower than the image its pipe is full and
+// the feeder waits, so a slow stick holds the others back only as far as
+// their pipes hold. A pipe whose helper ended is closed and left out from
+// then on; the others go on.
 class ImageFeeder final
 {
 public:
-    ImageFeeder(const QString& image, qint64 size) : m_size(size)
+    ImageFeeder(const QString& image, qint64 size, int outputs = 1) : m_size(size), m_outputs(size_t(outputs))
     {
         m_image = ::open(QFile::encodeName(image).constData(), O_RDONLY | O_CLOEXEC);
         if (m_image < 0) {
@@ -141,26 +144,32 @@ public:
             return;
         }
         ::posix_fadvise(m_image, 0, 0, POSIX_FADV_SEQUENTIAL);
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0) {
-            m_problem = QStringLiteral("no pipe to the helper could be made: %1.")
-                            .arg(QString::fromLocal8Bit(std::strerror(errno)));
-            return;
+        for (Output& output : m_outputs) {
+            int ends[2];
+            if (::pipe2(ends, O_CLOEXEC) != 0) {
+                m_problem = QStringLiteral("no pipe to the helper could be made: %1.")
+                                .arg(QString::fromLocal8Bit(std::strerror(errno)));
+                return;
+            }
+            output.read = ends[0];
+            output.write = ends[1];
+            // A larger pipe means fewer switches between Brenta and the helper;
+            // the system may refuse it.
+            ::fcntl(output.write, F_SETPIPE_SZ, kPipeBytes);
+            ::fcntl(output.write, F_SETFL, ::fcntl(output.write, F_GETFL) | O_NONBLOCK);
         }
-        m_read = ends[0];
-        m_write = ends[1];
-        // A larger pipe means fewer switches between Brenta and the helper;
-        // the system may refuse it.
-        ::fcntl(m_write, F_SETPIPE_SZ, kPipeBytes);
-        ::fcntl(m_write, F_SETFL, ::fcntl(m_write, F_GETFL) | O_NONBLOCK);
     }
 
     ~ImageFeeder()
     {
         Finish();
-        for (int descriptor : {m_image, m_read, m_write}) {
-            if (descriptor >= 0)
-                ::close(descriptor);
+        if (m_image >= 0)
+            ::close(m_image);
+        for (Output& output : m_outputs) {
+            for (int descriptor : {output.read, output.write}) {
+                if (descriptor >= 0)
+                    ::close(descriptor);
+            }
         }
     }
 
@@ -170,8 +179,8 @@ public:
     // Why it cannot start; empty when it can.
     QString Problem() const { return m_problem; }
 
-    // The pipe's read end, for the helper's standard input; the caller owns it.
-    int TakeReadEnd() { return std::exchange(m_read, -1); }
+    // A pipe's read end, for a helper's standard input; the caller owns it.
+    int TakeReadEnd(int output = 0) { return std::exchange(m_outputs[size_t(output)].read, -1); }
 
     void Start()
     {
@@ -179,8 +188,7 @@ public:
             m_thread = std::thread(&ImageFeeder::Run, this);
     }
 
-    // Stops waiting for a reader that no longer reads and waits for the end.
-    // Fed(), Error() and Sha256Hex() are final after it.
+    // Stops waiting for readers that no longer read and waits for the end.
     void Finish()
     {
         m_stop = true;
@@ -188,16 +196,33 @@ public:
             m_thread.join();
     }
 
-    qint64 Fed() const { return m_fed; }
+    // The bytes given to one helper so far; once they are the image's size,
+    // Sha256Hex() is final.
+    qint64 Fed(int output = 0) const { return m_outputs[size_t(output)].fed; }
     // Reading the image failed, in plain words; empty when it did not.
-    QString Error() const { return m_error; }
-    // The hash of the whole image in lower-case hex, once all of it was fed.
-    QByteArray Sha256Hex() const { return m_sha256; }
+    QString Error() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_error;
+    }
+    // The hash of the whole image in lower-case hex, once all of it was read.
+    QByteArray Sha256Hex() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_sha256;
+    }
 
 private:
     static constexpr qint64 kBlock = 4 << 20;
     static constexpr int kPipeBytes = 1 << 20;
     static constexpr int kWaitMs = 100;
+
+    struct Output
+    {
+        int read = -1;
+        int write = -1;
+        std::atomic<qint64> fed{0};
+    };
 
     void Run()
     {
@@ -210,49 +235,72 @@ private:
 
         Sha256 hash;
         std::vector<char> buffer(kBlock);
-        while (m_fed < m_size && m_error.isEmpty()) {
-            const qint64 block = qMin(kBlock, m_size - m_fed);
+        qint64 read = 0;
+        QString error;
+        const auto feeding = [this] {
+            return std::any_of(m_outputs.begin(), m_outputs.end(),
+                               [](const Output& output) { return output.write >= 0; });
+        };
+        while (read < m_size && feeding()) {
+            const qint64 block = qMin(kBlock, m_size - read);
             qint64 got = 0;
-            while (got < block && m_error.isEmpty()) {
+            while (got < block && error.isEmpty()) {
                 const ssize_t n = ::read(m_image, buffer.data() + got, size_t(block - got));
                 if (n > 0)
                     got += n;
                 else if (n == 0)
-                    m_error = QStringLiteral("the image ended after %1 of %2 bytes; it changed "
-                                             "after it was checked.")
-                                  .arg(m_fed + got)
-                                  .arg(m_size);
+                    error = QStringLiteral("the image ended after %1 of %2 bytes; it changed "
+                                           "after it was checked.")
+                                .arg(read + got)
+                                .arg(m_size);
                 else if (errno != EINTR)
-                    m_error = QStringLiteral("the image could not be read after %1 bytes: %2.")
-                                  .arg(m_fed + got)
-                                  .arg(QString::fromLocal8Bit(std::strerror(errno)));
+                    error = QStringLiteral("the image could not be read after %1 bytes: %2.")
+                                .arg(read + got)
+                                .arg(QString::fromLocal8Bit(std::strerror(errno)));
             }
-            if (!m_error.isEmpty())
+            if (!error.isEmpty()) {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_error = error;
                 break;
+            }
             hash.addData(QByteArrayView(buffer.data(), got));
-            if (!Write(buffer.data(), got))
-                break;
+            read += got;
+            // Final before the last bytes reach any helper, so that a helper
+            // that read them all finds it.
+            if (read == m_size) {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_sha256 = hash.result().toHex();
+            }
+            for (Output& output : m_outputs) {
+                if (output.write >= 0 && !Write(output, buffer.data(), got))
+                    Close(output);
+            }
         }
-        if (m_fed == m_size)
-            m_sha256 = hash.result().toHex();
-        // The helper reads exactly the image's size; an early end is its end of input.
-        ::close(m_write);
-        m_write = -1;
+        // A helper reads exactly the image's size; an early end is its end of input.
+        for (Output& output : m_outputs)
+            Close(output);
+    }
+
+    static void Close(Output& output)
+    {
+        if (output.write >= 0)
+            ::close(output.write);
+        output.write = -1;
     }
 
     // False when the helper stopped reading or the feeder was stopped.
-    bool Write(const char* data, qint64 size)
+    bool Write(Output& output, const char* data, qint64 size)
     {
         while (size > 0) {
-            const ssize_t n = ::write(m_write, data, size_t(size));
+            const ssize_t n = ::write(output.write, data, size_t(size));
             if (n > 0) {
                 data += n;
                 size -= n;
-                m_fed += n;
+                output.fed += n;
             } else if (n < 0 && errno == EAGAIN) {
                 if (m_stop)
                     return false;
-                pollfd writable{m_write, POLLOUT, 0};
+                pollfd writable{output.write, POLLOUT, 0};
                 ::poll(&writable, 1, kWaitMs);
             } else if (n < 0 && errno != EINTR) {
                 return false; // the helper ended; it says why
@@ -263,12 +311,11 @@ private:
 
     qint64 m_size;
     int m_image = -1;
-    int m_read = -1;
-    int m_write = -1;
+    std::vector<Output> m_outputs;
     QString m_problem;
     std::thread m_thread;
     std::atomic<bool> m_stop{false};
-    std::atomic<qint64> m_fed{0};
+    mutable std::mutex m_mutex;
     QString m_error;
     QByteArray m_sha256;
 };
@@ -1012,6 +1059,8 @@ void CUsbBurnJob::Burn()
     m_failure.clear();
     m_mountPoint.clear();
     m_efiCopied = false;
+    m_sharedFeeder = false;
+    m_feeder.reset();
     if (m_decision.mode == UsbPlan::WriteMode::Image) {
         StartWrite();
         return;
@@ -1022,6 +1071,21 @@ void CUsbBurnJob::Burn()
               UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem,
                                         m_options.label),
               &CUsbBurnJob::StartBootCode);
+}
+
+void CUsbBurnJob::BurnFrom(std::shared_ptr<UsbBurn::ImageFeeder> feeder, int output)
+{
+    if (!m_planned || m_running || m_decision.mode != UsbPlan::WriteMode::Image)
+        return;
+    m_planned = false;
+    m_running = true;
+    m_restoring = false;
+    m_failure.clear();
+    m_mountPoint.clear();
+    m_feeder = std::move(feeder);
+    m_sharedFeeder = true;
+    m_output = output;
+    StartWrite();
 }
 
 void CUsbBurnJob::Restore(const QString& device, UsbPlan::FileSystem fs, const QString& label)
@@ -1086,7 +1150,9 @@ void CUsbBurnJob::RunHelper(const QString& step, const QStringList& arguments, N
             // image that could not be read explains the helper's failure too.
             QString imageFailure;
             if (m_feeder != nullptr) {
-                m_feeder->Finish();
+                // A feeder shared with other sticks goes on for them.
+                if (!m_sharedFeeder)
+                    m_feeder->Finish();
                 imageFailure = m_feeder->Error();
             }
             const CRunCommandThread::Result result = m_runner->GetResult();
@@ -1166,23 +1232,31 @@ void CUsbBurnJob::StartWrite()
     m_phaseClock.start();
     m_imageSize = QFileInfo(m_options.image).size();
     m_imageSha256.clear();
-    m_feeder = std::make_unique<UsbBurn::ImageFeeder>(m_options.image, m_imageSize);
-    if (!m_feeder->Problem().isEmpty()) {
-        const QString problem = m_feeder->Problem();
-        m_feeder.reset();
-        Fail(QStringLiteral("writing: ") + problem);
-        return;
+    if (!m_sharedFeeder) {
+        m_feeder = std::make_shared<UsbBurn::ImageFeeder>(m_options.image, m_imageSize);
+        m_output = 0;
+        if (!m_feeder->Problem().isEmpty()) {
+            const QString problem = m_feeder->Problem();
+            m_feeder.reset();
+            Fail(QStringLiteral("writing: ") + problem);
+            return;
+        }
     }
     RunHelper(QStringLiteral("writing"),
               {QStringLiteral("write"), m_options.device, QStringLiteral("--size"),
                QString::number(m_imageSize)},
-              &CUsbBurnJob::StartReadBack, m_feeder->TakeReadEnd());
-    m_feeder->Start();
+              &CUsbBurnJob::StartReadBack, m_feeder->TakeReadEnd(m_output));
+    // A shared feeder starts once every stick's helper runs.
+    if (!m_sharedFeeder)
+        m_feeder->Start();
 }
 
 void CUsbBurnJob::StartReadBack()
 {
-    const qint64 fed = m_feeder->Fed();
+    // A shared feeder counts the last bytes a moment after the helper read them.
+    for (int waited = 0; m_sharedFeeder && m_feeder->Fed(m_output) != m_imageSize && waited < 2000; ++waited)
+        QThread::msleep(1);
+    const qint64 fed = m_feeder->Fed(m_output);
     m_imageSha256 = m_feeder->Sha256Hex();
     m_feeder.reset();
     if (fed != m_imageSize || m_imageSha256.isEmpty()) {
@@ -1525,4 +1599,84 @@ void CUsbBurnJob::StopVerifier()
     m_verifier->wait();
     delete m_verifier;
     m_verifier = nullptr;
+}
+
+CUsbMultiBurnJob::CUsbMultiBurnJob(QObject* parent) : QObject(parent) {}
+
+CUsbMultiBurnJob::~CUsbMultiBurnJob()
+{
+    // The sticks' helpers end first, so that the feeder waits for no one.
+    m_jobs.clear();
+    m_feeder.reset();
+}
+
+void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringList& devices)
+{
+    m_jobs.clear();
+    m_devices = devices;
+    m_image = options.image;
+    m_refusals.clear();
+    m_results = QStringList(devices.size(), QString());
+    m_pending = int(devices.size());
+    m_allSucceeded = true;
+    for (int i = 0; i < devices.size(); ++i) {
+        auto job = std::make_unique<CUsbBurnJob>();
+        CUsbBurnJob* raw = job.get();
+        connect(raw, &CUsbBurnJob::planned, this, [this, raw, i](bool ok, const QString& message) {
+            if (!ok)
+                m_refusals << QStringLiteral("%1: %2").arg(m_devices.at(i), message);
+            else if (raw->Decision().mode != UsbPlan::WriteMode::Image)
+                m_refusals << QStringLiteral("%1: several sticks are written at once only in disk image "
+                                             "mode; this image goes the files way (%2)")
+                                  .arg(m_devices.at(i), raw->Decision().modeReason);
+            if (--m_pending == 0)
+                Q_EMIT planned(m_refusals.isEmpty(), m_refusals.join(QLatin1Char('\n')));
+        });
+        connect(raw, &CUsbBurnJob::finished, this, [this, i](bool ok, const QString& message) {
+            m_allSucceeded = m_allSucceeded && ok;
+            m_results[i] = QStringLiteral("%1: %2").arg(m_devices.at(i), QString(message).replace(
+                                                                               QLatin1String("\n\n"), QLatin1String(" ")));
+            if (--m_pending == 0) {
+                m_feeder.reset();
+                Q_EMIT finished(m_allSucceeded, m_results.join(QLatin1Char('\n')));
+            }
+        });
+        // The first stick's progress stands for all of them.
+        if (i == 0) {
+            connect(raw, &CUsbBurnJob::phase, this, &CUsbMultiBurnJob::phase);
+            connect(raw, &CUsbBurnJob::progress, this, &CUsbMultiBurnJob::progress);
+            connect(raw, &CUsbBurnJob::transfer, this, &CUsbMultiBurnJob::transfer);
+        }
+        m_jobs.push_back(std::move(job));
+    }
+    for (int i = 0; i < devices.size(); ++i) {
+        CUsbBurnJob::Options one = options;
+        one.device = devices.at(i);
+        m_jobs[size_t(i)]->Plan(one);
+    }
+}
+
+const UsbPlan::Decision& CUsbMultiBurnJob::Decision() const
+{
+    static const UsbPlan::Decision kNone;
+    return m_jobs.empty() ? kNone : m_jobs.front()->Decision();
+}
+
+void CUsbMultiBurnJob::Burn()
+{
+    if (m_jobs.empty() || m_feeder != nullptr)
+        return;
+    m_feeder = std::make_shared<UsbBurn::ImageFeeder>(QFileInfo(m_image).absoluteFilePath(),
+                                                      QFileInfo(m_image).size(), int(m_jobs.size()));
+    if (!m_feeder->Problem().isEmpty()) {
+        const QString problem = m_feeder->Problem();
+        m_feeder.reset();
+        Q_EMIT finished(false, QStringLiteral("No USB stick was burned: ") + problem);
+        return;
+    }
+    m_pending = int(m_jobs.size());
+    m_allSucceeded = true;
+    for (size_t i = 0; i < m_jobs.size(); ++i)
+        m_jobs[i]->BurnFrom(m_feeder, int(i));
+    m_feeder->Start();
 }

@@ -209,6 +209,10 @@ public:
     const UsbPlan::Decision& Decision() const { return m_decision; }
     // Writes the stick; only after planned(true).
     void Burn();
+    // Disk image mode, one of several sticks: writes what `feeder` gives on
+    // its output `output`; the caller starts the feeder once every stick's
+    // burn has begun. Only after planned(true).
+    void BurnFrom(std::shared_ptr<UsbBurn::ImageFeeder> feeder, int output);
     // Gives a stick back as an ordinary one: the helper wipes every old
     // signature (an image's tables at the start and the end of the disk
     // too), makes one MBR partition with `fs` and `label`, and the stick is
@@ -298,11 +302,55 @@ private:
     bool m_efiCopied = false;
     std::unique_ptr<ScratchFolder> m_efiDir;
     std::unique_ptr<ScratchFolder> m_wimDir;
-    std::unique_ptr<UsbBurn::ImageFeeder> m_feeder;
+    std::shared_ptr<UsbBurn::ImageFeeder> m_feeder;
+    bool m_sharedFeeder = false; // the feeder feeds other sticks too
+    int m_output = 0;            // this stick's output of the feeder
     qint64 m_imageSize = 0;
     QByteArray m_imageSha256; // hex, as the helper prints it
     UsbBurn::PublishedChecksum m_published;
     QElapsedTimer m_phaseClock;
     QString m_mountPoint;
     QString m_failure; // the message of a failed step, kept while the stick is unmounted
+};
+
+// Burns one image to several sticks at once, in disk image mode only. Every
+// stick is planned on its own; one read of the image feeds all their helpers
+// (a stick whose helper fails is left out of the feed, the others go on),
+// each stick is read back and verified on its own, and finished() comes once
+// with one "<device>: <result>" line per stick, succeeded only when every
+// stick was burned. phase(), progress() and transfer() follow the first stick.
+class CUsbMultiBurnJob final : public QObject
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CUsbMultiBurnJob)
+
+public:
+    explicit CUsbMultiBurnJob(QObject* parent = nullptr);
+    ~CUsbMultiBurnJob() override;
+
+    // `options.device` is not used: each of `devices` is planned with the rest.
+    // planned(false) names each stick that cannot be burned, and each for which
+    // the image would go the files way.
+    void Plan(const CUsbBurnJob::Options& options, const QStringList& devices);
+    // The first stick's decision; valid after planned().
+    const UsbPlan::Decision& Decision() const;
+    // Only after planned(true).
+    void Burn();
+
+Q_SIGNALS:
+    void planned(bool ok, const QString& message);
+    void phase(CUsbBurnJob::Phase phase);
+    void progress(int value, int maximum);
+    void transfer(const QString& text);
+    void finished(bool succeeded, const QString& message);
+
+private:
+    std::shared_ptr<UsbBurn::ImageFeeder> m_feeder;
+    std::vector<std::unique_ptr<CUsbBurnJob>> m_jobs;
+    QStringList m_devices;
+    QString m_image;
+    QStringList m_refusals;
+    QStringList m_results;
+    int m_pending = 0;
+    bool m_allSucceeded = true;
 };
