@@ -127,6 +127,25 @@ QString attach(const QString& backing)
 
 using Steps = QMap<QString, double>;
 
+// Plans and burns with the job, waiting for each; a refusal or a failure is
+// printed. False when the plan refused, so nothing was burned.
+bool planAndBurn(CUsbBurnJob& job, const CUsbBurnJob::Options& options)
+{
+    QSignalSpy planned(&job, &CUsbBurnJob::planned);
+    QSignalSpy finished(&job, &CUsbBurnJob::finished);
+    job.Plan(options);
+    planned.wait(600000);
+    if (!planned.first().at(0).toBool()) {
+        std::fprintf(stderr, "refused: %s\n", qPrintable(planned.first().at(1).toString()));
+        return false;
+    }
+    job.Burn();
+    finished.wait(3600000);
+    if (!finished.first().at(0).toBool())
+        std::fprintf(stderr, "burn failed: %s\n", qPrintable(finished.first().at(1).toString()));
+    return true;
+}
+
 Steps burnWithBrenta(const QString& image, const QString& loop, UsbPlan::FileSystem fs)
 {
     Steps steps;
@@ -163,8 +182,6 @@ Steps burnWithBrenta(const QString& image, const QString& loop, UsbPlan::FileSys
             break;
         }
     });
-    QSignalSpy planned(&job, &CUsbBurnJob::planned);
-    QSignalSpy finished(&job, &CUsbBurnJob::finished);
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = loop;
@@ -172,17 +189,8 @@ Steps burnWithBrenta(const QString& image, const QString& loop, UsbPlan::FileSys
     options.label = QStringLiteral("BENCH");
     ::sync();
     timer.start();
-    job.Plan(options);
-    planned.wait(600000);
-    if (!planned.first().at(0).toBool()) {
-        std::fprintf(stderr, "refused: %s\n", qPrintable(planned.first().at(1).toString()));
-        return steps;
-    }
-    job.Burn();
-    finished.wait(3600000);
-    close();
-    if (!finished.first().at(0).toBool())
-        std::fprintf(stderr, "burn failed: %s\n", qPrintable(finished.first().at(1).toString()));
+    if (planAndBurn(job, options))
+        close();
     return steps;
 }
 
@@ -203,8 +211,6 @@ Steps imageWithBrenta(const QString& image, const QString& loop)
                   : phase == CUsbBurnJob::Phase::Writing ? QStringLiteral("1 write")
                                                          : QStringLiteral("2 verify");
     });
-    QSignalSpy planned(&job, &CUsbBurnJob::planned);
-    QSignalSpy finished(&job, &CUsbBurnJob::finished);
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = loop;
@@ -212,17 +218,8 @@ Steps imageWithBrenta(const QString& image, const QString& loop)
     options.mode = UsbPlan::WriteMode::Image;
     dropCaches();
     timer.start();
-    job.Plan(options);
-    planned.wait(600000);
-    if (!planned.first().at(0).toBool()) {
-        std::fprintf(stderr, "refused: %s\n", qPrintable(planned.first().at(1).toString()));
-        return steps;
-    }
-    job.Burn();
-    finished.wait(3600000);
-    close();
-    if (!finished.first().at(0).toBool())
-        std::fprintf(stderr, "burn failed: %s\n", qPrintable(finished.first().at(1).toString()));
+    if (planAndBurn(job, options))
+        close();
     return steps;
 }
 

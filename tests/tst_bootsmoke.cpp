@@ -70,6 +70,18 @@ QString systemTool(const QString& name)
     return QStandardPaths::findExecutable(name, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"});
 }
 
+// What a start through `firmware` needs and this machine lacks, or nothing.
+QString missingFirmware(Firmware firmware)
+{
+    if (firmware != Firmware::Uefi)
+        return QString();
+    if (systemTool("qemu-system-x86_64").isEmpty())
+        return QStringLiteral("qemu-system-x86_64 is not installed");
+    if (!QFileInfo::exists(kOvmfCode) || !QFileInfo::exists(kOvmfVars))
+        return QStringLiteral("OVMF is not installed");
+    return QString();
+}
+
 QStringList toolsFor(UsbPlan::FileSystem fs)
 {
     switch (fs) {
@@ -241,12 +253,8 @@ void TestBootSmoke::boot()
     QFETCH(bool, loaders);
     QFETCH(QByteArray, expected);
 
-    if (firmware == Firmware::Uefi) {
-        if (systemTool("qemu-system-x86_64").isEmpty())
-            QSKIP("qemu-system-x86_64 is not installed");
-        if (!QFileInfo::exists(kOvmfCode) || !QFileInfo::exists(kOvmfVars))
-            QSKIP("OVMF is not installed");
-    }
+    if (const QString missing = missingFirmware(firmware); !missing.isEmpty())
+        QSKIP(qPrintable(missing));
     for (const QString& program : toolsFor(fs)) {
         if (systemTool(program).isEmpty())
             QSKIP(qPrintable(program + " is not installed"));
@@ -342,12 +350,8 @@ void TestBootSmoke::imageMode()
     QFETCH(QString, shape);
     QFETCH(QByteArray, expected);
 
-    if (firmware == Firmware::Uefi) {
-        if (systemTool("qemu-system-x86_64").isEmpty())
-            QSKIP("qemu-system-x86_64 is not installed");
-        if (!QFileInfo::exists(kOvmfCode) || !QFileInfo::exists(kOvmfVars))
-            QSKIP("OVMF is not installed");
-    }
+    if (const QString missing = missingFirmware(firmware); !missing.isEmpty())
+        QSKIP(qPrintable(missing));
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
     QString error;
