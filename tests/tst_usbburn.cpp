@@ -133,6 +133,20 @@ private:
         return outcome;
     }
 
+    // An image of HybridImage's shape "isolinux", "isolinux-rr" or "grub",
+    // built once per run.
+    QString shapeImage(const QString& shape, QString* error)
+    {
+        const QString folder = m_dir.filePath("shape-" + shape);
+        QDir().mkpath(folder);
+        const QString built = QDir(folder).entryList({"*.iso"}).value(0);
+        if (!built.isEmpty())
+            return folder + "/" + built;
+        return shape == "grub"          ? HybridImage::GrubRescue(folder, error)
+               : shape == "isolinux-rr" ? HybridImage::Isolinux(folder, error, /*joliet=*/false)
+                                        : HybridImage::Isolinux(folder, error);
+    }
+
     // Every file of the image with its SHA-256, "path sha" lines.
     static QStringList hashes(const QString& root)
     {
@@ -553,34 +567,63 @@ private Q_SLOTS:
         QCOMPARE(onStick, expected);
     }
 
-    // Disk image mode with the stand-in helper, whose stick is the file
-    // BRENTA_STANDIN_DISK; each row's helper runs a few shell lines before the
-    // stand-in. Whatever goes wrong between the image and the stick ends the
-    // burn in the step it went wrong in.
-    void imageModeFailures_data()
+    // Whatever goes wrong between the image and the stick ends the burn in
+    // the step it went wrong in. Each row's helper runs a few shell lines
+    // before the stand-in (whose stick is the folder BRENTA_STANDIN_MOUNT, or
+    // the file BRENTA_STANDIN_DISK for a disk image) or before the real helper
+    // on a loop device over the file $BRENTA_TEST_STICK; "$helper" is the one
+    // the row runs.
+    void failuresOnTheWay_data()
     {
-        QTest::addColumn<QByteArray>("before"); // shell lines run before the stand-in
+        QTest::addColumn<QString>("shape");     // "plain" (files, no partition table) or a hybrid shape
+        QTest::addColumn<bool>("realStick");
+        QTest::addColumn<bool>("filesMode");
+        QTest::addColumn<QByteArray>("before"); // shell lines run before the helper
         QTest::addColumn<QString>("mode");      // the stand-in's BRENTA_STANDIN_MODE
         QTest::addColumn<Phase>("lastPhase");
         QTest::addColumn<QString>("message");
 
         QTest::newRow("stick changed before the read-back")
+            << "plain" << false << false
             << QByteArray("[ \"$1\" != hash ] || printf X | dd of=\"$BRENTA_STANDIN_DISK\" bs=1 "
                           "seek=70000 "
                           "conv=notrunc 2>/dev/null\n")
             << "" << Phase::Verifying << "verifying: the stick does not hold the image. Its first";
         // The rest of the image stays in the pipe, which no one reads any more.
         QTest::newRow("helper takes part of the image")
+            << "plain" << false << false
             << QByteArray("[ \"$1\" != write ] || { head -c 100000 >/dev/null; echo 'written: "
                           "100000'; exit 0; }\n")
             << "" << Phase::Writing << "writing: the helper ended after taking";
         // The stand-in fails before it reads anything.
         QTest::newRow("stick removed")
-            << QByteArray() << "failwrite" << Phase::Writing << " was removed (";
+            << "plain" << false << false << QByteArray() << "failwrite" << Phase::Writing << " was removed";
+        // The helper has written its first pieces when the loop device shrinks
+        // below them, as a stick pulled out shrinks to nothing.
+        QTest::newRow("stick pulled out mid-write")
+            << "grub" << true << false
+            << QByteArray("[ \"$1\" != write ] || { { dd bs=1M count=9 iflag=fullblock status=none; "
+                          "truncate -s 2M \"$BRENTA_TEST_STICK\"; losetup -c \"$2\"; cat; } | \"$helper\" \"$@\"; "
+                          "exit; }\n")
+            << "" << Phase::Writing << "removed";
+        // The files of the image's EFI boot image are read back too, whether
+        // it names them in capitals (isolinux) or not (grub-mkrescue).
+        const QByteArray changeLoader =
+            "[ \"$1\" != remount ] || printf X | dd of=\"$(find \"$BRENTA_STANDIN_MOUNT\" -ipath "
+            "'*/efi/boot/bootx64.efi')\" bs=1 seek=100 conv=notrunc 2>/dev/null\n";
+        const QString loaderChanged = "verifying: what was written differs from the image: /efi/boot/bootx64.efi "
+                                      "differs";
+        QTest::newRow("EFI loader changed before the read-back, isolinux")
+            << "isolinux" << false << true << changeLoader << "" << Phase::Finishing << loaderChanged;
+        QTest::newRow("EFI loader changed before the read-back, grub-mkrescue")
+            << "grub" << false << true << changeLoader << "" << Phase::Finishing << loaderChanged;
     }
 
-    void imageModeFailures()
+    void failuresOnTheWay()
     {
+        QFETCH(QString, shape);
+        QFETCH(bool, realStick);
+        QFETCH(bool, filesMode);
         QFETCH(QByteArray, before);
         QFETCH(QString, mode);
         QFETCH(Phase, lastPhase);
@@ -588,27 +631,48 @@ private Q_SLOTS:
 
         const QString standIn =
             QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper";
-        const QString helper = m_tools + "/usbhelper/brenta-usb-helper";
-        QFile::remove(helper);
-        QVERIFY(Standins::Write(helper, "#!/bin/sh\n" + before + "exec '" + standIn.toUtf8() +
-                                            "' \"$@\"\n"));
+        const QString wrapper = m_tools + "/usbhelper/brenta-usb-helper";
+        const QString helper = realStick ? QStringLiteral(BRENTA_USB_HELPER) : standIn;
+        QFile::remove(wrapper);
+        QVERIFY(Standins::Write(wrapper, "#!/bin/sh\nhelper='" + helper.toUtf8() + "'\n" + before
+                                             + "exec \"$helper\" \"$@\"\n"));
         const auto restore =
             qScopeGuard([&] { linkTool(m_tools, "usbhelper/brenta-usb-helper", standIn); });
-        const QString disk = m_dir.filePath("stick.disk");
         qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
-        qputenv("BRENTA_STANDIN_DISK", disk.toUtf8());
+        qputenv("BRENTA_STANDIN_DISK", m_dir.filePath("stick.disk").toUtf8());
 
-        // More than the pipe holds, and not a whole number of blocks.
         CUsbBurnJob::Options options;
-        options.image =
-            image("plain", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
         options.device = m_dir.path();
         options.autoMode = false;
-        options.mode = UsbPlan::WriteMode::Image;
+        options.mode = filesMode ? UsbPlan::WriteMode::Files : UsbPlan::WriteMode::Image;
+        if (shape == "plain") {
+            // More than the pipe holds, and not a whole number of blocks.
+            options.image = image("plain", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
+        } else {
+            QString error;
+            options.image = shapeImage(shape, &error);
+            QVERIFY2(!options.image.isEmpty(), qPrintable(error));
+        }
+        QString loop;
+        const auto detach = qScopeGuard([&] {
+            if (!loop.isEmpty())
+                run("losetup", {"-d", loop});
+        });
+        if (realStick) {
+            if (::geteuid() != 0)
+                QSKIP("needs root for loop devices");
+            const QString backing = IsoFixture::SparseFile(m_dir.filePath("cut.img"), 32);
+            int code = 0;
+            loop = run("losetup", {"-f", "--show", backing}, &code).trimmed();
+            if (code != 0 || !loop.startsWith("/dev/loop"))
+                QSKIP("no loop device can be set up here");
+            qputenv("BRENTA_TEST_STICK", backing.toUtf8());
+            options.device = loop;
+        }
         const Outcome outcome = burn(options);
         QVERIFY2(outcome.finished && !outcome.succeeded,
                  qPrintable(outcome.planMessage + outcome.message));
-        QVERIFY2(outcome.message.contains(message), qPrintable(outcome.message));
+        QVERIFY2(outcome.message.contains(message, Qt::CaseInsensitive), qPrintable(outcome.message));
         QCOMPARE(outcome.phases.last(), lastPhase);
     }
 
@@ -722,13 +786,8 @@ private Q_SLOTS:
         if (::geteuid() != 0)
             QSKIP("needs root for loop devices");
         QString error;
-        const QString folder = m_dir.filePath("shape-" + shape);
-        QDir().mkpath(folder);
-        QString built = QDir(folder).entryList({"*.iso"}).value(0);
-        built = !built.isEmpty()         ? folder + "/" + built
-                : shape == "grub"        ? HybridImage::GrubRescue(folder, &error)
-                : shape == "isolinux-rr" ? HybridImage::Isolinux(folder, &error, /*joliet=*/false)
-                                         : HybridImage::Isolinux(folder, &error);
+        const QString built = shapeImage(shape, &error);
+        const QString folder = QFileInfo(built).path();
         QVERIFY2(!built.isEmpty(), qPrintable(error));
         QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
         QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
@@ -821,10 +880,7 @@ private Q_SLOTS:
             if (::geteuid() != 0)
                 QSKIP("needs root for loop devices");
             QString error;
-            const QString folder = m_dir.filePath("shape-isolinux");
-            QDir().mkpath(folder);
-            built = QDir(folder).entryList({"*.iso"}).value(0);
-            built = !built.isEmpty() ? folder + "/" + built : HybridImage::Isolinux(folder, &error);
+            built = shapeImage("isolinux", &error);
             QVERIFY2(!built.isEmpty(), qPrintable(error));
             QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
             for (int i = 0; i < sticks; ++i) {
@@ -910,10 +966,7 @@ private Q_SLOTS:
         if (::geteuid() != 0)
             QSKIP("needs root for loop devices");
         QString error;
-        const QString folder = m_dir.filePath("shape-isolinux");
-        QDir().mkpath(folder);
-        QString built = QDir(folder).entryList({"*.iso"}).value(0);
-        built = built.isEmpty() ? HybridImage::Isolinux(folder, &error) : folder + "/" + built;
+        const QString built = shapeImage("isolinux", &error);
         QVERIFY2(!built.isEmpty(), qPrintable(error));
         QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
         const auto restore = qScopeGuard([&] {

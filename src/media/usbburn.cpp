@@ -608,15 +608,16 @@ QString problemsText(const QStringList& problems)
     return text + QLatin1Char('.');
 }
 
-// Runs the archive tool's "x -so" over the whole image and compares what it
-// writes with the stick, on a thread of its own.
+// Runs the archive tool's "x -so" over the whole image, or over its folder
+// `only` (matched in any case), and compares what it writes with the stick,
+// on a thread of its own.
 class VerifyThread final : public QThread
 {
 public:
-    VerifyThread(QString image, const std::vector<Listing::FileSpan>& files, QString root, QStringList skipped,
-                 std::atomic<bool>& stop)
-        : m_image(std::move(image)), m_files(files), m_root(std::move(root)), m_skipped(std::move(skipped)),
-          m_stop(stop)
+    VerifyThread(QString image, QString only, const std::vector<Listing::FileSpan>& files, QString root,
+                 QStringList skipped, std::atomic<bool>& stop)
+        : m_image(std::move(image)), m_only(std::move(only)), m_files(files), m_root(std::move(root)),
+          m_skipped(std::move(skipped)), m_stop(stop)
     {
     }
 
@@ -630,8 +631,13 @@ protected:
         // A process of the runner's kind, so that it ends with Brenta.
         CProcess tool;
         tool.setProcessChannelMode(QProcess::SeparateChannels);
-        tool.start(ToolLocator::Find(ToolLocator::Tool::Archive),
-                   {QStringLiteral("x"), QStringLiteral("-so"), QStringLiteral("--"), m_image});
+        QStringList arguments{QStringLiteral("x"), QStringLiteral("-so")};
+        if (!m_only.isEmpty())
+            arguments << QStringLiteral("-ssc-");
+        arguments << QStringLiteral("--") << m_image;
+        if (!m_only.isEmpty())
+            arguments << m_only;
+        tool.start(ToolLocator::Find(ToolLocator::Tool::Archive), arguments);
         if (!tool.waitForStarted(-1)) {
             toolFailure = QStringLiteral("%1 could not be started.").arg(archiveName());
             return;
@@ -657,6 +663,7 @@ protected:
 
 private:
     QString m_image;
+    QString m_only;
     const std::vector<Listing::FileSpan>& m_files;
     QString m_root;
     QStringList m_skipped;
@@ -1435,7 +1442,7 @@ void CUsbBurnJob::StartEfiCopy()
     Q_EMIT phase(Phase::Copying);
     Q_EMIT progress(0, 0);
     m_efiDir = std::make_unique<ScratchFolder>(QStringLiteral("efi"));
-    const QString fatImage = m_efiDir->Path() + QStringLiteral("/efiboot.img");
+    const QString fatImage = EfiImage();
     QFile image(m_options.image);
     QFile copy(fatImage);
     if (!m_efiDir->IsValid() || !image.open(QIODevice::ReadOnly) || !image.seek(m_efiOffset)
@@ -1445,11 +1452,17 @@ void CUsbBurnJob::StartEfiCopy()
         return;
     }
     copy.close();
-    // FAT keeps no Unix permissions, so the archive tool writes only names and contents.
+    // FAT keeps no Unix permissions, so the archive tool writes only names
+    // and contents. grub-mkrescue names the folder "efi", isolinux images "EFI".
     RunTool(QStringLiteral("copying the EFI loader"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_mountPoint, QStringLiteral("--"),
-             fatImage, QStringLiteral("EFI")},
+            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-ssc-"), QStringLiteral("-o") + m_mountPoint,
+             QStringLiteral("--"), fatImage, QStringLiteral("EFI")},
             &CUsbBurnJob::StartRemount);
+}
+
+QString CUsbBurnJob::EfiImage() const
+{
+    return m_efiDir == nullptr ? QString() : m_efiDir->Path() + QStringLiteral("/efiboot.img");
 }
 
 void CUsbBurnJob::StartRemount()
@@ -1459,7 +1472,6 @@ void CUsbBurnJob::StartRemount()
         StartEfiCopy();
         return;
     }
-    m_efiDir.reset();
     // Reading back through a fresh mount reads the stick, not what the
     // system still holds in memory from the copy.
     Q_EMIT phase(Phase::Verifying);
@@ -1472,9 +1484,6 @@ void CUsbBurnJob::StartRemount()
 
 void CUsbBurnJob::StartVerify()
 {
-    qint64 total = 0;
-    for (const Listing::FileSpan& file : m_files)
-        total += file.size;
     const QString wim = SplitWim();
     // A symbolic link is a file of no bytes in the listing; on the stick it is
     // a copy of its target or nothing.
@@ -1485,8 +1494,47 @@ void CUsbBurnJob::StartVerify()
                 skipped << entry.path;
         }
     }
+    m_verified = UsbBurn::VerifyResult();
+    RunVerifier(m_options.image, QString(), m_files, skipped,
+                m_efiCopied ? &CUsbBurnJob::StartEfiVerify : &CUsbBurnJob::VerifySplit);
+}
+
+void CUsbBurnJob::StartEfiVerify()
+{
+    // The /EFI tree taken from the EFI boot image is compared with that image.
+    Q_EMIT progress(0, 0);
+    m_efiEntries = std::make_unique<UsbBurn::TechnicalListing>();
+    StartRunner(
+        ToolLocator::Find(ToolLocator::Tool::Archive),
+        {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("-ssc-"), QStringLiteral("--"), EfiImage(),
+         QStringLiteral("EFI")},
+        [this](const QString& line) { m_efiEntries->Read(line); },
+        [this] {
+            const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
+            const QString failure = m_runner->FailureText(archiveName());
+            m_runner->deleteLater();
+            m_runner = nullptr;
+            if (!ok) {
+                Fail(QStringLiteral("verifying: ") + failure);
+                return;
+            }
+            m_efiFiles.clear();
+            for (const UsbBurn::ImageEntry& entry : m_efiEntries->Entries()) {
+                if (!entry.folder)
+                    m_efiFiles.push_back(Listing::FileSpan{entry.path, entry.size});
+            }
+            RunVerifier(EfiImage(), QStringLiteral("EFI"), m_efiFiles, QStringList(), &CUsbBurnJob::VerifySplit);
+        });
+}
+
+void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only, const std::vector<Listing::FileSpan>& files,
+                              const QStringList& skipped, Next next)
+{
+    qint64 total = 0;
+    for (const Listing::FileSpan& file : files)
+        total += file.size;
     m_stopVerify = false;
-    auto* thread = new VerifyThread(m_options.image, m_files, m_mountPoint, skipped, m_stopVerify);
+    auto* thread = new VerifyThread(archive, only, files, m_mountPoint, skipped, m_stopVerify);
     thread->onProgress = [this, total, last = -1](qint64 read) mutable {
         const int value = total > 0 ? int(read * 100 / total) : 100;
         if (value == last)
@@ -1495,21 +1543,24 @@ void CUsbBurnJob::StartVerify()
         QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
     };
     Q_EMIT progress(0, 100);
-    connect(thread, &QThread::finished, this, [this, thread] {
-        m_verified = thread->result;
+    connect(thread, &QThread::finished, this, [this, thread, next] {
+        const UsbBurn::VerifyResult result = thread->result;
         const QString toolFailure = thread->toolFailure;
         m_verifier = nullptr;
         thread->deleteLater();
         QString reason;
         if (!toolFailure.isEmpty())
             reason = toolFailure;
-        else if (!m_verified.ok)
-            reason = QStringLiteral("what was written differs from the image: ") + problemsText(m_verified.problems);
+        else if (!result.ok)
+            reason = QStringLiteral("what was written differs from the image: ") + problemsText(result.problems);
         if (!reason.isEmpty()) {
             Fail(QStringLiteral("verifying: ") + reason);
             return;
         }
-        VerifySplit();
+        m_verified.ok = true;
+        m_verified.files += result.files;
+        m_verified.bytes += result.bytes;
+        (this->*next)();
     });
     m_verifier = thread;
     thread->start();
@@ -1534,6 +1585,7 @@ void CUsbBurnJob::VerifySplit()
 
 void CUsbBurnJob::StartUnmount()
 {
+    m_efiDir.reset();
     Q_EMIT phase(Phase::Finishing);
     Q_EMIT progress(0, 0);
     RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Succeeded);

@@ -268,6 +268,14 @@ private:
     void StartEfiCopy();
     void StartRemount();
     void StartVerify();
+    // The files copied from the EFI boot image, against that image.
+    void StartEfiVerify();
+    // Compares `files` on the stick with the archive tool's stream of
+    // `archive` (only its folder `only`, where given), then goes on with `next`.
+    void RunVerifier(const QString& archive, const QString& only, const std::vector<Listing::FileSpan>& files,
+                     const QStringList& skipped, Next next);
+    // The EFI boot image, copied out of the image while its files are needed.
+    QString EfiImage() const;
     void VerifySplit();
     void StartUnmount();
     void Succeeded();
@@ -301,6 +309,8 @@ private:
     qint64 m_efiLength = 0;
     bool m_efiCopied = false;
     std::unique_ptr<ScratchFolder> m_efiDir;
+    std::unique_ptr<UsbBurn::TechnicalListing> m_efiEntries;
+    std::vector<Listing::FileSpan> m_efiFiles;
     std::unique_ptr<ScratchFolder> m_wimDir;
     std::shared_ptr<UsbBurn::ImageFeeder> m_feeder;
     bool m_sharedFeeder = false; // the feeder feeds other sticks too
