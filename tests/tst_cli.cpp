@@ -497,7 +497,12 @@ void TestCli::burnUsb()
         QFile disk(mount + ".disk");
         QFile written(dir.filePath(image));
         QVERIFY(disk.open(QIODevice::ReadOnly) && written.open(QIODevice::ReadOnly));
-        QVERIFY(disk.readAll() == written.readAll());
+        const QByteArray bytes = written.readAll();
+        QVERIFY(disk.readAll() == bytes);
+        // The image's SHA-256, taken as it was written, is printed with the result.
+        QVERIFY2(run.out.contains("SHA-256 of the image: " +
+                                  QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()),
+                 qPrintable(run.out));
         return;
     }
     QCOMPARE(QFileInfo(mount + "/docs/a.txt").size(), qint64(1));

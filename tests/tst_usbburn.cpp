@@ -75,6 +75,7 @@ struct Outcome
     bool finished = false;
     bool succeeded = false;
     QString message;
+    QString imageSha256; // as the job told it once the image was read
     QList<Phase> phases;
     QMap<Phase, int> percent; // the last progress of each phase that counts to 100
 };
@@ -110,6 +111,7 @@ private:
         Outcome outcome;
         CUsbBurnJob job;
         connect(&job, &CUsbBurnJob::phase, this, [&](Phase phase) { outcome.phases << phase; });
+        connect(&job, &CUsbBurnJob::imageHashed, this, [&](const QString& sha256) { outcome.imageSha256 = sha256; });
         connect(&job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
             if (!outcome.phases.isEmpty() && maximum == 100)
                 outcome.percent[outcome.phases.last()] = value;
@@ -759,6 +761,9 @@ private Q_SLOTS:
                      qPrintable(outcome.message));
         // A mismatch is found before the stick is read back.
         QCOMPARE(outcome.phases.contains(Phase::Verifying), succeeded);
+        // The hash taken as the image streamed is told, and said in the result.
+        QCOMPARE(outcome.imageSha256, QString::fromLatin1(sha256));
+        QCOMPARE(outcome.message.contains("SHA-256 of the image: " + sha256), succeeded);
     }
 
     // Disk image mode with the real helper on a loop device: images shaped as
@@ -912,6 +917,24 @@ private Q_SLOTS:
         CUsbMultiBurnJob job;
         QSignalSpy planned(&job, &CUsbMultiBurnJob::planned);
         QSignalSpy finished(&job, &CUsbMultiBurnJob::finished);
+        QSignalSpy stickFinished(&job, &CUsbMultiBurnJob::stickFinished);
+        // The progress follows the stick furthest behind, whichever fails:
+        // it goes on to the read-back and never back within a phase.
+        QList<Phase> phases;
+        QList<int> values; // of the phase shown
+        bool backwards = false;
+        QHash<QString, int> stickValues; // the last progress of each stick
+        connect(&job, &CUsbMultiBurnJob::phase, this, [&](Phase phase) {
+            phases << phase;
+            values.clear();
+        });
+        connect(&job, &CUsbMultiBurnJob::progress, this, [&](int value, int maximum) {
+            backwards = backwards || (maximum > 0 && !values.isEmpty() && value < values.last());
+            if (maximum > 0)
+                values << value;
+        });
+        connect(&job, &CUsbMultiBurnJob::stickProgress, this,
+                [&](const QString& device, int value, int maximum) { stickValues[device] = maximum > 0 ? value : -1; });
         CUsbBurnJob::Options options;
         options.image = built;
         // The stand-in's image has no partition table; the real one goes as a disk image by itself.
@@ -927,14 +950,26 @@ private Q_SLOTS:
         const QStringList lines = message.split('\n');
         QCOMPARE(lines.size(), sticks);
 
+        QCOMPARE(phases, (QList<Phase>{Phase::Checking, Phase::Writing, Phase::Verifying}));
+        QVERIFY(!backwards);
+        QCOMPARE(values.value(values.size() - 1), 100);
+        QHash<QString, bool> stickOk;
+        for (const QList<QVariant>& signal : stickFinished)
+            stickOk.insert(signal.at(0).toString(), signal.at(1).toBool());
+        QCOMPARE(stickOk.size(), sticks);
+
         QFile image(built);
         QVERIFY(image.open(QIODevice::ReadOnly));
         const QByteArray expected = image.readAll();
+        const QString sha256 = QCryptographicHash::hash(expected, QCryptographicHash::Sha256).toHex();
         for (int i = 0; i < sticks; ++i) {
             QVERIFY2(lines[i].startsWith(devices[i] + ": "), qPrintable(message));
-            QVERIFY2(lines[i].contains(i == failing ? " was removed (" : "byte for byte"), qPrintable(message));
+            QVERIFY2(lines[i].contains(i == failing ? " was removed (" : "SHA-256 of the image: " + sha256),
+                     qPrintable(message));
+            QCOMPARE(stickOk.value(devices[i]), i != failing);
             if (i == failing)
                 continue;
+            QCOMPARE(stickValues.value(devices[i]), 100);
             QFile stick(disks[i]);
             QVERIFY(stick.open(QIODevice::ReadOnly));
             QVERIFY2(stick.read(expected.size()) == expected, qPrintable(disks[i]));

@@ -895,7 +895,7 @@ QString CUsbBurnJob::SuccessText(int files, qint64 bytes)
                           .arg(Util::FormatSize(bytes));
 }
 
-QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& checksumFile)
+QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& sha256, const QString& checksumFile)
 {
     const QString published =
         checksumFile.isEmpty()
@@ -905,10 +905,10 @@ QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& checksumFile)
            QStringLiteral(
                "\n\nThe stick holds the image byte for byte: all %1 (%2 bytes) were read back "
                "from the stick and their SHA-256 matches the image's.%3 The stick can be "
-               "removed.")
+               "removed.\n\nSHA-256 of the image: %4")
                .arg(Util::FormatSize(bytes))
                .arg(bytes)
-               .arg(published);
+               .arg(published, sha256);
 }
 
 QString CUsbBurnJob::RestoredText(UsbPlan::FileSystem fs, const QString& label)
@@ -1266,6 +1266,8 @@ void CUsbBurnJob::StartReadBack()
     const qint64 fed = m_feeder->Fed(m_output);
     m_imageSha256 = m_feeder->Sha256Hex();
     m_feeder.reset();
+    if (!m_imageSha256.isEmpty())
+        Q_EMIT imageHashed(QString::fromLatin1(m_imageSha256));
     if (fed != m_imageSize || m_imageSha256.isEmpty()) {
         Fail(QStringLiteral("writing: the helper ended after taking %1 of the image's %2 bytes.")
                  .arg(fed)
@@ -1305,7 +1307,7 @@ void CUsbBurnJob::ReadBack()
                  .arg(m_report.sha256, QString::fromLatin1(m_imageSha256)));
         return;
     }
-    End(true, ImageSuccessText(m_imageSize, m_published.file));
+    End(true, ImageSuccessText(m_imageSize, QString::fromLatin1(m_imageSha256), m_published.file));
 }
 
 void CUsbBurnJob::Transferred(qint64 done)
@@ -1671,9 +1673,14 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
     m_results = QStringList(devices.size(), QString());
     m_pending = int(devices.size());
     m_allSucceeded = true;
+    m_sticks.assign(size_t(devices.size()), Stick());
+    m_shown = -1;
+    m_shownPhase.reset();
     for (int i = 0; i < devices.size(); ++i) {
         auto job = std::make_unique<CUsbBurnJob>();
         CUsbBurnJob* raw = job.get();
+        Stick& stick = m_sticks[size_t(i)];
+        stick.running = true;
         connect(raw, &CUsbBurnJob::planned, this, [this, raw, i](bool ok, const QString& message) {
             if (!ok)
                 m_refusals << QStringLiteral("%1: %2").arg(m_devices.at(i), message);
@@ -1688,17 +1695,34 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
             m_allSucceeded = m_allSucceeded && ok;
             m_results[i] = QStringLiteral("%1: %2").arg(m_devices.at(i), QString(message).replace(
                                                                                QLatin1String("\n\n"), QLatin1String(" ")));
+            m_sticks[size_t(i)].running = false;
+            Q_EMIT stickFinished(m_devices.at(i), ok, message);
+            Follow();
             if (--m_pending == 0) {
                 m_feeder.reset();
                 Q_EMIT finished(m_allSucceeded, m_results.join(QLatin1Char('\n')));
             }
         });
-        // The first stick's progress stands for all of them.
-        if (i == 0) {
-            connect(raw, &CUsbBurnJob::phase, this, &CUsbMultiBurnJob::phase);
-            connect(raw, &CUsbBurnJob::progress, this, &CUsbMultiBurnJob::progress);
-            connect(raw, &CUsbBurnJob::transfer, this, &CUsbMultiBurnJob::transfer);
-        }
+        connect(raw, &CUsbBurnJob::phase, this, [this, i](CUsbBurnJob::Phase phase) {
+            Stick& stick = m_sticks[size_t(i)];
+            stick.phase = phase;
+            stick.value = 0;
+            stick.maximum = 0;
+            stick.transfer.clear();
+            Follow();
+        });
+        connect(raw, &CUsbBurnJob::progress, this, [this, i](int value, int maximum) {
+            Stick& stick = m_sticks[size_t(i)];
+            stick.value = value;
+            stick.maximum = maximum;
+            Q_EMIT stickProgress(m_devices.at(i), value, maximum);
+            Follow();
+        });
+        connect(raw, &CUsbBurnJob::transfer, this, [this, i](const QString& text) {
+            m_sticks[size_t(i)].transfer = text;
+            if (i == m_shown)
+                Q_EMIT transfer(text);
+        });
         m_jobs.push_back(std::move(job));
     }
     for (int i = 0; i < devices.size(); ++i) {
@@ -1706,6 +1730,44 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
         one.device = devices.at(i);
         m_jobs[size_t(i)]->Plan(one);
     }
+}
+
+void CUsbMultiBurnJob::Follow()
+{
+    // How far a stick is in its phase; a busy one counts as not begun.
+    const auto done = [](const Stick& stick) {
+        return stick.maximum > 0 ? double(stick.value) / stick.maximum : -1.0;
+    };
+    int behind = -1;
+    for (int i = 0; i < int(m_sticks.size()); ++i) {
+        const Stick& stick = m_sticks[size_t(i)];
+        if (!stick.running)
+            continue;
+        if (behind < 0) {
+            behind = i;
+            continue;
+        }
+        const Stick& other = m_sticks[size_t(behind)];
+        if (stick.phase < other.phase || (stick.phase == other.phase && done(stick) < done(other)))
+            behind = i;
+    }
+    if (behind < 0)
+        return;
+    const Stick& stick = m_sticks[size_t(behind)];
+    if (m_shownPhase != stick.phase) {
+        m_shownPhase = stick.phase;
+        m_shownValue = -1;
+        m_shownMaximum = -1;
+        Q_EMIT phase(stick.phase);
+    }
+    if (stick.value != m_shownValue || stick.maximum != m_shownMaximum) {
+        m_shownValue = stick.value;
+        m_shownMaximum = stick.maximum;
+        Q_EMIT progress(stick.value, stick.maximum);
+    }
+    if (behind != m_shown && !stick.transfer.isEmpty())
+        Q_EMIT transfer(stick.transfer);
+    m_shown = behind;
 }
 
 const UsbPlan::Decision& CUsbMultiBurnJob::Decision() const
@@ -1728,6 +1790,8 @@ void CUsbMultiBurnJob::Burn()
     }
     m_pending = int(m_jobs.size());
     m_allSucceeded = true;
+    for (Stick& stick : m_sticks)
+        stick.running = true;
     for (size_t i = 0; i < m_jobs.size(); ++i)
         m_jobs[i]->BurnFrom(m_feeder, int(i));
     m_feeder->Start();

@@ -200,8 +200,9 @@ public:
     static QString PhaseText(Phase phase);
     // "Burning Successfully..." followed by what was verified.
     static QString SuccessText(int files, qint64 bytes);
-    // `checksumFile`: the file whose published SHA-256 the image matched, if any.
-    static QString ImageSuccessText(qint64 bytes, const QString& checksumFile = QString());
+    // `sha256`: the image's, in hex; `checksumFile`: the file whose published
+    // SHA-256 the image matched, if any.
+    static QString ImageSuccessText(qint64 bytes, const QString& sha256, const QString& checksumFile = QString());
     static QString RestoredText(UsbPlan::FileSystem fs, const QString& label);
 
     void Plan(const Options& options);
@@ -220,6 +221,9 @@ public:
     // the job before anything is written.
     void Restore(const QString& device, UsbPlan::FileSystem fs, const QString& label);
     bool IsRunning() const { return m_running; }
+    // Disk image mode: the SHA-256 of the image in lower-case hex, taken as
+    // it was written; empty until all of it was read (imageHashed()).
+    QString ImageSha256() const { return QString::fromLatin1(m_imageSha256); }
 
     // The helper's command line, program first: the helper itself when Brenta
     // runs as root or the helper is a stand-in from BRENTA_TOOLS_DIR, else
@@ -235,6 +239,8 @@ Q_SIGNALS:
     // Bytes, speed and time left of a phase that moves the whole image
     // (UsbBurn::TransferText), along with its progress.
     void transfer(const QString& text);
+    // Disk image mode: the whole image was read and hashed (ImageSha256()).
+    void imageHashed(const QString& sha256);
     void finished(bool succeeded, const QString& message);
 
 private:
@@ -328,7 +334,9 @@ private:
 // (a stick whose helper fails is left out of the feed, the others go on),
 // each stick is read back and verified on its own, and finished() comes once
 // with one "<device>: <result>" line per stick, succeeded only when every
-// stick was burned. phase(), progress() and transfer() follow the first stick.
+// stick was burned. phase(), progress() and transfer() follow the stick
+// furthest behind: the earliest phase of any stick still at work and, in it,
+// the lowest progress; stickProgress() and stickFinished() tell of each.
 class CUsbMultiBurnJob final : public QObject
 {
     Q_OBJECT
@@ -352,10 +360,29 @@ Q_SIGNALS:
     void phase(CUsbBurnJob::Phase phase);
     void progress(int value, int maximum);
     void transfer(const QString& text);
+    void stickProgress(const QString& device, int value, int maximum);
+    void stickFinished(const QString& device, bool succeeded, const QString& message);
     void finished(bool succeeded, const QString& message);
 
 private:
+    // Where one stick's burn is.
+    struct Stick
+    {
+        CUsbBurnJob::Phase phase = CUsbBurnJob::Phase::Checking;
+        int value = 0;
+        int maximum = 0;
+        QString transfer;
+        bool running = false;
+    };
+    // Shows the stick furthest behind, where that changed.
+    void Follow();
+
     std::shared_ptr<UsbBurn::ImageFeeder> m_feeder;
+    std::vector<Stick> m_sticks;
+    int m_shown = -1; // the stick whose progress is shown
+    std::optional<CUsbBurnJob::Phase> m_shownPhase;
+    int m_shownValue = -1;
+    int m_shownMaximum = -1;
     std::vector<std::unique_ptr<CUsbBurnJob>> m_jobs;
     QStringList m_devices;
     QString m_image;
