@@ -1,5 +1,6 @@
 #include <QtTest>
 
+#include <QAbstractItemView>
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
@@ -18,6 +19,7 @@
 #include "media/usbburn.h"
 #include "pages/burndialog.h"
 #include "ui/baseimagectrl.h"
+#include "ui/checkcombobox.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
 #include "ui/progressdialog.h"
@@ -111,6 +113,10 @@ private Q_SLOTS:
     void usbMode();
     void restoresTheStick_data();
     void restoresTheStick();
+    void tickingSticks_data();
+    void tickingSticks();
+    void burnsSeveralSticks_data();
+    void burnsSeveralSticks();
 
 private:
     void Open(QWidget* mainWindow = nullptr)
@@ -150,7 +156,22 @@ private:
 
 void TestBurnPage::initTestCase()
 {
-    qputenv("BRENTA_TOOLS_DIR", BRENTA_SOURCE_DIR "/tests/standins");
+    // The stand-in helper keeps each stick's disk image beside the stick's
+    // folder, so that several sticks written at once each have their own; a
+    // stick whose name ends in "-gone" goes away before its first byte.
+    const QString tools = m_dir.filePath("tools");
+    QVERIFY(QDir().mkpath(tools));
+    for (const char* folder : {"7z", "cdrtools"})
+        QVERIFY(QFile::link(QString(BRENTA_SOURCE_DIR "/tests/standins/") + folder,
+                            tools + "/" + folder));
+    const QString standIn = BRENTA_SOURCE_DIR "/tests/standins/usbhelper/brenta-usb-helper";
+    const QByteArray wrapper =
+        "#!/bin/sh\nexport BRENTA_STANDIN_DISK=\"$2.disk\"\n"
+        "case \"$2\" in *-gone) export BRENTA_STANDIN_MODE=failwrite ;; esac\n"
+        "exec '" +
+        standIn.toUtf8() + "' \"$@\"\n";
+    QVERIFY(Standins::Write(tools + "/usbhelper/brenta-usb-helper", wrapper));
+    qputenv("BRENTA_TOOLS_DIR", tools.toUtf8());
     // Upper case and a blank: the suffix check ignores case, the argument keeps the blank.
     m_image = m_dir.filePath("Disc Image.ISO");
     QFile image(m_image);
@@ -188,6 +209,7 @@ void TestBurnPage::init()
     m_removable = {stick("/dev/sdb"), stick("/dev/sdc")};
     DriveSeam::SetOptical([this] { return m_optical; });
     DriveSeam::SetRemovable([this] { return m_removable; });
+    QFile::remove(m_stick + ".disk");
 }
 
 void TestBurnPage::cleanup()
@@ -543,7 +565,7 @@ void TestBurnPage::usbMode()
     QVERIFY2(Logged(m_log).first().startsWith(helper + " " + m_stick),
              qPrintable(Logged(m_log).join(" | ")));
     if (helper == "write")
-        QCOMPARE(QFileInfo(mount + ".disk").size(), QFileInfo(image).size());
+        QCOMPARE(QFileInfo(m_stick + ".disk").size(), QFileInfo(image).size());
 }
 
 void TestBurnPage::restoresTheStick_data()
@@ -593,6 +615,125 @@ void TestBurnPage::restoresTheStick()
             ? QStringList()
             : QStringList{QString("prepare %1 %2").arg(m_stick, prepare), "unmount " + m_stick};
     QCOMPARE(Logged(m_log), helper);
+}
+
+void TestBurnPage::tickingSticks_data()
+{
+    QTest::addColumn<QList<int>>("keys"); // pressed in the open stick list
+    QTest::addColumn<QStringList>("ticked");
+    const int down = Qt::Key_Down;
+    const int up = Qt::Key_Up;
+    const int space = Qt::Key_Space;
+    const int enter = Qt::Key_Return;
+    QTest::newRow("Space ticks a second stick")
+        << QList<int>{down, space} << QStringList{"/dev/sdb", "/dev/sdc"};
+    QTest::newRow("and unticks it again")
+        << QList<int>{down, space, space} << QStringList{"/dev/sdb"};
+    QTest::newRow("the last tick stays") << QList<int>{space} << QStringList{"/dev/sdb"};
+    QTest::newRow("unticking the stick shown")
+        << QList<int>{down, space, up, space} << QStringList{"/dev/sdc"};
+    // Picking a stick by name as in any list chooses it alone, unless it is
+    // one of those ticked.
+    QTest::newRow("Enter on an unticked stick")
+        << QList<int>{down, space, down, enter} << QStringList{"/dev/sdd"};
+    QTest::newRow("Enter on a ticked stick")
+        << QList<int>{down, space, enter} << QStringList{"/dev/sdb", "/dev/sdc"};
+}
+
+// With several sticks ticked only disk image mode can be picked and Restore,
+// which gives back one stick, is off; with one ticked again the page is as
+// it was, files mode included.
+void TestBurnPage::tickingSticks()
+{
+    QFETCH(QList<int>, keys);
+    QFETCH(QStringList, ticked);
+    m_removable << stick("/dev/sdd");
+    Open();
+    click(Child("rusb"));
+    QSignalSpy shown(m_page.get(), &CBurnDialog::modeShown);
+    Child<QLineEdit>("isofile")->setText(m_files); // goes the files way by itself
+    QVERIFY(shown.count() == 1 || shown.wait(20000));
+    auto* sticks = Child<CCheckComboBox>("usblist");
+    sticks->showPopup();
+    for (int key : keys)
+        QTest::keyClick(sticks->view(), Qt::Key(key));
+    sticks->hidePopup();
+
+    QCOMPARE(sticks->CheckedData(), ticked);
+    QVERIFY(ticked.contains(sticks->currentData().toString()));
+    const bool several = ticked.size() > 1;
+    auto* modes = Child<QComboBox>("modelist");
+    const int files = modes->findData(int(UsbPlan::WriteMode::Files));
+    QCOMPARE(modes->currentIndex() == files, !several);
+    QCOMPARE(bool(modes->model()->flags(modes->model()->index(files, 0)) & Qt::ItemIsEnabled),
+             !several);
+    QCOMPARE(Child("restore")->isEnabled(), !several);
+    QCOMPARE(Child("sysfilelist")->isVisible(), !several);
+    for (const QString& node : ticked)
+        QVERIFY2(sticks->DisplayText().contains(node), qPrintable(sticks->DisplayText()));
+}
+
+void TestBurnPage::burnsSeveralSticks_data()
+{
+    QTest::addColumn<bool>("erase"); // the answer to the erase question
+    QTest::addColumn<int>("gone");   // the stick that goes away before its first byte; -1: none
+    QTest::newRow("erasing declined") << false << -1;
+    QTest::newRow("two sticks") << true << -1;
+    QTest::newRow("one stick gone, the other written") << true << 0;
+}
+
+// Two ticked sticks get an image that would go the files way onto one, as it
+// is, each from the same read and each with its own result; the erase
+// question and the end name both.
+void TestBurnPage::burnsSeveralSticks()
+{
+    QFETCH(bool, erase);
+    QFETCH(int, gone);
+    QStringList sticks;
+    m_removable.clear();
+    for (int i = 0; i < 2; ++i) {
+        sticks << m_dir.filePath(QString("stick-%1%2").arg(i).arg(i == gone ? "-gone" : ""));
+        QVERIFY(QDir().mkpath(sticks.last()));
+        QFile::remove(sticks.last() + ".disk");
+        m_removable << RemovableDrive{sticks.last(), sticks.last() + "  ACME Stick",
+                                      qint64(16'000'000'000)};
+    }
+    Open();
+    click(Child("rusb"));
+    Child<QLineEdit>("isofile")->setText(m_files);
+    auto* list = Child<CCheckComboBox>("usblist");
+    list->showPopup();
+    QTest::keyClick(list->view(), Qt::Key_Down);
+    QTest::keyClick(list->view(), Qt::Key_Space);
+    list->hidePopup();
+    QCOMPARE(list->CheckedData(), sticks);
+
+    QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
+    DialogAnswerer answers([erase](const QString&) { return erase; });
+    click(Child("burn"));
+    if (erase) {
+        QVERIFY(finished.wait(60000));
+        QCOMPARE(finished.first().first().toBool(), gone < 0);
+        // Between them, the warning that such an image will not start.
+        QVERIFY2(answers.seen.size() == 3, qPrintable(answers.seen.join(" | ")));
+        answers.seen.removeAt(1);
+    } else {
+        QTest::qWait(150);
+        QCOMPARE(answers.seen.size(), 1);
+    }
+    QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled());
+    QFile image(m_files);
+    QVERIFY(image.open(QIODevice::ReadOnly));
+    const QByteArray expected = image.readAll();
+    for (int i = 0; i < sticks.size(); ++i) {
+        for (const QString& said : answers.seen)
+            QVERIFY2(said.contains(sticks[i]), qPrintable(said));
+        QFile disk(sticks[i] + ".disk");
+        QCOMPARE(disk.open(QIODevice::ReadOnly) && disk.readAll() == expected, erase && i != gone);
+    }
+    // Nothing was formatted: the files way was not taken for either stick.
+    QVERIFY(!Logged(m_log).join(' ').contains("prepare"));
+    QCOMPARE(Logged(m_log).isEmpty(), !erase);
 }
 
 QTEST_MAIN(TestBurnPage)

@@ -7,6 +7,7 @@
 #include <QLineEdit>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QStandardItemModel>
 
 #include "app/mainwindow.h"
 #include "app/util.h"
@@ -14,6 +15,7 @@
 #include "media/disctools.h"
 #include "media/drives.h"
 #include "ui/baseimagectrl.h"
+#include "ui/checkcombobox.h"
 #include "ui/gerneraldialog.h"
 #include "ui/messagedialogs.h"
 #include "ui/mycombobox.h"
@@ -75,7 +77,8 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     m_rdvd->setChecked(true);
     m_dvdlist = list(new CMyComboBox(this), "dvdlist", QRect(135, 137, 371, 23));
     m_rusb = radio("rusb", 113, 179);
-    m_usblist = list(new CMyComboBox(this), "usblist", QRect(135, 222, 371, 23));
+    m_usblist = list(new CCheckComboBox(this), "usblist", QRect(135, 222, 371, 23));
+    m_usblist->SetSummaryFormat(QStringLiteral("%1 USB sticks: %2"));
     // Drawn like the Browse button, and as wide as the rest of the row up to
     // the volume label's right edge.
     m_restore = new QPushButton(QStringLiteral("Restore stick"), this);
@@ -148,6 +151,13 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     connect(m_usbJob, &CUsbBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
     connect(m_usbJob, &CUsbBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
     connect(m_usbJob, &CUsbBurnJob::transfer, this, &CBurnDialog::onUSBBurnTransfer);
+    m_sticksJob = new CUsbMultiBurnJob(this);
+    connect(m_sticksJob, &CUsbMultiBurnJob::planned, this, &CBurnDialog::onSticksPlanned);
+    connect(m_sticksJob, &CUsbMultiBurnJob::phase, this, &CBurnDialog::onUSBBurnPhase);
+    connect(m_sticksJob, &CUsbMultiBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
+    connect(m_sticksJob, &CUsbMultiBurnJob::transfer, this, &CBurnDialog::onUSBBurnTransfer);
+    connect(m_sticksJob, &CUsbMultiBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
+    connect(m_usblist, &CCheckComboBox::checkedChanged, this, &CBurnDialog::OnSticksTicked);
     // A drive the user picks while a scan is still running is the one to keep.
     connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
             [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
@@ -161,9 +171,13 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
             &CBurnDialog::OnMBRSelect);
     connect(m_rdvd, &QRadioButton::toggled, this, &CBurnDialog::OnRadioSelected);
     connect(m_isofile, &QLineEdit::textChanged, this, &CBurnDialog::ShowMode);
-    // Once the user has picked the mode, the burn keeps it.
+    // Once the user has picked the mode, the burn keeps it. Several sticks
+    // leave only disk image mode to pick.
     connect(m_modelist, qOverload<int>(&QComboBox::activated), this, [this] {
+        if (m_usblist->CheckedIndexes().size() > 1)
+            return;
         m_modeChosen = true;
+        m_oneStickMode = ChosenMode();
         ShowModeOptions();
     });
     if (auto* window = qobject_cast<MainWindow*>(mainWindow))
@@ -210,6 +224,10 @@ void CBurnDialog::BurnToUsb(const QString& image)
         return;
     }
     ShowMode();
+    if (const QStringList sticks = m_usblist->CheckedData(); sticks.size() > 1) {
+        BurnToSticks(image, sticks);
+        return;
+    }
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = currentNode(m_usblist);
@@ -246,6 +264,26 @@ void CBurnDialog::BurnToUsb(const QString& image)
     m_usbJob->Plan(options);
 }
 
+// Each stick is planned on its own: the plan names every stick too small
+// for the image.
+void CBurnDialog::BurnToSticks(const QString& image, const QStringList& devices)
+{
+    QStringList sticks;
+    for (int index : m_usblist->CheckedIndexes())
+        sticks << m_usblist->itemText(index);
+    if (!Util::Confirm(QStringLiteral("Everything on these %1 USB sticks will be erased:\n\n%2\n\n"
+                                      "Erase them and write the image to each?")
+                           .arg(devices.size())
+                           .arg(sticks.join(QLatin1Char('\n')))))
+        return;
+    CUsbBurnJob::Options options;
+    options.image = image;
+    options.mode = UsbPlan::WriteMode::Image;
+    options.autoMode = false;
+    StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Checking), 0);
+    m_sticksJob->Plan(options, devices);
+}
+
 void CBurnDialog::onRestore()
 {
     if (m_usblist->currentIndex() < 0 || m_usblist->currentText().isEmpty()) {
@@ -269,23 +307,30 @@ void CBurnDialog::onRestore()
     m_usbJob->Restore(currentNode(m_usblist), fs, label);
 }
 
+bool CBurnDialog::GoOn(bool ok, const QString& message, const UsbPlan::Decision& decision,
+                       bool several)
+{
+    if (ok && (decision.warnings.isEmpty() ||
+               Util::Confirm(decision.modeReason + QStringLiteral("\n\n") +
+                             decision.warnings.join(QStringLiteral("\n\n")) +
+                             (several ? QStringLiteral("\n\nErase the sticks and burn anyway?")
+                                      : QStringLiteral("\n\nErase the stick and burn anyway?")))))
+        return true;
+    EndShowingBurn(ok ? QString() : message);
+    Q_EMIT usbBurnFinished(false);
+    return false;
+}
+
 void CBurnDialog::onUSBPlanned(bool ok, const QString& message)
 {
-    if (!ok) {
-        EndShowingBurn(message);
-        Q_EMIT usbBurnFinished(false);
-        return;
-    }
-    const UsbPlan::Decision& decision = m_usbJob->Decision();
-    if (!decision.warnings.isEmpty() &&
-        !Util::Confirm(decision.modeReason + QStringLiteral("\n\n") +
-                       decision.warnings.join(QStringLiteral("\n\n")) +
-                       QStringLiteral("\n\nErase the stick and burn anyway?"))) {
-        EndShowingBurn(QString());
-        Q_EMIT usbBurnFinished(false);
-        return;
-    }
-    m_usbJob->Burn();
+    if (GoOn(ok, message, m_usbJob->Decision(), false))
+        m_usbJob->Burn();
+}
+
+void CBurnDialog::onSticksPlanned(bool ok, const QString& message)
+{
+    if (GoOn(ok, message, m_sticksJob->Decision(), true))
+        m_sticksJob->Burn();
 }
 
 void CBurnDialog::onUSBBurnPhase(CUsbBurnJob::Phase phase)
@@ -357,7 +402,17 @@ void CBurnDialog::SetButtonsEnabled(bool enabled)
 {
     for (CImageButton* button : {m_browser, m_back, m_burn})
         button->setEnabled(enabled);
-    m_restore->setEnabled(enabled && m_rusb->isChecked());
+    UpdateRestore();
+}
+
+// Restore gives back one stick at a time, and not while a burn runs.
+void CBurnDialog::UpdateRestore()
+{
+    const bool several = m_usblist->CheckedIndexes().size() > 1;
+    m_restore->setEnabled(m_rusb->isChecked() && m_burn->isEnabled() && !several);
+    m_restore->setToolTip(
+        several ? QStringLiteral("Restore gives back one stick at a time: tick only one")
+                : QStringLiteral("Erase the stick and give it one empty partition, as it came"));
 }
 
 void CBurnDialog::onBack()
@@ -381,13 +436,11 @@ void CBurnDialog::InitializeUSBAndDVDComboBox()
 
 void CBurnDialog::RefillRemovable()
 {
-    const QString remembered = currentNode(m_usblist);
+    const QStringList remembered = m_usblist->CheckedData();
     m_usblist->clear();
-    for (const RemovableDrive& drive : Drives::Removable()) {
+    for (const RemovableDrive& drive : Drives::Removable())
         m_usblist->addItem(drive.text, drive.node);
-        if (drive.node == remembered)
-            m_usblist->setCurrentIndex(m_usblist->count() - 1);
-    }
+    m_usblist->SetCheckedData(remembered);
 }
 
 void CBurnDialog::RefillOptical()
@@ -416,7 +469,7 @@ void CBurnDialog::ShowMode()
     m_modeImage = image;
     m_modeChosen = false;
     m_modeLister->Stop();
-    m_modereason->clear();
+    m_reason.clear();
     m_head.clear();
     QFile file(image);
     if (QFileInfo(image).isFile() && file.open(QIODevice::ReadOnly))
@@ -424,10 +477,11 @@ void CBurnDialog::ShowMode()
     // The first sectors alone decide the mode; the files' reason waits for
     // the listing.
     const UsbPlan::ModeChoice choice = UsbPlan::ChooseMode(m_head, ItemTree());
-    m_modelist->setCurrentIndex(m_modelist->findData(int(choice.mode)));
-    ShowModeOptions();
+    m_autoMode = m_oneStickMode = choice.mode;
+    if (choice.mode == UsbPlan::WriteMode::Image)
+        m_reason = choice.reason;
+    OnSticksTicked();
     if (choice.mode == UsbPlan::WriteMode::Image) {
-        m_modereason->setText(choice.reason);
         Q_EMIT modeShown();
     } else if (!m_head.isEmpty()) {
         m_modeLister->Start(image);
@@ -438,8 +492,34 @@ void CBurnDialog::ShowMode()
 void CBurnDialog::OnModeListed()
 {
     if (m_modeLister->Succeeded())
-        m_modereason->setText(UsbPlan::ChooseMode(m_head, m_modeTree).reason);
+        m_reason = UsbPlan::ChooseMode(m_head, m_modeTree).reason;
+    ShowReason();
     Q_EMIT modeShown();
+}
+
+void CBurnDialog::OnSticksTicked()
+{
+    const bool several = m_usblist->CheckedIndexes().size() > 1;
+    auto* modes = qobject_cast<QStandardItemModel*>(m_modelist->model());
+    QStandardItem* files = modes->item(m_modelist->findData(int(UsbPlan::WriteMode::Files)));
+    files->setEnabled(!several);
+    files->setText(several ? QStringLiteral("Files (one stick at a time)")
+                           : QStringLiteral("Files"));
+    m_modelist->setCurrentIndex(
+        m_modelist->findData(int(several ? UsbPlan::WriteMode::Image : m_oneStickMode)));
+    ShowModeOptions();
+    ShowReason();
+    UpdateRestore();
+}
+
+void CBurnDialog::ShowReason()
+{
+    const bool several = m_usblist->CheckedIndexes().size() > 1;
+    m_modereason->setText(
+        several && m_autoMode == UsbPlan::WriteMode::Files
+            ? QStringLiteral("Several sticks take the image only as it is (disk "
+                             "image mode); its files go onto one stick at a time.")
+            : m_reason);
 }
 
 void CBurnDialog::ShowModeOptions()
@@ -460,9 +540,10 @@ void CBurnDialog::OnRadioSelected()
     for (QWidget* usbControl :
          {static_cast<QWidget*>(m_usblist), static_cast<QWidget*>(m_modelist),
           static_cast<QWidget*>(m_ptlist), static_cast<QWidget*>(m_sysfilelist),
-          static_cast<QWidget*>(m_volumelab), static_cast<QWidget*>(m_restore)})
+          static_cast<QWidget*>(m_volumelab)})
         usbControl->setEnabled(!disc);
     m_dvdlist->setEnabled(disc);
+    UpdateRestore();
     // Both refills keep their list's selection themselves.
     InitializeUSBAndDVDComboBox(kBothLists);
     // A GPT choice keeps the file system fixed while the USB controls return.

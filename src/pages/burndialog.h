@@ -10,6 +10,7 @@
 class CDiscBurnJob;
 class CImageButton;
 class CListJob;
+class CCheckComboBox;
 class CMyComboBox;
 class COpticalScan;
 class CProgressDialog;
@@ -19,12 +20,14 @@ class QLineEdit;
 class QPushButton;
 class QRadioButton;
 
-// The burn page: writes an image to a CD/DVD or to a USB drive. The optical
-// list is filled by a bus scan that runs beside the window, the removable
-// list from the system's USB disks; both keep their selection, by device
-// node, across refills. For a USB burn the page shows the way the image will
-// go onto the stick (UsbPlan::ChooseMode) with its reason, lets the user pick
-// the other way, and shows only the options that way uses.
+// The burn page: writes an image to a CD/DVD or to one or several USB
+// sticks. The optical list is filled by a bus scan that runs beside the
+// window, the removable list from the system's USB disks; both keep their
+// selection, by device node, across refills. For a USB burn the page shows
+// the way the image will go onto the stick (UsbPlan::ChooseMode) with its
+// reason, lets the user pick the other way, and shows only the options that
+// way uses. Several ticked sticks take the image as it is, all from one read
+// of it (CUsbMultiBurnJob).
 class CBurnDialog final : public ImageDialog
 {
     Q_OBJECT
@@ -73,6 +76,7 @@ public Q_SLOTS:
     void onUSBBurnProgress(int value, int maximum);
     void onUSBBurnFinished(bool succeeded, const QString& message);
     void onUSBBurnTransfer(const QString& text);
+    void onSticksPlanned(bool ok, const QString& message);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -83,10 +87,18 @@ private:
     void ShowMode();
     void OnModeListed();
     void ShowModeOptions();
+    // The mode list and Restore for one ticked stick or several.
+    void OnSticksTicked();
+    void ShowReason();
+    void UpdateRestore();
+    // Whether a planned burn goes on: it can, and the user accepts its
+    // warnings. Otherwise the page has ended showing it.
+    bool GoOn(bool ok, const QString& message, const UsbPlan::Decision& decision, bool several);
     UsbPlan::WriteMode ChosenMode() const;
     void RefillRemovable();
     void RefillOptical();
     void BurnToUsb(const QString& image);
+    void BurnToSticks(const QString& image, const QStringList& devices);
     void BurnToDisc(const QString& image);
     void SetButtonsEnabled(bool enabled);
     void StartShowingBurn(const QString& text, int maximum);
@@ -97,7 +109,7 @@ private:
     QRadioButton* m_rdvd = nullptr;
     CMyComboBox* m_dvdlist = nullptr;
     QRadioButton* m_rusb = nullptr;
-    CMyComboBox* m_usblist = nullptr;
+    CCheckComboBox* m_usblist = nullptr;
     QComboBox* m_modelist = nullptr;
     QLabel* m_modereason = nullptr;
     QComboBox* m_ptlist = nullptr;
@@ -111,14 +123,19 @@ private:
     COpticalScan* m_scan = nullptr;
     CDiscBurnJob* m_burnJob = nullptr;
     CUsbBurnJob* m_usbJob = nullptr;
+    CUsbMultiBurnJob* m_sticksJob = nullptr;
     // The mode shown is for m_modeImage, whose first sectors are m_head; the
     // listing gives the reason for files mode. m_modeChosen: the user picked
-    // the mode, so the burn does not choose again.
+    // the mode, so the burn does not choose again. m_oneStickMode: the mode
+    // for one stick, shown again when several are no longer ticked.
     CListJob* m_modeLister = nullptr;
     ItemTree m_modeTree;
     QString m_modeImage;
     QByteArray m_head;
     bool m_modeChosen = false;
+    UsbPlan::WriteMode m_autoMode = UsbPlan::WriteMode::Files;
+    UsbPlan::WriteMode m_oneStickMode = UsbPlan::WriteMode::Files;
+    QString m_reason;
     QString m_phaseText;
     // The optical drive to select again when a refill finds it.
     QString m_opticalNode;
