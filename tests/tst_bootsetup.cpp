@@ -1,9 +1,11 @@
 #include <QtTest>
 
+#include "common/bootcatalogs.h"
 #include "common/bytes.h"
 
 #include "iso/bootsetup.h"
 #include "iso/imagebuild.h"
+#include "tools/toollocator.h"
 
 namespace {
 
@@ -87,6 +89,8 @@ class TestBootSetup : public QObject
 private Q_SLOTS:
     void measures_data();
     void measures();
+    void carriesEveryEntryOver_data();
+    void carriesEveryEntryOver();
     void editArgumentsEscapeGraftPoints();
 };
 
@@ -144,6 +148,75 @@ void TestBootSetup::measures()
     QCOMPARE(measure.length, length);
     QCOMPARE(measure.infoTable, infoTable);
     QCOMPARE(measure.problem.isEmpty(), length > 0);
+}
+
+void TestBootSetup::carriesEveryEntryOver_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QStringList>("images");  // "NAME=FILE": the boot image's name and the file it is
+    QTest::addColumn<int>("problems");
+    QTest::addColumn<QStringList>("rebuilt"); // "PLATFORM FILE" of the saved image, in catalogue order
+    using namespace BootCatalogs;
+    QTest::newRow("two BIOS entries") << kTwoBios << QStringList{"boot.bin=a.bin", "boot2.bin=b.bin"} << 0
+                                      << QStringList{"BIOS a.bin", "BIOS b.bin"};
+    QTest::newRow("UEFI default entry") << kUefiDefault << QStringList{"efiboot.img=efi.img", "boot.bin=a.bin"} << 0
+                                        << QStringList{"EFI efi.img", "BIOS a.bin"};
+    // The builder makes no PowerPC or Mac entries: the save says so.
+    QTest::newRow("PowerPC and Mac sections")
+        << kPowerPcAndMac << QStringList{"boot.bin=a.bin"} << 2 << QStringList{"BIOS a.bin"};
+}
+
+// What the edit page saves: every BIOS and EFI entry of the original, each
+// boot image whole, in the original's order.
+void TestBootSetup::carriesEveryEntryOver()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QStringList, images);
+    QFETCH(int, problems);
+    QFETCH(QStringList, rebuilt);
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QString error;
+    const QString tree = BootCatalogs::Tree(dir.path(), &error);
+    QVERIFY2(!tree.isEmpty(), qPrintable(error));
+    const QString image = dir.filePath("original.iso");
+    QVERIFY2(BootCatalogs::Build(tree, image, options, &error), qPrintable(error));
+
+    const BootSetup::Plan plan = BootSetup::Prepare(image, dir.filePath("boot"));
+    QVERIFY(plan.originalBoots);
+    QCOMPARE(plan.problems.size(), problems);
+    QStringList found;
+    QList<QPair<QString, QString>> rootFiles;
+    for (const BootSetup::BootImage& boot : plan.images) {
+        QString name = QStringLiteral("?");
+        for (const QString source : {"a.bin", "b.bin", "efi.img"}) {
+            QFile original(tree + "/boot/" + source);
+            QFile copy(boot.path);
+            if (original.open(QIODevice::ReadOnly) && copy.open(QIODevice::ReadOnly) &&
+                original.readAll() == copy.readAll())
+                name = source;
+        }
+        found << boot.file + '=' + name;
+        rootFiles << qMakePair(boot.file, boot.path);
+    }
+    QCOMPARE(found, images);
+
+    // Saved with the image builder as the edit page does, the new catalogue
+    // holds the same entries in the same order.
+    const QString output = dir.filePath("saved.iso");
+    QProcess builder;
+    builder.setProcessChannelMode(QProcess::MergedChannels);
+    builder.start(ToolLocator::Find(ToolLocator::Tool::ImageBuilder),
+                  ImageBuild::EditArguments("SAVED", BootSetup::Arguments(plan, "boot.catalog"), output,
+                                            dir.filePath("boot-tree/docs"), rootFiles));
+    QVERIFY(builder.waitForFinished(120000));
+    QVERIFY2(builder.exitCode() == 0, builder.readAll().constData());
+    const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(output);
+    QVERIFY(catalog);
+    QStringList saved;
+    for (const ElTorito::Entry& entry : catalog->entries)
+        saved << ElTorito::PlatformName(entry.platform) + ' ' + BootCatalogs::FileAt(tree, output, entry.loadRba);
+    QCOMPARE(saved, rebuilt);
 }
 
 // The image builder reads "=" in a graft point as the split between the name

@@ -1,5 +1,6 @@
 #include <QtTest>
 
+#include "common/bootcatalogs.h"
 #include "common/bytes.h"
 #include "iso/bootsetup.h"
 #include "iso/eltorito.h"
@@ -24,6 +25,7 @@ struct Layout
     quint8 media = 0;
     quint16 count = 4;
     quint32 loadRba = 20;
+    QByteArray sections; // the records after the default entry
 };
 
 using Bytes::Put16;
@@ -54,19 +56,57 @@ QByteArray makeImage(const Layout& layout)
     bytes[catalog + 33] = char(layout.media);
     Put16(bytes, catalog + 38, layout.count);
     Put32(bytes, catalog + 40, layout.loadRba);
+    bytes.replace(catalog + 64, layout.sections.size(), layout.sections);
     return bytes;
+}
+
+// A section header (0x90, or 0x91 for the last) and its entries, each
+// bootable and without emulation, loaded from the sectors `rbas`.
+QByteArray section(quint8 header, quint8 platform, quint16 count, const QList<quint32>& rbas)
+{
+    QByteArray bytes(32, '\0');
+    bytes[0] = char(header);
+    bytes[1] = char(platform);
+    Put16(bytes, 2, count);
+    for (const quint32 rba : rbas) {
+        QByteArray entry(32, '\0');
+        entry[0] = char(0x88);
+        Put16(entry, 6, 4);
+        Put32(entry, 8, rba);
+        bytes += entry;
+    }
+    return bytes;
+}
+
+QByteArray extension()
+{
+    QByteArray bytes(32, '\0');
+    bytes[0] = 0x44;
+    return bytes;
+}
+
+// "BIOS@20 EFI@22": each entry's platform and load sector, in catalogue order.
+QString summary(const ElTorito::Catalog& catalog)
+{
+    QStringList parts;
+    for (const ElTorito::Entry& entry : catalog.entries)
+        parts << ElTorito::PlatformName(entry.platform) + '@' + QString::number(entry.loadRba);
+    return parts.join(' ');
+}
+
+ElTorito::ReadFunction bytesReader(const QByteArray& bytes)
+{
+    return [&bytes](qint64 offset, int length, char* buffer) {
+        if (offset < 0 || length < 0 || offset + length > bytes.size())
+            return false;
+        std::memcpy(buffer, bytes.constData() + offset, size_t(length));
+        return true;
+    };
 }
 
 std::optional<ElTorito::Catalog> parse(const QByteArray& bytes, ElTorito::Error* error)
 {
-    return ElTorito::Parse(
-        [&bytes](qint64 offset, int length, char* buffer) {
-            if (offset < 0 || offset + length > bytes.size())
-                return false;
-            std::memcpy(buffer, bytes.constData() + offset, size_t(length));
-            return true;
-        },
-        error);
+    return ElTorito::Parse(bytesReader(bytes), error);
 }
 
 } // namespace
@@ -76,10 +116,29 @@ class TestElTorito final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase();
     void parses_data();
     void parses();
+    void walksSections_data();
+    void walksSections();
+    void readsSystemArea_data();
+    void readsSystemArea();
+    void showsEveryEntry_data();
+    void showsEveryEntry();
     void corpusReplaysCleanly();
+
+private:
+    QTemporaryDir m_dir;
+    QString m_tree;
 };
+
+void TestElTorito::initTestCase()
+{
+    QVERIFY(m_dir.isValid());
+    QString error;
+    m_tree = BootCatalogs::Tree(m_dir.path(), &error);
+    QVERIFY2(!m_tree.isEmpty(), qPrintable(error));
+}
 
 void TestElTorito::parses_data()
 {
@@ -146,6 +205,138 @@ void TestElTorito::parses()
     QVERIFY(catalog->efiEntries.empty());
 }
 
+void TestElTorito::walksSections_data()
+{
+    QTest::addColumn<QByteArray>("sections");
+    QTest::addColumn<QString>("entries");
+    QTest::addColumn<int>("efiEntries");
+    // An extension entry may follow a section's last entry; the next section
+    // header comes after it.
+    QTest::newRow("extension entry after a section's last entry")
+        << section(0x90, 0x00, 1, {21}) + extension() + section(0x91, 0xEF, 1, {22}) << "BIOS@20 BIOS@21 EFI@22" << 1;
+    // A header that promises more entries than follow: empty records are no
+    // entries.
+    QTest::newRow("section count beyond its entries") << section(0x91, 0xEF, 5, {22}) << "BIOS@20 EFI@22" << 1;
+}
+
+void TestElTorito::walksSections()
+{
+    QFETCH(QByteArray, sections);
+    QFETCH(QString, entries);
+    QFETCH(int, efiEntries);
+    Layout layout;
+    layout.sections = sections;
+    const std::optional<ElTorito::Catalog> catalog = parse(makeImage(layout), nullptr);
+    QVERIFY(catalog);
+    QCOMPARE(summary(*catalog), entries);
+    QCOMPARE(int(catalog->efiEntries.size()), efiEntries);
+}
+
+// Hand-made system areas for what the built images below do not cover.
+void TestElTorito::readsSystemArea_data()
+{
+    QTest::addColumn<QByteArray>("area");
+    QTest::addColumn<QString>("text");
+    QByteArray gpt4k(64 * 1024, '\0');
+    gpt4k.replace(4096, 8, "EFI PART");
+    Put32(gpt4k, 4096 + 12, 92);
+    Put32(gpt4k, 4096 + 24, 1);
+    Put32(gpt4k, 4096 + 72, 2);
+    Put32(gpt4k, 4096 + 80, 4);
+    Put32(gpt4k, 4096 + 84, 128);
+    gpt4k.replace(8192, 16, QByteArray("\x28\x73\x2A\xC1\x1F\xF8\xD2\x11\xBA\x4B\x00\xA0\xC9\x3E\xC9\x3B", 16));
+    Put32(gpt4k, 8192 + 32, 6);
+    Put32(gpt4k, 8192 + 40, 9);
+    QTest::newRow("GPT of 4096-byte sectors") << gpt4k
+                                              << "GPT of 4096-byte sectors (1: EFI system, start 6, 4 sectors)";
+    // Entry array far beyond the image and four thousand million entries:
+    // read within bounds, and said so.
+    QByteArray hostile = gpt4k;
+    hostile.replace(4096, 8, QByteArray(8, '\0'));
+    hostile.replace(512, 8, "EFI PART");
+    Put32(hostile, 512 + 12, 92);
+    Put32(hostile, 512 + 24, 1);
+    Put32(hostile, 512 + 72, 0xFFFFFFF0);
+    Put32(hostile, 512 + 80, 0xFFFFFFFF);
+    Put32(hostile, 512 + 84, 128);
+    QTest::newRow("GPT entries out of reach") << hostile << "GPT (unreadable partition entries)";
+    // A file system's boot sector carries the signature too, with code where
+    // the table would be.
+    QByteArray bootSector(64 * 1024, '\0');
+    for (int i = 0; i < 510; ++i)
+        bootSector[i] = char(0x90 + i % 7);
+    bootSector[510] = char(0x55);
+    bootSector[511] = char(0xAA);
+    QTest::newRow("boot sector without a table") << bootSector << "unrecognised";
+}
+
+void TestElTorito::readsSystemArea()
+{
+    QFETCH(QByteArray, area);
+    QFETCH(QString, text);
+    QCOMPARE(ElTorito::SystemArea(bytesReader(area)), text);
+}
+
+void TestElTorito::showsEveryEntry_data()
+{
+    QTest::addColumn<QStringList>("options");
+    QTest::addColumn<QStringList>("entries"); // "PLATFORM FILE LOAD-SIZE", in catalogue order
+    QTest::addColumn<QString>("systemArea");  // a pattern for the whole line
+    using namespace BootCatalogs;
+    QTest::newRow("two BIOS entries") << kTwoBios << QStringList{"BIOS a.bin 4", "BIOS b.bin 8"} << "none";
+    QTest::newRow("UEFI default entry") << kUefiDefault << QStringList{"EFI efi.img 2880", "BIOS a.bin 4"}
+                                        << "none";
+    QTest::newRow("PowerPC and Mac sections")
+        << kPowerPcAndMac << QStringList{"BIOS a.bin 4", "PowerPC b.bin 8", "Mac b.bin 8"} << "none";
+    QTest::newRow("isohybrid MBR and GPT")
+        << kIsohybrid << QStringList{"BIOS a.bin 4", "EFI efi.img 2880"}
+        << R"(isohybrid MBR \(1: 0x00 active, start 0, \d+ sectors; 2: 0xEF, start \d+, 2880 sectors\) \+ )"
+           R"(GPT \(1: basic data, start 0, \d+ sectors; 2: basic data, start \d+, 2880 sectors\))";
+    QTest::newRow("isohybrid with an Apple partition map")
+        << kIsohybrid + QStringList{"-isohybrid-apm-hfsplus"} << QStringList{"BIOS a.bin 4", "EFI efi.img 2880"}
+        << R"(isohybrid MBR \(.*\) \+ GPT \(.*\) \+ )"
+           R"(APM of 2048-byte blocks \(1: Apple_partition_map, start 1, \d+ blocks; 2: Apple_HFS, .*\))";
+    QTest::newRow("GPT behind a protective MBR")
+        << kAppendedGpt << QStringList{"EFI efi.img 2880"}
+        << R"(protective MBR \(1: 0xEE, start 1, \d+ sectors\) \+ )"
+           R"(GPT \(.*; 2: EFI system, start \d+, 2880 sectors; .*\))";
+}
+
+// Through the terminal, as a user asks: one block per entry, each naming its
+// platform, load size and the sector that really holds that boot file.
+void TestElTorito::showsEveryEntry()
+{
+    QFETCH(QStringList, options);
+    QFETCH(QStringList, entries);
+    QFETCH(QString, systemArea);
+    const QString image = m_dir.filePath(QStringLiteral("boot.iso"));
+    QString error;
+    QVERIFY2(BootCatalogs::Build(m_tree, image, options, &error), qPrintable(error));
+
+    QProcess brenta;
+    brenta.start(QStringLiteral(BRENTA_EXECUTABLE), {QStringLiteral("boot-info"), image});
+    QVERIFY(brenta.waitForFinished(60000));
+    QCOMPARE(brenta.exitCode(), 0);
+    const QString text = QString::fromUtf8(brenta.readAllStandardOutput());
+    static const QRegularExpression block(R"(entry (\d+): (?:default|section \d+)\n)"
+                                          R"(  platform: (\S+) \(0x[0-9A-F]{2}\)\n)"
+                                          R"(  bootable: yes\n  media: no-emulation\n)"
+                                          R"(  load-size: (\d+) sectors? \(\d+ bytes\)\n  load-sector: (\d+)\n)");
+    QStringList found;
+    for (auto it = block.globalMatch(text); it.hasNext();) {
+        const QRegularExpressionMatch match = it.next();
+        QCOMPARE(match.captured(1).toInt(), found.size() + 1);
+        found << match.captured(2) + ' ' + BootCatalogs::FileAt(m_tree, image, match.captured(4).toUInt()) + ' ' +
+                     match.captured(3);
+    }
+    QCOMPARE(found, entries);
+    QCOMPARE(text.count(QRegularExpression(QStringLiteral("^entry "), QRegularExpression::MultilineOption)),
+             entries.size());
+    const QRegularExpression area(QStringLiteral("^system-area: %1\n\\z").arg(systemArea),
+                                  QRegularExpression::MultilineOption);
+    QVERIFY2(area.match(text).hasMatch(), qPrintable(text));
+}
+
 // Every input the fuzzer kept is read again: none may crash the reader or
 // make it size a boot image beyond its bound.
 void TestElTorito::corpusReplaysCleanly()
@@ -158,20 +349,14 @@ void TestElTorito::corpusReplaysCleanly()
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QByteArray bytes = file.readAll();
         const std::optional<ElTorito::Catalog> catalog = parse(bytes, nullptr);
+        QVERIFY(!ElTorito::SystemArea(bytesReader(bytes)).isEmpty());
         if (!catalog)
             continue;
         QVERIFY(ElTorito::BootImageLength(catalog->defaultEntry) <= 2949120 + 65535 * 512);
         // Measuring the boot images never reaches past the image.
-        const BootSetup::ReadFunction read = [&bytes](qint64 offset, int length, char* buffer) {
-            if (offset < 0 || length < 0 || offset + length > bytes.size())
-                return false;
-            std::memcpy(buffer, bytes.constData() + offset, size_t(length));
-            return true;
-        };
-        std::vector<std::pair<ElTorito::Entry, bool>> entries{{catalog->defaultEntry, false}};
-        for (const ElTorito::Entry& efi : catalog->efiEntries)
-            entries.emplace_back(efi, true);
-        for (const auto& [entry, efi] : entries) {
+        const BootSetup::ReadFunction read = bytesReader(bytes);
+        for (const ElTorito::Entry& entry : catalog->entries) {
+            const bool efi = entry.platform == ElTorito::kPlatformEfi;
             const BootSetup::Measure measure = BootSetup::MeasureEntry(entry, efi, read, bytes.size());
             QVERIFY(measure.length >= 0);
             QVERIFY(measure.length == 0 || qint64(entry.loadRba) * 2048 + measure.length <= bytes.size());

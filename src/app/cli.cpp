@@ -383,21 +383,13 @@ int RunList(const Request& request)
 int RunBootInfo(const Request& request)
 {
     ElTorito::Error error = ElTorito::Error::None;
-    const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(request.image, &error);
-    if (!catalog) {
+    const std::optional<QString> text = ElTorito::BootInfo(request.image, &error);
+    if (!text) {
         print(stderr, QStringLiteral("brenta: %1 has no valid El Torito boot record: %2\n")
                           .arg(request.image, ElTorito::ErrorText(error)));
         return 1;
     }
-    const ElTorito::Entry& entry = catalog->defaultEntry;
-    QString text;
-    text += QStringLiteral("bootable: %1\n").arg(entry.bootable ? "yes" : "no");
-    text += QStringLiteral("media: %1\n").arg(ElTorito::MediaName(entry.media));
-    text += QStringLiteral("load-size: %1\n").arg(entry.sectorCount);
-    text += QStringLiteral("load-rba: %1\n").arg(entry.loadRba);
-    for (const ElTorito::Entry& efi : catalog->efiEntries)
-        text += QStringLiteral("efi-entry: load-rba=%1 sectors=%2\n").arg(efi.loadRba).arg(efi.sectorCount);
-    print(stdout, text);
+    print(stdout, *text);
     return 0;
 }
 

@@ -102,11 +102,20 @@ bool writeImage(const ReadFunction& read, qint64 start, qint64 length, const QSt
     return out.flush();
 }
 
+// "BIOS boot image", "EFI boot image 2": `index` counts the entries of one
+// platform from 0.
 QString entryName(bool efi, int index)
 {
-    if (!efi)
-        return QStringLiteral("BIOS boot image");
-    return index == 0 ? QStringLiteral("EFI boot image") : QStringLiteral("EFI boot image %1").arg(index + 1);
+    const QString name = efi ? QStringLiteral("EFI boot image") : QStringLiteral("BIOS boot image");
+    return index == 0 ? name : name + QStringLiteral(" %1").arg(index + 1);
+}
+
+// "boot.bin", "efiboot2.img": the boot image's name in the new image's root.
+QString fileName(bool efi, int index)
+{
+    const QString stem = efi ? QStringLiteral("efiboot") : QStringLiteral("boot");
+    const QString suffix = efi ? QStringLiteral(".img") : QStringLiteral(".bin");
+    return index == 0 ? stem + suffix : stem + QString::number(index + 1) + suffix;
 }
 
 } // namespace
@@ -176,28 +185,32 @@ Plan Prepare(const QString& image, const QString& dir)
     plan.hasCatalog = true;
     QDir().mkpath(dir);
 
-    std::vector<std::pair<ElTorito::Entry, bool>> entries;
-    if (catalog->defaultEntry.bootable)
-        entries.emplace_back(catalog->defaultEntry, catalog->defaultEntry.platform == 0xEF);
-    for (const ElTorito::Entry& efi : catalog->efiEntries) {
-        if (efi.bootable)
-            entries.emplace_back(efi, true);
-    }
-    plan.originalBoots = !entries.empty();
+    // Every bootable entry in catalogue order, so that the new catalogue
+    // lists them as the original does. The builder makes BIOS and EFI
+    // entries only.
+    int biosIndex = 0;
     int efiIndex = 0;
-    for (const auto& [entry, efi] : entries) {
-        const QString label = entryName(efi, efi ? efiIndex : 0);
-        const Measure measure = MeasureEntry(entry, efi, read, file.size());
+    for (const ElTorito::Entry& entry : catalog->entries) {
+        if (!entry.bootable)
+            continue;
+        plan.originalBoots = true;
+        if (entry.platform != ElTorito::kPlatformBios && entry.platform != ElTorito::kPlatformEfi) {
+            plan.problems << QStringLiteral("%1 boot image: the image builder makes boot entries for BIOS and "
+                                            "EFI only")
+                                 .arg(ElTorito::PlatformName(entry.platform));
+            continue;
+        }
+        const bool efi = entry.platform == ElTorito::kPlatformEfi;
+        int& index = efi ? efiIndex : biosIndex;
+        const QString label = entryName(efi, index);
         BootImage boot;
         boot.entry = entry;
         boot.efi = efi;
-        boot.infoTable = measure.infoTable;
-        boot.file = !efi ? QStringLiteral("boot.bin")
-                    : efiIndex == 0 ? QStringLiteral("efiboot.img")
-                                    : QStringLiteral("efiboot%1.img").arg(efiIndex + 1);
+        boot.file = fileName(efi, index);
         boot.path = QDir(dir).filePath(boot.file);
-        if (efi)
-            ++efiIndex;
+        ++index;
+        const Measure measure = MeasureEntry(entry, efi, read, file.size());
+        boot.infoTable = measure.infoTable;
         if (!measure.problem.isEmpty()) {
             plan.problems << label + QStringLiteral(": ") + measure.problem;
             continue;

@@ -36,7 +36,7 @@ Measure MeasureEntry(const ElTorito::Entry& entry, bool efi, const ReadFunction&
 
 struct BootImage
 {
-    QString file; // its name in the new image's root: "boot.bin", "efiboot.img", ...
+    QString file; // its name in the new image's root: "boot.bin", "boot2.bin", "efiboot.img", ...
     QString path; // the local copy written by Prepare()
     ElTorito::Entry entry;
     bool efi = false;
@@ -46,7 +46,7 @@ struct BootImage
 struct Plan
 {
     bool hasCatalog = false;        // the image has a valid El Torito record
-    std::vector<BootImage> images;  // the default entry first (when it boots), then EFI ones
+    std::vector<BootImage> images;  // the bootable BIOS and EFI entries, in catalogue order
     QStringList problems;           // entries that cannot be carried over, and why
     bool originalBoots = false;     // the original has at least one bootable entry
     bool Reproducible() const { return problems.isEmpty(); }
