@@ -198,6 +198,7 @@ private Q_SLOTS:
     void imageNotWritten();
     void stickRemovedWhileWriting();
     void hashReadsTheStickItself();
+    void toolsDieWithTheHelper_data();
     void toolsDieWithTheHelper();
 };
 
@@ -899,34 +900,58 @@ void TestUsbHelper::hashReadsTheStickItself()
              "sha256: " + QCryptographicHash::hash(changed, QCryptographicHash::Sha256).toHex());
 }
 
+void TestUsbHelper::toolsDieWithTheHelper_data()
+{
+    QTest::addColumn<QStringList>("arguments"); // the device goes second
+    QTest::addColumn<QString>("tool");          // the one that is killed with the helper
+    QTest::newRow("prepare") << QStringList{"prepare", "--scheme", "mbr", "--fs", "fat32"} << "mkfs.vfat";
+    QTest::newRow("boot code") << QStringList{"bootcode"} << "grub-mkimage";
+}
+
 // A helper that is killed (its caller gone, a burn cut short) takes its tools
-// with it, so that no mkfs goes on writing to a stick nobody waits for.
+// with it, so that no mkfs goes on writing to a stick nobody waits for, and
+// leaves none of its temporary files behind.
 void TestUsbHelper::toolsDieWithTheHelper()
 {
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, tool);
+
     const LoopDevice stick(16);
     if (!stick.IsValid())
         QSKIP("needs root and a free loop device");
-    QVERIFY(Standins::Write(stick.FilePath("tools/system/mkfs.vfat"),
+    if (arguments.first() == "bootcode") {
+        // The boot code goes only onto a disk with an MBR partition table.
+        QProcess sfdisk;
+        sfdisk.start("sfdisk", {"--quiet", stick.Node()});
+        sfdisk.write("start=2048, type=c\n");
+        sfdisk.closeWriteChannel();
+        QVERIFY(sfdisk.waitForFinished() && sfdisk.exitCode() == 0);
+    }
+    QVERIFY(Standins::Write(stick.FilePath("tools/system/" + tool),
                             "#!/bin/sh\necho $$ > \"$BRENTA_TEST_PID\"\nexec sleep 60\n"));
+    const QString temporary = stick.FilePath("tmp");
+    QVERIFY(QDir().mkpath(temporary));
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert("BRENTA_TOOLS_DIR", stick.FilePath("tools"));
-    environment.insert("BRENTA_TEST_PID", stick.FilePath("mkfs.pid"));
+    environment.insert("BRENTA_TEST_PID", stick.FilePath("tool.pid"));
+    environment.insert("TMPDIR", temporary);
 
     QProcess helper;
     helper.setProcessEnvironment(environment);
     helper.start(qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER)),
-                 {"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"});
-    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(stick.FilePath("mkfs.pid")).size() > 0, 20000);
-    QFile pidFile(stick.FilePath("mkfs.pid"));
+                 QStringList{arguments.first(), stick.Node()} + arguments.mid(1));
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(stick.FilePath("tool.pid")).size() > 0, 20000);
+    QFile pidFile(stick.FilePath("tool.pid"));
     QVERIFY(pidFile.open(QIODevice::ReadOnly));
     const pid_t pid = pid_t(pidFile.readAll().trimmed().toInt());
     QVERIFY(pid > 0);
     const auto reap = qScopeGuard([pid] { ::kill(pid, SIGKILL); });
-    const QString mkfs = QString("/proc/%1").arg(pid);
-    QVERIFY(QFileInfo::exists(mkfs));
+    const QString running = QString("/proc/%1").arg(pid);
+    QVERIFY(QFileInfo::exists(running));
     helper.kill();
     QVERIFY(helper.waitForFinished());
-    QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(mkfs), 5000);
+    QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(running), 5000);
+    QCOMPARE(QDir(temporary).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestUsbHelper)

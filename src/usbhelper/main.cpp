@@ -26,7 +26,6 @@
 #include <QRandomGenerator>
 #include <QScopeGuard>
 #include <QStandardPaths>
-#include <QTemporaryDir>
 #include <QTemporaryFile>
 #include <QThread>
 
@@ -94,8 +93,10 @@ QString findTool(const QString& program)
 // label such as "Données" reaches the file system as it is. Its output goes
 // through a file rather than a pipe: a FUSE driver stays behind as a daemon
 // and must not write into a pipe nobody reads any more. The tool dies with
-// the helper (a daemon it starts is a new process, which does not).
-RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
+// the helper (a daemon it starts is a new process, which does not). Where
+// `standardOutput` is given, it gets what the tool writes there, and the
+// result's lines are its error output only.
+RunResult run(const ToolCall& call, const QByteArray& input = QByteArray(), QByteArray* standardOutput = nullptr)
 {
     RunResult result;
     const QString program = findTool(call.program);
@@ -103,9 +104,12 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
         result.reason = call.program + QStringLiteral(" is not installed");
         return result;
     }
-    QTemporaryFile output(QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX"));
-    QTemporaryFile feed(QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX"));
-    if (!output.open() || !feed.open() || feed.write(input) != input.size() || !feed.flush()) {
+    const QString pattern = QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX");
+    QTemporaryFile output(pattern);
+    QTemporaryFile feed(pattern);
+    QTemporaryFile data(pattern);
+    if (!output.open() || !feed.open() || feed.write(input) != input.size() || !feed.flush()
+        || (standardOutput != nullptr && !data.open())) {
         result.reason = QStringLiteral("cannot make a temporary file");
         return result;
     }
@@ -114,9 +118,14 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
     environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
     environment.insert(QStringLiteral("PATH"), kPath);
     process.setProcessEnvironment(environment);
-    process.setProcessChannelMode(QProcess::MergedChannels);
     process.setStandardInputFile(feed.fileName());
-    process.setStandardOutputFile(output.fileName());
+    if (standardOutput != nullptr) {
+        process.setStandardOutputFile(data.fileName());
+        process.setStandardErrorFile(output.fileName());
+    } else {
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.setStandardOutputFile(output.fileName());
+    }
     const pid_t helper = ::getpid();
     process.setChildProcessModifier([helper] {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -128,7 +137,18 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray())
         result.reason = call.program + QStringLiteral(" could not be started");
         return result;
     }
+    // The tool has the files open now and the helper keeps its own handles:
+    // their names go at once, so that a helper killed while the tool runs
+    // leaves nothing behind. QFile::remove() would close the handles.
+    for (const QTemporaryFile* file : {&output, &feed, &data}) {
+        if (file->isOpen())
+            ::unlink(QFile::encodeName(file->fileName()).constData());
+    }
     process.waitForFinished(-1);
+    if (standardOutput != nullptr) {
+        data.seek(0);
+        *standardOutput = data.readAll();
+    }
     output.seek(0);
     for (const QByteArray& line : output.readAll().split('\n')) {
         if (!line.trimmed().isEmpty())
@@ -674,12 +694,6 @@ int prepare(const Request& request, const Caller& caller)
     return mountPartition(request, caller, partName);
 }
 
-bool writeFile(const QString& path, const QByteArray& data)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size() && file.flush();
-}
-
 QByteArray readFile(const QString& path, qint64 size)
 {
     QFile file(path);
@@ -710,22 +724,18 @@ int bootCode(const Request& request, const Caller& caller)
     }
     const qint64 start = startSector(PartitionName(target.facts.name, 1));
     const QString moduleDir = QStringLiteral("/usr/lib/grub/i386-pc");
-    QTemporaryDir work(QDir::tempPath() + QStringLiteral("/brenta-usb-helper-XXXXXX"));
-    const QString config = work.path() + QStringLiteral("/early.cfg");
-    const QString core = work.path() + QStringLiteral("/core.img");
-    if (!work.isValid() || !writeFile(config, GrubEarlyConfig().toUtf8())) {
-        say(ErrorLine(step, QStringLiteral("cannot make a temporary file"), {}));
-        return Failed;
-    }
-    const RunResult made = run({QStringLiteral("grub-mkimage"), GrubImageArguments(moduleDir, config, core)});
+    // The early configuration goes in on standard input and the core image
+    // comes out on standard output, so that no file is left behind.
+    QByteArray core;
+    const RunResult made = run({QStringLiteral("grub-mkimage"), GrubImageArguments(moduleDir, QStringLiteral("/dev/stdin"))},
+                               GrubEarlyConfig().toUtf8(), &core);
     if (!made.ok) {
         say(ErrorLine(step, made.reason, made.lines));
         return Failed;
     }
     BootCode code;
     QString error;
-    if (!BootSectors(mbr, readFile(moduleDir + QStringLiteral("/boot.img"), 512), readFile(core, 4 << 20), start,
-                     code, error)) {
+    if (!BootSectors(mbr, readFile(moduleDir + QStringLiteral("/boot.img"), 512), core, start, code, error)) {
         say(ErrorLine(step, error, {}));
         return Failed;
     }

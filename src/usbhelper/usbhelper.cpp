@@ -574,10 +574,10 @@ QString GrubEarlyConfig()
         "boot\n");
 }
 
-QStringList GrubImageArguments(const QString& moduleDir, const QString& config, const QString& output)
+QStringList GrubImageArguments(const QString& moduleDir, const QString& config)
 {
     return {QStringLiteral("-O"), QStringLiteral("i386-pc"), QStringLiteral("-d"), moduleDir,
-            QStringLiteral("-o"), output, QStringLiteral("-c"), config, QStringLiteral("-p"),
+            QStringLiteral("-c"), config, QStringLiteral("-p"),
             QStringLiteral("(,msdos1)/boot/grub"), QStringLiteral("biosdisk"), QStringLiteral("part_msdos"),
             QStringLiteral("fat"), QStringLiteral("exfat"), QStringLiteral("ntfs"), QStringLiteral("search"),
             QStringLiteral("search_fs_file"), QStringLiteral("ntldr")};

@@ -151,8 +151,8 @@ QString FileSystemName(FileSystem fs);
 // load a Windows boot sector. Nothing of it goes into the file system.
 QString GrubEarlyConfig();
 
-// grub-mkimage's arguments for that core image.
-QStringList GrubImageArguments(const QString& moduleDir, const QString& config, const QString& output);
+// grub-mkimage's arguments for that core image, written to standard output.
+QStringList GrubImageArguments(const QString& moduleDir, const QString& config);
 
 struct BootCode
 {
