@@ -224,33 +224,48 @@ Steps imageWithBrenta(const QString& image, const QString& loop)
 }
 
 // The same image to several loop devices at once, from one read of it: the
-// whole burn's time in seconds, or -1 when a stick failed.
-double imageToSeveral(const QString& image, const QStringList& loops)
+// time of each step in seconds, a step lasting until the last stick is
+// through it; nothing when a stick failed.
+Steps imageToSeveral(const QString& image, const QStringList& loops)
 {
     CUsbMultiBurnJob job;
     QSignalSpy planned(&job, &CUsbMultiBurnJob::planned);
     QSignalSpy finished(&job, &CUsbMultiBurnJob::finished);
+    Steps steps;
+    QElapsedTimer timer;
+    QString current;
+    const auto close = [&] {
+        if (!current.isEmpty())
+            steps[current] += seconds(timer);
+        timer.restart();
+    };
+    // The job shows the stick furthest behind, so a phase ends for the last stick.
+    QObject::connect(&job, &CUsbMultiBurnJob::phase, [&](CUsbBurnJob::Phase phase) {
+        close();
+        current = phase == CUsbBurnJob::Phase::Checking  ? QStringLiteral("0 check")
+                  : phase == CUsbBurnJob::Phase::Writing ? QStringLiteral("1 write")
+                                                         : QStringLiteral("2 verify");
+    });
     CUsbBurnJob::Options options;
     options.image = image;
     options.autoMode = false;
     options.mode = UsbPlan::WriteMode::Image;
     dropCaches();
-    QElapsedTimer timer;
     timer.start();
     job.Plan(options, loops);
     planned.wait(600000);
     if (!planned.first().at(0).toBool()) {
         std::fprintf(stderr, "refused: %s\n", qPrintable(planned.first().at(1).toString()));
-        return -1;
+        return Steps();
     }
     job.Burn();
     finished.wait(3600000);
-    const double taken = seconds(timer);
+    close();
     if (!finished.first().at(0).toBool()) {
         std::fprintf(stderr, "burn failed:\n%s\n", qPrintable(finished.first().at(1).toString()));
-        return -1;
+        return Steps();
     }
-    return taken;
+    return steps;
 }
 
 // dd, then the two hashes one after the other, as typed at a prompt; the
@@ -402,13 +417,17 @@ int main(int argc, char** argv)
             QStringList loops;
             for (int i = 1; i <= 3; ++i)
                 loops << attach(backing + QString::number(i));
-            const double three = imageToSeveral(image, loops);
+            const Steps three = imageToSeveral(image, loops);
             for (int i = 1; i <= 3; ++i) {
                 shell(QStringLiteral("losetup -d '%1'").arg(loops.at(i - 1)));
                 QFile::remove(backing + QString::number(i));
             }
-            std::printf("three sticks at once %8.2fs   ratio to one stick %.2f\n", three,
-                        three / total(brenta));
+            std::printf("%-12s %9s %9s\n", "step", "1 stick", "3 sticks");
+            for (const QString& name : {QStringLiteral("1 write"), QStringLiteral("2 verify")})
+                std::printf("%-12s %8.2fs %8.2fs   ratio %.2f\n", qPrintable(name.mid(2)), brenta.value(name),
+                            three.value(name), three.value(name) / brenta.value(name));
+            std::printf("three sticks at once %8.2fs   ratio to one stick %.2f\n", total(three),
+                        total(three) / total(brenta));
         }
         std::fflush(stdout);
     }
