@@ -78,6 +78,7 @@ struct Outcome
     QString imageSha256; // as the job told it once the image was read
     QList<Phase> phases;
     QMap<Phase, int> percent; // the last progress of each phase that counts to 100
+    bool progressBack = false; // some phase's progress went back
 };
 
 } // namespace
@@ -113,8 +114,11 @@ private:
         connect(&job, &CUsbBurnJob::phase, this, [&](Phase phase) { outcome.phases << phase; });
         connect(&job, &CUsbBurnJob::imageHashed, this, [&](const QString& sha256) { outcome.imageSha256 = sha256; });
         connect(&job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
-            if (!outcome.phases.isEmpty() && maximum == 100)
-                outcome.percent[outcome.phases.last()] = value;
+            if (outcome.phases.isEmpty() || maximum != 100)
+                return;
+            const Phase phase = outcome.phases.last();
+            outcome.progressBack = outcome.progressBack || value < outcome.percent.value(phase, 0);
+            outcome.percent[phase] = value;
         });
         QSignalSpy planned(&job, &CUsbBurnJob::planned);
         QSignalSpy finished(&job, &CUsbBurnJob::finished);
@@ -816,6 +820,7 @@ private Q_SLOTS:
         options.mode = UsbPlan::WriteMode::Files;
         const Outcome outcome = burn(options);
         QVERIFY2(outcome.succeeded, qPrintable(outcome.planMessage + outcome.message));
+        QVERIFY(!outcome.progressBack);
         if (filesChosen) {
             QVERIFY(outcome.phases.contains(Phase::Copying));
             const auto line = [](const Item& item) { return item.name + " " + item.size; };

@@ -1498,13 +1498,13 @@ void CUsbBurnJob::StartVerify()
     }
     m_verified = UsbBurn::VerifyResult();
     RunVerifier(m_options.image, QString(), m_files, skipped,
-                m_efiCopied ? &CUsbBurnJob::StartEfiVerify : &CUsbBurnJob::VerifySplit);
+                m_efiCopied ? &CUsbBurnJob::StartEfiVerify : &CUsbBurnJob::VerifySplit, true);
 }
 
 void CUsbBurnJob::StartEfiVerify()
 {
-    // The /EFI tree taken from the EFI boot image is compared with that image.
-    Q_EMIT progress(0, 0);
+    // The /EFI tree taken from the EFI boot image is compared with that
+    // image. It is a few files, read in a moment: the progress stays full.
     m_efiEntries = std::make_unique<UsbBurn::TechnicalListing>();
     StartRunner(
         ToolLocator::Find(ToolLocator::Tool::Archive),
@@ -1525,26 +1525,31 @@ void CUsbBurnJob::StartEfiVerify()
                 if (!entry.folder)
                     m_efiFiles.push_back(Listing::FileSpan{entry.path, entry.size});
             }
-            RunVerifier(EfiImage(), QStringLiteral("EFI"), m_efiFiles, QStringList(), &CUsbBurnJob::VerifySplit);
+            RunVerifier(EfiImage(), QStringLiteral("EFI"), m_efiFiles, QStringList(), &CUsbBurnJob::VerifySplit,
+                        false);
         });
 }
 
 void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only, const std::vector<Listing::FileSpan>& files,
-                              const QStringList& skipped, Next next)
+                              const QStringList& skipped, Next next, bool counted)
 {
     qint64 total = 0;
     for (const Listing::FileSpan& file : files)
         total += file.size;
     m_stopVerify = false;
     auto* thread = new VerifyThread(archive, only, files, m_mountPoint, skipped, m_stopVerify);
-    thread->onProgress = [this, total, last = -1](qint64 read) mutable {
-        const int value = total > 0 ? int(read * 100 / total) : 100;
-        if (value == last)
-            return;
-        last = value;
-        QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
-    };
-    Q_EMIT progress(0, 100);
+    if (counted) {
+        thread->onProgress = [this, total, last = -1](qint64 read) mutable {
+            const int value = total > 0 ? int(read * 100 / total) : 100;
+            if (value == last)
+                return;
+            last = value;
+            QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
+        };
+        Q_EMIT progress(0, 100);
+    } else {
+        thread->onProgress = [](qint64) {};
+    }
     connect(thread, &QThread::finished, this, [this, thread, next] {
         const UsbBurn::VerifyResult result = thread->result;
         const QString toolFailure = thread->toolFailure;

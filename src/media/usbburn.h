@@ -277,9 +277,10 @@ private:
     // The files copied from the EFI boot image, against that image.
     void StartEfiVerify();
     // Compares `files` on the stick with the archive tool's stream of
-    // `archive` (only its folder `only`, where given), then goes on with `next`.
+    // `archive` (only its folder `only`, where given), then goes on with
+    // `next`. Where `counted`, the progress goes from 0 to 100 with it.
     void RunVerifier(const QString& archive, const QString& only, const std::vector<Listing::FileSpan>& files,
-                     const QStringList& skipped, Next next);
+                     const QStringList& skipped, Next next, bool counted);
     // The EFI boot image, copied out of the image while its files are needed.
     QString EfiImage() const;
     void VerifySplit();
