@@ -2,6 +2,7 @@
 
 #include <QAbstractItemView>
 #include <QComboBox>
+#include <QCryptographicHash>
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
@@ -117,6 +118,8 @@ private Q_SLOTS:
     void tickingSticks();
     void burnsSeveralSticks_data();
     void burnsSeveralSticks();
+    void planShowsChecksums_data();
+    void planShowsChecksums();
 
 private:
     void Open(QWidget* mainWindow = nullptr)
@@ -494,7 +497,8 @@ void TestBurnPage::burnsTheStick()
     DialogAnswerer answers([](const QString&) { return true; });
     click(Child("burn"));
     QVERIFY(finished.wait(60000));
-    QCOMPARE(finished.first().first().toBool(), mode == "success");
+    QVERIFY2(finished.first().first().toBool() == (mode == "success"),
+             qPrintable(answers.seen.join(" | ")));
     QVERIFY(lockedThroughout);
     QCOMPARE(answers.seen.first(), kFormatUsb);
     QVERIFY2(answers.seen.last().startsWith(said), qPrintable(answers.seen.last()));
@@ -708,6 +712,10 @@ void TestBurnPage::burnsSeveralSticks()
     list->hidePopup();
     QCOMPARE(list->CheckedData(), sticks);
 
+    // Seen each time a stick's progress has reached the page.
+    QStringList lines;
+    connect(m_page->findChild<CUsbMultiBurnJob*>(), &CUsbMultiBurnJob::stickProgress, this,
+            [&] { lines << m_page->Progress()->Detail()->text(); });
     QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
     DialogAnswerer answers([erase](const QString&) { return erase; });
     click(Child("burn"));
@@ -731,9 +739,66 @@ void TestBurnPage::burnsSeveralSticks()
         QFile disk(sticks[i] + ".disk");
         QCOMPARE(disk.open(QIODevice::ReadOnly) && disk.readAll() == expected, erase && i != gone);
     }
+    // A line for each stick under the bar while they are written, none after.
+    QCOMPARE(lines.isEmpty(), !erase);
+    for (const QString& shown : lines)
+        QVERIFY2(shown.contains(sticks[0]) && shown.contains(sticks[1]), qPrintable(shown));
+    QVERIFY(!m_page->Progress()->Detail()->isVisibleTo(m_page->Progress()));
     // Nothing was formatted: the files way was not taken for either stick.
     QVERIFY(!Logged(m_log).join(' ').contains("prepare"));
     QCOMPARE(Logged(m_log).isEmpty(), !erase);
+}
+
+void TestBurnPage::planShowsChecksums_data()
+{
+    QTest::addColumn<QString>("checksumFile"); // beside the image, naming it; empty: none
+    QTest::newRow("no checksum file") << "";
+    QTest::newRow("SHA256SUMS") << "SHA256SUMS";
+    QTest::newRow("the image's own .sha256") << "Files.iso.sha256";
+}
+
+// In disk image mode the plan names the published checksum file the image
+// is compared with, and shows the image's SHA-256 once the burn has read it.
+void TestBurnPage::planShowsChecksums()
+{
+    QFETCH(QString, checksumFile);
+    const QDir folder(m_dir.filePath(QString("checksums-%1").arg(QTest::currentDataTag())));
+    QVERIFY(folder.mkpath("."));
+    const QString image = folder.filePath("Files.iso");
+    QFile::remove(image);
+    QVERIFY(QFile::copy(m_files, image));
+    QFile file(image);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    const QString sha256 =
+        QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
+    if (!checksumFile.isEmpty()) {
+        QFile sums(folder.filePath(checksumFile));
+        QVERIFY(sums.open(QIODevice::WriteOnly));
+        sums.write(sha256.toLatin1() + "  Files.iso\n");
+    }
+    OpenOnStick(image);
+    auto* modes = Child<QComboBox>("modelist");
+    modes->setFocus();
+    QTest::keyClick(modes, Qt::Key_Up); // disk image mode
+    auto* hash = Child<QLabel>("imagehash");
+    auto* published = Child<QLabel>("checksumfile");
+    QVERIFY(hash->isVisible() && !hash->text().contains(sha256));
+    QCOMPARE(published->isVisible(), !checksumFile.isEmpty());
+    if (!checksumFile.isEmpty())
+        QVERIFY2(published->text().contains(checksumFile), qPrintable(published->text()));
+
+    const QString before = published->text();
+    QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
+    DialogAnswerer answers([](const QString&) { return true; });
+    click(Child("burn"));
+    QVERIFY(finished.wait(60000));
+    QVERIFY2(finished.first().first().toBool(), qPrintable(answers.seen.join(" | ")));
+    QCOMPARE(hash->text(), sha256);
+    // Once compared, the checksum file's line says how it went.
+    QCOMPARE(published->isVisible() && published->text() != before, !checksumFile.isEmpty());
+    // Another image: its SHA-256 is not known yet.
+    Child<QLineEdit>("isofile")->setText(m_files);
+    QVERIFY(!hash->text().contains(sha256));
 }
 
 QTEST_MAIN(TestBurnPage)

@@ -1,6 +1,9 @@
 #include "app/screenshots.h"
 
+#include <QAbstractItemView>
 #include <QApplication>
+#include <QComboBox>
+#include <QCryptographicHash>
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
@@ -15,6 +18,8 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <tuple>
+
 #include "app/aboutusdialog.h"
 #include "app/mainwindow.h"
 #include "media/drives.h"
@@ -24,6 +29,7 @@
 #include "pages/page3.h"
 #include "pages/page4.h"
 #include "pages/page5.h"
+#include "ui/checkcombobox.h"
 #include "ui/pickers.h"
 #include "ui/commdialog.h"
 #include "ui/gerneraldialog.h"
@@ -53,6 +59,17 @@ public:
         Write(name, picture);
     }
 
+    // A popup where it opens over the window.
+    void SaveWithPopup(const QString& name, QWidget& window, QWidget& popup)
+    {
+        QPixmap picture = Grab(window);
+        const QPixmap top = Grab(popup);
+        QPainter painter(&picture);
+        painter.drawPixmap(window.mapFromGlobal(popup.mapToGlobal(QPoint(0, 0))), top);
+        painter.end();
+        Write(name, picture);
+    }
+
     QStringList Written() const { return m_written; }
     QStringList Failed() const { return m_failed; }
 
@@ -78,17 +95,25 @@ private:
     QStringList m_failed;
 };
 
-// Drive lists as a person with one USB stick and one DVD writer sees them.
-// The optical drive has an address no bus scan on this machine can name, so
-// it is listed as the system knows it, whatever the scan finds.
+// Drive lists as a person with three USB sticks and one DVD writer sees
+// them. The optical drive has an address no bus scan on this machine can
+// name, so it is listed as the system knows it, whatever the scan finds.
 void SetSampleDrives()
 {
     DriveSeam::SetRemovable([] {
-        RemovableDrive stick;
-        stick.node = QStringLiteral("/dev/sdb");
-        stick.size = qint64(15'600'000'000);
-        stick.text = QStringLiteral("/dev/sdb  ACME Stick Blade  ") + Drives::SizeText(stick.size);
-        return QList<RemovableDrive>{stick};
+        QList<RemovableDrive> sticks;
+        for (const auto& [node, model, size] :
+             {std::tuple{"/dev/sdb", "ACME Stick Blade", qint64(15'600'000'000)},
+              std::tuple{"/dev/sdc", "ACME Stick Blade", qint64(15'600'000'000)},
+              std::tuple{"/dev/sdd", "ACME Flash Drive", qint64(31'000'000'000)}}) {
+            RemovableDrive stick;
+            stick.node = QLatin1String(node);
+            stick.size = size;
+            stick.text = stick.node + QStringLiteral("  ") + QLatin1String(model) +
+                         QStringLiteral("  ") + Drives::SizeText(size);
+            sticks << stick;
+        }
+        return sticks;
     });
     DriveSeam::SetOptical([] {
         OpticalDrive writer;
@@ -213,7 +238,19 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
     auto burned = MessageDialogs::Message(CUsbBurnJob::SuccessText(1187, qint64(5'312'000'000)));
     writer.SaveOver(QStringLiteral("page-burn-usb-burned"), host, *burned);
 
-    showUsbImage(page, makeHybridImage(sample));
+    // The hybrid image with a published checksum beside it, as distributions
+    // publish theirs.
+    const QString hybrid = makeHybridImage(sample);
+    QString sha256;
+    if (QFile file(hybrid); file.open(QIODevice::ReadOnly)) {
+        QCryptographicHash hash(QCryptographicHash::Sha256);
+        hash.addData(&file);
+        sha256 = QString::fromLatin1(hash.result().toHex());
+    }
+    if (QFile sums(QFileInfo(hybrid).path() + QStringLiteral("/SHA256SUMS"));
+        sums.open(QIODevice::WriteOnly))
+        sums.write(sha256.toLatin1() + "  " + QFileInfo(hybrid).fileName().toUtf8() + "\n");
+    showUsbImage(page, hybrid);
     writer.Save(QStringLiteral("page-burn-usb-image"), host);
     for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
@@ -222,11 +259,55 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
     page->onUSBBurnTransfer(
         UsbBurn::TransferText(qint64(1'890'000'000), qint64(3'050'000'000), 22'000));
     writer.SaveOver(QStringLiteral("page-burn-usb-image-progress"), host, *progress);
+    page->onImageHashed(sha256);
+    page->onUSBBurnPhase(CUsbBurnJob::Phase::Verifying);
+    page->onUSBBurnProgress(30, 100);
+    page->onUSBBurnTransfer(
+        UsbBurn::TransferText(qint64(915'000'000), qint64(3'050'000'000), 5'000));
+    writer.SaveOver(QStringLiteral("page-burn-usb-image-verifying"), host, *progress);
     for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
     auto restored =
         MessageDialogs::Message(CUsbBurnJob::RestoredText(UsbPlan::FileSystem::Fat32, QString()));
     writer.SaveOver(QStringLiteral("page-burn-usb-restored"), host, *restored);
+
+    // Two of the three sticks ticked, the list open, their write and its end.
+    auto* sticks = page->findChild<CCheckComboBox*>(QStringLiteral("usblist"));
+    sticks->SetChecked(1, true);
+    writer.Save(QStringLiteral("page-burn-usb-several"), host);
+    sticks->showPopup();
+    writer.SaveWithPopup(QStringLiteral("page-burn-usb-several-list"), host,
+                         *sticks->view()->window());
+    sticks->hidePopup();
+    // An image that would go the files way onto one stick: the mode list
+    // says why files mode is not there for several.
+    showUsbImage(page, sample);
+    auto* modes = page->findChild<QComboBox*>(QStringLiteral("modelist"));
+    modes->showPopup();
+    writer.SaveWithPopup(QStringLiteral("page-burn-usb-several-modes"), host,
+                         *modes->view()->window());
+    modes->hidePopup();
+    for (const char* button : kBurnButtons)
+        page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
+    page->onUSBBurnPhase(CUsbBurnJob::Phase::Writing);
+    page->onUSBBurnProgress(48, 100);
+    page->onUSBBurnTransfer(
+        UsbBurn::TransferText(qint64(1'460'000'000), qint64(3'050'000'000), 19'000));
+    const QStringList nodes = sticks->CheckedData();
+    page->onStickProgress(nodes.value(0), 71, 100);
+    page->onStickProgress(nodes.value(1), 48, 100);
+    writer.SaveOver(QStringLiteral("page-burn-usb-several-progress"), host, *progress);
+    progress->SetDetail(QString());
+    for (const char* button : kBurnButtons)
+        page->findChild<QWidget*>(QLatin1String(button))->setEnabled(true);
+    const QHash<QString, QString> failures = {
+        {nodes.value(1), QStringLiteral("The USB stick was not burned. The step that failed: "
+                                        "writing: %1 was removed (Input/output error) after "
+                                        "1460000000 bytes.")
+                             .arg(nodes.value(1))}};
+    auto allBurned = MessageDialogs::Message(
+        CBurnDialog::SticksResultText(nodes, failures, QStringLiteral("SHA256SUMS")));
+    writer.SaveOver(QStringLiteral("page-burn-usb-several-burned"), host, *allBurned);
 }
 
 void RenderDrivePages(Writer& writer, const QString& folder)

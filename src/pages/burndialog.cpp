@@ -129,6 +129,21 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
         label(QStringLiteral("Partition scheme"), QRect(15, 316, 110, 23)), m_ptlist,
         label(QStringLiteral("File system"), QRect(15, 350, 110, 23)),      m_sysfilelist,
         label(QStringLiteral("Volume label"), QRect(325, 350, 95, 23)),     m_volumelab};
+    // Disk image mode has the files options' rows for the image's SHA-256,
+    // once a burn has read the image, and the checksum file it is compared
+    // with; both can be selected and copied.
+    const auto value = [&](const char* name, const QRect& geometry) {
+        auto* text = new QLabel(this);
+        text->setObjectName(QLatin1String(name));
+        text->setGeometry(geometry);
+        text->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        return text;
+    };
+    m_imageHash = value("imagehash", QRect(137, 316, 483, 23));
+    m_checksumFile = value("checksumfile", QRect(137, 350, 483, 23));
+    m_imageOptions = {label(QStringLiteral("SHA-256"), QRect(15, 316, 110, 23)), m_imageHash};
+    m_checksumRow = {label(QStringLiteral("Checksum file"), QRect(15, 350, 110, 23)),
+                     m_checksumFile};
 
     m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 145, 405);
     m_burn = MakePictureButton(this, "burn", QStringLiteral(":/nwu/burn"), 279, 405);
@@ -157,6 +172,9 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     connect(m_sticksJob, &CUsbMultiBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
     connect(m_sticksJob, &CUsbMultiBurnJob::transfer, this, &CBurnDialog::onUSBBurnTransfer);
     connect(m_sticksJob, &CUsbMultiBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
+    connect(m_sticksJob, &CUsbMultiBurnJob::stickProgress, this, &CBurnDialog::onStickProgress);
+    connect(m_sticksJob, &CUsbMultiBurnJob::stickFinished, this, &CBurnDialog::onStickFinished);
+    connect(m_usbJob, &CUsbBurnJob::imageHashed, this, &CBurnDialog::onImageHashed);
     connect(m_usblist, &CCheckComboBox::checkedChanged, this, &CBurnDialog::OnSticksTicked);
     // A drive the user picks while a scan is still running is the one to keep.
     connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
@@ -280,6 +298,10 @@ void CBurnDialog::BurnToSticks(const QString& image, const QStringList& devices)
     options.image = image;
     options.mode = UsbPlan::WriteMode::Image;
     options.autoMode = false;
+    m_burnSticks = devices;
+    m_stickStates.clear();
+    m_stickFailures.clear();
+    m_sticksDone.clear();
     StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Checking), 0);
     m_sticksJob->Plan(options, devices);
 }
@@ -350,8 +372,80 @@ void CBurnDialog::onUSBBurnProgress(int value, int maximum)
     m_progress->SetValue(value);
 }
 
+void CBurnDialog::onStickProgress(const QString& device, int value, int maximum)
+{
+    if (!m_burnSticks.contains(device))
+        m_burnSticks << device;
+    m_stickStates[device] = maximum > 0 ? QStringLiteral("%1%").arg(qint64(value) * 100 / maximum)
+                                        : QStringLiteral("working");
+    ShowStickLines();
+}
+
+void CBurnDialog::onStickFinished(const QString& device, bool succeeded, const QString& message)
+{
+    m_sticksDone << device;
+    if (!succeeded)
+        m_stickFailures[device] = message;
+    // Why a stick failed is in the end message.
+    m_stickStates[device] =
+        succeeded ? QStringLiteral("burned and verified") : QStringLiteral("failed");
+    ShowStickLines();
+}
+
+void CBurnDialog::ShowStickLines()
+{
+    QStringList lines;
+    for (const QString& device : m_burnSticks)
+        lines << device + QStringLiteral(": ") +
+                     m_stickStates.value(device, QStringLiteral("waiting"));
+    m_progress->SetDetail(lines.join(QLatin1Char('\n')));
+}
+
+void CBurnDialog::onImageHashed(const QString& sha256)
+{
+    m_sha256 = sha256;
+    ShowModeOptions();
+}
+
+QString CBurnDialog::SticksResultText(const QStringList& devices,
+                                      const QHash<QString, QString>& failures,
+                                      const QString& publishedFile)
+{
+    QStringList lines;
+    for (const QString& device : devices)
+        lines << device + QStringLiteral(": ") +
+                     failures.value(device, QStringLiteral("burned and verified"));
+    const qsizetype burned = devices.size() - failures.size();
+    QString text =
+        burned == devices.size()
+            ? QStringLiteral("All %1 USB sticks were burned: each was read back and holds the "
+                             "image byte for byte.")
+                  .arg(devices.size())
+            : QStringLiteral("%1 of %2 USB sticks were burned and verified.")
+                  .arg(burned)
+                  .arg(devices.size());
+    text += QStringLiteral("\n\n") + lines.join(QLatin1Char('\n'));
+    if (burned > 0) {
+        text += QStringLiteral("\n\n");
+        // A stick whose image differs from the published checksum is not burned.
+        if (!publishedFile.isEmpty())
+            text += QStringLiteral("The image matches the published checksum in %1. ")
+                        .arg(publishedFile);
+        text += burned == 1 ? QStringLiteral("The stick can be removed.")
+                            : QStringLiteral("The sticks can be removed.");
+    }
+    return text;
+}
+
 void CBurnDialog::onUSBBurnFinished(bool succeeded, const QString& message)
 {
+    // The several sticks' job says each stick's result in full; the page
+    // says it a line each, where every stick got as far as its end.
+    if (!m_burnSticks.isEmpty() && m_sticksDone.size() == m_burnSticks.size()) {
+        EndShowingBurn(SticksResultText(m_burnSticks, m_stickFailures, m_published.file));
+        Q_EMIT usbBurnFinished(succeeded);
+        return;
+    }
     EndShowingBurn(message);
     Q_EMIT usbBurnFinished(succeeded);
 }
@@ -393,6 +487,8 @@ void CBurnDialog::StartShowingBurn(const QString& text, int maximum)
 void CBurnDialog::EndShowingBurn(const QString& message)
 {
     m_progress->hide();
+    m_progress->SetDetail(QString());
+    m_burnSticks.clear();
     SetButtonsEnabled(true);
     if (!message.isEmpty())
         Util::ShowMessage(message);
@@ -470,6 +566,8 @@ void CBurnDialog::ShowMode()
     m_modeChosen = false;
     m_modeLister->Stop();
     m_reason.clear();
+    m_sha256.clear();
+    m_published = UsbBurn::FindPublishedChecksum(image);
     m_head.clear();
     QFile file(image);
     if (QFileInfo(image).isFile() && file.open(QIODevice::ReadOnly))
@@ -517,8 +615,8 @@ void CBurnDialog::ShowReason()
     const bool several = m_usblist->CheckedIndexes().size() > 1;
     m_modereason->setText(
         several && m_autoMode == UsbPlan::WriteMode::Files
-            ? QStringLiteral("Several sticks take the image only as it is (disk "
-                             "image mode); its files go onto one stick at a time.")
+            ? QStringLiteral("Several sticks are written as disk images; files mode takes one "
+                             "stick at a time.")
             : m_reason);
 }
 
@@ -527,6 +625,38 @@ void CBurnDialog::ShowModeOptions()
     const bool files = ChosenMode() == UsbPlan::WriteMode::Files;
     for (QWidget* option : m_filesOptions)
         option->setVisible(files);
+    // The job for several sticks does not tell the image's SHA-256: the row
+    // shows only one that a burn to one stick took.
+    const bool several = m_usblist->CheckedIndexes().size() > 1;
+    for (QWidget* option : m_imageOptions)
+        option->setVisible(!files && (!several || !m_sha256.isEmpty()));
+    for (QWidget* option : m_checksumRow)
+        option->setVisible(!files && !m_published.file.isEmpty());
+    ShowChecksums();
+}
+
+void CBurnDialog::ShowChecksums()
+{
+    const QString grey =
+        QStringLiteral("color: #90A4AE; font-family: \"Noto Sans\"; font-size: 12px;");
+    if (m_sha256.isEmpty()) {
+        m_imageHash->setStyleSheet(grey);
+        m_imageHash->setText(QStringLiteral("Taken as the image is written"));
+    } else {
+        m_imageHash->setStyleSheet(QStringLiteral(
+            "color: #37474F; font-family: \"DejaVu Sans Mono\", monospace; font-size: 12px;"));
+        m_imageHash->setText(m_sha256);
+    }
+    m_checksumFile->setStyleSheet(grey);
+    const QString sha256 = QString::fromLatin1(m_published.sha256);
+    m_checksumFile->setText(
+        m_sha256.isEmpty()
+            ? QStringLiteral("%1, beside the image: compared with the image as it is written")
+                  .arg(m_published.file)
+        : m_sha256 == sha256
+            ? QStringLiteral("%1, beside the image: the image matches it").arg(m_published.file)
+            : QStringLiteral("%1, beside the image: the image does not match it")
+                  .arg(m_published.file));
 }
 
 UsbPlan::WriteMode CBurnDialog::ChosenMode() const

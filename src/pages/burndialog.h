@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QList>
 #include <QString>
 
@@ -39,6 +40,12 @@ public:
     ~CBurnDialog() override;
 
     CProgressDialog* Progress() const { return m_progress; }
+    // The end of a burn to several sticks, a line for each: "burned and
+    // verified", or its failure (`failures`: device → the job's message).
+    // `publishedFile`: the checksum file the image was compared with.
+    static QString SticksResultText(const QStringList& devices,
+                                    const QHash<QString, QString>& failures,
+                                    const QString& publishedFile);
     bool IsScanning() const;
 
 Q_SIGNALS:
@@ -77,6 +84,11 @@ public Q_SLOTS:
     void onUSBBurnFinished(bool succeeded, const QString& message);
     void onUSBBurnTransfer(const QString& text);
     void onSticksPlanned(bool ok, const QString& message);
+    // Several sticks: a line for each under the progress bar.
+    void onStickProgress(const QString& device, int value, int maximum);
+    void onStickFinished(const QString& device, bool succeeded, const QString& message);
+    // The image's SHA-256 in the plan, once the burn has read all of it.
+    void onImageHashed(const QString& sha256);
 
 protected:
     void keyPressEvent(QKeyEvent* event) override;
@@ -90,6 +102,8 @@ private:
     // The mode list and Restore for one ticked stick or several.
     void OnSticksTicked();
     void ShowReason();
+    void ShowChecksums();
+    void ShowStickLines();
     void UpdateRestore();
     // Whether a planned burn goes on: it can, and the user accepts its
     // warnings. Otherwise the page has ended showing it.
@@ -117,6 +131,10 @@ private:
     QLineEdit* m_volumelab = nullptr;
     QPushButton* m_restore = nullptr;
     QList<QWidget*> m_filesOptions; // with their labels; hidden in disk image mode
+    QLabel* m_imageHash = nullptr;
+    QLabel* m_checksumFile = nullptr;
+    QList<QWidget*> m_imageOptions; // shown in disk image mode only
+    QList<QWidget*> m_checksumRow;  // and where the image has a published checksum
     CImageButton* m_back = nullptr;
     CImageButton* m_burn = nullptr;
     CProgressDialog* m_progress = nullptr;
@@ -136,6 +154,15 @@ private:
     UsbPlan::WriteMode m_autoMode = UsbPlan::WriteMode::Files;
     UsbPlan::WriteMode m_oneStickMode = UsbPlan::WriteMode::Files;
     QString m_reason;
+    // The image's SHA-256 once a burn has read it, and the published checksum
+    // file beside it, for m_modeImage.
+    QString m_sha256;
+    UsbBurn::PublishedChecksum m_published;
+    // The sticks being burned at once, and what each line under the bar says.
+    QStringList m_burnSticks;
+    QHash<QString, QString> m_stickStates;
+    QHash<QString, QString> m_stickFailures;
+    QStringList m_sticksDone;
     QString m_phaseText;
     // The optical drive to select again when a refill finds it.
     QString m_opticalNode;

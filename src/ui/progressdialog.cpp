@@ -60,6 +60,10 @@ CProgressDialog::CProgressDialog(QWidget* parent) : CommDialog(parent)
     m_bar->setAlignment(Qt::AlignLeft | Qt::AlignVCenter);
     m_label->move(40, 60);
     m_label->resize(340, 25);
+    m_detail = new QLabel(this);
+    m_detail->setObjectName(QStringLiteral("detail"));
+    m_detail->setStyleSheet(QStringLiteral("font:12px;\ncolor:#606060;"));
+    m_detail->hide();
 
     m_btncancel->SetImages(QStringLiteral(":/nwu/Stop1"), QStringLiteral(":/nwu/Stop2"),
                            QStringLiteral(":/nwu/Stop3"), QStringLiteral(":/nwu/Stop4"));
@@ -104,6 +108,21 @@ QString CProgressDialog::PercentText() const
 void CProgressDialog::DisableStop()
 {
     m_btncancel->setEnabled(false);
+}
+
+void CProgressDialog::SetDetail(const QString& text)
+{
+    constexpr int kWidth = 420;
+    constexpr int kHeight = 188;
+    constexpr int kStopY = 140;
+    constexpr int kLineHeight = 18;
+    m_detail->setText(text);
+    m_detail->setVisible(!text.isEmpty());
+    const int lines = text.isEmpty() ? 0 : int(text.count(QLatin1Char('\n'))) + 1;
+    const int grow = lines == 0 ? 0 : lines * kLineHeight + 6;
+    m_detail->setGeometry(40, 126, 360, lines * kLineHeight);
+    m_btncancel->move(m_btncancel->x(), kStopY + grow);
+    setFixedSize(kWidth, kHeight + grow);
 }
 
 bool CProgressDialog::IsComplete() const

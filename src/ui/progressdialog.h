@@ -2,6 +2,7 @@
 
 #include "ui/commdialog.h"
 
+class QLabel;
 class QProgressBar;
 
 // Progress of a long operation: a text, a bar showing its percentage, and
@@ -19,6 +20,10 @@ public:
     void SetValue(int value);
     void DisableStop();
     bool IsComplete() const;
+    // Lines under the bar (one for each part of the work, say); the dialog
+    // grows to hold them, and an empty text takes them away.
+    void SetDetail(const QString& text);
+    QLabel* Detail() const { return m_detail; }
 
     QString PercentText() const;
     QProgressBar* Bar() const { return m_bar; }
@@ -34,6 +39,7 @@ public Q_SLOTS:
 
 private:
     QProgressBar* m_bar = nullptr;
+    QLabel* m_detail = nullptr;
     int m_minimum = 0;
     int m_maximum = 100;
 };
