@@ -116,6 +116,7 @@ private Q_SLOTS:
     void restoresTheStick();
     void tickingSticks_data();
     void tickingSticks();
+    void clickingSticks();
     void burnsSeveralSticks_data();
     void burnsSeveralSticks();
     void planShowsChecksums_data();
@@ -675,6 +676,25 @@ void TestBurnPage::tickingSticks()
     QCOMPARE(Child("sysfilelist")->isVisible(), !several);
     for (const QString& node : ticked)
         QVERIFY2(sticks->DisplayText().contains(node), qPrintable(sticks->DisplayText()));
+}
+
+// A click at the start of a row, on its box, ticks that stick and leaves the
+// list open for more; a click on another's name closes it with that one alone.
+void TestBurnPage::clickingSticks()
+{
+    m_removable << stick("/dev/sdd");
+    Open();
+    click(Child("rusb"));
+    auto* sticks = Child<CCheckComboBox>("usblist");
+    sticks->showPopup();
+    QAbstractItemView* view = sticks->view();
+    const auto row = [view](int index) { return view->visualRect(view->model()->index(index, 0)); };
+    QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, row(1).topLeft() + QPoint(2, 2));
+    QCOMPARE(sticks->CheckedData(), QStringList({"/dev/sdb", "/dev/sdc"}));
+    QVERIFY(view->isVisible());
+    QTest::mouseClick(view->viewport(), Qt::LeftButton, {}, row(2).center());
+    QCOMPARE(sticks->CheckedData(), QStringList{"/dev/sdd"});
+    QVERIFY(!view->isVisible());
 }
 
 void TestBurnPage::burnsSeveralSticks_data()

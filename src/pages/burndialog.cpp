@@ -79,6 +79,8 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     m_rusb = radio("rusb", 113, 179);
     m_usblist = list(new CCheckComboBox(this), "usblist", QRect(135, 222, 371, 23));
     m_usblist->SetSummaryFormat(QStringLiteral("%1 USB sticks: %2"));
+    m_usblist->setToolTip(
+        QStringLiteral("Tick several sticks in the list to write the image to each of them"));
     // Drawn like the Browse button, and as wide as the rest of the row up to
     // the volume label's right edge.
     m_restore = new QPushButton(QStringLiteral("Restore stick"), this);
