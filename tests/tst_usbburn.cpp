@@ -612,6 +612,12 @@ private Q_SLOTS:
                           "truncate -s 2M \"$BRENTA_TEST_STICK\"; losetup -c \"$2\"; cat; } | \"$helper\" \"$@\"; "
                           "exit; }\n")
             << "" << Phase::Writing << "removed";
+        // Gone between the write and the read-back: the loop device reads no file any more.
+        QTest::newRow("stick pulled out before the read-back")
+            << "grub" << true << false
+            << QByteArray("[ \"$1\" != hash ] || { losetup -d \"$2\"; while losetup \"$2\" >/dev/null 2>&1; do sleep "
+                          "0.1; done; }\n")
+            << "" << Phase::Verifying << "removed";
         // The files of the image's EFI boot image are read back too, whether
         // it names them in capitals (isolinux) or not (grub-mkrescue).
         const QByteArray changeLoader =

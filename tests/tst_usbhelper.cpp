@@ -351,6 +351,9 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
 
     QTest::newRow("usage") << QStringList{"prepare", "/dev/null"} << 2 << "usage:";
     QTest::newRow("not a device") << QStringList{"check", "/dev/null"} << 3 << "refused: /dev/null is not a block";
+    // A stick pulled out takes its node with it.
+    QTest::newRow("no such device") << QStringList{"hash", "/dev/brenta-no-stick", "--size", "1"} << 3
+                                    << "refused: /dev/brenta-no-stick is not there: the stick was removed";
     QTest::newRow("escape from dev") << QStringList{"unmount", "/dev/../etc/passwd"} << 3 << "refused: ";
     QTest::newRow("prepare refused before writing")
         << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32"} << 3 << "refused: ";

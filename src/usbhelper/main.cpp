@@ -403,6 +403,9 @@ bool accept(const QString& path, const Caller& caller, Target& target)
 {
     target.facts = IsPlainDevicePath(path) ? Drives::Inspect(path) : Drives::NodeFacts();
     QString refusal = Refusal(path, target.facts);
+    // A stick pulled out takes its node with it, also between two steps.
+    if (!target.facts.blockDevice && IsPlainDevicePath(path) && !QFileInfo::exists(path))
+        refusal = QStringLiteral("%1 is not there: the stick was removed, or no disk has that name").arg(path);
     if (refusal.isEmpty() && target.facts.loop && caller.uid != 0)
         refusal =
             loopRefusal(QStringLiteral("/dev/") + target.facts.name, target.facts.name, caller.uid);
@@ -887,8 +890,17 @@ int readPiece(int fd, char* data, qint64 length, qint64 offset, qint64& got)
     return 0;
 }
 
+// A disk that holds nothing is a stick pulled out (or a card reader
+// without its card), not one that is too small.
+QString emptyDisk(const QString& node)
+{
+    return QStringLiteral("%1 holds nothing: the stick was removed").arg(node);
+}
+
 QString tooSmall(const QString& node, qint64 capacity, qint64 size)
 {
+    if (capacity == 0)
+        return QStringLiteral("refused: ") + emptyDisk(node);
     return QStringLiteral("refused: %1 holds %2 bytes, fewer than the image's %3")
         .arg(node)
         .arg(capacity)
@@ -1014,10 +1026,11 @@ int hashImage(const Request& request, const Caller& caller)
     }
     if (request.size > capacity) {
         say(ErrorLine(step,
-                      QStringLiteral("%1 holds only %2 bytes, fewer than the image's %3")
-                          .arg(target.node)
-                          .arg(capacity)
-                          .arg(request.size),
+                      capacity == 0 ? emptyDisk(target.node)
+                                    : QStringLiteral("%1 holds only %2 bytes, fewer than the image's %3")
+                                          .arg(target.node)
+                                          .arg(capacity)
+                                          .arg(request.size),
                       {}));
         return Failed;
     }
