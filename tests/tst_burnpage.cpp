@@ -774,7 +774,6 @@ void TestBurnPage::planShowsChecksums_data()
     QTest::addColumn<QString>("checksumFile"); // beside the image, naming it; empty: none
     QTest::newRow("no checksum file") << "";
     QTest::newRow("SHA256SUMS") << "SHA256SUMS";
-    QTest::newRow("the image's own .sha256") << "Files.iso.sha256";
 }
 
 // In disk image mode the plan names the published checksum file the image
