@@ -424,8 +424,9 @@ int main(int argc, char** argv)
             }
             std::printf("%-12s %9s %9s\n", "step", "1 stick", "3 sticks");
             for (const QString& name : {QStringLiteral("1 write"), QStringLiteral("2 verify")})
-                std::printf("%-12s %8.2fs %8.2fs   ratio %.2f\n", qPrintable(name.mid(2)), brenta.value(name),
-                            three.value(name), three.value(name) / brenta.value(name));
+                std::printf("%-12s %8.2fs %8.2fs   ratio %.2f\n", qPrintable(name.mid(2)),
+                            brenta.value(name), three.value(name),
+                            three.value(name) / brenta.value(name));
             std::printf("three sticks at once %8.2fs   ratio to one stick %.2f\n", total(three),
                         total(three) / total(brenta));
         }

@@ -500,9 +500,10 @@ void TestCli::burnUsb()
         const QByteArray bytes = written.readAll();
         QVERIFY(disk.readAll() == bytes);
         // The image's SHA-256, taken as it was written, is printed with the result.
-        QVERIFY2(run.out.contains("SHA-256 of the image: " +
-                                  QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()),
-                 qPrintable(run.out));
+        QVERIFY2(
+            run.out.contains("SHA-256 of the image: " +
+                             QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()),
+            qPrintable(run.out));
         return;
     }
     QCOMPARE(QFileInfo(mount + "/docs/a.txt").size(), qint64(1));

@@ -112,7 +112,8 @@ private:
         Outcome outcome;
         CUsbBurnJob job;
         connect(&job, &CUsbBurnJob::phase, this, [&](Phase phase) { outcome.phases << phase; });
-        connect(&job, &CUsbBurnJob::imageHashed, this, [&](const QString& sha256) { outcome.imageSha256 = sha256; });
+        connect(&job, &CUsbBurnJob::imageHashed, this,
+                [&](const QString& sha256) { outcome.imageSha256 = sha256; });
         connect(&job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
             if (outcome.phases.isEmpty() || maximum != 100)
                 return;
@@ -581,7 +582,7 @@ private Q_SLOTS:
     // the row runs.
     void failuresOnTheWay_data()
     {
-        QTest::addColumn<QString>("shape");     // "plain" (files, no partition table) or a hybrid shape
+        QTest::addColumn<QString>("shape"); // "plain" (files, no partition table) or a hybrid shape
         QTest::addColumn<bool>("realStick");
         QTest::addColumn<bool>("filesMode");
         QTest::addColumn<QByteArray>("before"); // shell lines run before the helper
@@ -602,20 +603,23 @@ private Q_SLOTS:
                           "100000'; exit 0; }\n")
             << "" << Phase::Writing << "writing: the helper ended after taking";
         // The stand-in fails before it reads anything.
-        QTest::newRow("stick removed")
-            << "plain" << false << false << QByteArray() << "failwrite" << Phase::Writing << " was removed";
+        QTest::newRow("stick removed") << "plain" << false << false << QByteArray() << "failwrite"
+                                       << Phase::Writing << " was removed";
         // The helper has written its first pieces when the loop device shrinks
         // below them, as a stick pulled out shrinks to nothing.
         QTest::newRow("stick pulled out mid-write")
             << "grub" << true << false
-            << QByteArray("[ \"$1\" != write ] || { { dd bs=1M count=9 iflag=fullblock status=none; "
-                          "truncate -s 2M \"$BRENTA_TEST_STICK\"; losetup -c \"$2\"; cat; } | \"$helper\" \"$@\"; "
-                          "exit; }\n")
+            << QByteArray(
+                   "[ \"$1\" != write ] || { { dd bs=1M count=9 iflag=fullblock status=none; "
+                   "truncate -s 2M \"$BRENTA_TEST_STICK\"; losetup -c \"$2\"; cat; } | \"$helper\" "
+                   "\"$@\"; "
+                   "exit; }\n")
             << "" << Phase::Writing << "removed";
         // Gone between the write and the read-back: the loop device reads no file any more.
         QTest::newRow("stick pulled out before the read-back")
             << "grub" << true << false
-            << QByteArray("[ \"$1\" != hash ] || { losetup -d \"$2\"; while losetup \"$2\" >/dev/null 2>&1; do sleep "
+            << QByteArray("[ \"$1\" != hash ] || { losetup -d \"$2\"; while losetup \"$2\" "
+                          ">/dev/null 2>&1; do sleep "
                           "0.1; done; }\n")
             << "" << Phase::Verifying << "removed";
         // The files of the image's EFI boot image are read back too, whether
@@ -623,10 +627,12 @@ private Q_SLOTS:
         const QByteArray changeLoader =
             "[ \"$1\" != remount ] || printf X | dd of=\"$(find \"$BRENTA_STANDIN_MOUNT\" -ipath "
             "'*/efi/boot/bootx64.efi')\" bs=1 seek=100 conv=notrunc 2>/dev/null\n";
-        const QString loaderChanged = "verifying: what was written differs from the image: /efi/boot/bootx64.efi "
-                                      "differs";
+        const QString loaderChanged =
+            "verifying: what was written differs from the image: /efi/boot/bootx64.efi "
+            "differs";
         QTest::newRow("EFI loader changed before the read-back, isolinux")
-            << "isolinux" << false << true << changeLoader << "" << Phase::Finishing << loaderChanged;
+            << "isolinux" << false << true << changeLoader << "" << Phase::Finishing
+            << loaderChanged;
         QTest::newRow("EFI loader changed before the read-back, grub-mkrescue")
             << "grub" << false << true << changeLoader << "" << Phase::Finishing << loaderChanged;
     }
@@ -646,8 +652,8 @@ private Q_SLOTS:
         const QString wrapper = m_tools + "/usbhelper/brenta-usb-helper";
         const QString helper = realStick ? QStringLiteral(BRENTA_USB_HELPER) : standIn;
         QFile::remove(wrapper);
-        QVERIFY(Standins::Write(wrapper, "#!/bin/sh\nhelper='" + helper.toUtf8() + "'\n" + before
-                                             + "exec \"$helper\" \"$@\"\n"));
+        QVERIFY(Standins::Write(wrapper, "#!/bin/sh\nhelper='" + helper.toUtf8() + "'\n" + before +
+                                             "exec \"$helper\" \"$@\"\n"));
         const auto restore =
             qScopeGuard([&] { linkTool(m_tools, "usbhelper/brenta-usb-helper", standIn); });
         qputenv("BRENTA_STANDIN_MODE", mode.toUtf8());
@@ -659,7 +665,8 @@ private Q_SLOTS:
         options.mode = filesMode ? UsbPlan::WriteMode::Files : UsbPlan::WriteMode::Image;
         if (shape == "plain") {
             // More than the pipe holds, and not a whole number of blocks.
-            options.image = image("plain", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
+            options.image =
+                image("plain", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
         } else {
             QString error;
             options.image = shapeImage(shape, &error);
@@ -684,7 +691,8 @@ private Q_SLOTS:
         const Outcome outcome = burn(options);
         QVERIFY2(outcome.finished && !outcome.succeeded,
                  qPrintable(outcome.planMessage + outcome.message));
-        QVERIFY2(outcome.message.contains(message, Qt::CaseInsensitive), qPrintable(outcome.message));
+        QVERIFY2(outcome.message.contains(message, Qt::CaseInsensitive),
+                 qPrintable(outcome.message));
         QCOMPARE(outcome.phases.last(), lastPhase);
     }
 
@@ -929,6 +937,7 @@ private Q_SLOTS:
         QSignalSpy planned(&job, &CUsbMultiBurnJob::planned);
         QSignalSpy finished(&job, &CUsbMultiBurnJob::finished);
         QSignalSpy stickFinished(&job, &CUsbMultiBurnJob::stickFinished);
+        QSignalSpy hashed(&job, &CUsbMultiBurnJob::imageHashed);
         // The progress follows the stick furthest behind, whichever fails:
         // it goes on to the read-back and never back within a phase.
         QList<Phase> phases;
@@ -945,7 +954,9 @@ private Q_SLOTS:
                 values << value;
         });
         connect(&job, &CUsbMultiBurnJob::stickProgress, this,
-                [&](const QString& device, int value, int maximum) { stickValues[device] = maximum > 0 ? value : -1; });
+                [&](const QString& device, int value, int maximum) {
+                    stickValues[device] = maximum > 0 ? value : -1;
+                });
         CUsbBurnJob::Options options;
         options.image = built;
         // The stand-in's image has no partition table; the real one goes as a disk image by itself.
@@ -972,10 +983,14 @@ private Q_SLOTS:
         QFile image(built);
         QVERIFY(image.open(QIODevice::ReadOnly));
         const QByteArray expected = image.readAll();
-        const QString sha256 = QCryptographicHash::hash(expected, QCryptographicHash::Sha256).toHex();
+        const QString sha256 =
+            QCryptographicHash::hash(expected, QCryptographicHash::Sha256).toHex();
+        QCOMPARE(hashed.count(), 1);
+        QCOMPARE(hashed.first().at(0).toString(), sha256);
         for (int i = 0; i < sticks; ++i) {
             QVERIFY2(lines[i].startsWith(devices[i] + ": "), qPrintable(message));
-            QVERIFY2(lines[i].contains(i == failing ? " was removed (" : "SHA-256 of the image: " + sha256),
+            QVERIFY2(lines[i].contains(i == failing ? " was removed ("
+                                                    : "SHA-256 of the image: " + sha256),
                      qPrintable(message));
             QCOMPARE(stickOk.value(devices[i]), i != failing);
             if (i == failing)

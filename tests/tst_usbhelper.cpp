@@ -352,8 +352,9 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
     QTest::newRow("usage") << QStringList{"prepare", "/dev/null"} << 2 << "usage:";
     QTest::newRow("not a device") << QStringList{"check", "/dev/null"} << 3 << "refused: /dev/null is not a block";
     // A stick pulled out takes its node with it.
-    QTest::newRow("no such device") << QStringList{"hash", "/dev/brenta-no-stick", "--size", "1"} << 3
-                                    << "refused: /dev/brenta-no-stick is not there: the stick was removed";
+    QTest::newRow("no such device")
+        << QStringList{"hash", "/dev/brenta-no-stick", "--size", "1"} << 3
+        << "refused: /dev/brenta-no-stick is not there: the stick was removed";
     QTest::newRow("escape from dev") << QStringList{"unmount", "/dev/../etc/passwd"} << 3 << "refused: ";
     QTest::newRow("prepare refused before writing")
         << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32"} << 3 << "refused: ";
@@ -907,7 +908,8 @@ void TestUsbHelper::toolsDieWithTheHelper_data()
 {
     QTest::addColumn<QStringList>("arguments"); // the device goes second
     QTest::addColumn<QString>("tool");          // the one that is killed with the helper
-    QTest::newRow("prepare") << QStringList{"prepare", "--scheme", "mbr", "--fs", "fat32"} << "mkfs.vfat";
+    QTest::newRow("prepare") << QStringList{"prepare", "--scheme", "mbr", "--fs", "fat32"}
+                             << "mkfs.vfat";
     QTest::newRow("boot code") << QStringList{"bootcode"} << "grub-mkimage";
 }
 
@@ -954,7 +956,8 @@ void TestUsbHelper::toolsDieWithTheHelper()
     helper.kill();
     QVERIFY(helper.waitForFinished());
     QTRY_VERIFY_WITH_TIMEOUT(!QFileInfo::exists(running), 5000);
-    QCOMPARE(QDir(temporary).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
+    QCOMPARE(QDir(temporary).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList());
 }
 
 QTEST_GUILESS_MAIN(TestUsbHelper)

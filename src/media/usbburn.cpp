@@ -614,10 +614,10 @@ QString problemsText(const QStringList& problems)
 class VerifyThread final : public QThread
 {
 public:
-    VerifyThread(QString image, QString only, const std::vector<Listing::FileSpan>& files, QString root,
-                 QStringList skipped, std::atomic<bool>& stop)
-        : m_image(std::move(image)), m_only(std::move(only)), m_files(files), m_root(std::move(root)),
-          m_skipped(std::move(skipped)), m_stop(stop)
+    VerifyThread(QString image, QString only, const std::vector<Listing::FileSpan>& files,
+                 QString root, QStringList skipped, std::atomic<bool>& stop)
+        : m_image(std::move(image)), m_only(std::move(only)), m_files(files),
+          m_root(std::move(root)), m_skipped(std::move(skipped)), m_stop(stop)
     {
     }
 
@@ -895,7 +895,8 @@ QString CUsbBurnJob::SuccessText(int files, qint64 bytes)
                           .arg(Util::FormatSize(bytes));
 }
 
-QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& sha256, const QString& checksumFile)
+QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& sha256,
+                                      const QString& checksumFile)
 {
     const QString published =
         checksumFile.isEmpty()
@@ -1456,9 +1457,11 @@ void CUsbBurnJob::StartEfiCopy()
     copy.close();
     // FAT keeps no Unix permissions, so the archive tool writes only names
     // and contents. grub-mkrescue names the folder "efi", isolinux images "EFI".
-    RunTool(QStringLiteral("copying the EFI loader"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-ssc-"), QStringLiteral("-o") + m_mountPoint,
-             QStringLiteral("--"), fatImage, QStringLiteral("EFI")},
+    RunTool(QStringLiteral("copying the EFI loader"), ToolLocator::Find(ToolLocator::Tool::Archive),
+            archiveName(),
+            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-ssc-"),
+             QStringLiteral("-o") + m_mountPoint, QStringLiteral("--"), fatImage,
+             QStringLiteral("EFI")},
             &CUsbBurnJob::StartRemount);
 }
 
@@ -1508,8 +1511,8 @@ void CUsbBurnJob::StartEfiVerify()
     m_efiEntries = std::make_unique<UsbBurn::TechnicalListing>();
     StartRunner(
         ToolLocator::Find(ToolLocator::Tool::Archive),
-        {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("-ssc-"), QStringLiteral("--"), EfiImage(),
-         QStringLiteral("EFI")},
+        {QStringLiteral("l"), QStringLiteral("-slt"), QStringLiteral("-ssc-"), QStringLiteral("--"),
+         EfiImage(), QStringLiteral("EFI")},
         [this](const QString& line) { m_efiEntries->Read(line); },
         [this] {
             const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
@@ -1525,12 +1528,13 @@ void CUsbBurnJob::StartEfiVerify()
                 if (!entry.folder)
                     m_efiFiles.push_back(Listing::FileSpan{entry.path, entry.size});
             }
-            RunVerifier(EfiImage(), QStringLiteral("EFI"), m_efiFiles, QStringList(), &CUsbBurnJob::VerifySplit,
-                        false);
+            RunVerifier(EfiImage(), QStringLiteral("EFI"), m_efiFiles, QStringList(),
+                        &CUsbBurnJob::VerifySplit, false);
         });
 }
 
-void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only, const std::vector<Listing::FileSpan>& files,
+void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only,
+                              const std::vector<Listing::FileSpan>& files,
                               const QStringList& skipped, Next next, bool counted)
 {
     qint64 total = 0;
@@ -1544,7 +1548,8 @@ void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only, const
             if (value == last)
                 return;
             last = value;
-            QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
+            QMetaObject::invokeMethod(
+                this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
         };
         Q_EMIT progress(0, 100);
     } else {
@@ -1559,7 +1564,8 @@ void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only, const
         if (!toolFailure.isEmpty())
             reason = toolFailure;
         else if (!result.ok)
-            reason = QStringLiteral("what was written differs from the image: ") + problemsText(result.problems);
+            reason = QStringLiteral("what was written differs from the image: ") +
+                     problemsText(result.problems);
         if (!reason.isEmpty()) {
             Fail(QStringLiteral("verifying: ") + reason);
             return;
@@ -1723,6 +1729,10 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
             Q_EMIT stickProgress(m_devices.at(i), value, maximum);
             Follow();
         });
+        connect(raw, &CUsbBurnJob::imageHashed, this, [this](const QString& sha256) {
+            if (!std::exchange(m_hashTold, true))
+                Q_EMIT imageHashed(sha256);
+        });
         connect(raw, &CUsbBurnJob::transfer, this, [this, i](const QString& text) {
             m_sticks[size_t(i)].transfer = text;
             if (i == m_shown)
@@ -1797,6 +1807,7 @@ void CUsbMultiBurnJob::Burn()
     m_allSucceeded = true;
     for (Stick& stick : m_sticks)
         stick.running = true;
+    m_hashTold = false;
     for (size_t i = 0; i < m_jobs.size(); ++i)
         m_jobs[i]->BurnFrom(m_feeder, int(i));
     m_feeder->Start();

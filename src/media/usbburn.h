@@ -202,7 +202,8 @@ public:
     static QString SuccessText(int files, qint64 bytes);
     // `sha256`: the image's, in hex; `checksumFile`: the file whose published
     // SHA-256 the image matched, if any.
-    static QString ImageSuccessText(qint64 bytes, const QString& sha256, const QString& checksumFile = QString());
+    static QString ImageSuccessText(qint64 bytes, const QString& sha256,
+                                    const QString& checksumFile = QString());
     static QString RestoredText(UsbPlan::FileSystem fs, const QString& label);
 
     void Plan(const Options& options);
@@ -279,8 +280,9 @@ private:
     // Compares `files` on the stick with the archive tool's stream of
     // `archive` (only its folder `only`, where given), then goes on with
     // `next`. Where `counted`, the progress goes from 0 to 100 with it.
-    void RunVerifier(const QString& archive, const QString& only, const std::vector<Listing::FileSpan>& files,
-                     const QStringList& skipped, Next next, bool counted);
+    void RunVerifier(const QString& archive, const QString& only,
+                     const std::vector<Listing::FileSpan>& files, const QStringList& skipped,
+                     Next next, bool counted);
     // The EFI boot image, copied out of the image while its files are needed.
     QString EfiImage() const;
     void VerifySplit();
@@ -363,6 +365,8 @@ Q_SIGNALS:
     void transfer(const QString& text);
     void stickProgress(const QString& device, int value, int maximum);
     void stickFinished(const QString& device, bool succeeded, const QString& message);
+    // Once, when the first stick's helper has taken the whole image.
+    void imageHashed(const QString& sha256);
     void finished(bool succeeded, const QString& message);
 
 private:
@@ -384,6 +388,7 @@ private:
     std::optional<CUsbBurnJob::Phase> m_shownPhase;
     int m_shownValue = -1;
     int m_shownMaximum = -1;
+    bool m_hashTold = false;
     std::vector<std::unique_ptr<CUsbBurnJob>> m_jobs;
     QStringList m_devices;
     QString m_image;

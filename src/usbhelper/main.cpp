@@ -96,7 +96,8 @@ QString findTool(const QString& program)
 // the helper (a daemon it starts is a new process, which does not). Where
 // `standardOutput` is given, it gets what the tool writes there, and the
 // result's lines are its error output only.
-RunResult run(const ToolCall& call, const QByteArray& input = QByteArray(), QByteArray* standardOutput = nullptr)
+RunResult run(const ToolCall& call, const QByteArray& input = QByteArray(),
+              QByteArray* standardOutput = nullptr)
 {
     RunResult result;
     const QString program = findTool(call.program);
@@ -108,8 +109,8 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray(), QByt
     QTemporaryFile output(pattern);
     QTemporaryFile feed(pattern);
     QTemporaryFile data(pattern);
-    if (!output.open() || !feed.open() || feed.write(input) != input.size() || !feed.flush()
-        || (standardOutput != nullptr && !data.open())) {
+    if (!output.open() || !feed.open() || feed.write(input) != input.size() || !feed.flush() ||
+        (standardOutput != nullptr && !data.open())) {
         result.reason = QStringLiteral("cannot make a temporary file");
         return result;
     }
@@ -405,7 +406,8 @@ bool accept(const QString& path, const Caller& caller, Target& target)
     QString refusal = Refusal(path, target.facts);
     // A stick pulled out takes its node with it, also between two steps.
     if (!target.facts.blockDevice && IsPlainDevicePath(path) && !QFileInfo::exists(path))
-        refusal = QStringLiteral("%1 is not there: the stick was removed, or no disk has that name").arg(path);
+        refusal = QStringLiteral("%1 is not there: the stick was removed, or no disk has that name")
+                      .arg(path);
     if (refusal.isEmpty() && target.facts.loop && caller.uid != 0)
         refusal =
             loopRefusal(QStringLiteral("/dev/") + target.facts.name, target.facts.name, caller.uid);
@@ -730,7 +732,8 @@ int bootCode(const Request& request, const Caller& caller)
     // The early configuration goes in on standard input and the core image
     // comes out on standard output, so that no file is left behind.
     QByteArray core;
-    const RunResult made = run({QStringLiteral("grub-mkimage"), GrubImageArguments(moduleDir, QStringLiteral("/dev/stdin"))},
+    const RunResult made = run({QStringLiteral("grub-mkimage"),
+                                GrubImageArguments(moduleDir, QStringLiteral("/dev/stdin"))},
                                GrubEarlyConfig().toUtf8(), &core);
     if (!made.ok) {
         say(ErrorLine(step, made.reason, made.lines));
@@ -738,7 +741,8 @@ int bootCode(const Request& request, const Caller& caller)
     }
     BootCode code;
     QString error;
-    if (!BootSectors(mbr, readFile(moduleDir + QStringLiteral("/boot.img"), 512), core, start, code, error)) {
+    if (!BootSectors(mbr, readFile(moduleDir + QStringLiteral("/boot.img"), 512), core, start, code,
+                     error)) {
         say(ErrorLine(step, error, {}));
         return Failed;
     }
@@ -1026,11 +1030,12 @@ int hashImage(const Request& request, const Caller& caller)
     }
     if (request.size > capacity) {
         say(ErrorLine(step,
-                      capacity == 0 ? emptyDisk(target.node)
-                                    : QStringLiteral("%1 holds only %2 bytes, fewer than the image's %3")
-                                          .arg(target.node)
-                                          .arg(capacity)
-                                          .arg(request.size),
+                      capacity == 0
+                          ? emptyDisk(target.node)
+                          : QStringLiteral("%1 holds only %2 bytes, fewer than the image's %3")
+                                .arg(target.node)
+                                .arg(capacity)
+                                .arg(request.size),
                       {}));
         return Failed;
     }
