@@ -756,6 +756,14 @@ void TestBurnPage::burnsSeveralSticks()
     for (int i = 0; i < sticks.size(); ++i) {
         for (const QString& said : answers.seen)
             QVERIFY2(said.contains(sticks[i]), qPrintable(said));
+        // The end gives each stick one line of its own.
+        if (erase)
+            QCOMPARE(
+                answers.seen.last()
+                    .split('\n')
+                    .filter(QRegularExpression("^" + QRegularExpression::escape(sticks[i]) + "\\b"))
+                    .size(),
+                1);
         QFile disk(sticks[i] + ".disk");
         QCOMPARE(disk.open(QIODevice::ReadOnly) && disk.readAll() == expected, erase && i != gone);
     }

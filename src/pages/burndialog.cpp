@@ -443,12 +443,9 @@ void CBurnDialog::onUSBBurnFinished(bool succeeded, const QString& message)
 {
     // The several sticks' job says each stick's result in full; the page
     // says it a line each, where every stick got as far as its end.
-    if (!m_burnSticks.isEmpty() && m_sticksDone.size() == m_burnSticks.size()) {
-        EndShowingBurn(SticksResultText(m_burnSticks, m_stickFailures, m_published.file));
-        Q_EMIT usbBurnFinished(succeeded);
-        return;
-    }
-    EndShowingBurn(message);
+    const bool eachStick = !m_burnSticks.isEmpty() && m_sticksDone.size() == m_burnSticks.size();
+    EndShowingBurn(eachStick ? SticksResultText(m_burnSticks, m_stickFailures, m_published.file)
+                             : message);
     Q_EMIT usbBurnFinished(succeeded);
 }
 
