@@ -753,6 +753,10 @@ void TestBurnPage::burnsSeveralSticks()
     QFile image(m_files);
     QVERIFY(image.open(QIODevice::ReadOnly));
     const QByteArray expected = image.readAll();
+    // The plan shows the image's SHA-256 from the one read that fed both.
+    QCOMPARE(Child<QLabel>("imagehash")->text() ==
+                 QCryptographicHash::hash(expected, QCryptographicHash::Sha256).toHex(),
+             erase);
     for (int i = 0; i < sticks.size(); ++i) {
         for (const QString& said : answers.seen)
             QVERIFY2(said.contains(sticks[i]), qPrintable(said));

@@ -177,6 +177,7 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
     connect(m_sticksJob, &CUsbMultiBurnJob::stickProgress, this, &CBurnDialog::onStickProgress);
     connect(m_sticksJob, &CUsbMultiBurnJob::stickFinished, this, &CBurnDialog::onStickFinished);
     connect(m_usbJob, &CUsbBurnJob::imageHashed, this, &CBurnDialog::onImageHashed);
+    connect(m_sticksJob, &CUsbMultiBurnJob::imageHashed, this, &CBurnDialog::onImageHashed);
     connect(m_usblist, &CCheckComboBox::checkedChanged, this, &CBurnDialog::OnSticksTicked);
     // A drive the user picks while a scan is still running is the one to keep.
     connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
@@ -624,11 +625,8 @@ void CBurnDialog::ShowModeOptions()
     const bool files = ChosenMode() == UsbPlan::WriteMode::Files;
     for (QWidget* option : m_filesOptions)
         option->setVisible(files);
-    // The job for several sticks does not tell the image's SHA-256: the row
-    // shows only one that a burn to one stick took.
-    const bool several = m_usblist->CheckedIndexes().size() > 1;
     for (QWidget* option : m_imageOptions)
-        option->setVisible(!files && (!several || !m_sha256.isEmpty()));
+        option->setVisible(!files);
     for (QWidget* option : m_checksumRow)
         option->setVisible(!files && !m_published.file.isEmpty());
     ShowChecksums();
