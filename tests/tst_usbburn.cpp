@@ -609,18 +609,16 @@ private Q_SLOTS:
         // below them, as a stick pulled out shrinks to nothing.
         QTest::newRow("stick pulled out mid-write")
             << "grub" << true << false
-            << QByteArray(
-                   "[ \"$1\" != write ] || { { dd bs=1M count=9 iflag=fullblock status=none; "
-                   "truncate -s 2M \"$BRENTA_TEST_STICK\"; losetup -c \"$2\"; cat; } | \"$helper\" "
-                   "\"$@\"; "
-                   "exit; }\n")
+            << QByteArray("[ \"$1\" != write ] || {\n"
+                          "  { dd bs=1M count=9 iflag=fullblock status=none\n"
+                          "    truncate -s 2M \"$BRENTA_TEST_STICK\"; losetup -c \"$2\"; cat; } |\n"
+                          "  \"$helper\" \"$@\"; exit; }\n")
             << "" << Phase::Writing << "removed";
         // Gone between the write and the read-back: the loop device reads no file any more.
         QTest::newRow("stick pulled out before the read-back")
             << "grub" << true << false
-            << QByteArray("[ \"$1\" != hash ] || { losetup -d \"$2\"; while losetup \"$2\" "
-                          ">/dev/null 2>&1; do sleep "
-                          "0.1; done; }\n")
+            << QByteArray("[ \"$1\" != hash ] || {\n"
+                          "  losetup -d \"$2\"; while losetup \"$2\" >/dev/null 2>&1; do sleep 0.1; done; }\n")
             << "" << Phase::Verifying << "removed";
         // The files of the image's EFI boot image are read back too, whether
         // it names them in capitals (isolinux) or not (grub-mkrescue).
@@ -628,8 +626,7 @@ private Q_SLOTS:
             "[ \"$1\" != remount ] || printf X | dd of=\"$(find \"$BRENTA_STANDIN_MOUNT\" -ipath "
             "'*/efi/boot/bootx64.efi')\" bs=1 seek=100 conv=notrunc 2>/dev/null\n";
         const QString loaderChanged =
-            "verifying: what was written differs from the image: /efi/boot/bootx64.efi "
-            "differs";
+            "verifying: what was written differs from the image: /efi/boot/bootx64.efi differs";
         QTest::newRow("EFI loader changed before the read-back, isolinux")
             << "isolinux" << false << true << changeLoader << "" << Phase::Finishing
             << loaderChanged;
