@@ -11,6 +11,8 @@ packages=(
   qt6-qpa-plugins libqt6svg6 fonts-noto-core fonts-dejavu-core xdg-utils
   # the disc tools Brenta drives
   p7zip-full genisoimage wodim xorriso
+  # Brenta's own reader of Rock Ridge trees
+  libisofs-dev
   # test images built the way Linux distributions build theirs
   isolinux syslinux-common grub-efi-amd64-bin mtools
   # the USB helper: partitioning, file systems (with FUSE drivers for kernels

@@ -60,9 +60,6 @@ private Q_SLOTS:
     void progress();
     void reasons_data();
     void reasons();
-    void links_data();
-    void links();
-    void placeLinksOnlyInsideStaging();
     void moveUpNamesWhatIsMissing();
     void moveUpTakesNothingFromOutside();
 };
@@ -268,74 +265,6 @@ void TestListing::reasons()
     QFETCH(QStringList, lines);
     QFETCH(QStringList, reasons);
     QCOMPARE(Extraction::Reasons(lines), reasons);
-}
-
-// xorriso's own lines for links with awkward names: quotes, arrows, line
-// ends, UTF-8 and backslashes in names and targets.
-void TestListing::links_data()
-{
-    const QString head = "R:1: lrwxrwxrwx    1 0        0               0 Nov 24 02:52 ";
-    QTest::addColumn<QStringList>("lines");
-    QTest::addColumn<bool>("readable");
-    QTest::addColumn<QStringList>("links"); // "path|target"
-    QTest::newRow("plain, among info lines")
-        << QStringList{"I:1: Drive current: -indev 'stdio:/x.iso'\n", head + "'/d/up' -> '../../x'\n"} << true
-        << QStringList{"d/up|../../x"};
-    QTest::newRow("quotes and arrows") << QStringList{head + "'/we'\"'\"'ird -> n' -> 'tar'\"'\"'get -> x'\n"} << true
-                                       << QStringList{"we'ird -> n|tar'get -> x"};
-    QTest::newRow("line ends, UTF-8, backslashes")
-        << QStringList{head + "'/new\\nline' -> 'nl\\ntarget'\n", head + "'/uni' -> '\\303\\274n\\303\\257'\n",
-                       head + "'/back\\\\slash' -> 'a\\\\b'\n"}
-        << true << QStringList{"new\nline|nl\ntarget", QString::fromUtf8("uni|ünï"), "back\\slash|a\\b"};
-    QTest::newRow("a long line cut in pieces") << QStringList{head + "'/lo", "ng' -> '/t", "arget'\n"} << true
-                                               << QStringList{"long|/target"};
-    QTest::newRow("no links") << QStringList{"I:1: Volume id    : 'CDROM'\n"} << true << QStringList{};
-    QTest::newRow("broken quoting") << QStringList{head + "'/d/up -> '../../x'\n"} << false << QStringList{};
-}
-
-void TestListing::links()
-{
-    QFETCH(QStringList, lines);
-    QFETCH(bool, readable);
-    QFETCH(QStringList, links);
-    const std::optional<std::vector<Extraction::Link>> parsed = Extraction::ParseLinks(lines);
-    QCOMPARE(parsed.has_value(), readable);
-    if (!parsed)
-        return;
-    QStringList found;
-    for (const Extraction::Link& link : *parsed)
-        found << link.path + "|" + link.target;
-    QCOMPARE(found, links);
-}
-
-// Links are made only where the archive tool left an empty file or a link,
-// and only inside staging, whatever the image says.
-void TestListing::placeLinksOnlyInsideStaging()
-{
-    QTemporaryDir dir;
-    const QDir root(dir.path());
-    QVERIFY(root.mkpath("stage/folder"));
-    QVERIFY(root.mkpath("elsewhere"));
-    const auto write = [&](const QString& path, const QByteArray& bytes) {
-        QFile file(root.filePath(path));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-    };
-    write("stage/empty", "");
-    write("stage/full", "data");
-    write("elsewhere/empty", "");
-    QVERIFY(QFile::link("/somewhere/else", root.filePath("stage/changed")));
-    QVERIFY(QFile::link(root.filePath("elsewhere"), root.filePath("stage/out")));
-
-    const QStringList notMade = Extraction::PlaceLinks(
-        root.filePath("stage"), {{"empty", "/etc/passwd"}, {"changed", "../../x"}, {"full", "t"}, {"folder", "t"},
-                                 {"missing", "t"}, {"out/empty", "t"}, {"../elsewhere/empty", "t"}});
-    QCOMPARE(notMade, (QStringList{"full", "folder", "missing", "out/empty", "../elsewhere/empty"}));
-    QCOMPARE(linkText(root.filePath("stage/empty")), QByteArray("/etc/passwd"));
-    QCOMPARE(linkText(root.filePath("stage/changed")), QByteArray("../../x"));
-    QVERIFY(QFileInfo(root.filePath("stage/full")).isFile());
-    QVERIFY(QFileInfo(root.filePath("elsewhere/empty")).isFile());
-    QVERIFY(!QFileInfo(root.filePath("elsewhere/empty")).isSymLink());
 }
 
 // An entry the tool did not put into staging fails the move, by name.

@@ -373,6 +373,9 @@ int RunList(const Request& request)
     CListJob job(tree);
     if (const int status = runToEnd(job, false, [&] { job.Start(request.image); }))
         return status;
+    print(stderr, QStringLiteral("brenta: the %1 tree\n").arg(job.Tree()));
+    if (!job.Warning().isEmpty())
+        print(stderr, QStringLiteral("brenta: warning: %1\n").arg(job.Warning()));
     for (const QString& name : job.LeftOut())
         print(stderr, QStringLiteral("brenta: warning: left out %1: the name leads outside the image's folders.\n").arg(name));
     printTree(tree.Root());

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -184,173 +186,75 @@ bool isInside(const QString& path, const QString& folder)
     return path == folder || path.startsWith(folder + QLatin1Char('/'));
 }
 
-} // namespace
-
-QStringList LinkArguments(const QString& image)
+// Empties the folder open as `folder`, making each folder below it
+// writable and searchable first (an image's 555 folder, say); links are
+// removed, never followed.
+void removeBelow(int folder)
 {
-    return {QStringLiteral("-no_rc"),
-            QStringLiteral("-pkt_output"),
-            QStringLiteral("on"),
-            QStringLiteral("-backslash_codes"),
-            QStringLiteral("encode_output"),
-            QStringLiteral("-indev"),
-            QStringLiteral("stdio:") + QFileInfo(image).absoluteFilePath(),
-            QStringLiteral("-find"),
-            QStringLiteral("/"),
-            QStringLiteral("-type"),
-            QStringLiteral("l"),
-            QStringLiteral("-exec"),
-            QStringLiteral("lsdl"),
-            QStringLiteral("--")};
-}
-
-namespace {
-
-// Undoes xorriso's backslash codes: \n, \t and the like, \\, \ooo, \xhh, \cC.
-QByteArray decodeBackslashes(const QByteArray& text)
-{
-    static const QByteArray letters("abefnrtv");
-    static const QByteArray codes("\a\b\033\f\n\r\t\v");
-    QByteArray out;
-    for (qsizetype i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\' || i + 1 >= text.size()) {
-            out += text[i];
+    DIR* listing = ::fdopendir(::dup(folder));
+    if (listing == nullptr)
+        return;
+    while (const dirent* entry = ::readdir(listing)) {
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0)
             continue;
-        }
-        const char next = text[i + 1];
-        const auto isOctal = [&](qsizetype at) { return at < text.size() && text[at] >= '0' && text[at] <= '7'; };
-        if (const qsizetype letter = letters.indexOf(next); letter >= 0) {
-            out += codes[letter];
-            i += 1;
-        } else if (next == 'x' && i + 3 < text.size()) {
-            bool ok = false;
-            const int value = text.mid(i + 2, 2).toInt(&ok, 16);
-            if (ok) {
-                out += char(value);
-                i += 3;
-            } else {
-                out += text[i];
-            }
-        } else if (next == 'c' && i + 2 < text.size()) {
-            out += char(text[i + 2] & 0x1f);
-            i += 2;
-        } else if (isOctal(i + 1) && isOctal(i + 2) && isOctal(i + 3)) {
-            out += char(text.mid(i + 1, 3).toInt(nullptr, 8));
-            i += 3;
-        } else {
-            out += next; // "\\" and anything else escaped stands for itself
-            i += 1;
-        }
-    }
-    return out;
-}
-
-// One word of xorriso's output at `at`: quoted parts ('...' or "...") that
-// run together, as in '/we'"'"'ird'. Nothing when the quoting is broken.
-std::optional<QString> readQuoted(const QByteArray& text, qsizetype& at)
-{
-    QByteArray raw;
-    bool any = false;
-    while (at < text.size() && (text[at] == '\'' || text[at] == '"')) {
-        const qsizetype end = text.indexOf(text[at], at + 1);
-        if (end < 0)
-            return std::nullopt;
-        raw += text.mid(at + 1, end - at - 1);
-        at = end + 1;
-        any = true;
-    }
-    if (!any)
-        return std::nullopt;
-    return QString::fromUtf8(decodeBackslashes(raw));
-}
-
-// "lrwxrwxrwx 1 0 0 0 Nov 24 02:51 '/d/up' -> '../../x'"
-std::optional<Link> parseLinkLine(const QByteArray& line)
-{
-    qsizetype at = line.indexOf('\'');
-    const std::optional<QString> path = at < 0 ? std::nullopt : readQuoted(line, at);
-    if (!path || !line.mid(at).startsWith(" -> "))
-        return std::nullopt;
-    at += 4;
-    const std::optional<QString> target = readQuoted(line, at);
-    if (!target || at != line.size() || !path->startsWith(QLatin1Char('/')))
-        return std::nullopt;
-    return Link{path->mid(1), *target};
-}
-
-} // namespace
-
-std::optional<std::vector<Link>> ParseLinks(const QStringList& lines)
-{
-    static const QRegularExpression linkMode(QStringLiteral("^R:[01]: l[-rwxsStT]{9} "));
-    std::vector<Link> links;
-    QString line;
-    for (qsizetype i = 0; i < lines.size(); ++i) {
-        // A line the splitter had to cut comes in pieces without a line end.
-        line += lines.at(i);
-        if (!line.endsWith(QLatin1Char('\n')) && i + 1 < lines.size())
-            continue;
-        while (line.endsWith(QLatin1Char('\n')) || line.endsWith(QLatin1Char('\r')))
-            line.chop(1);
-        if (linkMode.match(line).hasMatch()) {
-            std::optional<Link> link = parseLinkLine(line.mid(5).toUtf8());
-            if (!link)
-                return std::nullopt;
-            links.push_back(std::move(*link));
-        }
-        line.clear();
-    }
-    return links;
-}
-
-std::vector<Link> LinksWithin(const std::vector<Link>& links, const QStringList& entries)
-{
-    if (entries.isEmpty())
-        return links;
-    std::vector<Link> within;
-    for (const Link& link : links) {
-        for (const QString& entry : entries) {
-            if (link.path == entry || link.path.startsWith(entry + QLatin1Char('/'))) {
-                within.push_back(link);
-                break;
-            }
-        }
-    }
-    return within;
-}
-
-bool OnlyLinksRefused(const QStringList& reasons, const std::vector<Link>& links)
-{
-    if (reasons.isEmpty())
-        return false;
-    for (const QString& reason : reasons) {
-        const bool refusal = std::any_of(links.cbegin(), links.cend(), [&](const Link& link) {
-            return reason == QStringLiteral("Dangerous link path was ignored : %1 : %2").arg(link.path, link.target);
-        });
-        if (!refusal)
-            return false;
-    }
-    return true;
-}
-
-QStringList PlaceLinks(const QString& staging, const std::vector<Link>& links)
-{
-    const QString root = QFileInfo(staging).canonicalFilePath();
-    QStringList notPlaced;
-    for (const Link& link : links) {
-        const qsizetype slash = link.path.lastIndexOf(QLatin1Char('/'));
-        const QString folder = slash < 0 ? root
-                                         : QFileInfo(root + QLatin1Char('/') + link.path.left(slash)).canonicalFilePath();
-        const QByteArray path = QFile::encodeName(folder + QLatin1Char('/') + link.path.mid(slash + 1));
         struct stat info;
-        const bool replaceable = !root.isEmpty() && Listing::IsSafePath(link.path) && !folder.isEmpty() &&
-                                 isInside(folder, root) && ::lstat(path.constData(), &info) == 0 &&
-                                 (S_ISLNK(info.st_mode) || (S_ISREG(info.st_mode) && info.st_size == 0));
-        if (!replaceable || ::unlink(path.constData()) != 0 ||
-            ::symlink(QFile::encodeName(link.target).constData(), path.constData()) != 0)
-            notPlaced << link.path;
+        if (::fstatat(folder, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        if (S_ISDIR(info.st_mode)) {
+            ::fchmodat(folder, name, 0700, 0);
+            const int below =
+                ::openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (below >= 0) {
+                removeBelow(below);
+                ::close(below);
+            }
+            ::unlinkat(folder, name, AT_REMOVEDIR);
+        } else {
+            ::unlinkat(folder, name, 0);
+        }
     }
-    return notPlaced;
+    ::closedir(listing);
+}
+
+// Moves `source` to `target`. A folder whose mode keeps its owner from
+// writing it cannot be moved to another folder (its ".." changes), so it is
+// made writable for the move and given its mode back.
+bool moveEntry(const QString& source, const QString& target)
+{
+    const QByteArray from = QFile::encodeName(source);
+    const QByteArray to = QFile::encodeName(target);
+    if (::rename(from.constData(), to.constData()) == 0)
+        return true;
+    struct stat info;
+    if (errno != EACCES || ::lstat(from.constData(), &info) != 0 || !S_ISDIR(info.st_mode))
+        return false;
+    if (::chmod(from.constData(), (info.st_mode & 07777) | S_IWUSR) != 0)
+        return false;
+    const bool moved = ::rename(from.constData(), to.constData()) == 0;
+    ::chmod(moved ? to.constData() : from.constData(), info.st_mode & 07777);
+    return moved;
+}
+
+} // namespace
+
+void RemoveTree(const QString& path)
+{
+    const QByteArray name = QFile::encodeName(path);
+    struct stat info;
+    if (::lstat(name.constData(), &info) != 0)
+        return;
+    if (!S_ISDIR(info.st_mode)) {
+        ::unlink(name.constData());
+        return;
+    }
+    ::chmod(name.constData(), 0700);
+    const int folder = ::open(name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (folder >= 0) {
+        removeBelow(folder);
+        ::close(folder);
+    }
+    ::rmdir(name.constData());
 }
 
 MoveResult MoveUp(const QString& staging, const QStringList& entries, const QString& destination)
@@ -383,14 +287,14 @@ MoveResult MoveUp(const QString& staging, const QStringList& entries, const QStr
         const QString target = to.filePath(FreeName(destination, name));
         // A rename within one file system: the staging folder lives inside the
         // destination, so nothing is copied and no device is crossed.
-        if (!QDir().rename(source, target)) {
+        if (!moveEntry(source, target)) {
             result.ok = false;
             result.message = QStringLiteral("Could not move %1 into %2.").arg(name, destination);
             continue;
         }
         result.placed << target;
     }
-    QDir(staging).removeRecursively();
+    RemoveTree(staging);
     if (!refused.isEmpty() && result.ok) {
         result.ok = false;
         result.message = QStringLiteral("%1 did not lie inside the extracted files and was left alone.")

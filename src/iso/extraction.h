@@ -64,34 +64,9 @@ struct MoveResult
 // folder is removed afterwards, with whatever else it still holds.
 MoveResult MoveUp(const QString& staging, const QStringList& entries, const QString& destination);
 
-// A symbolic link of the image's Rock Ridge tree.
-struct Link
-{
-    QString path;   // inside the image, "/" between components
-    QString target; // exactly as stored
-};
-
-// xorriso's arguments for printing every symbolic link of the image as one
-// line each (packets on one channel, special characters as backslash codes).
-QStringList LinkArguments(const QString& image);
-
-// Reads the links from xorriso's output. Nothing when a line that reports a
-// link cannot be read, so that no link goes unnoticed.
-std::optional<std::vector<Link>> ParseLinks(const QStringList& lines);
-
-// The links at or below the entries; all of them when there are none.
-std::vector<Link> LinksWithin(const std::vector<Link>& links, const QStringList& entries);
-
-// True when every reason is the archive tool's refusal to make one of these
-// links (it refuses links that point out of its output folder); Brenta makes
-// those itself.
-bool OnlyLinksRefused(const QStringList& reasons, const std::vector<Link>& links);
-
-// Puts each link below staging in place of what the archive tool left there
-// (an empty file, or a link whose target it changed), holding the target
-// exactly as stored. A link is only made inside staging and only replaces an
-// empty file or a link. Returns the paths of the links that were not made.
-QStringList PlaceLinks(const QString& staging, const std::vector<Link>& links);
+// Removes a file or a folder with everything in it, read-only folders
+// included; symbolic links are removed, never followed.
+void RemoveTree(const QString& path);
 
 // "name (2).ext", "name (3).ext", ...: the first that does not exist in dir.
 QString FreeName(const QString& dir, const QString& name);

@@ -5,6 +5,8 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <algorithm>
+
 #include "app/util.h"
 #include "tools/filecopy.h"
 
@@ -33,6 +35,34 @@ QString archiveFailure(const CRunCommandThread& runner, const QStringList& lines
     return QStringLiteral("%1 said: \"%2\"").arg(archiveToolName(), reasons.join(QStringLiteral("\", \"")));
 }
 
+// The Rock Ridge reader's "error: " lines, or its failure in plain words.
+QString readerFailure(const CRunCommandThread& runner, const QStringList& lines)
+{
+    QStringList reasons;
+    for (const QString& line : lines) {
+        if (line.startsWith(QLatin1String("error: ")))
+            reasons << line.mid(7);
+    }
+    const QString name = ToolLocator::DisplayName(ToolLocator::Tool::IsoReader);
+    if (reasons.isEmpty() || runner.GetResult() == CRunCommandThread::Result::Stopped)
+        return runner.FailureText(name);
+    return QStringLiteral("%1 said: \"%2\"").arg(name, reasons.join(QStringLiteral("\", \"")));
+}
+
+// The archive tool's complaints about an image's structure that still let it
+// list and extract every entry: a UDF tree of folders only, a boot record
+// that is not El Torito, a file that runs past the end of the image.
+bool OnlyHeaderComplaints(const QStringList& reasons)
+{
+    static const QStringList kHeaderComplaints = {
+        QStringLiteral("Headers Error"), QStringLiteral("Unexpected end of archive"),
+        QStringLiteral("There are data after the end of archive"),
+        QStringLiteral("Unconfirmed start of archive")};
+    return !reasons.isEmpty() &&
+           std::all_of(reasons.cbegin(), reasons.cend(),
+                       [](const QString& reason) { return kHeaderComplaints.contains(reason); });
+}
+
 } // namespace
 
 CListJob::CListJob(ItemTree& tree, QObject* parent) : QObject(parent), m_tree(tree) {}
@@ -49,6 +79,8 @@ void CListJob::Start(const QString& image)
     m_tree.title = QFileInfo(image).fileName();
     m_succeeded = false;
     m_message.clear();
+    m_warning.clear();
+    m_treeName.clear();
     m_leftOut.clear();
 
     // The tree grows while the tool is still listing, batch by batch, so
@@ -68,7 +100,16 @@ void CListJob::Start(const QString& image)
         }
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CListJob::OnFinished);
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive), Listing::Arguments(image));
+    m_trees = IsoProbe::Read(image);
+    const QString reader = m_trees.rockRidge && m_files == nullptr
+                               ? ToolLocator::Find(ToolLocator::Tool::IsoReader)
+                               : QString();
+    m_byReader = !reader.isEmpty();
+    if (m_byReader)
+        m_runner->SetCommand(reader, {QStringLiteral("list"), image});
+    else
+        m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
+                             Listing::Arguments(image));
     m_runner->StartCommand();
 }
 
@@ -84,14 +125,41 @@ bool CListJob::IsRunning() const
 
 void CListJob::OnFinished()
 {
-    m_succeeded = m_reader->Finished() &&
-                  m_runner->GetResult() == CRunCommandThread::Result::Success;
+    const CRunCommandThread::Result result = m_runner->GetResult();
+    m_succeeded = m_reader->Finished() && result == CRunCommandThread::Result::Success;
+    if (m_byReader) {
+        QStringList warnings;
+        for (const QString& line : std::as_const(m_said)) {
+            if (line.startsWith(QLatin1String("warning: ")))
+                warnings << line.mid(9);
+        }
+        m_warning = warnings.join(QLatin1Char(' '));
+        m_treeName = QStringLiteral("Rock Ridge");
+    } else {
+        // A listing the tool completed is shown, with its complaints about
+        // the image's structure as a warning.
+        const QStringList reasons = Extraction::Reasons(m_said);
+        if (!m_succeeded && m_reader->Finished() && result == CRunCommandThread::Result::Failed &&
+            m_runner->ExitCode() == 2 && OnlyHeaderComplaints(reasons)) {
+            m_succeeded = true;
+            m_warning = QStringLiteral("%1 reported: %2.")
+                            .arg(archiveToolName(), reasons.join(QStringLiteral(", ")));
+        }
+        const bool openedAsUdf =
+            std::any_of(m_said.cbegin(), m_said.cend(), [](const QString& line) {
+                return line.trimmed() == QLatin1String("Type = Udf");
+            });
+        m_treeName = IsoProbe::TreeName(m_trees, openedAsUdf);
+    }
     if (!m_succeeded) {
         const QString title = m_tree.title;
         m_tree.Clear();
         m_tree.title = title;
+        m_treeName.clear();
+        m_warning.clear();
         m_message = QStringLiteral("The image could not be opened. %1")
-                        .arg(archiveFailure(*m_runner, m_said));
+                        .arg(m_byReader ? readerFailure(*m_runner, m_said)
+                                        : archiveFailure(*m_runner, m_said));
     }
     m_leftOut = m_reader->LeftOut();
     m_said.clear();
@@ -170,35 +238,22 @@ void CExtractJob::Extract(const ItemTree* contents)
     }
     staging.setAutoRemove(false);
     m_staging = staging.path();
-    m_links.clear();
-    m_linksUnknown.clear();
-
-    const QString xorriso = ToolLocator::Find(ToolLocator::Tool::Xorriso);
-    if (xorriso.isEmpty()) {
-        m_linksUnknown = QStringLiteral("xorriso was not found");
-        StartArchive();
+    const bool rockRidge = IsoProbe::Read(m_image).rockRidge;
+    const QString reader = rockRidge ? ToolLocator::Find(ToolLocator::Tool::IsoReader) : QString();
+    m_byReader = !reader.isEmpty();
+    if (m_byReader) {
+        StartReader(reader);
         return;
     }
-    m_runner = new CRunCommandThread;
-    connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) { m_lines << line; });
-    connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnLinksListed);
-    m_runner->SetCommand(xorriso, Extraction::LinkArguments(m_image));
-    m_runner->StartCommand();
-}
-
-void CExtractJob::OnLinksListed()
-{
-    std::optional<std::vector<Extraction::Link>> links;
-    if (m_runner->GetResult() == CRunCommandThread::Result::Success)
-        links = Extraction::ParseLinks(m_lines);
-    if (links)
-        m_links = Extraction::LinksWithin(*links, m_entries);
-    else if (m_runner->GetResult() == CRunCommandThread::Result::Success)
-        m_linksUnknown = QStringLiteral("xorriso's list of them could not be read");
-    else
-        m_linksUnknown = m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
-    CRunCommandThread::Dispose(m_runner);
-    m_lines.clear();
+    if (rockRidge) {
+        // The archive tool would turn the image's links into empty files.
+        Extraction::RemoveTree(m_staging);
+        m_staging.clear();
+        FinishLater(false,
+                    QStringLiteral("Nothing was extracted. Brenta's reader of Rock Ridge images "
+                                   "(brenta-isoread) is not installed."));
+        return;
+    }
     StartArchive();
 }
 
@@ -209,6 +264,16 @@ void CExtractJob::StartArchive()
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnFinished);
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
                          Extraction::Arguments(m_image, m_staging, m_entries));
+    m_runner->StartCommand();
+}
+
+void CExtractJob::StartReader(const QString& reader)
+{
+    m_runner = new CRunCommandThread;
+    connect(m_runner, &CRunCommandThread::standoutputline, this, &CExtractJob::OnLine);
+    connect(m_runner, &CRunCommandThread::sigfinished, this, &CExtractJob::OnFinished);
+    m_runner->SetCommand(reader,
+                         QStringList{QStringLiteral("extract"), m_image, m_staging} + m_entries);
     m_runner->StartCommand();
 }
 
@@ -227,7 +292,7 @@ void CExtractJob::Stop()
     // into the folder again after the removal.
     CRunCommandThread::StopAndWait(m_runner);
     if (!m_staging.isEmpty())
-        QDir(m_staging).removeRecursively();
+        Extraction::RemoveTree(m_staging);
     m_staging.clear();
 }
 
@@ -240,30 +305,78 @@ void CExtractJob::OnLine(const QString& line)
 
 void CExtractJob::OnFinished()
 {
-    // The tool refuses links that point out of its output folder and ends
-    // with an error for them alone; the job makes those links itself.
+    if (m_byReader) {
+        OnReaderFinished();
+        return;
+    }
     const CRunCommandThread::Result result = m_runner->GetResult();
-    const bool toolOk = (result == CRunCommandThread::Result::Success && Extraction::OutputSaysOk(m_lines)) ||
-                        (result == CRunCommandThread::Result::Failed && m_runner->ExitCode() == 2 &&
-                         Extraction::OnlyLinksRefused(Extraction::Reasons(m_lines), m_links));
+    const QStringList reasons = Extraction::Reasons(m_lines);
+    const bool headersOnly = result == CRunCommandThread::Result::Failed &&
+                             m_runner->ExitCode() == 2 && OnlyHeaderComplaints(reasons);
+    const bool toolOk =
+        (result == CRunCommandThread::Result::Success && Extraction::OutputSaysOk(m_lines)) ||
+        headersOnly;
     const QString failure = toolOk ? QString() : archiveFailure(*m_runner, m_lines);
     m_runner->deleteLater();
     m_runner = nullptr;
     m_lines.clear();
-
     if (!toolOk) {
-        QDir(m_staging).removeRecursively();
+        Extraction::RemoveTree(m_staging);
         m_staging.clear();
         Finish(false, QStringLiteral("Extracting failed. %1").arg(failure));
         return;
     }
+    PlaceExtracted(QStringList(),
+                   headersOnly ? QStringLiteral("%1 reported: %2.")
+                                     .arg(archiveToolName(), reasons.join(QStringLiteral(", ")))
+                               : QString());
+}
+
+void CExtractJob::OnReaderFinished()
+{
+    // Exit status 2: every entry was written except those it names.
+    const CRunCommandThread::Result result = m_runner->GetResult();
+    const bool readerOk =
+        result == CRunCommandThread::Result::Success ||
+        (result == CRunCommandThread::Result::Failed && m_runner->ExitCode() == 2);
+    const QString failure = readerOk ? QString() : readerFailure(*m_runner, m_lines);
+    QStringList notWritten;
+    QStringList notWrittenPaths;
+    for (const QString& line : std::as_const(m_lines)) {
+        if (!line.startsWith(QLatin1String("failed: ")))
+            continue;
+        notWritten << line.mid(8);
+        notWrittenPaths << line.mid(8).section(QStringLiteral(": "), 0, 0);
+    }
+    m_runner->deleteLater();
+    m_runner = nullptr;
+    m_lines.clear();
+    if (!readerOk) {
+        Extraction::RemoveTree(m_staging);
+        m_staging.clear();
+        Finish(false, QStringLiteral("Extracting failed. %1").arg(failure));
+        return;
+    }
+    PlaceExtracted(notWrittenPaths,
+                   notWritten.isEmpty()
+                       ? QString()
+                       : QStringLiteral("%1 could not be extracted (everything else was): %2.")
+                             .arg(notWritten.size() == 1
+                                      ? QStringLiteral("1 entry")
+                                      : QStringLiteral("%1 entries").arg(notWritten.size()),
+                                  notWritten.join(QStringLiteral("; "))));
+}
+
+void CExtractJob::PlaceExtracted(const QStringList& notWritten, const QString& notice)
+{
     QStringList entries = m_entries;
     if (entries.isEmpty()) {
         entries = QDir(m_staging).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
                                                 QDir::NoDotAndDotDot,
                                             QDir::Name);
     }
-    const QStringList linksNotMade = Extraction::PlaceLinks(m_staging, m_links);
+    for (const QString& path : notWritten)
+        entries.removeAll(path);
     const Extraction::MoveResult moved = Extraction::MoveUp(m_staging, entries, m_destination);
     m_staging.clear();
     m_placed = moved.placed;
@@ -271,19 +384,9 @@ void CExtractJob::OnFinished()
         Finish(false, QStringLiteral("Extracting failed. %1").arg(moved.message));
         return;
     }
-    QString notice;
-    if (!m_linksUnknown.isEmpty()) {
-        notice = QStringLiteral("Symbolic links could not be looked for (%1): any in the image came out as "
-                                "empty files.")
-                     .arg(m_linksUnknown);
-    } else if (!linksNotMade.isEmpty()) {
-        const QString count = linksNotMade.size() == 1
-                                  ? QStringLiteral("1 symbolic link")
-                                  : QStringLiteral("%1 symbolic links").arg(linksNotMade.size());
-        notice = QStringLiteral("%1 could not be extracted: %2.")
-                     .arg(count, linksNotMade.join(QStringLiteral(", ")));
-    }
-    Finish(true, notice);
+    // Entries the reader could not write make the extraction a failure that
+    // names them; the archive tool's complaints about headers do not.
+    Finish(notWritten.isEmpty(), notice);
 }
 
 void CExtractJob::Finish(bool succeeded, const QString& message)

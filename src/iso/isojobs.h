@@ -10,6 +10,7 @@
 
 #include "iso/extraction.h"
 #include "iso/imagebuild.h"
+#include "iso/isoprobe.h"
 #include "iso/listing.h"
 
 class CFileCopy;
@@ -19,8 +20,10 @@ class ScratchFolder;
 class CRunCommandThread;
 class ItemTree;
 
-// Lists an image into an item tree with the archive tool. Used alike by the
-// pages and by the command line.
+// Lists an image into an item tree. An image with a Rock Ridge tree is read
+// by Brenta's own reader, which shows that tree exactly; any other by the
+// archive tool (its UDF or Joliet tree, or the plain ISO 9660 one). Used
+// alike by the pages and by the command line.
 class CListJob final : public QObject
 {
     Q_OBJECT
@@ -40,8 +43,15 @@ public:
     // Entries whose names would lead outside a folder they are extracted
     // to; they are not in the tree.
     QStringList LeftOut() const { return m_leftOut; }
-    // Records the files in the tool's order too (from the next Start()).
+    // Records the files in the archive tool's order too (from the next
+    // Start()): the order in which it writes their data when it extracts
+    // them all to standard output. The listing then comes from that tool.
     void RecordFiles(std::vector<Listing::FileSpan>* files) { m_files = files; }
+    // The tree shown: "Rock Ridge", "UDF", "Joliet" or "ISO 9660"; after success.
+    QString Tree() const { return m_treeName; }
+    // After success: what the reader complained about in an image it could
+    // still list completely (damaged headers, data after the end), or empty.
+    QString Warning() const { return m_warning; }
 
 Q_SIGNALS:
     void finished();
@@ -50,6 +60,10 @@ private:
     void OnFinished();
 
     ItemTree& m_tree;
+    bool m_byReader = false; // Brenta's Rock Ridge reader, not the archive tool
+    QString m_treeName;
+    QString m_warning;
+    IsoProbe::Trees m_trees;
     std::vector<Listing::FileSpan>* m_files = nullptr;
     CRunCommandThread* m_runner = nullptr;
     std::unique_ptr<Listing::Reader> m_reader;
@@ -63,10 +77,10 @@ private:
 // receives the entries themselves: the tool writes into a hidden staging
 // folder inside the destination, and the entries are then moved up under free
 // names, so nothing that was there before is ever overwritten or deleted.
-// The staging folder goes at the end, whatever the outcome. The archive tool
-// leaves Rock Ridge symbolic links as empty files (or changes their targets):
-// the job asks xorriso for the image's links and makes each one itself, with
-// its target exactly as stored, and says which it could not make.
+// The staging folder goes at the end, whatever the outcome. An image with a
+// Rock Ridge tree is extracted by Brenta's own reader (links as links, modes
+// and times kept, entries it cannot write named); any other by the archive
+// tool.
 class CExtractJob final : public QObject
 {
     Q_OBJECT
@@ -98,10 +112,13 @@ Q_SIGNALS:
 private:
     void OnListed();
     void Extract(const ItemTree* contents);
-    void OnLinksListed();
     void StartArchive();
+    void StartReader(const QString& reader);
     void OnLine(const QString& line);
     void OnFinished();
+    void OnReaderFinished();
+    // Moves what was extracted up into the destination, all but `notWritten`.
+    void PlaceExtracted(const QStringList& notWritten, const QString& notice);
     // Ends the run now, or from the event loop when called while starting, so
     // that a caller that starts and then waits always sees the signal.
     void Finish(bool succeeded, const QString& message);
@@ -117,8 +134,7 @@ private:
     QString m_staging;
     QStringList m_entries;
     QStringList m_lines;
-    std::vector<Extraction::Link> m_links; // the links among the entries
-    QString m_linksUnknown; // why the links could not be looked for
+    bool m_byReader = false;
     bool m_succeeded = false;
     QString m_message;
     QStringList m_placed;

@@ -94,6 +94,9 @@ void CPage2::OnUnzipFinished()
     else if (const QStringList leftOut = m_list->LeftOut(); !leftOut.isEmpty())
         Util::ShowMessage(QStringLiteral("Not shown, because the names lead outside the image's folders: %1")
                               .arg(leftOut.join(QStringLiteral(", "))));
+    else if (!m_list->Warning().isEmpty())
+        Util::ShowMessage(QStringLiteral("The image was read completely, with a warning: %1")
+                              .arg(m_list->Warning()));
     Q_EMIT listingFinished(succeeded);
 }
 

@@ -32,6 +32,8 @@ ToolNames namesOf(Tool tool)
         return {"usbhelper", "brenta-usb-helper", {}};
     case Tool::Xorriso:
         return {"xorriso", "xorriso", {QStringLiteral("xorriso")}};
+    case Tool::IsoReader:
+        return {"isoread", "brenta-isoread", {}};
     }
     return {"", "", {}};
 }
@@ -55,10 +57,11 @@ QStringList Candidates(Tool tool)
     if (!toolsDir.isEmpty())
         places << toolsDir + QLatin1Char('/') + relative;
     places << Util::AppDir() + QLatin1Char('/') + relative;
-    if (tool == Tool::UsbHelper) {
+    if (tool == Tool::UsbHelper || tool == Tool::IsoReader) {
         // Beside the program in a build tree, else where it is installed.
         places << Util::AppDir() + QLatin1Char('/') + QLatin1String(names.name);
-        places << QStringLiteral(BRENTA_USB_HELPER_INSTALLED);
+        places << QString::fromUtf8(tool == Tool::UsbHelper ? BRENTA_USB_HELPER_INSTALLED
+                                                            : BRENTA_ISOREAD_INSTALLED);
     }
     for (const QString& name : names.onPath) {
         const QString found = QStandardPaths::findExecutable(name);

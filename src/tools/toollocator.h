@@ -7,11 +7,12 @@
 // found wins, in this order: $BRENTA_TOOLS_DIR/<folder>/<name>, then
 // <application directory>/<folder>/<name>, then the usual names on PATH.
 // BRENTA_TOOLS_DIR is also how tests put stand-ins in place of the disc tools.
-// The USB helper is looked for beside Brenta and where it is installed
-// instead of on PATH.
+// Brenta's own programs (the USB helper, the Rock Ridge reader) are looked for beside Brenta and
+// where it is installed instead of on PATH.
 namespace ToolLocator {
 
-enum class Tool {
+enum class Tool
+{
     Archive,      // 7-Zip: lists and extracts image contents
     ImageBuilder, // mkisofs or genisoimage: builds images
     DiscWriter,   // cdrecord or wodim: bus scan, burn, eject
@@ -19,6 +20,7 @@ enum class Tool {
     WimTool,      // wimlib-imagex: splits an installer image into parts
     UsbHelper,    // brenta-usb-helper: does what needs root on a USB stick
     Xorriso,      // xorriso: reads an image's Rock Ridge tree (symbolic links)
+    IsoReader,    // brenta-isoread: lists and extracts Rock Ridge trees exactly
 };
 
 // The full path of the tool, or an empty string when it is nowhere to be found.

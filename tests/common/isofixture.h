@@ -43,13 +43,16 @@ inline QString SparseFile(const QString& path, qint64 mebibytes)
     return path;
 }
 
-// kind: "joliet" (Joliet + Rock Ridge) or "udf". Returns the image path, or an
-// empty string with the builder's words in *error.
+// kind: "joliet" (Joliet + Rock Ridge), "joliet only" or "udf" (UDF + Rock
+// Ridge). Returns the image path, or an empty string with the builder's words
+// in *error.
 inline QString Build(const QString& source, const QString& image, const QString& kind, QString* error)
 {
     QStringList arguments{QStringLiteral("-quiet"), QStringLiteral("-o"), image};
     if (kind == QLatin1String("udf"))
         arguments << QStringLiteral("-udf") << QStringLiteral("-R");
+    else if (kind == QLatin1String("joliet only"))
+        arguments << QStringLiteral("-J") << QStringLiteral("-joliet-long");
     else
         arguments << QStringLiteral("-J") << QStringLiteral("-R") << QStringLiteral("-joliet-long");
     arguments << source;
