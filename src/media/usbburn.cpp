@@ -1009,14 +1009,20 @@ void CUsbBurnJob::OnListed()
     // through UEFI: that boot image's /EFI tree goes onto it too.
     m_efiOffset = 0;
     m_efiLength = 0;
-    if (const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(m_options.image);
-        catalog && !catalog->efiEntries.empty()) {
+    const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(m_options.image);
+    // The first EFI entry, the default one included (an image may have no other).
+    const auto efi = catalog ? std::find_if(catalog->entries.cbegin(), catalog->entries.cend(),
+                                            [](const ElTorito::Entry& entry) {
+                                                return entry.platform == ElTorito::kPlatformEfi;
+                                            })
+                             : std::vector<ElTorito::Entry>::const_iterator();
+    if (catalog && efi != catalog->entries.cend()) {
         QFile file(m_options.image);
         if (file.open(QIODevice::ReadOnly)) {
             const auto read = [&file](qint64 offset, int length, char* buffer) {
                 return file.seek(offset) && file.read(buffer, length) == length;
             };
-            const ElTorito::Entry& entry = catalog->efiEntries.front();
+            const ElTorito::Entry& entry = *efi;
             const BootSetup::Measure measure = BootSetup::MeasureEntry(entry, true, read, imageSize);
             // Read whole into memory when copied; EFI boot images are a few MiB.
             if (measure.length > 0 && measure.length <= (256 << 20)) {
