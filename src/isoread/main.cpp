@@ -32,6 +32,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <map>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -359,7 +360,10 @@ public:
     {
         std::vector<Node> children;
         std::string why;
-        Image::Children(folder, children, why);
+        // The reader must not open a damaged folder twice: it does not
+        // survive the second try.
+        if (!Image::Children(folder, children, why))
+            m_unreadable[prefix] = why;
         for (Node& node : children) {
             const std::string path = prefix.empty() ? node.name : prefix + '/' + node.name;
             const bool wanted = inside || m_everything || m_wanted.count(path) > 0;
@@ -377,6 +381,10 @@ public:
     {
         std::vector<Node> children;
         std::string why;
+        if (const auto unreadable = m_unreadable.find(prefix); unreadable != m_unreadable.end()) {
+            Fail(prefix, "the folder cannot be read from the image (" + unreadable->second + ")");
+            return;
+        }
         if (!Image::Children(folder, children, why))
             Fail(prefix, "the folder cannot be read from the image (" + why + ")");
         for (Node& node : children) {
@@ -547,6 +555,7 @@ private:
     std::set<std::string> m_wanted;
     std::set<std::string> m_above;
     std::set<std::string> m_found;
+    std::map<std::string, std::string> m_unreadable; // folder → why, found while measuring
     bool m_everything = false;
     int64_t m_total = 0;
     int64_t m_done = 0;
