@@ -194,33 +194,43 @@ Steps burnWithBrenta(const QString& image, const QString& loop, UsbPlan::FileSys
     return steps;
 }
 
-Steps imageWithBrenta(const QString& image, const QString& loop)
+// Times the steps of a burn as the job enters them.
+struct StepClock
 {
     Steps steps;
-    CUsbBurnJob job;
     QElapsedTimer timer;
     QString current;
-    const auto close = [&] {
+
+    void Close()
+    {
         if (!current.isEmpty())
             steps[current] += seconds(timer);
         timer.restart();
-    };
-    QObject::connect(&job, &CUsbBurnJob::phase, [&](CUsbBurnJob::Phase phase) {
-        close();
+    }
+    void Enter(CUsbBurnJob::Phase phase)
+    {
+        Close();
         current = phase == CUsbBurnJob::Phase::Checking  ? QStringLiteral("0 check")
                   : phase == CUsbBurnJob::Phase::Writing ? QStringLiteral("1 write")
                                                          : QStringLiteral("2 verify");
-    });
+    }
+};
+
+Steps imageWithBrenta(const QString& image, const QString& loop)
+{
+    CUsbBurnJob job;
+    StepClock clock;
+    QObject::connect(&job, &CUsbBurnJob::phase, [&](CUsbBurnJob::Phase phase) { clock.Enter(phase); });
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = loop;
     options.autoMode = false;
     options.mode = UsbPlan::WriteMode::Image;
     dropCaches();
-    timer.start();
+    clock.timer.start();
     if (planAndBurn(job, options))
-        close();
-    return steps;
+        clock.Close();
+    return clock.steps;
 }
 
 // The same image to several loop devices at once, from one read of it: the
@@ -231,27 +241,15 @@ Steps imageToSeveral(const QString& image, const QStringList& loops)
     CUsbMultiBurnJob job;
     QSignalSpy planned(&job, &CUsbMultiBurnJob::planned);
     QSignalSpy finished(&job, &CUsbMultiBurnJob::finished);
-    Steps steps;
-    QElapsedTimer timer;
-    QString current;
-    const auto close = [&] {
-        if (!current.isEmpty())
-            steps[current] += seconds(timer);
-        timer.restart();
-    };
+    StepClock clock;
     // The job shows the stick furthest behind, so a phase ends for the last stick.
-    QObject::connect(&job, &CUsbMultiBurnJob::phase, [&](CUsbBurnJob::Phase phase) {
-        close();
-        current = phase == CUsbBurnJob::Phase::Checking  ? QStringLiteral("0 check")
-                  : phase == CUsbBurnJob::Phase::Writing ? QStringLiteral("1 write")
-                                                         : QStringLiteral("2 verify");
-    });
+    QObject::connect(&job, &CUsbMultiBurnJob::phase, [&](CUsbBurnJob::Phase phase) { clock.Enter(phase); });
     CUsbBurnJob::Options options;
     options.image = image;
     options.autoMode = false;
     options.mode = UsbPlan::WriteMode::Image;
     dropCaches();
-    timer.start();
+    clock.timer.start();
     job.Plan(options, loops);
     planned.wait(600000);
     if (!planned.first().at(0).toBool()) {
@@ -260,12 +258,12 @@ Steps imageToSeveral(const QString& image, const QStringList& loops)
     }
     job.Burn();
     finished.wait(3600000);
-    close();
+    clock.Close();
     if (!finished.first().at(0).toBool()) {
         std::fprintf(stderr, "burn failed:\n%s\n", qPrintable(finished.first().at(1).toString()));
         return Steps();
     }
-    return steps;
+    return clock.steps;
 }
 
 // dd, then the two hashes one after the other, as typed at a prompt; the

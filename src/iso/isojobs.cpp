@@ -321,9 +321,7 @@ void CExtractJob::OnFinished()
     m_runner = nullptr;
     m_lines.clear();
     if (!toolOk) {
-        Extraction::RemoveTree(m_staging);
-        m_staging.clear();
-        Finish(false, QStringLiteral("Extracting failed. %1").arg(failure));
+        Fail(failure);
         return;
     }
     PlaceExtracted(QStringList(),
@@ -352,9 +350,7 @@ void CExtractJob::OnReaderFinished()
     m_runner = nullptr;
     m_lines.clear();
     if (!readerOk) {
-        Extraction::RemoveTree(m_staging);
-        m_staging.clear();
-        Finish(false, QStringLiteral("Extracting failed. %1").arg(failure));
+        Fail(failure);
         return;
     }
     PlaceExtracted(notWrittenPaths,
@@ -365,6 +361,13 @@ void CExtractJob::OnReaderFinished()
                                       ? QStringLiteral("1 entry")
                                       : QStringLiteral("%1 entries").arg(notWritten.size()),
                                   notWritten.join(QStringLiteral("; "))));
+}
+
+void CExtractJob::Fail(const QString& failure)
+{
+    Extraction::RemoveTree(m_staging);
+    m_staging.clear();
+    Finish(false, QStringLiteral("Extracting failed. %1").arg(failure));
 }
 
 void CExtractJob::PlaceExtracted(const QStringList& notWritten, const QString& notice)

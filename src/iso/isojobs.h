@@ -117,6 +117,8 @@ private:
     void OnLine(const QString& line);
     void OnFinished();
     void OnReaderFinished();
+    // Ends with the reader's or the tool's failure, its output removed.
+    void Fail(const QString& failure);
     // Moves what was extracted up into the destination, all but `notWritten`.
     void PlaceExtracted(const QStringList& notWritten, const QString& notice);
     // Ends the run now, or from the event loop when called while starting, so
