@@ -4,6 +4,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
 #include <vector>
 
 class CRunCommandThread;
@@ -43,6 +44,18 @@ struct BootReport
 QStringList ReportArguments(const QString& image);
 BootReport ParseReport(const QStringList& lines);
 
+// xorriso's arguments for writing `image` with `changes` applied into
+// `part`. `joliet` and `rockRidge` say which trees the original has, so that
+// the new image has the same. `alignCylinders` pads the image to whole
+// cylinders, which lets xorriso lay out some partition tables it otherwise
+// refuses to rebuild (grub-mkrescue's GPT with HFS+ and an EFI partition).
+QStringList SaveArguments(const QString& image, const std::vector<Change>& changes, const QString& part,
+                          bool joliet, bool rockRidge, bool alignCylinders = false);
+
+// The progress in xorriso's "UPDATE : Writing: ... 45.6%" line, in
+// hundredths of a percent; nothing for other lines.
+std::optional<int> ParseProgress(const QString& line);
+
 } // namespace ImageSave
 
 // Runs xorriso for one save: the new image is written into a part file beside
@@ -71,7 +84,17 @@ Q_SIGNALS:
     void finished();
 
 private:
+    void Run();
+    void OnLine(const QString& line);
+    void OnFinished();
+
     CRunCommandThread* m_runner = nullptr;
+    QString m_image;
+    std::vector<ImageSave::Change> m_changes;
+    bool m_joliet = false;
+    bool m_rockRidge = true;
+    bool m_alignCylinders = false;
+    QStringList m_complaints; // xorriso's SORRY and FAILURE lines
     QString m_output;
     QString m_part;
     bool m_succeeded = false;
