@@ -1,0 +1,319 @@
+// Saves images of the shapes users bring through the save job and the real
+// xorriso, and checks the result with xorriso's own reports: the same El
+// Torito entries and system area as the original, the original's tree with
+// the changes, Rock Ridge links and Joliet kept.
+
+#include <QtTest>
+
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include "common/bootcatalogs.h"
+#include "common/hybridimage.h"
+#include "common/isofixture.h"
+#include "iso/imagesave.h"
+#include "iso/isoprobe.h"
+
+using ImageSave::Change;
+
+namespace {
+
+QStringList xorriso(const QStringList& arguments)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QStandardPaths::findExecutable(QStringLiteral("xorriso")), arguments);
+    process.waitForFinished(120000);
+    return QString::fromUtf8(process.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+// The boot setup as xorriso reports it, without what a new layout moves:
+// block addresses, sizes, GUIDs, and whether the image was padded to whole
+// cylinders.
+QStringList bootSetup(const QString& image)
+{
+    QStringList setup;
+    static const QRegularExpression kept(QStringLiteral(
+        "^(Volume id|El Torito (cat path|img path|img opts)|System area summary|GPT partname local|GPT type GUID|"
+        "APM partition (name|type)|MBR partition table)"));
+    static const QRegularExpression addressed(QStringLiteral("^(El Torito boot img|MBR partition      )"));
+    for (QString line : xorriso({"-indev", image, "-report_el_torito", "plain", "-report_system_area", "plain"})) {
+        line = line.simplified();
+        if (line.contains(kept)) {
+            setup << line.replace(QStringLiteral("cyl-align-on"), QStringLiteral("cyl-align-off"));
+        } else if (line.contains(addressed)) {
+            // N, bootable or status, platform or type, emulation...: all but
+            // the address and size at the end.
+            QStringList fields = line.split(QLatin1Char(' '));
+            setup << fields.mid(0, fields.size() - (line.startsWith(QLatin1String("MBR")) ? 2 : 1)).join(' ');
+        }
+    }
+    return setup;
+}
+
+// Every entry as type, path and link target: "d /docs", "l /docs/latest.txt -> readme.txt".
+QStringList tree(const QString& image)
+{
+    static const QRegularExpression entry(QStringLiteral("^([-dlbcps])[-rwxsStT]{9}\\s.*?'(/[^']*)'(?: -> '(.*)')?$"));
+    QStringList entries;
+    for (const QString& line : xorriso({"-indev", image, "-find", "/", "-exec", "lsdl", "--"})) {
+        const QRegularExpressionMatch match = entry.match(line);
+        if (!match.hasMatch())
+            continue;
+        QString text = match.captured(1) + ' ' + match.captured(2);
+        if (!match.captured(3).isEmpty())
+            text += " -> " + match.captured(3);
+        entries << text;
+    }
+    entries.sort();
+    return entries;
+}
+
+// What the original's tree becomes with the changes: `from` renamed to `to`,
+// `deleted` gone, `added` (a file) added.
+QStringList changedTree(QStringList entries, const QString& from, const QString& to, const QString& deleted,
+                        const QString& added)
+{
+    QStringList result;
+    for (QString entry : entries) {
+        const QString path = entry.section(' ', 1, 1);
+        if (path == deleted || path.startsWith(deleted + '/'))
+            continue;
+        if (path == from || path.startsWith(from + '/'))
+            entry.replace(2, from.size(), to);
+        result << entry;
+    }
+    result << "- " + added;
+    result.sort();
+    return result;
+}
+
+bool save(const QString& image, const std::vector<Change>& changes, const QString& output, QString* message)
+{
+    CImageSaveJob job;
+    QSignalSpy finished(&job, &CImageSaveJob::finished);
+    job.Start(image, changes, output);
+    if (!finished.wait(180000))
+        return false;
+    *message = job.Message();
+    return job.Succeeded();
+}
+
+Change added(const QString& source, const QString& path)
+{
+    Change change;
+    change.kind = Change::Kind::Add;
+    change.source = source;
+    change.path = path;
+    return change;
+}
+
+Change renamed(const QString& path, const QString& newPath)
+{
+    Change change;
+    change.kind = Change::Kind::Rename;
+    change.path = path;
+    change.newPath = newPath;
+    return change;
+}
+
+Change deleted(const QString& path)
+{
+    Change change;
+    change.kind = Change::Kind::Delete;
+    change.path = path;
+    return change;
+}
+
+QStringList partFiles(const QString& dir)
+{
+    return QDir(dir).entryList({"*.part"}, QDir::Files | QDir::Hidden);
+}
+
+// A 1.44 MB diskette image as the BIOS entry, built by the image builder.
+QString disketteImage(const QString& dir, QString* error)
+{
+    const QString tree = dir + "/floppy-tree";
+    if (!IsoFixture::WriteTree(tree, HybridImage::detail::contents(), {"boot"})
+        || !HybridImage::detail::run("mkfs.vfat", {"-C", tree + "/boot/floppy.img", "1440"}, error))
+        return QString();
+    const QString image = dir + "/floppy.iso";
+    return HybridImage::detail::run("genisoimage", {"-quiet", "-R", "-J", "-o", image, "-b", "boot/floppy.img",
+                                                    "-c", "boot/boot.cat", tree},
+                                    error)
+               ? image
+               : QString();
+}
+
+// genisoimage's own no-emulation entry with a boot-info table.
+QString genisoimageBoot(const QString& dir, QString* error)
+{
+    const QString tree = dir + "/plain-tree";
+    QMap<QString, QByteArray> files = HybridImage::detail::contents();
+    files.insert("boot/loader.bin", BootCatalogs::pattern(5001, 3));
+    if (!IsoFixture::WriteTree(tree, files))
+        return QString();
+    const QString image = dir + "/plain.iso";
+    return HybridImage::detail::run("genisoimage",
+                                    {"-quiet", "-R", "-J", "-o", image, "-b", "boot/loader.bin", "-no-emul-boot",
+                                     "-boot-load-size", "4", "-boot-info-table", "-c", "boot/boot.cat", tree},
+                                    error)
+               ? image
+               : QString();
+}
+
+} // namespace
+
+class TestImageSave : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void shapes_data();
+    void shapes();
+    void literalNames();
+    void failureKeepsOutput();
+    void stop();
+};
+
+void TestImageSave::initTestCase()
+{
+    if (QStandardPaths::findExecutable(QStringLiteral("xorriso")).isEmpty())
+        QSKIP("xorriso is not installed");
+}
+
+void TestImageSave::shapes_data()
+{
+    QTest::addColumn<QString>("shape");
+    QTest::addColumn<QString>("renameFrom"); // absolute, as xorriso lists it
+    QTest::addColumn<QStringList>("bootFiles");
+
+    QTest::newRow("isohybrid with links") << "isolinux" << "/docs"
+                                          << QStringList{"isolinux/boot.cat", "isolinux/isolinux.bin", "boot/efi.img"};
+    QTest::newRow("grub-mkrescue") << "grub" << "/docs/readme.txt"
+                                   << QStringList{"boot.catalog", "boot/grub/i386-pc/eltorito.img", "efi.img"};
+    QTest::newRow("genisoimage boot-info table") << "plain" << "/docs/readme.txt"
+                                                 << QStringList{"boot/boot.cat", "boot/loader.bin"};
+    QTest::newRow("diskette entry") << "floppy" << "/docs"
+                                    << QStringList{"boot/boot.cat", "boot/floppy.img"};
+    QTest::newRow("no boot record") << "data" << "/docs/readme.txt" << QStringList{};
+}
+
+void TestImageSave::shapes()
+{
+    QFETCH(QString, shape);
+    QFETCH(QString, renameFrom);
+    QFETCH(QStringList, bootFiles);
+
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QString error;
+    QString image;
+    if (shape == "isolinux")
+        image = HybridImage::Isolinux(dir.path(), &error, false);
+    else if (shape == "grub")
+        image = HybridImage::GrubRescue(dir.path(), &error);
+    else if (shape == "plain")
+        image = genisoimageBoot(dir.path(), &error);
+    else if (shape == "floppy")
+        image = disketteImage(dir.path(), &error);
+    else
+        image = HybridImage::Data(dir.path(), &error);
+    QVERIFY2(!image.isEmpty(), qPrintable(error));
+
+    const ImageSave::BootReport report =
+        ImageSave::ParseReport(xorriso(ImageSave::ReportArguments(image)));
+    QStringList found = report.bootFiles;
+    found.sort();
+    bootFiles.sort();
+    QCOMPARE(found, bootFiles);
+
+    const QString source = dir.filePath("new.txt");
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"new.txt", "added by the save\n"}}));
+    const QString renameTo = renameFrom + "-renamed";
+    const std::vector<Change> changes{added(source, "added/new.txt"), renamed(renameFrom.mid(1), renameTo.mid(1)),
+                                      deleted("data/blocks.bin")};
+    const QString output = dir.filePath("saved.iso");
+    QString message;
+    QVERIFY2(save(image, changes, output, &message), qPrintable(message));
+    QVERIFY(partFiles(dir.path()).isEmpty());
+
+    QCOMPARE(bootSetup(output), bootSetup(image));
+    QStringList expected = changedTree(tree(image), renameFrom, renameTo, "/data/blocks.bin", "/added/new.txt");
+    expected << "d /added";
+    expected.sort();
+    QCOMPARE(tree(output), expected);
+    QCOMPARE(IsoProbe::Read(output).joliet, IsoProbe::Read(image).joliet);
+}
+
+// Names that look like commands, options or patterns reach the image as they are.
+void TestImageSave::literalNames()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QString error;
+    const QString image = HybridImage::Data(dir.path(), &error);
+    QVERIFY2(!image.isEmpty(), qPrintable(error));
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"-rm_r", "x"}, {"--", "y"}}));
+    Change label;
+    label.kind = Change::Kind::Label;
+    label.label = "-end";
+    const std::vector<Change> changes{added(dir.filePath("-rm_r"), "-commit"), added(dir.filePath("--"), "docs/*"),
+                                      renamed("docs/readme.txt", "docs/--"), deleted("docs/*"), label};
+    const QString output = dir.filePath("saved.iso");
+    QString message;
+    QVERIFY2(save(image, changes, output, &message), qPrintable(message));
+    const QStringList entries = tree(output);
+    QVERIFY2(entries.contains("- /-commit") && entries.contains("- /docs/--") && !entries.contains("- /docs/*")
+                 && entries.contains("- /data/blocks.bin"),
+             qPrintable(entries.join(", ")));
+    QVERIFY(xorriso({"-indev", output}).contains("Volume id    : '-end'"));
+}
+
+// A change that cannot be made fails the save, and the file already at the
+// output stays as it was.
+void TestImageSave::failureKeepsOutput()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QString error;
+    const QString image = HybridImage::Data(dir.path(), &error);
+    QVERIFY2(!image.isEmpty(), qPrintable(error));
+    const QString output = dir.filePath("saved.iso");
+    QVERIFY(IsoFixture::WriteTree(dir.path(), {{"saved.iso", "the earlier save"}}));
+    QString message;
+    QVERIFY(!save(image, {deleted("docs/missing.txt")}, output, &message));
+    QVERIFY2(message.contains("missing.txt"), qPrintable(message));
+    QFile file(output);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    QCOMPARE(file.readAll(), QByteArray("the earlier save"));
+    QVERIFY(partFiles(dir.path()).isEmpty());
+}
+
+void TestImageSave::stop()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    QString error;
+    const QString image = HybridImage::Data(dir.path(), &error);
+    QVERIFY2(!image.isEmpty(), qPrintable(error));
+    const QString big = IsoFixture::SparseFile(dir.filePath("big.bin"), 3000);
+    QVERIFY(!big.isEmpty());
+    CImageSaveJob job;
+    QSignalSpy progress(&job, &CImageSaveJob::progress);
+    QSignalSpy finished(&job, &CImageSaveJob::finished);
+    job.Start(image, {added(big, "big.bin")}, dir.filePath("saved.iso"));
+    QVERIFY(progress.wait(60000));
+    QVERIFY(partFiles(dir.path()).size() == 1);
+    job.Stop();
+    QVERIFY(!job.IsRunning());
+    QVERIFY(partFiles(dir.path()).isEmpty());
+    QVERIFY(!QFileInfo::exists(dir.filePath("saved.iso")));
+    QTest::qWait(300);
+    QCOMPARE(finished.size(), 0);
+}
+
+QTEST_GUILESS_MAIN(TestImageSave)
+#include "tst_imagesave.moc"
