@@ -691,6 +691,8 @@ void TestExtract::readableDespiteComplaints_data()
                                                << "UDF"
                                                << "Headers Error"
                                                << "" << QStringList{"a", "c"};
+    QTest::newRow("a boot record that is not El Torito")
+        << "other boot record" << "Joliet" << "Headers Error" << "" << QStringList{"a.txt", "b.bin", "boot.cat"};
     // The archive tool fails the whole extraction; Brenta's reader only the cut file.
     QTest::newRow("Joliet image, a file past the end") << "joliet only"
                                                        << "Joliet"
@@ -722,6 +724,17 @@ void TestExtract::readableDespiteComplaints()
                       {"-quiet", "-udf", "-o", box.filePath("u.iso"), box.filePath("src")});
         QVERIFY(builder.waitForFinished(60000) && builder.exitCode() == 0);
         image = box.filePath("u.iso");
+    } else if (tree == "other boot record") {
+        QVERIFY(IsoFixture::WriteTree(box.filePath("src"), {{"a.txt", "a"}, {"b.bin", QByteArray(2048, 'b')}}));
+        image = box.filePath("other.iso");
+        QProcess builder;
+        builder.start("genisoimage", {"-quiet", "-J", "-b", "b.bin", "-c", "boot.cat", "-no-emul-boot", "-o", image,
+                                      box.filePath("src")});
+        QVERIFY(builder.waitForFinished(60000) && builder.exitCode() == 0);
+        // The boot record at sector 17 names another boot system.
+        QFile file(image);
+        QVERIFY(file.open(QIODevice::ReadWrite) && file.seek(17 * 2048 + 7));
+        QVERIFY(file.write(QByteArray("OTHER BOOT SYSTEM").leftJustified(32, '\0')) == 32);
     } else {
         QVERIFY(IsoFixture::WriteTree(box.filePath("src"),
                                       {{"a.txt", "a"}, {"big.bin", QByteArray(600000, 'x')}}));
