@@ -91,6 +91,8 @@ private Q_SLOTS:
     void measures();
     void carriesEveryEntryOver_data();
     void carriesEveryEntryOver();
+    void infoTableOfAnyLength_data();
+    void infoTableOfAnyLength();
     void editArgumentsEscapeGraftPoints();
 };
 
@@ -217,6 +219,41 @@ void TestBootSetup::carriesEveryEntryOver()
     for (const ElTorito::Entry& entry : catalog->entries)
         saved << ElTorito::PlatformName(entry.platform) + ' ' + BootCatalogs::FileAt(tree, output, entry.loadRba);
     QCOMPARE(saved, rebuilt);
+}
+
+void TestBootSetup::infoTableOfAnyLength_data()
+{
+    QTest::addColumn<QString>("builder");
+    QTest::addColumn<int>("length");
+    // GRUB's eltorito.img is 29,541 bytes: 1 more than a multiple of 4.
+    for (const QString builder : {"genisoimage", "xorriso"}) {
+        for (int length : {29540, 29541, 29542, 29543})
+            QTest::addRow("%s, %d bytes", qPrintable(builder), length) << builder << length;
+    }
+}
+
+// A loader of any length whose boot-info table the builders wrote is taken
+// whole and gets a fresh table, not cut to the sectors the BIOS loads.
+void TestBootSetup::infoTableOfAnyLength()
+{
+    QFETCH(QString, builder);
+    QFETCH(int, length);
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString tree = dir.filePath("tree");
+    QVERIFY(IsoFixture::WriteTree(tree, {{"boot/loader.bin", BootCatalogs::pattern(length, 4)}}));
+    const QString image = dir.filePath("image.iso");
+    QStringList arguments{"-quiet", "-o", image, "-b", "boot/loader.bin", "-no-emul-boot", "-boot-load-size", "4",
+                          "-boot-info-table", "-c", "boot/boot.cat", tree};
+    if (builder == "xorriso")
+        arguments = QStringList{"-as", "mkisofs"} + arguments;
+    QString error;
+    QVERIFY2(HybridImage::detail::run(builder, arguments, &error), qPrintable(error));
+
+    const BootSetup::Plan plan = BootSetup::Prepare(image, dir.filePath("boot"));
+    QCOMPARE(plan.images.size(), size_t(1));
+    QVERIFY(plan.images.front().infoTable);
+    QCOMPARE(QFileInfo(plan.images.front().path).size(), qint64(length));
 }
 
 // The image builder reads "=" in a graft point as the split between the name

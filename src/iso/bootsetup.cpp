@@ -35,7 +35,9 @@ bool isDiskette(ElTorito::Media media)
 }
 
 // The sum of the little-endian 32-bit words from byte 64 to the end, which a
-// boot-info table stores at byte 20.
+// boot-info table stores at byte 20. A last word cut short by the end of the
+// loader counts as padded with zeros, as the builders that write the table
+// sum it (GRUB's eltorito.img, for one, is 29,541 bytes long).
 bool infoTableChecksumMatches(const ReadFunction& read, qint64 start, qint64 length, quint32 expected)
 {
     quint32 sum = 0;
@@ -45,8 +47,10 @@ bool infoTableChecksumMatches(const ReadFunction& read, qint64 start, qint64 len
         chunk.resize(size);
         if (!read(start + at, size, chunk.data()))
             return false;
+        // Chunks are whole words but for the last one.
+        chunk.append(QByteArray((4 - size % 4) % 4, '\0'));
         const auto* p = reinterpret_cast<const unsigned char*>(chunk.constData());
-        for (int i = 0; i + 4 <= size; i += 4)
+        for (int i = 0; i + 4 <= chunk.size(); i += 4)
             sum += le32(p + i);
     }
     return sum == expected;
