@@ -2,6 +2,7 @@
 
 #include <QDebug>
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
 #include <QTimer>
@@ -9,11 +10,15 @@
 #include "app/util.h"
 #include "iso/extraction.h"
 #include "iso/isojobs.h"
+#include "iso/isoprobe.h"
+#include "iso/listing.h"
 #include "tools/filecopy.h"
 #include "tools/runcommandthread.h"
 #include "tools/toollocator.h"
 
 namespace {
+
+using Change = ImageSave::Change;
 
 constexpr QChar kSeparator = QLatin1Char('\\');
 // The archive tool shows an image's boot images as files of this folder; they
@@ -31,6 +36,29 @@ bool isPseudoBootFolder(const Item& item)
     return true;
 }
 
+void removePseudoBootFolder(ItemTree& tree)
+{
+    for (const auto& child : tree.Root().children) {
+        if (isPseudoBootFolder(*child)) {
+            tree.Remove(child->name);
+            return;
+        }
+    }
+}
+
+// An item's path as the changes name it: "/" between components.
+QString imagePath(const QString& name)
+{
+    QString path = name;
+    path.replace(kSeparator, QLatin1Char('/'));
+    return path;
+}
+
+bool isWithin(const QString& name, const QString& folder)
+{
+    return name == folder || name.startsWith(folder + kSeparator);
+}
+
 bool sameBytes(const QString& a, const QString& b)
 {
     QFile left(a);
@@ -44,25 +72,47 @@ bool sameBytes(const QString& a, const QString& b)
     return true;
 }
 
-QString archiveToolName()
+// A file of the working copy with the boot image's bytes, as a path relative
+// to the copy, or empty: the builder then points the catalogue at it instead
+// of adding the boot image as a file of its own.
+QString sameFileIn(const QString& root, const QString& bootImage)
 {
-    return ToolLocator::DisplayName(ToolLocator::Tool::Archive);
+    const qint64 size = QFileInfo(bootImage).size();
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        it.next();
+        if (it.fileInfo().size() == size && sameBytes(it.filePath(), bootImage))
+            return QDir(root).relativeFilePath(it.filePath());
+    }
+    return QString();
 }
 
 } // namespace
 
 CEditSession::CEditSession(QObject* parent) : QObject(parent)
 {
-    m_copier = std::make_unique<CFileCopy>();
     m_list = new CListJob(m_contents, this);
     connect(m_list, &CListJob::finished, this, &CEditSession::OnListed);
+    m_save = new CImageSaveJob(this);
+    connect(m_save, &CImageSaveJob::progress, this,
+            [this](int value) { Q_EMIT progress(Phase::Saving, value, 10000); });
+    connect(m_save, &CImageSaveJob::finished, this,
+            [this] { Finish(m_save->Succeeded(), m_save->Succeeded() ? QString() : m_save->Message()); });
     m_build = new CBuildJob(this);
     connect(m_build, &CBuildJob::progress, this,
-            [this](int value) { Q_EMIT progress(Phase::Building, value, 10000); });
-    // The build puts the image in place only when it is whole, so a failed
-    // save never costs the file that was there.
-    connect(m_build, &CBuildJob::finished, this, [this] {
-        Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message());
+            [this](int value) { Q_EMIT progress(Phase::Saving, value, 10000); });
+    connect(m_build, &CBuildJob::finished, this,
+            [this] { Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message()); });
+    m_exportJob = new CExtractJob(this);
+    connect(m_exportJob, &CExtractJob::progress, this, [this](int percent, const QString& entry) {
+        Q_EMIT progress(Phase::Exporting, percent, 100);
+        Q_EMIT exporting(entry);
+    });
+    connect(m_exportJob, &CExtractJob::finished, this, [this] {
+        if (!m_exportJob->Succeeded())
+            Finish(false, m_exportJob->Message());
+        else
+            StartExportCopies();
     });
     m_poll = new QTimer(this);
     m_poll->setInterval(100);
@@ -71,99 +121,203 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
 
 CEditSession::~CEditSession()
 {
-    m_poll->stop();
+    Stop();
     m_list->Stop();
-    if (m_extract) {
-        m_extract->terminate();
-        delete m_extract; // waits until the tool has ended
-    }
-    m_build->Stop();
-    m_exporter.reset();
-    // The worker is stopped and joined before its folders are removed; folders
-    // of earlier images whose removal it had not reached are removed here.
+    CRunCommandThread::Dispose(m_reporter);
+    CRunCommandThread::Dispose(m_count);
+    // The tool is waited for before its folder goes, so it writes nothing more.
+    CRunCommandThread::StopAndWait(m_extract);
     m_copier.reset();
-    m_retired.clear();
     m_dir.reset();
 }
 
 bool CEditSession::IsListing() const
 {
-    return m_list->IsRunning();
-}
-
-void CEditSession::RetireWorkingCopy()
-{
-    if (m_extract) {
-        // The tool is ended and waited for, so it writes nothing more.
-        m_extract->terminate();
-        delete m_extract;
-        m_extract = nullptr;
-    }
-    m_copier->ClearJobs();
-    m_pending.clear();
-    if (!m_dir)
-        return;
-    // Removing a large tree takes a while: the worker does it, and the folder
-    // stays this session's own (locked) until the session ends.
-    m_copier->AddJob(m_dir->Path(), QString(), CFileCopy::Delete);
-    m_retired.push_back(std::move(m_dir));
+    return !m_image.isEmpty() && !m_loaded && m_loadProblem.isEmpty();
 }
 
 void CEditSession::Load(const QString& image)
 {
     Stop();
     m_list->Stop();
-    RetireWorkingCopy();
+    CRunCommandThread::Dispose(m_reporter);
+    CRunCommandThread::Dispose(m_count);
+    CRunCommandThread::StopAndWait(m_extract);
+    m_copier.reset();
+    m_pending.clear();
+    m_dir.reset();
+    m_workingCopy.clear();
     m_image = image;
+    m_loaded = false;
+    m_relisting = false;
     m_loadProblem.clear();
     m_extractProgress = 0;
-    m_pseudoBootFolder = false;
     m_boot = BootSetup::Plan();
-
-    m_dir = std::make_unique<ScratchFolder>(QStringLiteral("edit"));
-    if (!m_dir->IsValid()) {
-        m_loadProblem = QStringLiteral("Cannot prepare a working folder in %1 (%2).")
-                            .arg(Util::ScratchDir(), m_dir->ErrorString());
-        m_contents.Clear();
-        QMetaObject::invokeMethod(this, [this] { Q_EMIT listed(false); }, Qt::QueuedConnection);
-        return;
-    }
-    m_workingCopy = m_dir->FilePath(QStringLiteral("contents"));
-    m_bootDir = m_dir->FilePath(QStringLiteral("boot"));
-    QDir().mkpath(m_workingCopy);
+    m_reportLines.clear();
+    m_report = ImageSave::BootReport();
+    m_changes.clear();
+    m_changeItems.clear();
+    m_way = ImageSave::Way::Xorriso;
+    m_label = BootSetup::VolumeLabel(image);
 
     m_list->Start(image);
 
-    m_boot = BootSetup::Prepare(image, m_bootDir);
-    m_label = BootSetup::VolumeLabel(image);
-    qDebug() << "CEditSession: boot images" << m_boot.images.size() << "problems" << m_boot.problems;
+    // The boot setup is read alongside: which files it names, so that an edit
+    // cannot take them away.
+    m_reporter = new CRunCommandThread;
+    CRunCommandThread* report = m_reporter;
+    connect(report, &CRunCommandThread::standoutputlines, this,
+            [this](const QStringList& lines) { m_reportLines << lines; });
+    connect(report, &CRunCommandThread::sigfinished, this, &CEditSession::OnReported);
+    report->SetCommand(ToolLocator::Find(ToolLocator::Tool::Xorriso), ImageSave::ReportArguments(image));
+    report->StartCommand();
 
-    m_extract = new CRunCommandThread;
-    connect(m_extract, &CRunCommandThread::standoutputline, this, &CEditSession::OnExtractLine);
-    connect(m_extract, &CRunCommandThread::sigfinished, this, &CEditSession::OnExtracted);
-    m_extract->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
-                          Extraction::Arguments(image, m_workingCopy, {}));
-    m_extract->StartCommand(QThread::InheritPriority);
+    // An image with a UDF tree is saved by xorriso only when its ISO 9660
+    // tree shows as much: the archive tool lists the UDF tree, Brenta's
+    // reader the ISO 9660 one (with or without Rock Ridge). The listing shown
+    // is one of the two; the other is only counted.
+    const IsoProbe::Trees trees = IsoProbe::Read(image);
+    m_needCount = trees.udf;
+    m_counted.reset();
+    if (!m_needCount)
+        return;
+    const QString reader = ToolLocator::Find(ToolLocator::Tool::IsoReader);
+    const bool shownByReader = trees.rockRidge && !reader.isEmpty();
+    m_countIsUdf = shownByReader;
+    if (!shownByReader && reader.isEmpty())
+        return; // nothing to compare with: the UDF tree is taken to be the image's
+    m_counted = std::make_unique<ItemTree>();
+    auto feeder = std::make_shared<Listing::Reader>(*m_counted);
+    m_count = new CRunCommandThread;
+    connect(m_count, &CRunCommandThread::standoutputlines, this, [feeder](const QStringList& lines) {
+        for (const QString& line : lines)
+            feeder->Feed(line);
+    });
+    connect(m_count, &CRunCommandThread::sigfinished, this, [this, feeder] {
+        if (m_count->GetResult() != CRunCommandThread::Result::Success || !feeder->Finished())
+            m_counted.reset();
+        OnCounted();
+    });
+    if (shownByReader)
+        m_count->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive), Listing::Arguments(image));
+    else
+        m_count->SetCommand(reader, {QStringLiteral("list"), image});
+    m_count->StartCommand();
+}
+
+void CEditSession::LoadFailed(const QString& problem)
+{
+    if (!m_loadProblem.isEmpty())
+        return;
+    m_loadProblem = problem;
+    m_list->Stop();
+    CRunCommandThread::Dispose(m_reporter);
+    CRunCommandThread::Dispose(m_count);
+    Q_EMIT listed(false);
 }
 
 void CEditSession::OnListed()
 {
+    if (!m_loadProblem.isEmpty())
+        return;
     if (!m_list->Succeeded()) {
-        m_loadProblem = m_list->Message();
-        Q_EMIT listed(false);
+        LoadFailed(m_list->Message());
         return;
     }
-    const auto& top = m_contents.Root().children;
-    for (const auto& child : top) {
-        if (isPseudoBootFolder(*child)) {
-            m_contents.Remove(child->name);
-            m_pseudoBootFolder = true;
-            break;
+    removePseudoBootFolder(m_contents);
+    m_listedByArchive = m_list->Tree() != QLatin1String("Rock Ridge");
+    if (m_relisting) {
+        m_relisting = false;
+        m_list->RecordFiles(nullptr);
+    }
+    Decide();
+}
+
+void CEditSession::OnReported()
+{
+    const bool ok = m_reporter->GetResult() == CRunCommandThread::Result::Success;
+    const QString failure =
+        ok ? QString() : m_reporter->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
+    m_reporter->deleteLater();
+    m_reporter = nullptr;
+    if (!ok) {
+        LoadFailed(QStringLiteral("The image's boot setup could not be read. %1").arg(failure));
+        return;
+    }
+    m_report = ImageSave::ParseReport(m_reportLines);
+    m_reportLines.clear();
+    for (QString& file : m_report.bootFiles) {
+        while (file.startsWith(QLatin1Char('/')))
+            file.remove(0, 1);
+    }
+    Decide();
+}
+
+void CEditSession::OnCounted()
+{
+    m_count->deleteLater();
+    m_count = nullptr;
+    Decide();
+}
+
+void CEditSession::Decide()
+{
+    if (!m_loadProblem.isEmpty() || m_loaded || m_list->IsRunning() || m_reporter || m_count)
+        return;
+    if (m_needCount) {
+        // A count that could not be taken leaves the UDF tree as the image's:
+        // the rebuild keeps it, xorriso would lose it.
+        bool udfHoldsMore = true;
+        if (m_counted) {
+            removePseudoBootFolder(*m_counted);
+            const qsizetype shown = m_contents.Count();
+            const qsizetype other = m_counted->Count();
+            udfHoldsMore = m_countIsUdf ? other > shown : shown > other;
+            qDebug() << "CEditSession: entries shown" << shown << "other tree" << other;
+        }
+        m_counted.reset();
+        m_needCount = false;
+        if (udfHoldsMore) {
+            m_way = ImageSave::Way::UdfRebuild;
+            if (!m_listedByArchive) {
+                // The tree shown must be the UDF one, which the archive tool lists.
+                m_relisting = true;
+                m_list->RecordFiles(&m_files);
+                m_list->Start(m_image);
+                return;
+            }
         }
     }
+    if (m_way == ImageSave::Way::UdfRebuild && !m_dir) {
+        StartWorkingCopy();
+        if (!m_loadProblem.isEmpty())
+            return;
+    }
+    m_loaded = true;
+    qDebug() << "CEditSession: loaded, saved by"
+             << (m_way == ImageSave::Way::Xorriso ? "xorriso" : "a UDF rebuild") << "boot files"
+             << m_report.bootFiles;
     Q_EMIT listed(true);
-    if (!IsExtracting())
-        BecomeReady();
+}
+
+void CEditSession::StartWorkingCopy()
+{
+    m_dir = std::make_unique<ScratchFolder>(QStringLiteral("edit"));
+    if (!m_dir->IsValid()) {
+        LoadFailed(QStringLiteral("Cannot prepare a working folder in %1 (%2).")
+                       .arg(Util::ScratchDir(), m_dir->ErrorString()));
+        return;
+    }
+    m_workingCopy = m_dir->FilePath(QStringLiteral("contents"));
+    QDir().mkpath(m_workingCopy);
+    m_boot = BootSetup::Prepare(m_image, m_dir->FilePath(QStringLiteral("boot")));
+    m_copier = std::make_unique<CFileCopy>();
+    m_extract = new CRunCommandThread;
+    connect(m_extract, &CRunCommandThread::standoutputline, this, &CEditSession::OnExtractLine);
+    connect(m_extract, &CRunCommandThread::sigfinished, this, &CEditSession::OnExtracted);
+    m_extract->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
+                          Extraction::Arguments(m_image, m_workingCopy, {}));
+    m_extract->StartCommand(QThread::InheritPriority);
 }
 
 void CEditSession::OnExtractLine(const QString& line)
@@ -175,46 +329,88 @@ void CEditSession::OnExtractLine(const QString& line)
 void CEditSession::OnExtracted()
 {
     const bool ok = m_extract->GetResult() == CRunCommandThread::Result::Success;
-    const QString failure = ok ? QString() : m_extract->FailureText(archiveToolName());
+    const QString failure =
+        ok ? QString() : m_extract->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Archive));
     m_extract->deleteLater();
     m_extract = nullptr;
-    qDebug() << "CEditSession: extraction finished" << ok;
     if (!ok) {
         m_pending.clear();
-        m_loadProblem = QStringLiteral("The image could not be read completely, so it cannot be edited. %1").arg(failure);
+        m_loadProblem =
+            QStringLiteral("The image could not be read completely, so it cannot be edited. %1").arg(failure);
         Q_EMIT extracted(false);
         return;
     }
     m_extractProgress = 100;
-    Q_EMIT extracted(true);
-    if (!IsListing() && m_loadProblem.isEmpty())
-        BecomeReady();
-}
-
-void CEditSession::BecomeReady()
-{
-    if (m_pseudoBootFolder)
+    if (QFileInfo(LocalPath(kPseudoBootFolder)).isDir() && !m_contents.Find(kPseudoBootFolder))
         m_copier->AddJob(LocalPath(kPseudoBootFolder), QString(), CFileCopy::Delete);
-    for (const Job& job : m_pending)
-        m_copier->AddJob(job.source, job.target, job.mode);
+    for (const auto& [source, target, mode] : m_pending)
+        m_copier->AddJob(source, target, mode);
     m_pending.clear();
+    Q_EMIT extracted(true);
 }
 
 void CEditSession::Queue(const QString& source, const QString& target, int mode)
 {
-    if (IsReady() && m_loadProblem.isEmpty())
-        m_copier->AddJob(source, target, mode);
+    if (m_way != ImageSave::Way::UdfRebuild || !m_copier)
+        return;
+    if (m_extract)
+        m_pending.emplace_back(source, target, mode);
     else
-        m_pending.push_back(Job{source, target, mode});
+        m_copier->AddJob(source, target, mode);
 }
 
 QString CEditSession::LocalPath(const QString& name) const
 {
-    if (name.isEmpty())
-        return m_workingCopy;
-    QString local = name;
-    local.replace(kSeparator, QLatin1Char('/'));
-    return m_workingCopy + QLatin1Char('/') + local;
+    return name.isEmpty() ? m_workingCopy : m_workingCopy + QLatin1Char('/') + imagePath(name);
+}
+
+int CEditSession::AddIndexOf(const Item* item) const
+{
+    for (size_t i = 0; i < m_changeItems.size(); ++i) {
+        if (m_changeItems[i] == item)
+            return int(i);
+    }
+    return -1;
+}
+
+bool CEditSession::ReplayedAfter(size_t index) const
+{
+    // An Add can be rewritten or dropped while no rename or deletion follows
+    // it: the paths it was made among are then still those of the tree.
+    for (size_t i = index + 1; i < m_changes.size(); ++i) {
+        if (m_changes[i].kind == Change::Kind::Rename || m_changes[i].kind == Change::Kind::Delete)
+            return true;
+    }
+    return false;
+}
+
+QString CEditSession::BootFileIn(const Item& item) const
+{
+    if (!item.source.isEmpty())
+        return QString();
+    const QString path = imagePath(item.name);
+    for (const QString& file : m_report.bootFiles) {
+        if (file.compare(path, Qt::CaseInsensitive) == 0 ||
+            (item.isDir && file.startsWith(path + QLatin1Char('/'), Qt::CaseInsensitive)))
+            return QLatin1Char('/') + file;
+    }
+    return QString();
+}
+
+QString CEditSession::OriginalPath(const Item& item) const
+{
+    if (!item.source.isEmpty())
+        return QString();
+    QString path = imagePath(item.name);
+    for (auto it = m_changes.crbegin(); it != m_changes.crend(); ++it) {
+        if (it->kind != Change::Kind::Rename)
+            continue;
+        if (path == it->newPath)
+            path = it->path;
+        else if (path.startsWith(it->newPath + QLatin1Char('/')))
+            path = it->path + path.mid(it->newPath.size());
+    }
+    return path;
 }
 
 QList<Item*> CEditSession::Add(Item& folder, const QStringList& localPaths)
@@ -231,6 +427,12 @@ QList<Item*> CEditSession::Add(Item& folder, const QStringList& localPaths)
         if (!m_contents.Insert(item))
             continue;
         added << raw;
+        Change change;
+        change.kind = Change::Kind::Add;
+        change.source = info.absoluteFilePath();
+        change.path = imagePath(name);
+        m_changes.push_back(change);
+        m_changeItems.push_back(raw);
         if (raw->isDir) {
             AddDirContents(*raw, info.absoluteFilePath());
             Queue(info.absoluteFilePath(), LocalPath(name), CFileCopy::CopyAs);
@@ -247,7 +449,8 @@ void CEditSession::AddDirContents(Item& folder, const QString& localDir)
     const QFileInfoList entries =
         QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries) {
-        Item* child = m_contents.Append(folder, ItemTree::FromLocal(entry, folder.name + kSeparator + entry.fileName()));
+        Item* child =
+            m_contents.Append(folder, ItemTree::FromLocal(entry, folder.name + kSeparator + entry.fileName()));
         if (child->isDir && !entry.isSymLink())
             AddDirContents(*child, entry.absoluteFilePath());
     }
@@ -267,47 +470,159 @@ bool CEditSession::Rename(Item& item, const QString& newName, QString* why)
     if (name.contains(kSeparator) || name.contains(QLatin1Char('/')) || name == QLatin1String(".") ||
         name == QLatin1String(".."))
         return refuse(QStringLiteral("A name cannot be \".\" or \"..\", nor contain / or \\."));
+    if (const QString bootFile = BootFileIn(item); !bootFile.isEmpty())
+        return refuse(QStringLiteral("%1 cannot be renamed: the image starts from %2.")
+                          .arg(ItemTree::LastComponent(old), bootFile));
     if (!m_contents.Rename(old, name))
         return refuse(QStringLiteral("There is already an entry named \"%1\" here.").arg(name));
     Queue(LocalPath(old), LocalPath(item.name), CFileCopy::Move);
+
+    const QString from = imagePath(old);
+    const QString to = imagePath(item.name);
+    if (const int added = AddIndexOf(&item); added >= 0 && !ReplayedAfter(size_t(added))) {
+        m_changes[size_t(added)].path = to;
+        return true;
+    }
+    if (!m_changes.empty() && m_changes.back().kind == Change::Kind::Rename && m_changes.back().newPath == from) {
+        // A second name for the entry just renamed replaces the first.
+        m_changes.back().newPath = to;
+        if (m_changes.back().path == to) {
+            m_changes.pop_back();
+            m_changeItems.pop_back();
+        }
+        return true;
+    }
+    Change change;
+    change.kind = Change::Kind::Rename;
+    change.path = from;
+    change.newPath = to;
+    m_changes.push_back(change);
+    m_changeItems.push_back(nullptr);
     return true;
 }
 
-void CEditSession::Remove(const QList<Item*>& items)
+bool CEditSession::Remove(const QList<Item*>& items, QString* why)
 {
+    for (const Item* item : items) {
+        if (const QString bootFile = BootFileIn(*item); !bootFile.isEmpty()) {
+            if (why)
+                *why = QStringLiteral("%1 cannot be deleted: the image starts from %2.")
+                           .arg(ItemTree::LastComponent(item->name), bootFile);
+            return false;
+        }
+    }
     QStringList names;
     for (const Item* item : items)
         names << item->name;
     for (const QString& name : std::as_const(names)) {
+        if (!m_contents.Find(name))
+            continue;
+        // Files added and not yet saved over are simply forgotten; the entry
+        // goes with a deletion unless it was such a file itself.
+        bool forgotten = false;
+        for (size_t i = m_changes.size(); i-- > 0;) {
+            const Item* added = m_changeItems[i];
+            if (!added || !isWithin(added->name, name))
+                continue;
+            if (ReplayedAfter(i)) {
+                m_changeItems[i] = nullptr;
+                continue;
+            }
+            forgotten = forgotten || added->name == name;
+            m_changes.erase(m_changes.begin() + std::ptrdiff_t(i));
+            m_changeItems.erase(m_changeItems.begin() + std::ptrdiff_t(i));
+        }
+        if (!forgotten) {
+            Change change;
+            change.kind = Change::Kind::Delete;
+            change.path = imagePath(name);
+            m_changes.push_back(change);
+            m_changeItems.push_back(nullptr);
+        }
         Queue(LocalPath(name), QString(), CFileCopy::Delete);
         m_contents.Remove(name);
     }
+    return true;
+}
+
+void CEditSession::SetLabel(const QString& label)
+{
+    m_label = label;
+    for (size_t i = 0; i < m_changes.size(); ++i) {
+        if (m_changes[i].kind == Change::Kind::Label) {
+            m_changes.erase(m_changes.begin() + std::ptrdiff_t(i));
+            m_changeItems.erase(m_changeItems.begin() + std::ptrdiff_t(i));
+            break;
+        }
+    }
+    Change change;
+    change.kind = Change::Kind::Label;
+    change.label = label;
+    m_changes.push_back(change);
+    m_changeItems.push_back(nullptr);
 }
 
 void CEditSession::Export(const QList<const Item*>& items, const QString& destination)
 {
     Stop();
     m_task = Task::Export;
-    m_phase = Phase::Extracting;
-    m_exportJobs.clear();
+    m_destination = destination;
+    m_exportEntries.clear();
+    m_exportCopies.clear();
     m_exportTargets.clear();
     for (const Item* item : items) {
-        const QString source = item->source.isEmpty() ? LocalPath(item->name) : item->source;
-        const QString target = QDir(destination).filePath(
-            Extraction::FreeName(destination, ItemTree::LastComponent(item->name)));
-        m_exportJobs.push_back(Job{source, target, CFileCopy::CopyAs});
+        if (item->source.isEmpty())
+            m_exportEntries << OriginalPath(*item);
+        else
+            m_exportCopies.emplace_back(item->source, ItemTree::LastComponent(item->name));
     }
-    Poll();
-    if (m_task != Task::None)
-        m_poll->start();
+    if (m_exportEntries.isEmpty()) {
+        StartExportCopies();
+        return;
+    }
+    // The listing checks the entries; it is the image's own while no entry
+    // was renamed.
+    const bool renamed = std::any_of(m_changes.cbegin(), m_changes.cend(),
+                                     [](const Change& change) { return change.kind == Change::Kind::Rename; });
+    Q_EMIT progress(Phase::Exporting, 0, 100);
+    m_exportJob->Start(m_image, destination, m_exportEntries, renamed ? nullptr : &m_contents);
+}
+
+void CEditSession::StartExportCopies()
+{
+    if (m_exportCopies.empty()) {
+        Finish(true, m_exportEntries.isEmpty() ? QString() : m_exportJob->Message());
+        return;
+    }
+    // A worker of the export's own, which a stop ends at once.
+    m_exporter = std::make_unique<CFileCopy>();
+    for (const auto& [source, name] : m_exportCopies) {
+        const QString target = QDir(m_destination).filePath(Extraction::FreeName(m_destination, name));
+        m_exportTargets << target;
+        m_exporter->AddJob(source, target, CFileCopy::CopyAs);
+    }
+    m_phase = Phase::Copying;
+    m_total = m_exporter->RemainingBytes();
+    Q_EMIT progress(Phase::Copying, 0, m_total >> 10);
+    m_poll->start();
 }
 
 void CEditSession::Save(const QString& output)
 {
     Stop();
     m_task = Task::Save;
-    m_phase = Phase::Extracting;
     m_output = QFileInfo(output).absoluteFilePath();
+    if (!m_loaded) {
+        Finish(false, m_loadProblem.isEmpty() ? QStringLiteral("No image is open.") : m_loadProblem);
+        return;
+    }
+    if (m_way == ImageSave::Way::Xorriso) {
+        m_phase = Phase::Saving;
+        Q_EMIT progress(Phase::Saving, 0, 10000);
+        m_save->Start(m_image, m_changes, m_output);
+        return;
+    }
+    m_phase = Phase::Reading;
     Poll();
     if (m_task != Task::None)
         m_poll->start();
@@ -315,76 +630,65 @@ void CEditSession::Save(const QString& output)
 
 void CEditSession::Poll()
 {
-    if (m_phase == Phase::Extracting) {
-        if (!m_loadProblem.isEmpty() || m_image.isEmpty()) {
-            Finish(false, m_image.isEmpty() ? QStringLiteral("No image is open.") : m_loadProblem);
+    if (m_phase == Phase::Reading) {
+        if (!m_loadProblem.isEmpty()) {
+            Finish(false, m_loadProblem);
             return;
         }
-        if (!IsReady()) {
-            Q_EMIT progress(Phase::Extracting, m_extractProgress, 100);
+        if (IsExtracting()) {
+            Q_EMIT progress(Phase::Reading, m_extractProgress, 100);
             return;
         }
-        qDebug() << "Extract finished!!!";
         m_phase = Phase::Copying;
         m_total = m_copier->RemainingBytes();
     }
-    if (m_phase == Phase::Copying) {
-        CFileCopy& worker = m_exporter ? *m_exporter : *m_copier;
-        const qint64 remaining = worker.RemainingBytes();
-        if (remaining >= 1) {
-            Q_EMIT progress(Phase::Copying, (m_total - remaining) >> 10, m_total >> 10);
-            return;
-        }
-        const QStringList failures = worker.TakeFailures();
-        if (!failures.isEmpty()) {
-            Finish(false, QStringLiteral("These could not be copied: %1").arg(failures.join(QStringLiteral("; "))));
-            return;
-        }
-        qDebug() << "file copy finished!!!";
-        if (m_task == Task::Export && !m_exporter) {
-            StartExportCopies();
-            return;
-        }
-        if (m_task == Task::Export) {
-            Finish(true, QString());
-            return;
-        }
+    if (m_phase != Phase::Copying)
+        return;
+    CFileCopy& worker = m_task == Task::Export ? *m_exporter : *m_copier;
+    const qint64 remaining = worker.RemainingBytes();
+    if (remaining >= 1) {
+        Q_EMIT progress(Phase::Copying, (m_total - remaining) >> 10, m_total >> 10);
+        return;
+    }
+    const QStringList failures = worker.TakeFailures();
+    if (!failures.isEmpty()) {
+        Finish(false, QStringLiteral("These could not be copied: %1").arg(failures.join(QStringLiteral("; "))));
+        return;
+    }
+    if (m_task == Task::Export)
+        Finish(true, m_exportEntries.isEmpty() ? QString() : m_exportJob->Message());
+    else
         StartBuild();
-    }
-}
-
-void CEditSession::StartExportCopies()
-{
-    // A worker of the export's own, so stopping the export never touches the
-    // edits still to be carried out in the working copy.
-    m_exporter = std::make_unique<CFileCopy>();
-    for (const Job& job : std::as_const(m_exportJobs)) {
-        m_exportTargets << job.target;
-        m_exporter->AddJob(job.source, job.target, job.mode);
-    }
-    m_total = m_exporter->RemainingBytes();
-    Q_EMIT progress(Phase::Copying, 0, m_total >> 10);
 }
 
 void CEditSession::StartBuild()
 {
     m_poll->stop();
-    m_phase = Phase::Building;
-    Q_EMIT progress(Phase::Building, 0, 10000);
+    m_phase = Phase::Saving;
+    Q_EMIT progress(Phase::Saving, 0, 10000);
 
-    // Boot images go into the root under their own names, unless the root
-    // holds something else of that name; an identical file is used as it is.
+    // The catalogue points at a file of the tree with the boot image's bytes
+    // where there is one; otherwise the boot image goes into the root, hidden
+    // from the tree, as the catalogue does.
     BootSetup::Plan plan = m_boot;
     QList<QPair<QString, QString>> rootFiles;
+    QStringList hidden;
     for (BootSetup::BootImage& boot : plan.images) {
-        const QString existing = QDir(m_workingCopy).filePath(boot.file);
-        if (QFileInfo(existing).isFile() && sameBytes(existing, boot.path))
+        const QString same = sameFileIn(m_workingCopy, boot.path);
+        if (!same.isEmpty()) {
+            boot.file = same;
             continue;
-        if (QFileInfo::exists(existing))
-            boot.file = Extraction::FreeName(m_workingCopy, boot.file);
+        }
+        boot.file = Extraction::FreeName(m_workingCopy, boot.file);
         rootFiles << qMakePair(boot.file, boot.path);
+        hidden << boot.file;
     }
-    const QStringList bootOptions = BootSetup::Arguments(plan, QStringLiteral("boot.catalog"));
+    const QString catalog = Extraction::FreeName(m_workingCopy, QStringLiteral("boot.catalog"));
+    QStringList bootOptions = BootSetup::Arguments(plan, catalog);
+    if (!bootOptions.isEmpty())
+        hidden << catalog;
+    for (const QString& name : std::as_const(hidden))
+        bootOptions << QStringLiteral("-hide") << name << QStringLiteral("-hide-joliet") << name;
     m_build->Run(
         [&](const QString& part) {
             return ImageBuild::EditArguments(m_label, bootOptions, part, m_workingCopy, rootFiles);
@@ -397,7 +701,9 @@ void CEditSession::Stop()
     if (m_task == Task::None)
         return;
     m_poll->stop();
+    m_save->Stop();
     m_build->Stop();
+    m_exportJob->Stop();
     if (m_exporter) {
         m_exporter.reset(); // a copy under way is cut short
         for (const QString& target : std::as_const(m_exportTargets)) {

@@ -6,130 +6,169 @@
 #include <QStringList>
 
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "iso/bootsetup.h"
+#include "iso/imagesave.h"
 #include "iso/itemtree.h"
+#include "iso/listing.h"
 
 class CBuildJob;
+class CExtractJob;
 class CFileCopy;
 class CListJob;
 class CRunCommandThread;
 class QTimer;
 class ScratchFolder;
 
-// Everything behind the edit page that needs no widget: an image listed into
-// an item tree, its whole contents extracted into a working copy of the
-// session's own, edits that change both, and saving a new image built from the
-// working copy with the original's boot setup and volume label.
+// Everything behind the edit page that needs no widget. Loading an image
+// lists it into an item tree and reads its boot setup; nothing is copied.
+// Edits change the tree and are kept as a list of changes in the order they
+// were made, which the save replays over the original image with xorriso, so
+// the new image keeps every El Torito entry and the system area.
 //
-// Edits made before the working copy is complete are kept in order and handed
-// to the copy worker once it is; export and save first wait for the working
-// copy and for every edit to be carried out. Nothing here blocks: waiting is
-// done by polling, and the phases are reported by progress().
+// Images whose files live in a UDF tree that their ISO 9660 tree does not
+// show (Windows installers) cannot be written by xorriso, which writes no
+// UDF: for them the session extracts a working copy, carries the edits out
+// in it, and rebuilds the image with the image builder's UDF option and the
+// original's El Torito entries. Nothing here blocks.
 class CEditSession final : public QObject
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CEditSession)
 
 public:
-    enum class Phase { Extracting, Copying, Building };
-    struct Job
-    {
-        QString source;
-        QString target;
-        int mode = 0; // CFileCopy::Mode
-    };
+    // Reading: a save waits for the working copy (UDF way); Exporting: entries
+    // leave the image; Copying: files are copied (KiB); Saving: the new image
+    // is written (hundredths of a percent of 10000).
+    enum class Phase { Reading, Exporting, Copying, Saving };
 
     explicit CEditSession(QObject* parent = nullptr);
     ~CEditSession() override;
 
-    // Starts listing the image and extracting it into a fresh working copy;
-    // the previous image's working copy is removed once its tool has ended,
-    // so no file of it can reach the new one.
+    // Lists the image, reads its boot setup and decides how it is saved;
+    // listed() tells when the tree can be edited.
     void Load(const QString& image);
     QString Image() const { return m_image; }
     ItemTree& Contents() { return m_contents; }
     const ItemTree& Contents() const { return m_contents; }
-    QString WorkingCopy() const { return m_workingCopy; }
+    bool IsLoaded() const { return m_loaded; }
+    // Loaded, and for the UDF way the working copy complete too.
+    bool IsReady() const { return m_loaded && m_extract == nullptr; }
+    bool IsListing() const;
+    ImageSave::Way Way() const { return m_way; }
+    const ImageSave::BootReport& Report() const { return m_report; }
+    // The boot setup the image builder is given (UDF way only).
     const BootSetup::Plan& Boot() const { return m_boot; }
     QString Label() const { return m_label; }
-    bool IsListing() const;
-    bool IsExtracting() const { return m_extract != nullptr; }
-    // Listing and extraction are over: edits go straight to the copy worker.
-    bool IsReady() const { return !m_image.isEmpty() && !IsListing() && !IsExtracting(); }
-    int ExtractProgress() const { return m_extractProgress; }
     // Why the image could not be read (empty when it could).
     QString LoadProblem() const { return m_loadProblem; }
-    int PendingCount() const { return int(m_pending.size()); }
+    const std::vector<ImageSave::Change>& Changes() const { return m_changes; }
+
+    // UDF way: the working copy, filled in the background after the listing.
+    QString WorkingCopy() const { return m_workingCopy; }
+    bool IsExtracting() const { return m_extract != nullptr; }
+    int ExtractProgress() const { return m_extractProgress; }
 
     // Edits. Added local files and folders go into `folder`; the entries
     // placed are returned (paths already in the folder are skipped).
     QList<Item*> Add(Item& folder, const QStringList& localPaths);
-    // False (and `why` says so) when the name is empty, holds a separator,
-    // or names an entry that exists already.
+    // False (and `why` says so, unless nothing changes) when the name is
+    // empty, holds a separator, names an entry that exists already, or the
+    // entry is, or holds, a file the boot setup names.
     bool Rename(Item& item, const QString& newName, QString* why = nullptr);
-    void Remove(const QList<Item*>& items);
-    // The working copy path of an entry.
-    QString LocalPath(const QString& name) const;
+    // Removes nothing (and `why` names the file) when one of the entries is,
+    // or holds, a file the boot setup names.
+    bool Remove(const QList<Item*>& items, QString* why = nullptr);
+    void SetLabel(const QString& label);
+    // The boot file at or below the entry, or empty.
+    QString BootFileIn(const Item& item) const;
+    // The path the entry has in the original image ("/" separated), or empty
+    // for an added entry.
+    QString OriginalPath(const Item& item) const;
 
-    // Copies entries into a folder under free names ("a (2).txt" beside an
-    // existing "a.txt"); the export ends with exportFinished().
+    // Entries of the image are extracted by the extract page's reader, added
+    // ones copied from disk; nothing in `destination` is replaced. Ends with
+    // exportFinished().
     void Export(const QList<const Item*>& items, const QString& destination);
-    // Builds the new image; ends with saveFinished().
+    // Writes the new image; ends with saveFinished().
     void Save(const QString& output);
-    // Ends an export or a save. The edits themselves are never dropped: they
-    // go on in the background, so the working copy keeps matching the tree.
+    // Ends an export or a save.
     void Stop();
     bool IsBusy() const { return m_task != Task::None; }
     QString OutputPath() const { return m_output; }
 
 Q_SIGNALS:
     void listed(bool succeeded);
+    // UDF way: the working copy is complete, or could not be made.
     void extracted(bool succeeded);
-    // Extracting: percent of 100; Copying: KiB; Building: hundredths of a percent of 10000.
     void progress(CEditSession::Phase phase, qint64 value, qint64 maximum);
+    void exporting(const QString& entry);
     void exportFinished(bool succeeded, const QString& message);
     void saveFinished(bool succeeded, const QString& message);
 
 private:
     enum class Task { None, Export, Save };
 
-    void Queue(const QString& source, const QString& target, int mode);
     void OnListed();
+    void OnReported();
+    void OnCounted();
+    void Decide();
+    void LoadFailed(const QString& problem);
+    void StartWorkingCopy();
     void OnExtractLine(const QString& line);
     void OnExtracted();
-    void BecomeReady();
+    void Queue(const QString& source, const QString& target, int mode);
     void AddDirContents(Item& folder, const QString& localDir);
+    QString LocalPath(const QString& name) const;
+    int AddIndexOf(const Item* item) const;
+    bool ReplayedAfter(size_t index) const;
     void Poll();
     void StartExportCopies();
     void StartBuild();
     void Finish(bool succeeded, const QString& message);
-    void RetireWorkingCopy();
 
     QString m_image;
     QString m_label;
-    QString m_workingCopy;
-    QString m_bootDir;
     ItemTree m_contents;
-    std::unique_ptr<ScratchFolder> m_dir;
-    std::unique_ptr<CFileCopy> m_copier;
-    std::unique_ptr<CFileCopy> m_exporter;
     CListJob* m_list = nullptr;
+    CRunCommandThread* m_reporter = nullptr;
+    QStringList m_reportLines;
+    CRunCommandThread* m_count = nullptr;
+    std::unique_ptr<ItemTree> m_counted;
+    bool m_countIsUdf = false; // the other listing is the archive tool's (UDF first)
+    bool m_needCount = false;
+    bool m_listedByArchive = false;
+    bool m_relisting = false;
+    std::vector<Listing::FileSpan> m_files; // makes a listing the archive tool's
+    bool m_loaded = false;
+    ImageSave::Way m_way = ImageSave::Way::Xorriso;
+    ImageSave::BootReport m_report;
+    QString m_loadProblem;
+    std::vector<ImageSave::Change> m_changes;
+    std::vector<const Item*> m_changeItems; // the entry an Add change placed, else null
+
+    // UDF way
+    std::unique_ptr<ScratchFolder> m_dir;
+    QString m_workingCopy;
+    std::unique_ptr<CFileCopy> m_copier;
     CRunCommandThread* m_extract = nullptr;
-    CBuildJob* m_build = nullptr;
-    QTimer* m_poll = nullptr;
-    std::vector<Job> m_pending;
+    std::vector<std::tuple<QString, QString, int>> m_pending;
     BootSetup::Plan m_boot;
     int m_extractProgress = 0;
-    bool m_pseudoBootFolder = false;
-    QString m_loadProblem;
+    CBuildJob* m_build = nullptr;
 
+    CImageSaveJob* m_save = nullptr;
+    CExtractJob* m_exportJob = nullptr;
+    std::unique_ptr<CFileCopy> m_exporter;
+    QTimer* m_poll = nullptr;
     Task m_task = Task::None;
-    Phase m_phase = Phase::Extracting;
+    Phase m_phase = Phase::Reading;
     qint64 m_total = 0;
     QString m_output;
-    std::vector<Job> m_exportJobs;
+    QString m_destination;
+    QStringList m_exportEntries;
+    std::vector<std::pair<QString, QString>> m_exportCopies;
     QStringList m_exportTargets;
-    std::vector<std::unique_ptr<ScratchFolder>> m_retired; // of earlier images, being removed
 };
