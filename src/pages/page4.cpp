@@ -39,6 +39,9 @@ CPage4::CPage4(QWidget* mainWindow)
     connect(&m_session, &CEditSession::listed, this, &CPage4::OnUnzipFinished);
     connect(&m_session, &CEditSession::extracted, this, &CPage4::OnExtractFinished);
     connect(&m_session, &CEditSession::progress, this, &CPage4::ShowProgress);
+    connect(&m_session, &CEditSession::exporting, this, [this](const QString& entry) {
+        m_progress->SetText(QStringLiteral("Extracting files: ") + entry);
+    });
     connect(&m_session, &CEditSession::exportFinished, this, &CPage4::OnExported);
     connect(&m_session, &CEditSession::saveFinished, this, &CPage4::OnSaved);
 }
@@ -92,8 +95,8 @@ void CPage4::InitializeUI()
     MakeContentsViews(QRect(11, 58, 179, 338), FileListStyle::Table(), QRect(190, 58, 658, 338),
                       {236, 80, 164, 176});
 
-    // While the working copy is being filled, a line between Back and Save
-    // says so: edits are taken and carried out once it is complete.
+    // A line between Back and Save says how the image will be saved, and
+    // while a working copy is being filled, how far it is.
     m_status = new QLabel(this);
     m_status->setObjectName(QStringLiteral("status"));
     m_status->setGeometry(130, 424, 590, 20);
@@ -172,16 +175,20 @@ void CPage4::OnUnzipFinished(bool succeeded)
     ContentsView::FillTree(m_tree, m_session.Contents());
     m_current = &m_session.Contents().Root();
     FillTable();
-    if (!m_session.IsExtracting())
+    UpdateStatus();
+    if (!m_session.IsExtracting()) {
+        m_statusTimer->stop();
         Q_EMIT loaded(true);
+    }
 }
 
 void CPage4::OnExtractFinished(bool succeeded)
 {
     qDebug() << "CPage4::OnExtractFinished() is called!!";
     m_statusTimer->stop();
-    m_status->hide();
+    UpdateStatus();
     if (!succeeded) {
+        m_status->hide();
         SetButtonsEnabled(true);
         ResetContents();
         // A save that was waiting ends through the session; only the load's
@@ -191,17 +198,22 @@ void CPage4::OnExtractFinished(bool succeeded)
         Q_EMIT loaded(false);
         return;
     }
-    if (!m_session.IsListing())
-        Q_EMIT loaded(true);
+    Q_EMIT loaded(true);
 }
 
 void CPage4::UpdateStatus()
 {
-    if (!m_session.IsExtracting()) {
+    if (!m_session.IsLoaded()) {
         m_status->hide();
         return;
     }
-    m_status->setText(QStringLiteral("Reading the image: %1%").arg(m_session.ExtractProgress()));
+    if (m_session.IsExtracting())
+        m_status->setText(QStringLiteral("Copying the image's files for the UDF rebuild: %1%")
+                              .arg(m_session.ExtractProgress()));
+    else if (m_session.Way() == ImageSave::Way::Xorriso)
+        m_status->setText(QStringLiteral("Saved by xorriso from the original image, with its whole boot setup."));
+    else
+        m_status->setText(QStringLiteral("Its files are in a UDF tree: saved by rebuilding it with UDF."));
     m_status->show();
 }
 
@@ -278,6 +290,14 @@ void CPage4::OnDelete()
         Util::ShowMessage(QStringLiteral("Please select one row in the table list first"));
         return;
     }
+    for (const Item* item : items) {
+        const QString bootFile = m_session.BootFileIn(*item);
+        if (!bootFile.isEmpty()) {
+            Util::ShowMessage(QStringLiteral("%1 cannot be deleted: the image starts from %2.")
+                                  .arg(ItemTree::LastComponent(item->name), bootFile));
+            return;
+        }
+    }
     QList<Item*> doomed;
     for (const Item* item : items) {
         // Tree items hold their folder: they go before the folder does.
@@ -308,7 +328,7 @@ void CPage4::OnSave()
         return;
     }
     const BootSetup::Plan& boot = m_session.Boot();
-    if (boot.originalBoots && !boot.Reproducible() && !Util::Confirm(boot.Warning()))
+    if (m_session.Way() == ImageSave::Way::UdfRebuild && boot.originalBoots && !boot.Reproducible() && !Util::Confirm(boot.Warning()))
         return;
     const QString output = Util::SaveFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
     if (output.isEmpty())
@@ -324,13 +344,16 @@ void CPage4::ShowProgress(CEditSession::Phase phase, qint64 value, qint64 maximu
     if (int(phase) != m_progressPhase) {
         m_progressPhase = int(phase);
         switch (phase) {
-        case CEditSession::Phase::Extracting:
-            m_progress->SetText(QStringLiteral("Extracting iso..."));
+        case CEditSession::Phase::Reading:
+            m_progress->SetText(QStringLiteral("Copying the image's files..."));
+            break;
+        case CEditSession::Phase::Exporting:
+            m_progress->SetText(QStringLiteral("Extracting files..."));
             break;
         case CEditSession::Phase::Copying:
             m_progress->SetText(QStringLiteral("Copy files and directories..."));
             break;
-        case CEditSession::Phase::Building:
+        case CEditSession::Phase::Saving:
             m_progress->SetText(QStringLiteral("Saving ISO file..."));
             break;
         }
