@@ -26,6 +26,7 @@
 #include "common/bootloaders.h"
 #include "common/hybridimage.h"
 #include "common/isofixture.h"
+#include "iso/imagesave.h"
 #include "media/usbburn.h"
 
 Q_DECLARE_METATYPE(UsbPlan::Scheme)
@@ -135,12 +136,12 @@ struct Boot
 // Boots `disk` and collects what reaches COM1 until one of `ends` appears,
 // QEMU stops, or `timeoutMs` passes.
 Boot bootStick(Firmware firmware, const QString& disk, const QString& work, const QList<QByteArray>& ends,
-               int timeoutMs)
+               int timeoutMs, bool cdrom = false)
 {
     // Plain emulation: these boots take a second or a few either way, and a
     // /dev/kvm under nested virtualisation may hang in GRUB or crash OVMF.
     QStringList arguments{"-accel", "tcg", "-nodefaults", "-display", "none", "-no-reboot", "-serial", "stdio",
-                          "-drive", "file=" + disk + ",format=raw,if=ide"};
+                          "-drive", "file=" + disk + ",format=raw,if=ide" + (cdrom ? ",media=cdrom" : "")};
     QString program;
     if (firmware == Firmware::Bios) {
         program = systemTool("qemu-system-i386");
@@ -151,6 +152,8 @@ Boot bootStick(Firmware firmware, const QString& disk, const QString& work, cons
         port.write(QByteArray("\xf8\x03\0\0", 4));
         port.close();
         arguments << "-m" << "64" << "-fw_cfg" << "name=etc/sercon-port,file=" + port.fileName();
+        if (cdrom)
+            arguments << "-boot" << "d";
     } else {
         program = systemTool("qemu-system-x86_64");
         const QString vars = work + "/ovmf-vars.fd";
@@ -204,6 +207,12 @@ private Q_SLOTS:
     void boot();
     void imageMode_data();
     void imageMode();
+    void savedImage_data();
+    void savedImage();
+
+private:
+    QTemporaryDir m_saved;
+    QMap<QString, QString> m_savedImages; // shape -> the saved image, one save per shape
 };
 
 void TestBootSmoke::initTestCase()
@@ -402,6 +411,71 @@ void TestBootSmoke::imageMode()
     const Boot result =
         bootStick(firmware, stick, dir.path(), QList<QByteArray>{expected} + failures,
                   firmware == Firmware::Bios ? 30000 : 60000);
+    QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
+    QVERIFY2(plain(result.serial).contains(expected), qPrintable(readable(result.serial)));
+}
+
+void TestBootSmoke::savedImage_data()
+{
+    QTest::addColumn<QString>("shape");
+    QTest::addColumn<Firmware>("firmware");
+    QTest::addColumn<bool>("cdrom");
+    QTest::addColumn<QByteArray>("expected");
+
+    const QByteArray grubPc = HybridImage::kGrubMarker + " pc";
+    const QByteArray grubEfi = HybridImage::kGrubMarker + " efi";
+    QTest::newRow("isohybrid cd bios") << "isolinux" << Firmware::Bios << true << HybridImage::kIsolinuxMarker;
+    QTest::newRow("isohybrid disk bios") << "isolinux" << Firmware::Bios << false << HybridImage::kIsolinuxMarker;
+    QTest::newRow("isohybrid cd uefi") << "isolinux" << Firmware::Uefi << true << HybridImage::kEfiImageMarker;
+    QTest::newRow("isohybrid disk uefi") << "isolinux" << Firmware::Uefi << false << HybridImage::kEfiImageMarker;
+    QTest::newRow("grub-mkrescue cd bios") << "grub" << Firmware::Bios << true << grubPc;
+    QTest::newRow("grub-mkrescue disk bios") << "grub" << Firmware::Bios << false << grubPc;
+    QTest::newRow("grub-mkrescue cd uefi") << "grub" << Firmware::Uefi << true << grubEfi;
+    QTest::newRow("grub-mkrescue disk uefi") << "grub" << Firmware::Uefi << false << grubEfi;
+}
+
+// An edited image saved through xorriso starts with its own loaders wherever
+// the original started: as a disc and as a disk, through the BIOS and UEFI.
+void TestBootSmoke::savedImage()
+{
+    QFETCH(QString, shape);
+    QFETCH(Firmware, firmware);
+    QFETCH(bool, cdrom);
+    QFETCH(QByteArray, expected);
+
+    if (const QString missing = missingFirmware(firmware); !missing.isEmpty())
+        QSKIP(qPrintable(missing));
+    QVERIFY(m_saved.isValid());
+    if (!m_savedImages.contains(shape)) {
+        const QString dir = m_saved.filePath(shape);
+        QVERIFY(QDir().mkpath(dir));
+        QString error;
+        const QString iso =
+            shape == "grub" ? HybridImage::GrubRescue(dir, &error) : HybridImage::Isolinux(dir, &error);
+        QVERIFY2(!iso.isEmpty(), qPrintable(error));
+        QVERIFY(IsoFixture::WriteTree(dir, {{"added.txt", "added by the save\n"}}));
+        ImageSave::Change add;
+        add.source = dir + "/added.txt";
+        add.path = "docs/added.txt";
+        ImageSave::Change rename;
+        rename.kind = ImageSave::Change::Kind::Rename;
+        rename.path = "docs/readme.txt";
+        rename.newPath = "docs/notes.txt";
+        ImageSave::Change remove;
+        remove.kind = ImageSave::Change::Kind::Delete;
+        remove.path = "data";
+        CImageSaveJob job;
+        QSignalSpy finished(&job, &CImageSaveJob::finished);
+        job.Start(iso, {add, rename, remove}, dir + "/saved.iso");
+        QVERIFY(finished.wait(120000));
+        QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
+        m_savedImages.insert(shape, dir + "/saved.iso");
+    }
+
+    const QString work = m_saved.filePath(shape);
+    const QList<QByteArray> failures{"grub rescue>", "Boot failed", "EFI Internal Shell", "No bootable option"};
+    const Boot result = bootStick(firmware, m_savedImages.value(shape), work, QList<QByteArray>{expected} + failures,
+                                  firmware == Firmware::Bios ? 30000 : 60000, cdrom);
     QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
     QVERIFY2(plain(result.serial).contains(expected), qPrintable(readable(result.serial)));
 }
