@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "iso/editsession.h"
 #include "iso/eltorito.h"
 #include "iso/isojobs.h"
 #include "iso/itemtree.h"
@@ -127,6 +128,49 @@ QString parseRestoreUsb(const QStringList& arguments, Request& request)
     return QString();
 }
 
+// edit IMAGE OUTPUT and then its changes, kept in the order given. Returns
+// what is wrong, or nothing.
+QString parseEdit(const QStringList& arguments, Request& request)
+{
+    const auto isOption = [](const QString& argument) {
+        return argument.startsWith(QLatin1String("--"));
+    };
+    if (arguments.size() < 3 || isOption(arguments.at(1)) || isOption(arguments.at(2)))
+        return QStringLiteral("edit takes an image and an output image.");
+    request.image = arguments.at(1);
+    request.output = arguments.at(2);
+    for (int i = 3; i < arguments.size(); ++i) {
+        const QString& option = arguments.at(i);
+        int values = 0;
+        if (option == QLatin1String("--add") || option == QLatin1String("--delete") ||
+            option == QLatin1String("--label"))
+            values = 1;
+        else if (option == QLatin1String("--rename"))
+            values = 2;
+        else
+            return QStringLiteral("Unknown edit option: %1").arg(option);
+        QStringList edit{option};
+        for (int v = 0; v < values; ++v) {
+            if (i + 1 >= arguments.size() || isOption(arguments.at(i + 1)))
+                return option == QLatin1String("--rename") ? QStringLiteral("--rename takes an entry and a new name.")
+                                                           : QStringLiteral("%1 takes a value.").arg(option);
+            edit << arguments.at(++i);
+        }
+        if (option == QLatin1String("--add")) {
+            // PATH=FOLDER puts PATH into FOLDER; a path that exists as written
+            // is taken whole, "=" and all.
+            const QString value = edit.takeLast();
+            const qsizetype equals = value.lastIndexOf(QLatin1Char('='));
+            if (equals > 0 && !QFileInfo::exists(value))
+                edit << value.left(equals) << value.mid(equals + 1);
+            else
+                edit << value << QString();
+        }
+        request.edits << edit;
+    }
+    return QString();
+}
+
 } // namespace
 
 Request Parse(const QStringList& arguments)
@@ -215,6 +259,13 @@ Request Parse(const QStringList& arguments)
         request.mode = Request::Mode::CopyDisc;
         request.device = arguments.at(1);
         request.output = arguments.at(2);
+        return request;
+    }
+    if (first == QLatin1String("edit")) {
+        const QString error = parseEdit(arguments, request);
+        if (!error.isEmpty())
+            return usageError(error);
+        request.mode = Request::Mode::Edit;
         return request;
     }
     if (first == QLatin1String("create")) {
@@ -774,6 +825,123 @@ int RunCopyDisc(const Request& request)
         });
 }
 
+namespace {
+
+// An entry named on the command line ("/" or "\\" between components, a
+// leading "/" or none), or null.
+Item* findEntry(CEditSession& session, const QString& entry)
+{
+    QString name = entry;
+    name.replace(QLatin1Char('/'), QLatin1Char('\\'));
+    while (name.startsWith(QLatin1Char('\\')))
+        name.remove(0, 1);
+    while (name.endsWith(QLatin1Char('\\')))
+        name.chop(1);
+    return name.isEmpty() ? &session.Contents().Root() : session.Contents().Find(name);
+}
+
+// Applies one change as the edit page would; returns what went wrong.
+QString applyEdit(CEditSession& session, const QStringList& edit)
+{
+    const QString& option = edit.first();
+    if (option == QLatin1String("--label")) {
+        session.SetLabel(edit.at(1));
+        return QString();
+    }
+    if (option == QLatin1String("--add")) {
+        const QString& path = edit.at(1);
+        if (!QFileInfo::exists(path))
+            return QStringLiteral("%1 does not exist.").arg(path);
+        Item* folder = findEntry(session, edit.at(2));
+        if (folder == nullptr || !folder->isDir)
+            return QStringLiteral("The image has no folder %1.").arg(edit.at(2));
+        if (session.Add(*folder, {path}).isEmpty())
+            return QStringLiteral("The image already has an entry named %1 there.").arg(QFileInfo(path).fileName());
+        return QString();
+    }
+    Item* item = findEntry(session, edit.at(1));
+    if (item == nullptr || item == &session.Contents().Root())
+        return QStringLiteral("The image has no entry %1.").arg(edit.at(1));
+    QString why;
+    if (option == QLatin1String("--rename")) {
+        if (!session.Rename(*item, edit.at(2), &why))
+            return why.isEmpty() ? QStringLiteral("%1 already has that name.").arg(edit.at(1)) : why;
+        return QString();
+    }
+    if (!session.Remove({item}, &why))
+        return why;
+    return QString();
+}
+
+} // namespace
+
+int RunEdit(const Request& request)
+{
+    if (!QFileInfo(request.image).isFile()) {
+        print(stderr, QStringLiteral("brenta: %1 does not exist.\n").arg(request.image));
+        return 1;
+    }
+    CEditSession session;
+    QEventLoop loop;
+    bool succeeded = false;
+    QString message;
+    QObject::connect(&session, &CEditSession::listed, &loop, [&](bool ok) {
+        succeeded = ok;
+        loop.quit();
+    });
+    QObject::connect(&session, &CEditSession::saveFinished, &loop, [&](bool ok, const QString& said) {
+        succeeded = ok;
+        message = said;
+        loop.quit();
+    });
+    const bool showProgress = progressWanted();
+    if (showProgress) {
+        QObject::connect(&session, &CEditSession::progress,
+                         [](CEditSession::Phase phase, qint64 value, qint64 maximum) {
+                             const double percent = maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
+                             print(stderr, QStringLiteral("\r\033[K%1 %2%")
+                                               .arg(phase == CEditSession::Phase::Saving ? QStringLiteral("Saving")
+                                                                                         : QStringLiteral("Reading"))
+                                               .arg(percent, 0, 'f', 1));
+                         });
+    }
+    int caught = 0;
+    const SignalCatcher catcher([&](int signal) {
+        if (caught != 0)
+            return;
+        caught = signal;
+        session.Stop();
+        loop.quit();
+    });
+    session.Load(request.image);
+    loop.exec();
+    if (caught != 0)
+        return stoppedBy(caught);
+    if (!succeeded) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(session.LoadProblem()));
+        return 1;
+    }
+    for (const QStringList& edit : request.edits) {
+        const QString problem = applyEdit(session, edit);
+        if (!problem.isEmpty()) {
+            print(stderr, QStringLiteral("brenta: %1\n").arg(problem));
+            return 1;
+        }
+    }
+    session.Save(request.output);
+    if (session.IsBusy())
+        loop.exec();
+    if (showProgress)
+        print(stderr, QStringLiteral("\r\033[K"));
+    if (caught != 0)
+        return stoppedBy(caught);
+    if (!succeeded) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
+        return 1;
+    }
+    return 0;
+}
+
 QString VersionText()
 {
     return QStringLiteral("Brenta %1\n").arg(QStringLiteral(BRENTA_VERSION));
@@ -795,6 +963,9 @@ QString HelpText()
         "       brenta restore-usb DEVICE [--fs fat32|exfat|ntfs] [--label LABEL]\n"
         "                          [--yes]\n"
         "       brenta copy-disc DEVICE OUTPUT\n"
+        "       brenta edit IMAGE OUTPUT [--add PATH[=FOLDER]]...\n"
+        "                   [--rename ENTRY NEWNAME]... [--delete ENTRY]...\n"
+        "                   [--label LABEL]\n"
         "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
         "\n"
         "Without an option Brenta opens its window.\n"
@@ -838,6 +1009,15 @@ QString HelpText()
         "                         'drives' lists, or any block device you name. Brenta\n"
         "                         checks only that it is a block device; the disc tools\n"
         "                         refuse a drive that cannot burn or read a disc.\n"
+        "  edit IMAGE OUTPUT [CHANGE...]\n"
+        "                         write OUTPUT: IMAGE with the changes, applied in the\n"
+        "                         order given, and its whole boot setup.\n"
+        "                         --add PATH[=FOLDER] adds a file or folder (into the\n"
+        "                         root, or FOLDER); --rename ENTRY NEWNAME gives an\n"
+        "                         entry a new last name; --delete ENTRY removes it;\n"
+        "                         --label LABEL sets the volume label. Entries are paths\n"
+        "                         inside the image, \"/\" between components. Files the\n"
+        "                         boot setup names cannot be renamed or deleted\n"
         "\n"
         "Options:\n"
         "  -h, --help             show this help and exit\n"

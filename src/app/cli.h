@@ -14,14 +14,17 @@ namespace Cli {
 struct Request
 {
     enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, Drives, BurnDisc, BurnUsb,
-                      RestoreUsb, CopyDisc, UsageError };
+                      RestoreUsb, CopyDisc, Edit, UsageError };
     Mode mode = Mode::Gui;
     QString directory; // Screenshots: where the PNG files go; Extract: the destination
     QString image;     // List, Extract
     QStringList entries; // Extract: paths inside the image, "/" separated; Create: local paths
     QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
     QString device;    // BurnDisc, BurnUsb, RestoreUsb, CopyDisc: the drive's device node
-    QString output;    // CopyDisc: the image to write
+    QString output;    // CopyDisc, Edit: the image to write
+    // Edit: the changes in the order given, each its option and values:
+    // {"--add", PATH, FOLDER}, {"--rename", ENTRY, NEWNAME}, {"--delete", ENTRY}, {"--label", LABEL}
+    QList<QStringList> edits;
     // BurnUsb: the partition scheme, the file system, the volume label, and
     // whether to erase the stick without asking; RestoreUsb: the last three
     UsbPlan::Scheme scheme = UsbPlan::Scheme::Mbr;
@@ -52,5 +55,6 @@ int RunBurnDisc(const Request& request);
 int RunBurnUsb(const Request& request);
 int RunRestoreUsb(const Request& request);
 int RunCopyDisc(const Request& request);
+int RunEdit(const Request& request);
 
 } // namespace Cli

@@ -104,6 +104,12 @@ int main(int argc, char** argv)
         QCoreApplication application(argc, argv);
         return Cli::RunCopyDisc(request);
     }
+    case Cli::Request::Mode::Edit: {
+        QCoreApplication application(argc, argv);
+        QCoreApplication::setApplicationName(QStringLiteral("brenta"));
+        Util::RemoveStaleWorkingCopies();
+        return Cli::RunEdit(request);
+    }
     case Cli::Request::Mode::Screenshots:
         return runScreenshots(argc, argv, request.directory);
     case Cli::Request::Mode::Gui:
