@@ -29,18 +29,23 @@ QStringList xorriso(const QStringList& arguments)
 }
 
 // The boot setup as xorriso reports it, without what a new layout moves:
-// block addresses, sizes, GUIDs, and whether the image was padded to whole
-// cylinders.
+// block addresses, sizes, GUIDs of the disk and partitions, the filler
+// partitions in the gaps between the others, and whether the image was padded
+// to whole cylinders.
 QStringList bootSetup(const QString& image)
 {
     QStringList setup;
     static const QRegularExpression kept(QStringLiteral(
-        "^(Volume id|El Torito (cat path|img path|img opts)|System area summary|GPT partname local|GPT type GUID|"
-        "APM partition (name|type)|MBR partition table)"));
-    static const QRegularExpression addressed(QStringLiteral("^(El Torito boot img|MBR partition      )"));
+        "^(Volume id|El Torito (cat path|img path|img opts)|System area summary|APM partition (name|type)|"
+        "MBR partition table)"));
+    static const QRegularExpression addressed(QStringLiteral("^(El Torito boot img|MBR partition :)"));
+    static const QRegularExpression gpt(QStringLiteral("^GPT (partname local|type GUID) : (\\d+) (.*)$"));
+    QMap<int, QStringList> partitions; // number -> name, type
     for (QString line : xorriso({"-indev", image, "-report_el_torito", "plain", "-report_system_area", "plain"})) {
         line = line.simplified();
-        if (line.contains(kept)) {
+        if (const QRegularExpressionMatch match = gpt.match(line); match.hasMatch()) {
+            partitions[match.captured(2).toInt()] << match.captured(3);
+        } else if (line.contains(kept)) {
             setup << line.replace(QStringLiteral("cyl-align-on"), QStringLiteral("cyl-align-off"));
         } else if (line.contains(addressed)) {
             // N, bootable or status, platform or type, emulation...: all but
@@ -48,6 +53,10 @@ QStringList bootSetup(const QString& image)
             QStringList fields = line.split(QLatin1Char(' '));
             setup << fields.mid(0, fields.size() - (line.startsWith(QLatin1String("MBR")) ? 2 : 1)).join(' ');
         }
+    }
+    for (const QStringList& partition : partitions) {
+        if (!partition.value(0).startsWith(QLatin1String("Gap")))
+            setup << "GPT partition " + partition.join(' ');
     }
     return setup;
 }
@@ -188,23 +197,29 @@ void TestImageSave::shapes_data()
 {
     QTest::addColumn<QString>("shape");
     QTest::addColumn<QString>("renameFrom"); // absolute, as xorriso lists it
+    QTest::addColumn<QString>("deleted");
     QTest::addColumn<QStringList>("bootFiles");
 
-    QTest::newRow("isohybrid with links") << "isolinux" << "/docs"
+    const QString blocks = "/data/blocks.bin";
+    QTest::newRow("isohybrid with links") << "isolinux" << "/docs" << blocks
                                           << QStringList{"isolinux/boot.cat", "isolinux/isolinux.bin", "boot/efi.img"};
-    QTest::newRow("grub-mkrescue") << "grub" << "/docs/readme.txt"
+    QTest::newRow("grub-mkrescue") << "grub" << "/docs/readme.txt" << blocks
                                    << QStringList{"boot.catalog", "boot/grub/i386-pc/eltorito.img", "efi.img"};
-    QTest::newRow("genisoimage boot-info table") << "plain" << "/docs/readme.txt"
+    // The EFI image as a partition after the volume, in a GPT.
+    QTest::newRow("appended EFI partition") << "appended" << "/docs" << "/boot/b.bin"
+                                            << QStringList{"boot/boot.cat"};
+    QTest::newRow("genisoimage boot-info table") << "plain" << "/docs/readme.txt" << blocks
                                                  << QStringList{"boot/boot.cat", "boot/loader.bin"};
-    QTest::newRow("diskette entry") << "floppy" << "/docs"
+    QTest::newRow("diskette entry") << "floppy" << "/docs" << blocks
                                     << QStringList{"boot/boot.cat", "boot/floppy.img"};
-    QTest::newRow("no boot record") << "data" << "/docs/readme.txt" << QStringList{};
+    QTest::newRow("no boot record") << "data" << "/docs/readme.txt" << blocks << QStringList{};
 }
 
 void TestImageSave::shapes()
 {
     QFETCH(QString, shape);
     QFETCH(QString, renameFrom);
+    QFETCH(QString, deleted);
     QFETCH(QStringList, bootFiles);
 
     QTemporaryDir dir;
@@ -219,6 +234,12 @@ void TestImageSave::shapes()
         image = genisoimageBoot(dir.path(), &error);
     else if (shape == "floppy")
         image = disketteImage(dir.path(), &error);
+    else if (shape == "appended") {
+        const QString tree = BootCatalogs::Tree(dir.path(), &error);
+        image = dir.filePath("appended.iso");
+        if (tree.isEmpty() || !BootCatalogs::Build(tree, image, BootCatalogs::kAppendedGpt, &error))
+            image.clear();
+    }
     else
         image = HybridImage::Data(dir.path(), &error);
     QVERIFY2(!image.isEmpty(), qPrintable(error));
@@ -234,14 +255,14 @@ void TestImageSave::shapes()
     QVERIFY(IsoFixture::WriteTree(dir.path(), {{"new.txt", "added by the save\n"}}));
     const QString renameTo = renameFrom + "-renamed";
     const std::vector<Change> changes{added(source, "added/new.txt"), renamed(renameFrom.mid(1), renameTo.mid(1)),
-                                      deleted("data/blocks.bin")};
+                                      ::deleted(deleted.mid(1))};
     const QString output = dir.filePath("saved.iso");
     QString message;
     QVERIFY2(save(image, changes, output, &message), qPrintable(message));
     QVERIFY(partFiles(dir.path()).isEmpty());
 
     QCOMPARE(bootSetup(output), bootSetup(image));
-    QStringList expected = changedTree(tree(image), renameFrom, renameTo, "/data/blocks.bin", "/added/new.txt");
+    QStringList expected = changedTree(tree(image), renameFrom, renameTo, deleted, "/added/new.txt");
     expected << "d /added";
     expected.sort();
     QCOMPARE(tree(output), expected);
