@@ -93,8 +93,6 @@ void TestRunner::deliversLines_data()
     QTest::addColumn<QStringList>("arguments");
     QTest::addColumn<QStringList>("lines");
 
-    QTest::newRow("three figures and crlf")
-        << QStringList{"print-raw", "12%\\r34%\\r56%\\r\\n"} << QStringList{"12%", "34%", "56%"};
     QTest::newRow("last line without line feed")
         << QStringList{"print-raw", "first\\nlast"} << QStringList{"first\n", "last"};
     QTest::newRow("error output is merged")
