@@ -44,9 +44,21 @@ void CBaseImageCtrl::SetSprite(const QString& path, int frames)
     update();
 }
 
+void CBaseImageCtrl::SetAutoSize(bool autoSize)
+{
+    m_autoSize = autoSize;
+    ApplySize();
+}
+
+void CBaseImageCtrl::SetAlignment(int alignment)
+{
+    m_alignment = alignment;
+    update();
+}
+
 void CBaseImageCtrl::ApplySize()
 {
-    if (m_normal.isEmpty())
+    if (!m_autoSize || m_normal.isEmpty())
         return;
     const QPixmap picture(m_normal);
     if (picture.isNull()) {
@@ -90,8 +102,10 @@ void CBaseImageCtrl::mouseReleaseEvent(QMouseEvent* event)
     const bool wasArmed = std::exchange(m_armed, false);
     m_inside = rect().contains(event->position().toPoint());
     update();
-    if (wasArmed && m_inside)
+    if (wasArmed && m_inside) {
+        Q_EMIT clicked(true);
         Q_EMIT clicked();
+    }
 }
 
 void CBaseImageCtrl::enterEvent(QEnterEvent* event)
@@ -144,7 +158,23 @@ void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
         source = picture.rect();
     }
 
-    const QPoint at((width() - source.width()) / 2, (height() - source.height()) / 2);
+    QPoint at((width() - source.width()) / 2, (height() - source.height()) / 2);
+    switch (m_alignment) {
+    case Left:
+        at.setX(0);
+        break;
+    case Top:
+        at.setY(0);
+        break;
+    case Right:
+        at.setX(width() - source.width());
+        break;
+    case Bottom:
+        at.setY(height() - source.height());
+        break;
+    default:
+        break;
+    }
     QPainter painter(this);
     painter.drawPixmap(at, picture, source);
 }

@@ -29,6 +29,7 @@ public:
     QTableView* Table() const { return m_table; }
     CFolderModel* Model() const { return m_model; }
     SCheckBoxHeaderView* Header() const { return m_header; }
+    QMenu* ContextMenu() const { return m_menu; }
     const Item* CurrentFolder() const { return m_current; }
 
 public Q_SLOTS:

@@ -27,6 +27,7 @@ public:
     // filter set, only children whose name contains it (ignoring case) show.
     void SetFolder(const Item* folder);
     void SetFilter(const QString& filter);
+    QString Filter() const { return m_filter; }
     const Item* Folder() const { return m_folder; }
     const Item* ItemAt(int row) const;
     // The items of the ticked rows, in row order.
