@@ -397,7 +397,7 @@ void TestCli::edit_data()
     QTest::newRow("a name taken") << QStringList{"--add", "LOCAL/a.txt"} << 1
                                   << "brenta: The image already has an entry named a.txt there." << QStringList{};
     QTest::newRow("a boot file") << QStringList{"--add", "LOCAL/a.txt=docs", "--delete", "boot/loader.bin"} << 1
-                                 << "brenta: loader.bin cannot be deleted: the image starts from /boot/loader.bin."
+                                 << "brenta: loader.bin cannot be deleted: the image starts from it, /boot/loader.bin"
                                  << QStringList{};
     QTest::newRow("no such entry") << QStringList{"--rename", "docs/none.txt", "x"} << 1
                                    << "brenta: The image has no entry docs/none.txt." << QStringList{};

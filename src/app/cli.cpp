@@ -924,7 +924,7 @@ int RunEdit(const Request& request)
     for (const QStringList& edit : request.edits) {
         const QString problem = applyEdit(session, edit);
         if (!problem.isEmpty()) {
-            print(stderr, QStringLiteral("brenta: %1\n").arg(problem));
+            print(stderr, QStringLiteral("brenta: %1\n").arg(QString(problem).replace(QLatin1Char('\n'), QLatin1Char(' '))));
             return 1;
         }
     }

@@ -428,6 +428,17 @@ void RenderEditPage(Writer& writer)
     writer.Save(QStringLiteral("page-edit-image"), host);
     page->Search()->setText(QStringLiteral("IN"));
     writer.Save(QStringLiteral("page-edit-search"), host);
+    page->Search()->clear();
+
+    CProgressDialog* progress = page->Progress();
+    progress->SetText(QStringLiteral("Saving ISO file..."));
+    progress->SetRange(0, 10000);
+    progress->SetValue(3120);
+    writer.SaveOver(QStringLiteral("page-edit-saving"), host, *progress);
+
+    auto refused = MessageDialogs::Message(
+        QStringLiteral("eltorito.img cannot be deleted: the image starts from it,\n/boot/grub/i386-pc/eltorito.img"));
+    writer.SaveOver(QStringLiteral("page-edit-boot-file-refused"), host, *refused);
 }
 
 void RenderDialogs(Writer& writer)

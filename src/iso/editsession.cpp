@@ -397,6 +397,14 @@ QString CEditSession::BootFileIn(const Item& item) const
     return QString();
 }
 
+QString CEditSession::BootFileText(const Item& item, const QString& bootFile, const QString& edit)
+{
+    // The path goes on a line of its own, where a dialog does not break it.
+    return QStringLiteral("%1 cannot be %2: the image starts from %3\n%4")
+        .arg(ItemTree::LastComponent(item.name), edit,
+             item.isDir ? QStringLiteral("a file in it,") : QStringLiteral("it,"), bootFile);
+}
+
 QString CEditSession::OriginalPath(const Item& item) const
 {
     if (!item.source.isEmpty())
@@ -471,8 +479,7 @@ bool CEditSession::Rename(Item& item, const QString& newName, QString* why)
         name == QLatin1String(".."))
         return refuse(QStringLiteral("A name cannot be \".\" or \"..\", nor contain / or \\."));
     if (const QString bootFile = BootFileIn(item); !bootFile.isEmpty())
-        return refuse(QStringLiteral("%1 cannot be renamed: the image starts from %2.")
-                          .arg(ItemTree::LastComponent(old), bootFile));
+        return refuse(BootFileText(item, bootFile, QStringLiteral("renamed")));
     if (!m_contents.Rename(old, name))
         return refuse(QStringLiteral("There is already an entry named \"%1\" here.").arg(name));
     Queue(LocalPath(old), LocalPath(item.name), CFileCopy::Move);
@@ -506,8 +513,7 @@ bool CEditSession::Remove(const QList<Item*>& items, QString* why)
     for (const Item* item : items) {
         if (const QString bootFile = BootFileIn(*item); !bootFile.isEmpty()) {
             if (why)
-                *why = QStringLiteral("%1 cannot be deleted: the image starts from %2.")
-                           .arg(ItemTree::LastComponent(item->name), bootFile);
+                *why = BootFileText(*item, bootFile, QStringLiteral("deleted"));
             return false;
         }
     }

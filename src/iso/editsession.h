@@ -84,6 +84,9 @@ public:
     void SetLabel(const QString& label);
     // The boot file at or below the entry, or empty.
     QString BootFileIn(const Item& item) const;
+    // Why an edit of the entry holding `bootFile` is refused; `edit` is
+    // "renamed" or "deleted".
+    static QString BootFileText(const Item& item, const QString& bootFile, const QString& edit);
     // The path the entry has in the original image ("/" separated), or empty
     // for an added entry.
     QString OriginalPath(const Item& item) const;

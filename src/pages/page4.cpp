@@ -210,6 +210,9 @@ void CPage4::UpdateStatus()
     if (m_session.IsExtracting())
         m_status->setText(QStringLiteral("Copying the image's files for the UDF rebuild: %1%")
                               .arg(m_session.ExtractProgress()));
+    else if (m_session.Way() == ImageSave::Way::Xorriso && m_session.Report().bootFiles.isEmpty() &&
+             m_session.Report().systemArea.isEmpty())
+        m_status->setText(QStringLiteral("Saved by xorriso from the original image."));
     else if (m_session.Way() == ImageSave::Way::Xorriso)
         m_status->setText(QStringLiteral("Saved by xorriso from the original image, with its whole boot setup."));
     else
@@ -293,8 +296,7 @@ void CPage4::OnDelete()
     for (const Item* item : items) {
         const QString bootFile = m_session.BootFileIn(*item);
         if (!bootFile.isEmpty()) {
-            Util::ShowMessage(QStringLiteral("%1 cannot be deleted: the image starts from %2.")
-                                  .arg(ItemTree::LastComponent(item->name), bootFile));
+            Util::ShowMessage(CEditSession::BootFileText(*item, bootFile, QStringLiteral("deleted")));
             return;
         }
     }
