@@ -5,7 +5,10 @@
 #include <QDirIterator>
 #include <QFile>
 #include <QFileInfo>
+#include <QTemporaryDir>
 #include <QTimer>
+
+#include <functional>
 
 #include "app/util.h"
 #include "iso/extraction.h"
@@ -109,10 +112,20 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
         Q_EMIT exporting(entry);
     });
     connect(m_exportJob, &CExtractJob::finished, this, [this] {
-        if (!m_exportJob->Succeeded())
+        if (!m_exportJob->Succeeded()) {
             Finish(false, m_exportJob->Message());
-        else
-            StartExportCopies();
+            return;
+        }
+        const QStringList placed = m_exportJob->Placed();
+        for (qsizetype i = 0; i < placed.size() && i < m_exportItems.size(); ++i) {
+            const Item* item = m_contents.Find(m_exportItems.at(i));
+            QString why;
+            if (item && !PlaceExported(placed.at(i), *item, &why)) {
+                Finish(false, why);
+                return;
+            }
+        }
+        StartExportCopies();
     });
     m_poll = new QTimer(this);
     m_poll->setInterval(100);
@@ -574,11 +587,15 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
     m_task = Task::Export;
     m_destination = destination;
     m_exportEntries.clear();
+    m_exportItems.clear();
     m_exportCopies.clear();
+    m_exportInto.clear();
     m_exportTargets.clear();
     for (const Item* item : items) {
-        if (item->source.isEmpty())
+        if (item->source.isEmpty()) {
             m_exportEntries << OriginalPath(*item);
+            m_exportItems << item->name;
+        }
         else
             m_exportCopies.emplace_back(item->source, ItemTree::LastComponent(item->name));
     }
@@ -594,9 +611,74 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
     m_exportJob->Start(m_image, destination, m_exportEntries, renamed ? nullptr : &m_contents);
 }
 
+bool CEditSession::PlaceExported(const QString& placed, const Item& item, QString* why)
+{
+    const QString shown = ItemTree::LastComponent(item.name);
+    const QString original = OriginalPath(item);
+    const auto fail = [why](const QString& text) {
+        *why = text;
+        return false;
+    };
+    // The extracted entry is the image's; an edited folder is made again as
+    // the tree shows it: entries moved to their new names, deleted ones left
+    // out, added files copied from disk.
+    const auto edited = [&](const Change& change) {
+        const QString inside = imagePath(item.name) + QLatin1Char('/');
+        return change.path.startsWith(original + QLatin1Char('/')) || change.path.startsWith(inside) ||
+               change.newPath.startsWith(inside);
+    };
+    QString from = placed;
+    std::unique_ptr<QTemporaryDir> rebuilt;
+    if (item.isDir && std::any_of(m_changes.cbegin(), m_changes.cend(), edited)) {
+        rebuilt = std::make_unique<QTemporaryDir>(QDir(m_destination).filePath(QStringLiteral(".brenta-export-XXXXXX")));
+        if (!rebuilt->isValid())
+            return fail(QStringLiteral("Cannot write into %1 (%2).").arg(m_destination, rebuilt->errorString()));
+        std::function<bool(const Item&)> walk = [&](const Item& folder) {
+            for (const auto& child : folder.children) {
+                const QString relative = imagePath(child->name.mid(item.name.size() + 1));
+                const QString target = rebuilt->filePath(relative);
+                if (!child->source.isEmpty()) {
+                    if (child->isDir && !QFileInfo(child->source).isSymLink())
+                        QDir().mkpath(target);
+                    else
+                        m_exportInto.emplace_back(child->source, target);
+                } else if (child->isDir) {
+                    QDir().mkpath(target);
+                } else {
+                    const QString source = placed + OriginalPath(*child).mid(original.size());
+                    if (!QDir().rename(source, target))
+                        return fail(QStringLiteral("%1 could not be moved to %2.").arg(source, target));
+                }
+                if (child->isDir && !walk(*child))
+                    return false;
+            }
+            return true;
+        };
+        if (!walk(item))
+            return false;
+        Extraction::RemoveTree(placed);
+        from = rebuilt->path();
+    } else if (original.section(QLatin1Char('/'), -1) == shown) {
+        return true;
+    }
+    const QString target = QDir(m_destination).filePath(Extraction::FreeName(m_destination, shown));
+    if (!QDir().rename(from, target))
+        return fail(QStringLiteral("%1 could not be renamed to %2.").arg(from, target));
+    if (rebuilt) {
+        rebuilt->setAutoRemove(false);
+        QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup |
+                                          QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+        for (auto& [source, copy] : m_exportInto) {
+            if (copy.startsWith(from + QLatin1Char('/')))
+                copy = target + copy.mid(from.size());
+        }
+    }
+    return true;
+}
+
 void CEditSession::StartExportCopies()
 {
-    if (m_exportCopies.empty()) {
+    if (m_exportCopies.empty() && m_exportInto.empty()) {
         Finish(true, m_exportEntries.isEmpty() ? QString() : m_exportJob->Message());
         return;
     }
@@ -607,6 +689,8 @@ void CEditSession::StartExportCopies()
         m_exportTargets << target;
         m_exporter->AddJob(source, target, CFileCopy::CopyAs);
     }
+    for (const auto& [source, target] : m_exportInto)
+        m_exporter->AddJob(source, target, CFileCopy::CopyAs);
     m_phase = Phase::Copying;
     m_total = m_exporter->RemainingBytes();
     Q_EMIT progress(Phase::Copying, 0, m_total >> 10);

@@ -128,6 +128,8 @@ private:
     int AddIndexOf(const Item* item) const;
     bool ReplayedAfter(size_t index) const;
     void Poll();
+    // Gives an extracted entry the name and, for a folder, the contents the tree shows.
+    bool PlaceExported(const QString& placed, const Item& item, QString* why);
     void StartExportCopies();
     void StartBuild();
     void Finish(bool succeeded, const QString& message);
@@ -172,6 +174,8 @@ private:
     QString m_output;
     QString m_destination;
     QStringList m_exportEntries;
-    std::vector<std::pair<QString, QString>> m_exportCopies;
+    QStringList m_exportItems; // the extracted entries' names in the tree
+    std::vector<std::pair<QString, QString>> m_exportCopies; // added entries: source, name
+    std::vector<std::pair<QString, QString>> m_exportInto;   // added files in edited folders: source, target
     QStringList m_exportTargets;
 };
