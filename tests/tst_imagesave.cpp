@@ -183,6 +183,7 @@ private Q_SLOTS:
     void shapes_data();
     void shapes();
     void literalNames();
+    void imageBelowDev();
     void failureKeepsOutput();
     void stop();
 };
@@ -291,6 +292,23 @@ void TestImageSave::literalNames()
                  && entries.contains("- /data/blocks.bin"),
              qPrintable(entries.join(", ")));
     QVERIFY(xorriso({"-indev", output}).contains("Volume id    : '-end'"));
+}
+
+// xorriso takes a path below /dev for a drive unless told it is a file:
+// images on a tmpfs in /dev/shm are read, reported and saved all the same.
+void TestImageSave::imageBelowDev()
+{
+    if (!QFileInfo(QStringLiteral("/dev/shm")).isWritable())
+        QSKIP("/dev/shm is not writable here");
+    QTemporaryDir dir(QStringLiteral("/dev/shm/tst_imagesave-XXXXXX"));
+    QVERIFY(dir.isValid());
+    QString error;
+    const QString image = HybridImage::Data(dir.path(), &error);
+    QVERIFY2(!image.isEmpty(), qPrintable(error));
+    const QStringList report = xorriso(ImageSave::ReportArguments(image));
+    QVERIFY2(report.contains("Volume id    : 'CDROM'"), qPrintable(report.join('\n')));
+    QString message;
+    QVERIFY2(save(image, {deleted("docs/readme.txt")}, dir.filePath("saved.iso"), &message), qPrintable(message));
 }
 
 // A change that cannot be made fails the save, and the file already at the

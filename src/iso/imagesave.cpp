@@ -28,13 +28,20 @@ QString entryPath(const QString& path)
     return entry;
 }
 
+// A file as xorriso must be given it: with "stdio:" it is taken for a file
+// wherever it lies, also below /dev (a tmpfs in /dev/shm), never for a drive.
+QString asFile(const QString& path)
+{
+    return QStringLiteral("stdio:") + QFileInfo(path).absoluteFilePath();
+}
+
 } // namespace
 
 QStringList ReportArguments(const QString& image)
 {
     return {QStringLiteral("-abort_on"), QStringLiteral("FAILURE"),       QStringLiteral("-return_with"),
             QStringLiteral("FAILURE"),   QStringLiteral("32"),            QStringLiteral("-indev"),
-            QFileInfo(image).absoluteFilePath(), QStringLiteral("-report_el_torito"), QStringLiteral("plain"),
+            asFile(image),               QStringLiteral("-report_el_torito"), QStringLiteral("plain"),
             QStringLiteral("-report_el_torito"), QStringLiteral("as_mkisofs"), QStringLiteral("-report_system_area"),
             QStringLiteral("plain")};
 }
@@ -81,9 +88,8 @@ QStringList SaveArguments(const QString& image, const std::vector<Change>& chang
                           QStringLiteral("off"),             QStringLiteral("-disk_pattern"), QStringLiteral("off")};
     if (!rockRidge)
         arguments << QStringLiteral("-rockridge") << QStringLiteral("off");
-    // stdio: keeps xorriso from taking the output for a drive.
-    arguments << QStringLiteral("-indev") << QFileInfo(image).absoluteFilePath() << QStringLiteral("-outdev")
-              << QStringLiteral("stdio:") + QFileInfo(part).absoluteFilePath() << QStringLiteral("-boot_image")
+    arguments << QStringLiteral("-indev") << asFile(image) << QStringLiteral("-outdev") << asFile(part)
+              << QStringLiteral("-boot_image")
               << QStringLiteral("any") << QStringLiteral("replay");
     if (alignCylinders)
         arguments << QStringLiteral("-boot_image") << QStringLiteral("any") << QStringLiteral("partition_cyl_align=on");
