@@ -9,7 +9,9 @@
 #include "common/isofixture.h"
 #include "common/standins.h"
 #include "iso/isojobs.h"
+#include "iso/extraction.h"
 #include "iso/itemtree.h"
+#include "tools/toollocator.h"
 
 namespace {
 
@@ -43,8 +45,8 @@ QStringList treeLines(const Item& folder)
 // Link name → target as stored.
 QList<QPair<QString, QString>> linkTable(const QString& outside)
 {
-    return {{"link", "d/f.txt"}, {"abs", outside}, {"d/up", "../../x"}, {"dirlink", "d"}, {"d/self", "f.txt"},
-            {"new\nline", "nl\ntarget"}};
+    return {{"link", "d/f.txt"}, {"abs", outside},    {"d/up", "../../x"},
+            {"dirlink", "d"},    {"d/self", "f.txt"}, {"new\nline", "nl\ntarget"}};
 }
 
 QByteArray linkText(const QString& path)
@@ -147,8 +149,7 @@ QString describe(const QString& root, const QString& path)
     return "F " + mode + " " + QString::fromUtf8(readAll(root + '/' + path)) + time;
 }
 
-template <typename Job>
-void waitFor(Job& job)
+template <typename Job> void waitFor(Job& job)
 {
     QSignalSpy finished(&job, &Job::finished);
     QVERIFY(finished.wait(120000));
@@ -181,6 +182,7 @@ private Q_SLOTS:
     void readsRockRidgeExactly();
     void readableDespiteComplaints_data();
     void readableDespiteComplaints();
+    void readerSurvivesDamagedImages();
 
 private:
     QTemporaryDir m_dir;
@@ -195,17 +197,21 @@ void TestExtract::initTestCase()
     QVERIFY(IsoFixture::WriteTree(source, kFiles, {"empty folder"}));
     QString error;
     for (const QString kind : {"joliet", "udf"}) {
-        m_images[kind] = IsoFixture::Build(source, m_dir.filePath("-" + kind + " image.iso"), kind, &error);
+        m_images[kind] =
+            IsoFixture::Build(source, m_dir.filePath("-" + kind + " image.iso"), kind, &error);
         QVERIFY2(!m_images[kind].isEmpty(), qPrintable(error));
     }
-    m_images["crafted"] = CraftedImage::Build(m_dir.path(), {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
-                                              m_dir.filePath("crafted.iso"), &error);
+    m_images["crafted"] = CraftedImage::Build(
+        m_dir.path(), {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
+        m_dir.filePath("crafted.iso"), &error);
     QVERIFY2(!m_images["crafted"].isEmpty(), qPrintable(error));
     QVERIFY(!IsoFixture::SparseFile(m_dir.filePath("four/zeros.bin"), 4).isEmpty());
-    m_images["four mebibytes"] = IsoFixture::Build(m_dir.filePath("four"), m_dir.filePath("four.iso"), "joliet", &error);
+    m_images["four mebibytes"] =
+        IsoFixture::Build(m_dir.filePath("four"), m_dir.filePath("four.iso"), "joliet", &error);
     QVERIFY(!m_images["four mebibytes"].isEmpty());
     m_images["not an image"] = m_dir.filePath("not an image.iso");
-    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"not an image.iso", "just some text, not an image"}}));
+    QVERIFY(IsoFixture::WriteTree(m_dir.path(),
+                                  {{"not an image.iso", "just some text, not an image"}}));
     const QString jolietOnly =
         IsoFixture::Build(source, m_dir.filePath("joliet only.iso"), "joliet only", &error);
     QVERIFY2(!jolietOnly.isEmpty(), qPrintable(error));
@@ -249,7 +255,8 @@ void TestExtract::initTestCase()
         QVERIFY2(builder.exitCode() == 0, builder.readAll().constData());
     }
     QVERIFY(IsoFixture::WriteTree(m_dir.filePath("nothing"), {}));
-    m_images["empty"] = IsoFixture::Build(m_dir.filePath("nothing"), m_dir.filePath("empty.iso"), "joliet", &error);
+    m_images["empty"] =
+        IsoFixture::Build(m_dir.filePath("nothing"), m_dir.filePath("empty.iso"), "joliet", &error);
     QVERIFY(!m_images["empty"].isEmpty());
 }
 
@@ -271,9 +278,10 @@ void TestExtract::listsRealImages()
     QCOMPARE(tree.title, QFileInfo(m_images[kind]).fileName());
 
     const QStringList lines = treeLines(tree.Root());
-    for (const QString& expected : {QString("F docs\\x\\sub\\b c.txt 7"), QString("F -dash.txt 8"),
-                                    QString("F @at.txt 7"), QString("F qu'ote\".txt 6"),
-                                    QString::fromUtf8("F ünï cödé\\ñ.txt 7"), QString("D empty folder ")})
+    for (const QString& expected :
+         {QString("F docs\\x\\sub\\b c.txt 7"), QString("F -dash.txt 8"), QString("F @at.txt 7"),
+          QString("F qu'ote\".txt 6"), QString::fromUtf8("F ünï cödé\\ñ.txt 7"),
+          QString("D empty folder ")})
         QVERIFY2(lines.contains(expected), qPrintable(expected + " not in\n" + lines.join('\n')));
     QVERIFY(tree.Find("docs\\x")->isDir);
     QCOMPARE(tree.Find("docs\\x\\a.txt")->time.size(), 19);
@@ -285,16 +293,20 @@ void TestExtract::extractsExactlyTheEntries_data()
     QTest::addColumn<QStringList>("entries");
     QTest::addColumn<QStringList>("expected"); // relative file paths in the destination
     // Only the named entries: not docs/-dash.txt, which has the same name.
-    QTest::newRow("from the root") << "joliet" << QStringList{"-dash.txt", "@at.txt", "qu'ote\".txt"}
-                                   << QStringList{"-dash.txt", "@at.txt", "qu'ote\".txt"};
+    QTest::newRow("from the root")
+        << "joliet" << QStringList{"-dash.txt", "@at.txt", "qu'ote\".txt"}
+        << QStringList{"-dash.txt", "@at.txt", "qu'ote\".txt"};
     QTest::newRow("nested file and folder move up")
-        << "joliet" << QStringList{"docs/x/a.txt", "docs/x/sub"} << QStringList{"a.txt", "sub/b c.txt"};
+        << "joliet" << QStringList{"docs/x/a.txt", "docs/x/sub"}
+        << QStringList{"a.txt", "sub/b c.txt"};
     QTest::newRow("unicode from udf") << "udf" << QStringList{QString::fromUtf8("ünï cödé/ñ.txt")}
                                       << QStringList{QString::fromUtf8("ñ.txt")};
     QTest::newRow("whole image") << "udf" << QStringList{}
-                                 << QStringList{"-dash.txt", "@at.txt", "a.txt", "docs/-dash.txt",
-                                                "docs/x/a.txt", "docs/x/sub/b c.txt", "qu'ote\".txt",
-                                                QString::fromUtf8("ünï cödé/ñ.txt")};
+                                 << QStringList{
+                                        "-dash.txt",    "@at.txt",
+                                        "a.txt",        "docs/-dash.txt",
+                                        "docs/x/a.txt", "docs/x/sub/b c.txt",
+                                        "qu'ote\".txt", QString::fromUtf8("ünï cödé/ñ.txt")};
 }
 
 void TestExtract::extractsExactlyTheEntries()
@@ -327,8 +339,8 @@ void TestExtract::extractsExactlyTheEntries()
 void TestExtract::neverOverwritesWhatWasThere()
 {
     QTemporaryDir destination;
-    QVERIFY(IsoFixture::WriteTree(destination.path(),
-                                  {{"a.txt", "mine"}, {"a (2).txt", "mine"}, {"sub/keep", "mine too"}}));
+    QVERIFY(IsoFixture::WriteTree(
+        destination.path(), {{"a.txt", "mine"}, {"a (2).txt", "mine"}, {"sub/keep", "mine too"}}));
     CExtractJob job;
     job.Start(m_images["joliet"], destination.path(), {"docs/x/a.txt", "docs/x/sub"});
     waitFor(job);
@@ -339,7 +351,10 @@ void TestExtract::neverOverwritesWhatWasThere()
     QCOMPARE(readAll(destination.filePath("a (3).txt")), QByteArray("alpha"));
     QCOMPARE(readAll(destination.filePath("sub (2)/b c.txt")), QByteArray("bee see"));
     // Nothing else, the staging folder included.
-    QCOMPARE(QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 5);
+    QCOMPARE(QDir(destination.path())
+                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)
+                 .size(),
+             5);
 }
 
 namespace {
@@ -379,16 +394,36 @@ void TestExtract::failuresSayWhy_data()
                                         << ""
                                         << ""
                                         << "Cannot open the file as archive";
-    QTest::newRow("not an image") << "extract" << "not an image" << "dest" << "" << "Cannot open the file as archive";
+    QTest::newRow("not an image") << "extract"
+                                  << "not an image"
+                                  << "dest"
+                                  << ""
+                                  << "Cannot open the file as archive";
     QTest::newRow("a folder as image") << "extract"
                                        << "folder"
                                        << "dest"
                                        << ""
                                        << "Cannot find archive";
-    QTest::newRow("destination is a file") << "extract" << "joliet" << "plain" << "" << "plain is not a folder";
-    QTest::newRow("destination below a file") << "extract" << "joliet" << "plain/dest" << "" << "plain is not a folder";
-    QTest::newRow("read-only destination") << "extract" << "joliet" << "dest" << "ro,size=1m" << "Read-only file system";
-    QTest::newRow("full disk") << "extract" << "four mebibytes" << "dest" << "size=1m" << "No space left on device";
+    QTest::newRow("destination is a file") << "extract"
+                                           << "joliet"
+                                           << "plain"
+                                           << ""
+                                           << "plain is not a folder";
+    QTest::newRow("destination below a file") << "extract"
+                                              << "joliet"
+                                              << "plain/dest"
+                                              << ""
+                                              << "plain is not a folder";
+    QTest::newRow("read-only destination") << "extract"
+                                           << "joliet"
+                                           << "dest"
+                                           << "ro,size=1m"
+                                           << "Read-only file system";
+    QTest::newRow("full disk") << "extract"
+                               << "four mebibytes"
+                               << "dest"
+                               << "size=1m"
+                               << "No space left on device";
 }
 
 // Every failure of the terminal forms ends with a message that says why, in
@@ -419,7 +454,8 @@ void TestExtract::failuresSayWhy()
     QCOMPARE(brenta.exitCode(), 1);
     const QString err = QString::fromUtf8(brenta.readAllStandardError());
     QVERIFY2(err.startsWith("brenta: ") && err.contains(reason), qPrintable(err));
-    QDirIterator it(box.path(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+    QDirIterator it(box.path(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
     while (it.hasNext())
         QVERIFY2(!it.next().contains(".brenta-extract"), qPrintable(it.filePath()));
 }
@@ -447,8 +483,9 @@ void TestExtract::stopRemovesPartialOutput()
     QVERIFY(!job.IsRunning());
     QTest::qWait(300);
     QCOMPARE(finished.count(), 0);
-    QCOMPARE(QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-             QStringList());
+    QCOMPARE(
+        QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+        QStringList());
 }
 
 void TestExtract::makesLinksAsStored_data()
@@ -460,13 +497,15 @@ void TestExtract::makesLinksAsStored_data()
     const QStringList all{"link",    "abs",    "d/up",
                           "dirlink", "d/self", QString::fromUtf8("new\nline=new\uFFFDline")};
     // A line end in a name comes out as U+FFFD, in the listing alike.
-    QTest::newRow("rock ridge, whole image") << "rock ridge" << QStringList{} << all << QStringList{};
+    QTest::newRow("rock ridge, whole image")
+        << "rock ridge" << QStringList{} << all << QStringList{};
     QTest::newRow("rock ridge + joliet, whole image")
         << "rock ridge + joliet" << QStringList{} << all << QStringList{};
-    QTest::newRow("rock ridge, one folder") << "rock ridge" << QStringList{"d"} << QStringList{"d/up", "d/self"}
-                                            << QStringList{};
+    QTest::newRow("rock ridge, one folder")
+        << "rock ridge" << QStringList{"d"} << QStringList{"d/up", "d/self"} << QStringList{};
     QTest::newRow("rock ridge + joliet, links themselves")
-        << "rock ridge + joliet" << QStringList{"abs", "d/up"} << QStringList{"abs", "d/up=up"} << QStringList{};
+        << "rock ridge + joliet" << QStringList{"abs", "d/up"} << QStringList{"abs", "d/up=up"}
+        << QStringList{};
 }
 
 // A link comes out as a link holding exactly what the image stores, never
@@ -487,7 +526,8 @@ void TestExtract::makesLinksAsStored()
     QVERIFY2(job.Succeeded(), qPrintable(job.Message()));
     for (const QString& link : links) {
         const QString inImage = link.section('=', 0, 0);
-        const QString placed = destination.filePath(link.contains('=') ? link.section('=', 1) : link);
+        const QString placed =
+            destination.filePath(link.contains('=') ? link.section('=', 1) : link);
         QVERIFY2(QFileInfo(placed).isSymLink(), qPrintable(placed));
         QCOMPARE(QFile::decodeName(linkText(placed)), stored.value(inImage));
     }
@@ -505,9 +545,12 @@ void TestExtract::takesNothingFromOutside_data()
     QTest::addColumn<QString>("kind");
     QTest::addColumn<QString>("entry");
     QTest::addColumn<bool>("listingGiven");
-    QTest::newRow("crafted name, the page's listing") << "crafted" << "../../notes.txt" << true;
-    QTest::newRow("crafted name, listed by the job") << "crafted" << "../../notes.txt" << false;
-    QTest::newRow("absolute path") << "joliet" << "@outside" << false;
+    QTest::newRow("crafted name, the page's listing") << "crafted"
+                                                      << "../../notes.txt" << true;
+    QTest::newRow("crafted name, listed by the job") << "crafted"
+                                                     << "../../notes.txt" << false;
+    QTest::newRow("absolute path") << "joliet"
+                                   << "@outside" << false;
 }
 
 // A file beside the destination must stay where it is, whatever name an
@@ -537,7 +580,8 @@ void TestExtract::takesNothingFromOutside()
     QVERIFY(!job.Succeeded());
     QVERIFY2(job.Message().contains(entry), qPrintable(job.Message()));
     QCOMPARE(readAll(box.filePath("notes.txt")), QByteArray("private"));
-    QCOMPARE(QDir(box.filePath("dest")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+    QCOMPARE(QDir(box.filePath("dest"))
+                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              QStringList());
 }
 
@@ -547,17 +591,20 @@ void TestExtract::commandLine_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("expectedOut");
     QTest::newRow("list") << QStringList{"list", "@joliet"} << 0 << "F\t5\t*\tdocs/x/a.txt";
-    QTest::newRow("extract") << QStringList{"extract", "@joliet", "@dest", "docs/x/sub", "-dash.txt"} << 0
-                             << "";
+    QTest::newRow("extract") << QStringList{"extract", "@joliet", "@dest", "docs/x/sub",
+                                            "-dash.txt"}
+                             << 0 << "";
     QTest::newRow("list no image") << QStringList{"list", "@missing"} << 1 << "";
     QTest::newRow("list empty image") << QStringList{"list", "@empty"} << 0 << "";
     QTest::newRow("extract usage") << QStringList{"extract", "@joliet"} << 2 << "";
     // Entries that name files outside the image are refused by name, and
     // nothing is taken from where they point.
-    QTest::newRow("absolute entry") << QStringList{"extract", "@joliet", "@dest", "@outside"} << 1 << "";
-    QTest::newRow("parent entry") << QStringList{"extract", "@joliet", "@dest", "../../notes.txt"} << 1 << "";
-    QTest::newRow("entry not in the image") << QStringList{"extract", "@joliet", "@dest", "a.txt", "nothing.txt"}
-                                            << 1 << "";
+    QTest::newRow("absolute entry")
+        << QStringList{"extract", "@joliet", "@dest", "@outside"} << 1 << "";
+    QTest::newRow("parent entry") << QStringList{"extract", "@joliet", "@dest", "../../notes.txt"}
+                                  << 1 << "";
+    QTest::newRow("entry not in the image")
+        << QStringList{"extract", "@joliet", "@dest", "a.txt", "nothing.txt"} << 1 << "";
 }
 
 void TestExtract::commandLine()
@@ -600,7 +647,8 @@ void TestExtract::commandLine()
     QCOMPARE(readAll(box.filePath("notes.txt")), QByteArray("private"));
     if (given.value(0) != "extract" || exitCode == 2)
         return;
-    const QStringList placed = QDir(destination).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    const QStringList placed =
+        QDir(destination).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     if (exitCode == 0) {
         QCOMPARE(readAll(QDir(destination).filePath("sub/b c.txt")), QByteArray("bee see"));
         QCOMPARE(readAll(QDir(destination).filePath("-dash.txt")), QByteArray("top dash"));
@@ -692,7 +740,10 @@ void TestExtract::readableDespiteComplaints_data()
                                                << "Headers Error"
                                                << "" << QStringList{"a", "c"};
     QTest::newRow("a boot record that is not El Torito")
-        << "other boot record" << "Joliet" << "Headers Error" << "" << QStringList{"a.txt", "b.bin", "boot.cat"};
+        << "other boot record"
+        << "Joliet"
+        << "Headers Error"
+        << "" << QStringList{"a.txt", "b.bin", "boot.cat"};
     // The archive tool fails the whole extraction; Brenta's reader only the cut file.
     QTest::newRow("Joliet image, a file past the end") << "joliet only"
                                                        << "Joliet"
@@ -725,11 +776,12 @@ void TestExtract::readableDespiteComplaints()
         QVERIFY(builder.waitForFinished(60000) && builder.exitCode() == 0);
         image = box.filePath("u.iso");
     } else if (tree == "other boot record") {
-        QVERIFY(IsoFixture::WriteTree(box.filePath("src"), {{"a.txt", "a"}, {"b.bin", QByteArray(2048, 'b')}}));
+        QVERIFY(IsoFixture::WriteTree(box.filePath("src"),
+                                      {{"a.txt", "a"}, {"b.bin", QByteArray(2048, 'b')}}));
         image = box.filePath("other.iso");
         QProcess builder;
-        builder.start("genisoimage", {"-quiet", "-J", "-b", "b.bin", "-c", "boot.cat", "-no-emul-boot", "-o", image,
-                                      box.filePath("src")});
+        builder.start("genisoimage", {"-quiet", "-J", "-b", "b.bin", "-c", "boot.cat",
+                                      "-no-emul-boot", "-o", image, box.filePath("src")});
         QVERIFY(builder.waitForFinished(60000) && builder.exitCode() == 0);
         // The boot record at sector 17 names another boot system.
         QFile file(image);
@@ -763,4 +815,44 @@ void TestExtract::readableDespiteComplaints()
     QCOMPARE(QDir(box.filePath("dest"))
                  .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              left);
+}
+
+// Bytes flipped in the volume descriptors and folders of a Rock Ridge image:
+// the reader lists and extracts what it can and says what it cannot, and
+// never crashes, hangs or writes outside its folder.
+void TestExtract::readerSurvivesDamagedImages()
+{
+    const QString reader = ToolLocator::Find(ToolLocator::Tool::IsoReader);
+    QVERIFY(!reader.isEmpty());
+    QFile original(m_images["genisoimage -R"]);
+    QVERIFY(original.open(QIODevice::ReadOnly));
+    const QByteArray bytes = original.readAll();
+    QTemporaryDir box;
+    QRandomGenerator random(20261124);
+    for (int round = 0; round < 150; ++round) {
+        QByteArray damaged = bytes;
+        for (int flips = int(random.bounded(1, 21)); flips > 0; --flips)
+            damaged[int(random.bounded(16 * 2048, 40 * 2048))] = char(random.bounded(256));
+        const QString image = box.filePath("damaged.iso");
+        QFile file(image);
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+                file.write(damaged) == damaged.size());
+        file.close();
+        Extraction::RemoveTree(box.filePath("out"));
+        QVERIFY(QDir().mkpath(box.filePath("out")));
+        for (const QStringList& arguments :
+             {QStringList{"list", image}, QStringList{"extract", image, box.filePath("out")}}) {
+            QProcess process;
+            process.start(reader, arguments);
+            QVERIFY2(process.waitForFinished(20000),
+                     qPrintable(QString("round %1 hangs").arg(round)));
+            QVERIFY2(process.exitStatus() == QProcess::NormalExit && process.exitCode() <= 2,
+                     qPrintable(QString("round %1: %2 ended with %3")
+                                    .arg(round)
+                                    .arg(arguments[0])
+                                    .arg(process.exitCode())));
+        }
+        QCOMPARE(QDir(box.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 (QStringList{"damaged.iso", "out"}));
+    }
 }
