@@ -190,6 +190,7 @@ void CEditSession::Load(const QString& image)
     // reader the ISO 9660 one (with or without Rock Ridge). The listing shown
     // is one of the two; the other is only counted.
     const IsoProbe::Trees trees = IsoProbe::Read(image);
+    m_hasUdf = trees.udf;
     m_needCount = trees.udf;
     m_counted.reset();
     if (!m_needCount)
@@ -253,11 +254,13 @@ void CEditSession::OnReported()
         ok ? QString() : m_reporter->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
     m_reporter->deleteLater();
     m_reporter = nullptr;
-    if (!ok) {
+    // An image of UDF alone has nothing xorriso reads; it is rebuilt from its
+    // UDF tree, whose boot setup the El Torito reader measures.
+    if (!ok && !m_hasUdf) {
         LoadFailed(QStringLiteral("The image's boot setup could not be read. %1").arg(failure));
         return;
     }
-    m_report = ImageSave::ParseReport(m_reportLines);
+    m_report = ok ? ImageSave::ParseReport(m_reportLines) : ImageSave::BootReport();
     m_reportLines.clear();
     for (QString& file : m_report.bootFiles) {
         while (file.startsWith(QLatin1Char('/')))

@@ -144,6 +144,7 @@ private:
     std::unique_ptr<ItemTree> m_counted;
     bool m_countIsUdf = false; // the other listing is the archive tool's (UDF first)
     bool m_needCount = false;
+    bool m_hasUdf = false;
     bool m_listedByArchive = false;
     bool m_relisting = false;
     std::vector<Listing::FileSpan> m_files; // makes a listing the archive tool's
