@@ -35,13 +35,17 @@ QStringList xorriso(const QStringList& arguments)
 QStringList bootSetup(const QString& image)
 {
     QStringList setup;
-    static const QRegularExpression kept(QStringLiteral(
-        "^(Volume id|El Torito (cat path|img path|img opts)|System area summary|APM partition (name|type)|"
-        "MBR partition table)"));
-    static const QRegularExpression addressed(QStringLiteral("^(El Torito boot img|MBR partition :)"));
-    static const QRegularExpression gpt(QStringLiteral("^GPT (partname local|type GUID) : (\\d+) (.*)$"));
+    static const QRegularExpression kept(
+        QStringLiteral("^(Volume id|El Torito (cat path|img path|img opts)|System area summary|APM "
+                       "partition (name|type)|"
+                       "MBR partition table)"));
+    static const QRegularExpression addressed(
+        QStringLiteral("^(El Torito boot img|MBR partition :)"));
+    static const QRegularExpression gpt(
+        QStringLiteral("^GPT (partname local|type GUID) : (\\d+) (.*)$"));
     QMap<int, QStringList> partitions; // number -> name, type
-    for (QString line : xorriso({"-indev", image, "-report_el_torito", "plain", "-report_system_area", "plain"})) {
+    for (QString line :
+         xorriso({"-indev", image, "-report_el_torito", "plain", "-report_system_area", "plain"})) {
         line = line.simplified();
         if (const QRegularExpressionMatch match = gpt.match(line); match.hasMatch()) {
             partitions[match.captured(2).toInt()] << match.captured(3);
@@ -51,7 +55,8 @@ QStringList bootSetup(const QString& image)
             // N, bootable or status, platform or type, emulation...: all but
             // the address and size at the end.
             QStringList fields = line.split(QLatin1Char(' '));
-            setup << fields.mid(0, fields.size() - (line.startsWith(QLatin1String("MBR")) ? 2 : 1)).join(' ');
+            setup << fields.mid(0, fields.size() - (line.startsWith(QLatin1String("MBR")) ? 2 : 1))
+                         .join(' ');
         }
     }
     for (const QStringList& partition : partitions) {
@@ -64,7 +69,8 @@ QStringList bootSetup(const QString& image)
 // Every entry as type, path and link target: "d /docs", "l /docs/latest.txt -> readme.txt".
 QStringList tree(const QString& image)
 {
-    static const QRegularExpression entry(QStringLiteral("^([-dlbcps])[-rwxsStT]{9}\\s.*?'(/[^']*)'(?: -> '(.*)')?$"));
+    static const QRegularExpression entry(
+        QStringLiteral("^([-dlbcps])[-rwxsStT]{9}\\s.*?'(/[^']*)'(?: -> '(.*)')?$"));
     QStringList entries;
     for (const QString& line : xorriso({"-indev", image, "-find", "/", "-exec", "lsdl", "--"})) {
         const QRegularExpressionMatch match = entry.match(line);
@@ -81,8 +87,8 @@ QStringList tree(const QString& image)
 
 // What the original's tree becomes with the changes: `from` renamed to `to`,
 // `deleted` gone, `added` (a file) added.
-QStringList changedTree(QStringList entries, const QString& from, const QString& to, const QString& deleted,
-                        const QString& added)
+QStringList changedTree(QStringList entries, const QString& from, const QString& to,
+                        const QString& deleted, const QString& added)
 {
     QStringList result;
     for (QString entry : entries) {
@@ -98,7 +104,8 @@ QStringList changedTree(QStringList entries, const QString& from, const QString&
     return result;
 }
 
-bool save(const QString& image, const std::vector<Change>& changes, const QString& output, QString* message)
+bool save(const QString& image, const std::vector<Change>& changes, const QString& output,
+          QString* message)
 {
     CImageSaveJob job;
     QSignalSpy finished(&job, &CImageSaveJob::finished);
@@ -144,12 +151,13 @@ QStringList partFiles(const QString& dir)
 QString disketteImage(const QString& dir, QString* error)
 {
     const QString tree = dir + "/floppy-tree";
-    if (!IsoFixture::WriteTree(tree, HybridImage::detail::contents(), {"boot"})
-        || !HybridImage::detail::run("mkfs.vfat", {"-C", tree + "/boot/floppy.img", "1440"}, error))
+    if (!IsoFixture::WriteTree(tree, HybridImage::detail::contents(), {"boot"}) ||
+        !HybridImage::detail::run("mkfs.vfat", {"-C", tree + "/boot/floppy.img", "1440"}, error))
         return QString();
     const QString image = dir + "/floppy.iso";
-    return HybridImage::detail::run("genisoimage", {"-quiet", "-R", "-J", "-o", image, "-b", "boot/floppy.img",
-                                                    "-c", "boot/boot.cat", tree},
+    return HybridImage::detail::run("genisoimage",
+                                    {"-quiet", "-R", "-J", "-o", image, "-b", "boot/floppy.img",
+                                     "-c", "boot/boot.cat", tree},
                                     error)
                ? image
                : QString();
@@ -165,8 +173,9 @@ QString genisoimageBoot(const QString& dir, QString* error)
         return QString();
     const QString image = dir + "/plain.iso";
     return HybridImage::detail::run("genisoimage",
-                                    {"-quiet", "-R", "-J", "-o", image, "-b", "boot/loader.bin", "-no-emul-boot",
-                                     "-boot-load-size", "4", "-boot-info-table", "-c", "boot/boot.cat", tree},
+                                    {"-quiet", "-R", "-J", "-o", image, "-b", "boot/loader.bin",
+                                     "-no-emul-boot", "-boot-load-size", "4", "-boot-info-table",
+                                     "-c", "boot/boot.cat", tree},
                                     error)
                ? image
                : QString();
@@ -202,18 +211,26 @@ void TestImageSave::shapes_data()
     QTest::addColumn<QStringList>("bootFiles");
 
     const QString blocks = "/data/blocks.bin";
-    QTest::newRow("isohybrid with links") << "isolinux" << "/docs" << blocks
-                                          << QStringList{"isolinux/boot.cat", "isolinux/isolinux.bin", "boot/efi.img"};
-    QTest::newRow("grub-mkrescue") << "grub" << "/docs/readme.txt" << blocks
-                                   << QStringList{"boot.catalog", "boot/grub/i386-pc/eltorito.img", "efi.img"};
+    QTest::newRow("isohybrid with links")
+        << "isolinux"
+        << "/docs" << blocks
+        << QStringList{"isolinux/boot.cat", "isolinux/isolinux.bin", "boot/efi.img"};
+    QTest::newRow("grub-mkrescue")
+        << "grub"
+        << "/docs/readme.txt" << blocks
+        << QStringList{"boot.catalog", "boot/grub/i386-pc/eltorito.img", "efi.img"};
     // The EFI image as a partition after the volume, in a GPT.
-    QTest::newRow("appended EFI partition") << "appended" << "/docs" << "/boot/b.bin"
-                                            << QStringList{"boot/boot.cat"};
-    QTest::newRow("genisoimage boot-info table") << "plain" << "/docs/readme.txt" << blocks
-                                                 << QStringList{"boot/boot.cat", "boot/loader.bin"};
-    QTest::newRow("diskette entry") << "floppy" << "/docs" << blocks
-                                    << QStringList{"boot/boot.cat", "boot/floppy.img"};
-    QTest::newRow("no boot record") << "data" << "/docs/readme.txt" << blocks << QStringList{};
+    QTest::newRow("appended EFI partition") << "appended"
+                                            << "/docs"
+                                            << "/boot/b.bin" << QStringList{"boot/boot.cat"};
+    QTest::newRow("genisoimage boot-info table")
+        << "plain"
+        << "/docs/readme.txt" << blocks << QStringList{"boot/boot.cat", "boot/loader.bin"};
+    QTest::newRow("diskette entry")
+        << "floppy"
+        << "/docs" << blocks << QStringList{"boot/boot.cat", "boot/floppy.img"};
+    QTest::newRow("no boot record") << "data"
+                                    << "/docs/readme.txt" << blocks << QStringList{};
 }
 
 void TestImageSave::shapes()
@@ -240,8 +257,7 @@ void TestImageSave::shapes()
         image = dir.filePath("appended.iso");
         if (tree.isEmpty() || !BootCatalogs::Build(tree, image, BootCatalogs::kAppendedGpt, &error))
             image.clear();
-    }
-    else
+    } else
         image = HybridImage::Data(dir.path(), &error);
     QVERIFY2(!image.isEmpty(), qPrintable(error));
 
@@ -255,7 +271,8 @@ void TestImageSave::shapes()
     const QString source = dir.filePath("new.txt");
     QVERIFY(IsoFixture::WriteTree(dir.path(), {{"new.txt", "added by the save\n"}}));
     const QString renameTo = renameFrom + "-renamed";
-    const std::vector<Change> changes{added(source, "added/new.txt"), renamed(renameFrom.mid(1), renameTo.mid(1)),
+    const std::vector<Change> changes{added(source, "added/new.txt"),
+                                      renamed(renameFrom.mid(1), renameTo.mid(1)),
                                       ::deleted(deleted.mid(1))};
     const QString output = dir.filePath("saved.iso");
     QString message;
@@ -263,7 +280,8 @@ void TestImageSave::shapes()
     QVERIFY(partFiles(dir.path()).isEmpty());
 
     QCOMPARE(bootSetup(output), bootSetup(image));
-    QStringList expected = changedTree(tree(image), renameFrom, renameTo, deleted, "/added/new.txt");
+    QStringList expected =
+        changedTree(tree(image), renameFrom, renameTo, deleted, "/added/new.txt");
     expected << "d /added";
     expected.sort();
     QCOMPARE(tree(output), expected);
@@ -282,14 +300,15 @@ void TestImageSave::literalNames()
     Change label;
     label.kind = Change::Kind::Label;
     label.label = "-end";
-    const std::vector<Change> changes{added(dir.filePath("-rm_r"), "-commit"), added(dir.filePath("--"), "docs/*"),
-                                      renamed("docs/readme.txt", "docs/--"), deleted("docs/*"), label};
+    const std::vector<Change> changes{
+        added(dir.filePath("-rm_r"), "-commit"), added(dir.filePath("--"), "docs/*"),
+        renamed("docs/readme.txt", "docs/--"), deleted("docs/*"), label};
     const QString output = dir.filePath("saved.iso");
     QString message;
     QVERIFY2(save(image, changes, output, &message), qPrintable(message));
     const QStringList entries = tree(output);
-    QVERIFY2(entries.contains("- /-commit") && entries.contains("- /docs/--") && !entries.contains("- /docs/*")
-                 && entries.contains("- /data/blocks.bin"),
+    QVERIFY2(entries.contains("- /-commit") && entries.contains("- /docs/--") &&
+                 !entries.contains("- /docs/*") && entries.contains("- /data/blocks.bin"),
              qPrintable(entries.join(", ")));
     QVERIFY(xorriso({"-indev", output}).contains("Volume id    : '-end'"));
 }
@@ -308,7 +327,8 @@ void TestImageSave::imageBelowDev()
     const QStringList report = xorriso(ImageSave::ReportArguments(image));
     QVERIFY2(report.contains("Volume id    : 'CDROM'"), qPrintable(report.join('\n')));
     QString message;
-    QVERIFY2(save(image, {deleted("docs/readme.txt")}, dir.filePath("saved.iso"), &message), qPrintable(message));
+    QVERIFY2(save(image, {deleted("docs/readme.txt")}, dir.filePath("saved.iso"), &message),
+             qPrintable(message));
 }
 
 // A change that cannot be made fails the save, and the file already at the

@@ -39,19 +39,27 @@ QString asFile(const QString& path)
 
 QStringList ReportArguments(const QString& image)
 {
-    return {QStringLiteral("-abort_on"), QStringLiteral("FAILURE"),       QStringLiteral("-return_with"),
-            QStringLiteral("FAILURE"),   QStringLiteral("32"),            QStringLiteral("-indev"),
-            asFile(image),               QStringLiteral("-report_el_torito"), QStringLiteral("plain"),
-            QStringLiteral("-report_el_torito"), QStringLiteral("as_mkisofs"), QStringLiteral("-report_system_area"),
+    return {QStringLiteral("-abort_on"),
+            QStringLiteral("FAILURE"),
+            QStringLiteral("-return_with"),
+            QStringLiteral("FAILURE"),
+            QStringLiteral("32"),
+            QStringLiteral("-indev"),
+            asFile(image),
+            QStringLiteral("-report_el_torito"),
+            QStringLiteral("plain"),
+            QStringLiteral("-report_el_torito"),
+            QStringLiteral("as_mkisofs"),
+            QStringLiteral("-report_system_area"),
             QStringLiteral("plain")};
 }
 
 BootReport ParseReport(const QStringList& lines)
 {
     // "El Torito img path :   1  /boot/x.img", "GPT partition path :   2  /efi.img"
-    static const QRegularExpression numberedPath(
-        QStringLiteral("^(?:El Torito img path|GPT partition path|MBR partition path|APM partition path)\\s*:\\s*"
-                       "\\d+\\s+(/.*)$"));
+    static const QRegularExpression numberedPath(QStringLiteral(
+        "^(?:El Torito img path|GPT partition path|MBR partition path|APM partition path)\\s*:\\s*"
+        "\\d+\\s+(/.*)$"));
     static const QLatin1String catalogPath("El Torito cat path :");
     static const QLatin1String summary("System area summary:");
 
@@ -65,7 +73,8 @@ BootReport ParseReport(const QStringList& lines)
         const QString line = raw.trimmed();
         if (line.startsWith(catalogPath)) {
             addFile(line.mid(catalogPath.size()));
-        } else if (const QRegularExpressionMatch match = numberedPath.match(line); match.hasMatch()) {
+        } else if (const QRegularExpressionMatch match = numberedPath.match(line);
+                   match.hasMatch()) {
             addFile(match.captured(1));
         } else if (line.startsWith(summary)) {
             report.systemArea = line.mid(summary.size()).trimmed();
@@ -76,36 +85,41 @@ BootReport ParseReport(const QStringList& lines)
     return report;
 }
 
-QStringList SaveArguments(const QString& image, const std::vector<Change>& changes, const QString& part,
-                          bool joliet, bool rockRidge, bool alignCylinders)
+QStringList SaveArguments(const QString& image, const std::vector<Change>& changes,
+                          const QString& part, bool joliet, bool rockRidge, bool alignCylinders)
 {
     // Any complaint ends the run: a change that cannot be made (an entry
     // that is not there, a label that is too long) fails the save instead of
     // leaving an image without it. Names are taken as they are, never as
     // patterns, whatever "*" or "?" they hold.
-    QStringList arguments{QStringLiteral("-abort_on"),       QStringLiteral("SORRY"), QStringLiteral("-return_with"),
-                          QStringLiteral("SORRY"),           QStringLiteral("32"),    QStringLiteral("-iso_rr_pattern"),
-                          QStringLiteral("off"),             QStringLiteral("-disk_pattern"), QStringLiteral("off")};
+    QStringList arguments{QStringLiteral("-abort_on"),    QStringLiteral("SORRY"),
+                          QStringLiteral("-return_with"), QStringLiteral("SORRY"),
+                          QStringLiteral("32"),           QStringLiteral("-iso_rr_pattern"),
+                          QStringLiteral("off"),          QStringLiteral("-disk_pattern"),
+                          QStringLiteral("off")};
     if (!rockRidge)
         arguments << QStringLiteral("-rockridge") << QStringLiteral("off");
-    arguments << QStringLiteral("-indev") << asFile(image) << QStringLiteral("-outdev") << asFile(part)
-              << QStringLiteral("-boot_image")
-              << QStringLiteral("any") << QStringLiteral("replay");
+    arguments << QStringLiteral("-indev") << asFile(image) << QStringLiteral("-outdev")
+              << asFile(part) << QStringLiteral("-boot_image") << QStringLiteral("any")
+              << QStringLiteral("replay");
     if (alignCylinders)
-        arguments << QStringLiteral("-boot_image") << QStringLiteral("any") << QStringLiteral("partition_cyl_align=on");
+        arguments << QStringLiteral("-boot_image") << QStringLiteral("any")
+                  << QStringLiteral("partition_cyl_align=on");
     // A loaded image keeps its Joliet tree only when asked.
     if (joliet)
-        arguments << QStringLiteral("-joliet") << QStringLiteral("on") << QStringLiteral("-compliance")
-                  << QStringLiteral("joliet_long_names");
+        arguments << QStringLiteral("-joliet") << QStringLiteral("on")
+                  << QStringLiteral("-compliance") << QStringLiteral("joliet_long_names");
     const QString endOfList = QStringLiteral("--");
     for (const Change& change : changes) {
         switch (change.kind) {
         case Change::Kind::Add:
             // -map takes exactly two arguments: a source named "-x" stays a source.
-            arguments << QStringLiteral("-map") << QFileInfo(change.source).absoluteFilePath() << inImage(change.path);
+            arguments << QStringLiteral("-map") << QFileInfo(change.source).absoluteFilePath()
+                      << inImage(change.path);
             break;
         case Change::Kind::Rename:
-            arguments << QStringLiteral("-mv") << inImage(change.path) << inImage(change.newPath) << endOfList;
+            arguments << QStringLiteral("-mv") << inImage(change.path) << inImage(change.newPath)
+                      << endOfList;
             break;
         case Change::Kind::Delete:
             arguments << QStringLiteral("-rm_r") << inImage(change.path) << endOfList;
@@ -116,14 +130,16 @@ QStringList SaveArguments(const QString& image, const std::vector<Change>& chang
         }
     }
     // Written also when nothing changed: the user asked for a copy.
-    arguments << QStringLiteral("-changes_pending") << QStringLiteral("yes") << QStringLiteral("-end");
+    arguments << QStringLiteral("-changes_pending") << QStringLiteral("yes")
+              << QStringLiteral("-end");
     return arguments;
 }
 
 std::optional<int> ParseProgress(const QString& line)
 {
     // "xorriso : UPDATE : Writing:      22531s   11.0%   fifo  30%  buf  50%"
-    static const QRegularExpression writing(QStringLiteral("UPDATE\\s*:\\s*Writing:\\s*\\d+s\\s+(\\d+(?:\\.\\d+)?)%"));
+    static const QRegularExpression writing(
+        QStringLiteral("UPDATE\\s*:\\s*Writing:\\s*\\d+s\\s+(\\d+(?:\\.\\d+)?)%"));
     const QRegularExpressionMatch match = writing.match(line);
     if (!match.hasMatch())
         return std::nullopt;
@@ -139,7 +155,8 @@ CImageSaveJob::~CImageSaveJob()
     Stop();
 }
 
-void CImageSaveJob::Start(const QString& image, const std::vector<ImageSave::Change>& changes, const QString& output)
+void CImageSaveJob::Start(const QString& image, const std::vector<ImageSave::Change>& changes,
+                          const QString& output)
 {
     Stop();
     m_image = image;
@@ -162,7 +179,8 @@ void CImageSaveJob::Run()
     connect(m_runner, &CRunCommandThread::standoutputline, this, &CImageSaveJob::OnLine);
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CImageSaveJob::OnFinished);
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::Xorriso),
-                         ImageSave::SaveArguments(m_image, m_changes, m_part, m_joliet, m_rockRidge, m_alignCylinders));
+                         ImageSave::SaveArguments(m_image, m_changes, m_part, m_joliet, m_rockRidge,
+                                                  m_alignCylinders));
     m_runner->StartCommand();
 }
 
@@ -195,13 +213,15 @@ void CImageSaveJob::OnLine(const QString& line)
 void CImageSaveJob::OnFinished()
 {
     const bool ran = m_runner->GetResult() == CRunCommandThread::Result::Success;
-    const QString failure = m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
+    const QString failure =
+        m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
     CRunCommandThread::Dispose(m_runner);
     if (!ran || !QFileInfo(m_part).isFile()) {
         QFile::remove(m_part);
         // Some partition layouts (grub-mkrescue's GPT beside HFS+) are laid
         // out again only when the image ends on a cylinder boundary.
-        if (!m_alignCylinders && m_complaints.join(QLatin1Char(' ')).contains(QLatin1String("overlap"))) {
+        if (!m_alignCylinders &&
+            m_complaints.join(QLatin1Char(' ')).contains(QLatin1String("overlap"))) {
             m_alignCylinders = true;
             Run();
             return;
@@ -215,7 +235,8 @@ void CImageSaveJob::OnFinished()
     }
     QString error;
     if (!Util::CommitPart(m_part, m_output, &error)) {
-        m_message = QStringLiteral("The image was written but could not be saved as %1 (%2).").arg(m_output, error);
+        m_message = QStringLiteral("The image was written but could not be saved as %1 (%2).")
+                        .arg(m_output, error);
         Q_EMIT finished();
         return;
     }
