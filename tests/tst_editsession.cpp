@@ -138,16 +138,19 @@ private Q_SLOTS:
     void exportTakesEntriesAndAddedFiles();
     void stopEndsTheSaveAndKeepsTheOutput();
     void udfImageIsRebuiltWithItsUdfTree();
+    void anotherImageReplacesOneStillLoading();
     void unreadableImageIsReported();
 
 private:
     QString MakeImage(const QString& name);
+    QString MakeUdfImage();
     void Load(CEditSession& session, const QString& image);
     bool Save(CEditSession& session, const QString& output, QString* message = nullptr);
 
     QTemporaryDir m_dir;
     QTemporaryDir m_home;
     QString m_image;
+    QString m_udfImage;
 };
 
 void TestEditSession::initTestCase()
@@ -156,6 +159,8 @@ void TestEditSession::initTestCase()
     qputenv("XDG_DATA_HOME", m_home.path().toUtf8());
     m_image = MakeImage("bootable");
     QVERIFY(!m_image.isEmpty());
+    m_udfImage = MakeUdfImage();
+    QVERIFY(!m_udfImage.isEmpty());
 }
 
 // A bootable image with Rock Ridge and Joliet: a loader with a boot-info
@@ -179,6 +184,31 @@ QString TestEditSession::MakeImage(const QString& name)
         return QString();
     }
     return image;
+}
+
+// Shaped as Windows installers are: every file in the UDF tree, the ISO 9660
+// tree a stub, a BIOS and an EFI entry whose images are files too.
+QString TestEditSession::MakeUdfImage()
+{
+    const QString source = m_dir.filePath("udf-src");
+    if (!IsoFixture::WriteTree(source, {{"bootmgr", pattern(3000, 5)},
+                                        {"boot/etfsboot.com", pattern(4096, 13)},
+                                        {"sources/install.wim", pattern(50000, 7)},
+                                        {"readme.txt", "This disc holds UDF"}}) ||
+        !QDir().mkpath(source + "/efi/microsoft/boot") ||
+        !runTool("mkfs.fat", {"-C", source + "/efi/microsoft/boot/efisys.bin", "1440"}))
+        return QString();
+    const QString image = m_dir.filePath("udf.iso");
+    QString said;
+    if (!runTool("genisoimage", {"-quiet", "-udf", "-iso-level", "3", "-V", "WINLIKE", "-hide", "boot.catalog",
+                                 "-b", "boot/etfsboot.com", "-no-emul-boot", "-boot-load-size", "8",
+                                 "-eltorito-alt-boot", "-e", "efi/microsoft/boot/efisys.bin", "-no-emul-boot",
+                                 "-o", image, source},
+                 &said)) {
+        qWarning().noquote() << said;
+        return QString();
+    }
+    return stubIsoRoot(image, {"README.TXT;1"}) ? image : QString();
 }
 
 void TestEditSession::Load(CEditSession& session, const QString& image)
@@ -368,25 +398,8 @@ void TestEditSession::stopEndsTheSaveAndKeepsTheOutput()
 
 void TestEditSession::udfImageIsRebuiltWithItsUdfTree()
 {
-    // Shaped as Windows installers are: every file in the UDF tree, the ISO
-    // 9660 tree a stub, a BIOS and an EFI entry whose images are files too.
-    const QString source = m_dir.filePath("udf-src");
+    const QString image = m_udfImage;
     const QByteArray loader = pattern(4096, 13);
-    QVERIFY(IsoFixture::WriteTree(source, {{"bootmgr", pattern(3000, 5)},
-                                           {"boot/etfsboot.com", loader},
-                                           {"sources/install.wim", pattern(50000, 7)},
-                                           {"readme.txt", "This disc holds UDF"}}));
-    QVERIFY(QDir().mkpath(source + "/efi/microsoft/boot"));
-    QVERIFY(runTool("mkfs.fat", {"-C", source + "/efi/microsoft/boot/efisys.bin", "1440"}));
-    const QString image = m_dir.filePath("udf.iso");
-    QString said;
-    QVERIFY2(runTool("genisoimage", {"-quiet", "-udf", "-iso-level", "3", "-V", "WINLIKE", "-hide", "boot.catalog",
-                                     "-b", "boot/etfsboot.com", "-no-emul-boot", "-boot-load-size", "8",
-                                     "-eltorito-alt-boot", "-e", "efi/microsoft/boot/efisys.bin", "-no-emul-boot",
-                                     "-o", image, source},
-                     &said),
-             qPrintable(said));
-    QVERIFY(stubIsoRoot(image, {"README.TXT;1"}));
 
     CEditSession session;
     Load(session, image);
@@ -410,6 +423,23 @@ void TestEditSession::udfImageIsRebuiltWithItsUdfTree()
     QFile saved(output);
     QVERIFY(saved.open(QIODevice::ReadOnly) && saved.seek(qint64(after->entries.front().loadRba) * 2048));
     QCOMPARE(saved.read(loader.size()), loader);
+}
+
+// The tools still reading the first image must not speak for the second.
+void TestEditSession::anotherImageReplacesOneStillLoading()
+{
+    CEditSession session;
+    QSignalSpy listed(&session, &CEditSession::listed);
+    session.Load(m_udfImage);
+    QTest::qWait(5);
+    session.Load(m_image);
+    QVERIFY(listed.wait(60000));
+    QTest::qWait(500);
+    QCOMPARE(listed.size(), 1);
+    QVERIFY2(listed.first().first().toBool(), qPrintable(session.LoadProblem()));
+    QCOMPARE(session.Way(), ImageSave::Way::Xorriso);
+    QVERIFY(session.Contents().Find("docs\\deep\\notes.txt"));
+    QCOMPARE(session.Report().bootFiles.size(), 2);
 }
 
 void TestEditSession::unreadableImageIsReported()

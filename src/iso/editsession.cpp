@@ -192,7 +192,7 @@ void CEditSession::Load(const QString& image)
     const IsoProbe::Trees trees = IsoProbe::Read(image);
     m_hasUdf = trees.udf;
     m_needCount = trees.udf;
-    m_counted.reset();
+    m_otherCount = -1;
     if (!m_needCount)
         return;
     const QString reader = ToolLocator::Find(ToolLocator::Tool::IsoReader);
@@ -200,16 +200,23 @@ void CEditSession::Load(const QString& image)
     m_countIsUdf = shownByReader;
     if (!shownByReader && reader.isEmpty())
         return; // nothing to compare with: the UDF tree is taken to be the image's
-    m_counted = std::make_unique<ItemTree>();
-    auto feeder = std::make_shared<Listing::Reader>(*m_counted);
+    // Only the number of entries is kept; the tree goes with the runner.
+    struct Counted
+    {
+        ItemTree tree;
+        Listing::Reader reader{tree};
+    };
+    auto counted = std::make_shared<Counted>();
     m_count = new CRunCommandThread;
-    connect(m_count, &CRunCommandThread::standoutputlines, this, [feeder](const QStringList& lines) {
+    connect(m_count, &CRunCommandThread::standoutputlines, this, [counted](const QStringList& lines) {
         for (const QString& line : lines)
-            feeder->Feed(line);
+            counted->reader.Feed(line);
     });
-    connect(m_count, &CRunCommandThread::sigfinished, this, [this, feeder] {
-        if (m_count->GetResult() != CRunCommandThread::Result::Success || !feeder->Finished())
-            m_counted.reset();
+    connect(m_count, &CRunCommandThread::sigfinished, this, [this, counted] {
+        if (m_count->GetResult() == CRunCommandThread::Result::Success && counted->reader.Finished()) {
+            removePseudoBootFolder(counted->tree);
+            m_otherCount = counted->tree.Count();
+        }
         OnCounted();
     });
     if (shownByReader)
@@ -284,14 +291,12 @@ void CEditSession::Decide()
         // A count that could not be taken leaves the UDF tree as the image's:
         // the rebuild keeps it, xorriso would lose it.
         bool udfHoldsMore = true;
-        if (m_counted) {
-            removePseudoBootFolder(*m_counted);
+        if (m_otherCount >= 0) {
             const qsizetype shown = m_contents.Count();
-            const qsizetype other = m_counted->Count();
+            const qsizetype other = m_otherCount;
             udfHoldsMore = m_countIsUdf ? other > shown : shown > other;
             qDebug() << "CEditSession: entries shown" << shown << "other tree" << other;
         }
-        m_counted.reset();
         m_needCount = false;
         if (udfHoldsMore) {
             m_way = ImageSave::Way::UdfRebuild;

@@ -141,7 +141,7 @@ private:
     CRunCommandThread* m_reporter = nullptr;
     QStringList m_reportLines;
     CRunCommandThread* m_count = nullptr;
-    std::unique_ptr<ItemTree> m_counted;
+    qsizetype m_otherCount = -1; // entries of the tree not shown, or -1 when unknown
     bool m_countIsUdf = false; // the other listing is the archive tool's (UDF first)
     bool m_needCount = false;
     bool m_hasUdf = false;
