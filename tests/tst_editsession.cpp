@@ -405,7 +405,8 @@ void TestEditSession::udfImageIsRebuiltWithItsUdfTree()
     Load(session, image);
     QCOMPARE(session.Way(), ImageSave::Way::UdfRebuild);
     QVERIFY(session.Contents().Find("sources\\install.wim"));
-    // Edits are taken while the working copy is still being made.
+    // Edits made at once, most likely while the working copy is still being
+    // made, are carried out in it once it is complete.
     QVERIFY(IsoFixture::WriteTree(m_dir.filePath("udf-add"), {{"autounattend.xml", "<unattend/>"}}));
     QCOMPARE(session.Add(session.Contents().Root(), {m_dir.filePath("udf-add/autounattend.xml")}).size(), 1);
     QVERIFY(session.Rename(*session.Contents().Find("sources\\install.wim"), "install2.wim"));

@@ -209,7 +209,7 @@ void TestPage4::renameDeleteAndAddThroughTheControls()
     QTRY_VERIFY(!said.isEmpty());
     QVERIFY(said.contains("already"));
     QCOMPARE(names(table), (QStringList{"setup", "new.txt", "renamed"}));
-    // The session's own tests follow such edits into the working copy and the saved image.
+    // The session's own tests follow such edits into the change list and the saved image.
     QVERIFY(m_page->Session()->Contents().Find("renamed\\inner\\deep.txt"));
 }
 
