@@ -244,6 +244,7 @@ void TestEditSession::loadingListsAndCopiesNothing()
     bootFiles.sort();
     QCOMPARE(bootFiles, (QStringList{"boot/boot.cat", "boot/loader.bin"}));
     // Nothing of the image is copied anywhere.
+    QVERIFY(Util::ScratchDir().startsWith(m_home.path()));
     QCOMPARE(QDir(Util::ScratchDir()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
              QStringList());
     QVERIFY(session.WorkingCopy().isEmpty());
