@@ -141,13 +141,15 @@ void TestCli::answersWithoutWindow_data()
         << "brenta: --fs takes fat32, exfat or ntfs.";
     QTest::newRow("edit without output") << QStringList{"edit", "a.iso"} << 2 << ""
                                          << "brenta: edit takes an image and an output image.";
-    QTest::newRow("edit, unknown option") << QStringList{"edit", "a.iso", "b.iso", "--move", "x"} << 2 << ""
-                                          << "brenta: Unknown edit option: --move";
+    QTest::newRow("edit, unknown option")
+        << QStringList{"edit", "a.iso", "b.iso", "--move", "x"} << 2 << ""
+        << "brenta: Unknown edit option: --move";
     QTest::newRow("edit, rename without new name")
         << QStringList{"edit", "a.iso", "b.iso", "--rename", "x"} << 2 << ""
         << "brenta: --rename takes an entry and a new name.";
-    QTest::newRow("edit, missing image") << QStringList{"edit", "/nonexistent.iso", "b.iso"} << 1 << ""
-                                         << "brenta: /nonexistent.iso does not exist.";
+    QTest::newRow("edit, missing image")
+        << QStringList{"edit", "/nonexistent.iso", "b.iso"} << 1 << ""
+        << "brenta: /nonexistent.iso does not exist.";
     // Refused before the question, so nothing is erased.
     QTest::newRow("restore-usb, label too long")
         << QStringList{"restore-usb", "/dev/sdz", "--label", "much too long"} << 1 << ""
@@ -389,18 +391,22 @@ void TestCli::edit_data()
     QTest::addColumn<QString>("said");
     QTest::addColumn<QStringList>("listed");
     QTest::newRow("changes in the order given")
-        << QStringList{"--rename", "a.txt", "b.txt", "--add", "LOCAL/a.txt=/docs", "--add", "LOCAL/a.txt",
-                       "--delete", "docs/r.txt", "--label", "EDITED"}
+        << QStringList{"--rename",          "a.txt",   "b.txt",       "--add",
+                       "LOCAL/a.txt=/docs", "--add",   "LOCAL/a.txt", "--delete",
+                       "docs/r.txt",        "--label", "EDITED"}
         << 0 << ""
-        << QStringList{"F\ta.txt", "F\tb.txt", "D\tboot", "F\tboot/boot.cat", "F\tboot/loader.bin", "D\tdocs",
-                       "F\tdocs/a.txt"};
+        << QStringList{"F\ta.txt",           "F\tb.txt", "D\tboot",      "F\tboot/boot.cat",
+                       "F\tboot/loader.bin", "D\tdocs",  "F\tdocs/a.txt"};
     QTest::newRow("a name taken") << QStringList{"--add", "LOCAL/a.txt"} << 1
-                                  << "brenta: The image already has an entry named a.txt there." << QStringList{};
-    QTest::newRow("a boot file") << QStringList{"--add", "LOCAL/a.txt=docs", "--delete", "boot/loader.bin"} << 1
-                                 << "brenta: loader.bin cannot be deleted: the image starts from it, /boot/loader.bin"
-                                 << QStringList{};
-    QTest::newRow("no such entry") << QStringList{"--rename", "docs/none.txt", "x"} << 1
-                                   << "brenta: The image has no entry docs/none.txt." << QStringList{};
+                                  << "brenta: The image already has an entry named a.txt there."
+                                  << QStringList{};
+    QTest::newRow("a boot file")
+        << QStringList{"--add", "LOCAL/a.txt=docs", "--delete", "boot/loader.bin"} << 1
+        << "brenta: loader.bin cannot be deleted: the image starts from it, /boot/loader.bin"
+        << QStringList{};
+    QTest::newRow("no such entry")
+        << QStringList{"--rename", "docs/none.txt", "x"} << 1
+        << "brenta: The image has no entry docs/none.txt." << QStringList{};
 }
 
 void TestCli::edit()
@@ -410,13 +416,15 @@ void TestCli::edit()
     QFETCH(QString, said);
     QFETCH(QStringList, listed);
     QTemporaryDir dir;
-    QVERIFY(IsoFixture::WriteTree(dir.filePath("src"), {{"a.txt", "a"}, {"docs/r.txt", "r"},
-                                                        {"boot/loader.bin", QByteArray(2048, 'L')}}));
+    QVERIFY(IsoFixture::WriteTree(
+        dir.filePath("src"),
+        {{"a.txt", "a"}, {"docs/r.txt", "r"}, {"boot/loader.bin", QByteArray(2048, 'L')}}));
     QVERIFY(IsoFixture::WriteTree(dir.filePath("local"), {{"a.txt", "new a"}}));
     const QString image = dir.filePath("in.iso");
     QProcess builder;
-    builder.start("genisoimage", {"-quiet", "-R", "-J", "-V", "ORIGINAL", "-o", image, "-b", "boot/loader.bin",
-                                  "-c", "boot/boot.cat", "-no-emul-boot", "-boot-load-size", "4", dir.filePath("src")});
+    builder.start("genisoimage", {"-quiet", "-R", "-J", "-V", "ORIGINAL", "-o", image, "-b",
+                                  "boot/loader.bin", "-c", "boot/boot.cat", "-no-emul-boot",
+                                  "-boot-load-size", "4", dir.filePath("src")});
     QVERIFY(builder.waitForFinished(60000) && builder.exitCode() == 0);
     changes.replaceInStrings("LOCAL", dir.filePath("local"));
     const QString output = dir.filePath("out.iso");

@@ -114,7 +114,8 @@ bool stubIsoRoot(const QString& image, const QStringList& keep)
         }
         const QByteArray record = folder.mid(at, length);
         const QByteArray name = record.mid(33, quint8(record[32]));
-        if (name == QByteArray(1, '\0') || name == QByteArray(1, '\1') || keep.contains(QString::fromLatin1(name)))
+        if (name == QByteArray(1, '\0') || name == QByteArray(1, '\1') ||
+            keep.contains(QString::fromLatin1(name)))
             kept += record;
         at += length;
     }
@@ -176,9 +177,10 @@ QString TestEditSession::MakeImage(const QString& name)
     QFile::link("a.txt", source + "/link");
     const QString image = m_dir.filePath(name + ".iso");
     QString said;
-    if (!runTool("genisoimage", {"-quiet", "-J", "-R", "-V", "Original Label", "-b", "boot/loader.bin",
-                                 "-c", "boot/boot.cat", "-no-emul-boot", "-boot-load-size", "4",
-                                 "-boot-info-table", "-o", image, source},
+    if (!runTool("genisoimage",
+                 {"-quiet", "-J", "-R", "-V", "Original Label", "-b", "boot/loader.bin", "-c",
+                  "boot/boot.cat", "-no-emul-boot", "-boot-load-size", "4", "-boot-info-table",
+                  "-o", image, source},
                  &said)) {
         qWarning().noquote() << said;
         return QString();
@@ -200,10 +202,27 @@ QString TestEditSession::MakeUdfImage()
         return QString();
     const QString image = m_dir.filePath("udf.iso");
     QString said;
-    if (!runTool("genisoimage", {"-quiet", "-udf", "-iso-level", "3", "-V", "WINLIKE", "-hide", "boot.catalog",
-                                 "-b", "boot/etfsboot.com", "-no-emul-boot", "-boot-load-size", "8",
-                                 "-eltorito-alt-boot", "-e", "efi/microsoft/boot/efisys.bin", "-no-emul-boot",
-                                 "-o", image, source},
+    if (!runTool("genisoimage",
+                 {"-quiet",
+                  "-udf",
+                  "-iso-level",
+                  "3",
+                  "-V",
+                  "WINLIKE",
+                  "-hide",
+                  "boot.catalog",
+                  "-b",
+                  "boot/etfsboot.com",
+                  "-no-emul-boot",
+                  "-boot-load-size",
+                  "8",
+                  "-eltorito-alt-boot",
+                  "-e",
+                  "efi/microsoft/boot/efisys.bin",
+                  "-no-emul-boot",
+                  "-o",
+                  image,
+                  source},
                  &said)) {
         qWarning().noquote() << said;
         return QString();
@@ -245,8 +264,9 @@ void TestEditSession::loadingListsAndCopiesNothing()
     QCOMPARE(bootFiles, (QStringList{"boot/boot.cat", "boot/loader.bin"}));
     // Nothing of the image is copied anywhere.
     QVERIFY(Util::ScratchDir().startsWith(m_home.path()));
-    QCOMPARE(QDir(Util::ScratchDir()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
-             QStringList());
+    QCOMPARE(
+        QDir(Util::ScratchDir()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+        QStringList());
     QVERIFY(session.WorkingCopy().isEmpty());
 }
 
@@ -290,20 +310,26 @@ void TestEditSession::changesReplayToTheTreeShown_data()
     QTest::addColumn<QStringList>("steps");
     QTest::addColumn<QString>("changes");
     QTest::newRow("renaming an added file renames its add")
-        << QStringList{"add new.txt docs", "rename docs\\new.txt newer.txt"} << "add new.txt as docs/newer.txt";
+        << QStringList{"add new.txt docs", "rename docs\\new.txt newer.txt"}
+        << "add new.txt as docs/newer.txt";
     QTest::newRow("deleting an added file forgets it")
-        << QStringList{"add new.txt docs", "add pack -", "delete docs\\new.txt"} << "add pack as pack";
+        << QStringList{"add new.txt docs", "add pack -", "delete docs\\new.txt"}
+        << "add pack as pack";
     QTest::newRow("a folder renamed after a file was added into it")
         << QStringList{"add new.txt docs", "rename docs papers", "rename papers\\new.txt newer.txt"}
-        << "add new.txt as docs/new.txt; rename docs to papers; rename papers/new.txt to papers/newer.txt";
+        << "add new.txt as docs/new.txt; rename docs to papers; rename papers/new.txt to "
+           "papers/newer.txt";
     QTest::newRow("an entry renamed twice in a row, then again later")
-        << QStringList{"rename a.txt b.txt", "rename b.txt c.txt", "delete docs\\readme.txt", "rename c.txt d.txt"}
+        << QStringList{"rename a.txt b.txt", "rename b.txt c.txt", "delete docs\\readme.txt",
+                       "rename c.txt d.txt"}
         << "rename a.txt to c.txt; delete docs/readme.txt; rename c.txt to d.txt";
     QTest::newRow("a folder deleted with files added into it")
         << QStringList{"add new.txt docs\\deep", "add pack docs", "delete docs"} << "delete docs";
     QTest::newRow("a file of an added folder renamed and deleted")
-        << QStringList{"add pack -", "rename pack\\inner.txt x.txt", "delete pack\\x.txt", "rename link link2"}
-        << "add pack as pack; rename pack/inner.txt to pack/x.txt; delete pack/x.txt; rename link to link2";
+        << QStringList{"add pack -", "rename pack\\inner.txt x.txt", "delete pack\\x.txt",
+                       "rename link link2"}
+        << "add pack as pack; rename pack/inner.txt to pack/x.txt; delete pack/x.txt; rename link "
+           "to link2";
     QTest::newRow("a new file where a deleted one was")
         << QStringList{"delete a.txt", "add a.txt -"} << "delete a.txt; add a.txt as a.txt";
 }
@@ -314,26 +340,32 @@ void TestEditSession::changesReplayToTheTreeShown()
 {
     QFETCH(QStringList, steps);
     QFETCH(QString, changes);
-    const QString local = m_dir.filePath(QString("local-%1").arg(QTest::currentDataTag()).replace(' ', '_'));
-    QVERIFY(IsoFixture::WriteTree(local, {{"new.txt", "new"}, {"a.txt", "another a"}, {"pack/inner.txt", "in"}}));
+    const QString local =
+        m_dir.filePath(QString("local-%1").arg(QTest::currentDataTag()).replace(' ', '_'));
+    QVERIFY(IsoFixture::WriteTree(
+        local, {{"new.txt", "new"}, {"a.txt", "another a"}, {"pack/inner.txt", "in"}}));
 
     CEditSession session;
     Load(session, m_image);
     for (const QString& step : std::as_const(steps)) {
         const QStringList words = step.split(' ');
         if (words[0] == "add") {
-            Item* folder = words[2] == "-" ? &session.Contents().Root() : session.Contents().Find(words[2]);
+            Item* folder =
+                words[2] == "-" ? &session.Contents().Root() : session.Contents().Find(words[2]);
             QVERIFY2(folder, qPrintable(step));
             QCOMPARE(session.Add(*folder, {local + "/" + words[1]}).size(), 1);
         } else {
             Item* item = session.Contents().Find(words[1]);
             QVERIFY2(item, qPrintable(step));
-            QVERIFY2(words[0] == "rename" ? session.Rename(*item, words[2]) : session.Remove({item}), qPrintable(step));
+            QVERIFY2(words[0] == "rename" ? session.Rename(*item, words[2])
+                                          : session.Remove({item}),
+                     qPrintable(step));
         }
     }
     QCOMPARE(describe(session.Changes()), changes);
 
-    const QString output = m_dir.filePath(QString("saved-%1.iso").arg(QTest::currentDataTag()).replace(' ', '_'));
+    const QString output =
+        m_dir.filePath(QString("saved-%1.iso").arg(QTest::currentDataTag()).replace(' ', '_'));
     QString message;
     QVERIFY2(Save(session, output, &message), qPrintable(message));
     QCOMPARE(listImage(output), treeNames(session.Contents().Root()));
@@ -345,16 +377,21 @@ void TestEditSession::exportTakesEntriesAndAddedFiles()
 {
     const QString destination = m_dir.filePath("export");
     // Entries of those names are there already and stay as they were.
-    QVERIFY(IsoFixture::WriteTree(destination, {{"papers/mine.txt", "mine"}, {"added.txt", "old"}}));
-    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("to-add"), {{"added.txt", "added"}, {"more.txt", "more"}}));
+    QVERIFY(
+        IsoFixture::WriteTree(destination, {{"papers/mine.txt", "mine"}, {"added.txt", "old"}}));
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("to-add"),
+                                  {{"added.txt", "added"}, {"more.txt", "more"}}));
 
     CEditSession session;
     Load(session, m_image);
-    QCOMPARE(session.Add(session.Contents().Root(), {m_dir.filePath("to-add/added.txt")}).size(), 1);
+    QCOMPARE(session.Add(session.Contents().Root(), {m_dir.filePath("to-add/added.txt")}).size(),
+             1);
     // A renamed folder comes out as the tree shows it: its edits inside too.
     QVERIFY(session.Rename(*session.Contents().Find("docs\\readme.txt"), "read.txt"));
     QVERIFY(session.Remove({session.Contents().Find("docs\\deep")}));
-    QCOMPARE(session.Add(*session.Contents().Find("docs"), {m_dir.filePath("to-add/more.txt")}).size(), 1);
+    QCOMPARE(
+        session.Add(*session.Contents().Find("docs"), {m_dir.filePath("to-add/more.txt")}).size(),
+        1);
     QVERIFY(session.Rename(*session.Contents().Find("docs"), "papers"));
     QSignalSpy exported(&session, &CEditSession::exportFinished);
     session.Export({session.Contents().Find("papers"), session.Contents().Find("added.txt"),
@@ -365,7 +402,8 @@ void TestEditSession::exportTakesEntriesAndAddedFiles()
 
     QCOMPARE(readFile(destination + "/papers/mine.txt"), QByteArray("mine"));
     QCOMPARE(readFile(destination + "/added.txt"), QByteArray("old"));
-    QCOMPARE(QDir(destination + "/papers (2)").entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+    QCOMPARE(QDir(destination + "/papers (2)")
+                 .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
              (QStringList{"more.txt", "read.txt"}));
     QCOMPARE(readFile(destination + "/papers (2)/read.txt"), QByteArray("read me"));
     QCOMPARE(readFile(destination + "/papers (2)/more.txt"), QByteArray("more"));
@@ -408,8 +446,11 @@ void TestEditSession::udfImageIsRebuiltWithItsUdfTree()
     QVERIFY(session.Contents().Find("sources\\install.wim"));
     // Edits made at once, most likely while the working copy is still being
     // made, are carried out in it once it is complete.
-    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("udf-add"), {{"autounattend.xml", "<unattend/>"}}));
-    QCOMPARE(session.Add(session.Contents().Root(), {m_dir.filePath("udf-add/autounattend.xml")}).size(), 1);
+    QVERIFY(
+        IsoFixture::WriteTree(m_dir.filePath("udf-add"), {{"autounattend.xml", "<unattend/>"}}));
+    QCOMPARE(
+        session.Add(session.Contents().Root(), {m_dir.filePath("udf-add/autounattend.xml")}).size(),
+        1);
     QVERIFY(session.Rename(*session.Contents().Find("sources\\install.wim"), "install2.wim"));
     QVERIFY(session.Remove({session.Contents().Find("readme.txt")}));
 
@@ -423,7 +464,8 @@ void TestEditSession::udfImageIsRebuiltWithItsUdfTree()
     QVERIFY(before && after);
     QCOMPARE(after->entries.size(), before->entries.size());
     QFile saved(output);
-    QVERIFY(saved.open(QIODevice::ReadOnly) && saved.seek(qint64(after->entries.front().loadRba) * 2048));
+    QVERIFY(saved.open(QIODevice::ReadOnly) &&
+            saved.seek(qint64(after->entries.front().loadRba) * 2048));
     QCOMPARE(saved.read(loader.size()), loader);
 }
 

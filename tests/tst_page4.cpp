@@ -239,11 +239,12 @@ void TestPage4::nothingTickedIsSaid()
 void TestPage4::bootFileRefusedAndSaved()
 {
     const QString source = m_dir.filePath("boot-src");
-    QVERIFY(IsoFixture::WriteTree(source, {{"isolinux/loader.bin", QByteArray(2048, 'L')}, {"f.txt", "f"}}));
+    QVERIFY(IsoFixture::WriteTree(
+        source, {{"isolinux/loader.bin", QByteArray(2048, 'L')}, {"f.txt", "f"}}));
     const QString image = m_dir.filePath("bootable.iso");
     QProcess builder;
-    builder.start("genisoimage", {"-quiet", "-R", "-o", image, "-b", "isolinux/loader.bin", "-no-emul-boot",
-                                  "-boot-load-size", "4", source});
+    builder.start("genisoimage", {"-quiet", "-R", "-o", image, "-b", "isolinux/loader.bin",
+                                  "-no-emul-boot", "-boot-load-size", "4", source});
     QVERIFY(builder.waitForFinished(60000) && builder.exitCode() == 0);
 
     Open(image);

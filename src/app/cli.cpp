@@ -152,8 +152,9 @@ QString parseEdit(const QStringList& arguments, Request& request)
         QStringList edit{option};
         for (int v = 0; v < values; ++v) {
             if (i + 1 >= arguments.size() || isOption(arguments.at(i + 1)))
-                return option == QLatin1String("--rename") ? QStringLiteral("--rename takes an entry and a new name.")
-                                                           : QStringLiteral("%1 takes a value.").arg(option);
+                return option == QLatin1String("--rename")
+                           ? QStringLiteral("--rename takes an entry and a new name.")
+                           : QStringLiteral("%1 takes a value.").arg(option);
             edit << arguments.at(++i);
         }
         if (option == QLatin1String("--add")) {
@@ -856,7 +857,8 @@ QString applyEdit(CEditSession& session, const QStringList& edit)
         if (folder == nullptr || !folder->isDir)
             return QStringLiteral("The image has no folder %1.").arg(edit.at(2));
         if (session.Add(*folder, {path}).isEmpty())
-            return QStringLiteral("The image already has an entry named %1 there.").arg(QFileInfo(path).fileName());
+            return QStringLiteral("The image already has an entry named %1 there.")
+                .arg(QFileInfo(path).fileName());
         return QString();
     }
     Item* item = findEntry(session, edit.at(1));
@@ -865,7 +867,8 @@ QString applyEdit(CEditSession& session, const QStringList& edit)
     QString why;
     if (option == QLatin1String("--rename")) {
         if (!session.Rename(*item, edit.at(2), &why))
-            return why.isEmpty() ? QStringLiteral("%1 already has that name.").arg(edit.at(1)) : why;
+            return why.isEmpty() ? QStringLiteral("%1 already has that name.").arg(edit.at(1))
+                                 : why;
         return QString();
     }
     if (!session.Remove({item}, &why))
@@ -889,19 +892,22 @@ int RunEdit(const Request& request)
         succeeded = ok;
         loop.quit();
     });
-    QObject::connect(&session, &CEditSession::saveFinished, &loop, [&](bool ok, const QString& said) {
-        succeeded = ok;
-        message = said;
-        loop.quit();
-    });
+    QObject::connect(&session, &CEditSession::saveFinished, &loop,
+                     [&](bool ok, const QString& said) {
+                         succeeded = ok;
+                         message = said;
+                         loop.quit();
+                     });
     const bool showProgress = progressWanted();
     if (showProgress) {
         QObject::connect(&session, &CEditSession::progress,
                          [](CEditSession::Phase phase, qint64 value, qint64 maximum) {
-                             const double percent = maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
+                             const double percent =
+                                 maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
                              print(stderr, QStringLiteral("\r\033[K%1 %2%")
-                                               .arg(phase == CEditSession::Phase::Saving ? QStringLiteral("Saving")
-                                                                                         : QStringLiteral("Reading"))
+                                               .arg(phase == CEditSession::Phase::Saving
+                                                        ? QStringLiteral("Saving")
+                                                        : QStringLiteral("Reading"))
                                                .arg(percent, 0, 'f', 1));
                          });
     }
@@ -924,7 +930,8 @@ int RunEdit(const Request& request)
     for (const QStringList& edit : request.edits) {
         const QString problem = applyEdit(session, edit);
         if (!problem.isEmpty()) {
-            print(stderr, QStringLiteral("brenta: %1\n").arg(QString(problem).replace(QLatin1Char('\n'), QLatin1Char(' '))));
+            print(stderr, QStringLiteral("brenta: %1\n")
+                              .arg(QString(problem).replace(QLatin1Char('\n'), QLatin1Char(' '))));
             return 1;
         }
     }

@@ -22,8 +22,8 @@ struct Request
     QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
     QString device;    // BurnDisc, BurnUsb, RestoreUsb, CopyDisc: the drive's device node
     QString output;    // CopyDisc, Edit: the image to write
-    // Edit: the changes in the order given, each its option and values:
-    // {"--add", PATH, FOLDER}, {"--rename", ENTRY, NEWNAME}, {"--delete", ENTRY}, {"--label", LABEL}
+    // Edit: the changes in the order given, each its option and values: {"--add", PATH,
+    // FOLDER}, {"--rename", ENTRY, NEWNAME}, {"--delete", ENTRY}, {"--label", LABEL}
     QList<QStringList> edits;
     // BurnUsb: the partition scheme, the file system, the volume label, and
     // whether to erase the stick without asking; RestoreUsb: the last three

@@ -436,8 +436,9 @@ void RenderEditPage(Writer& writer)
     progress->SetValue(3120);
     writer.SaveOver(QStringLiteral("page-edit-saving"), host, *progress);
 
-    auto refused = MessageDialogs::Message(
-        QStringLiteral("eltorito.img cannot be deleted: the image starts from it,\n/boot/grub/i386-pc/eltorito.img"));
+    auto refused =
+        MessageDialogs::Message(QStringLiteral("eltorito.img cannot be deleted: the image starts "
+                                               "from it,\n/boot/grub/i386-pc/eltorito.img"));
     writer.SaveOver(QStringLiteral("page-edit-boot-file-refused"), host, *refused);
 }
 

@@ -81,7 +81,8 @@ bool sameBytes(const QString& a, const QString& b)
 QString sameFileIn(const QString& root, const QString& bootImage)
 {
     const qint64 size = QFileInfo(bootImage).size();
-    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoSymLinks, QDirIterator::Subdirectories);
+    QDirIterator it(root, QDir::Files | QDir::Hidden | QDir::NoSymLinks,
+                    QDirIterator::Subdirectories);
     while (it.hasNext()) {
         it.next();
         if (it.fileInfo().size() == size && sameBytes(it.filePath(), bootImage))
@@ -99,13 +100,15 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
     m_save = new CImageSaveJob(this);
     connect(m_save, &CImageSaveJob::progress, this,
             [this](int value) { Q_EMIT progress(Phase::Saving, value, 10000); });
-    connect(m_save, &CImageSaveJob::finished, this,
-            [this] { Finish(m_save->Succeeded(), m_save->Succeeded() ? QString() : m_save->Message()); });
+    connect(m_save, &CImageSaveJob::finished, this, [this] {
+        Finish(m_save->Succeeded(), m_save->Succeeded() ? QString() : m_save->Message());
+    });
     m_build = new CBuildJob(this);
     connect(m_build, &CBuildJob::progress, this,
             [this](int value) { Q_EMIT progress(Phase::Saving, value, 10000); });
-    connect(m_build, &CBuildJob::finished, this,
-            [this] { Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message()); });
+    connect(m_build, &CBuildJob::finished, this, [this] {
+        Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message());
+    });
     m_exportJob = new CExtractJob(this);
     connect(m_exportJob, &CExtractJob::progress, this, [this](int percent, const QString& entry) {
         Q_EMIT progress(Phase::Exporting, percent, 100);
@@ -182,7 +185,8 @@ void CEditSession::Load(const QString& image)
     connect(report, &CRunCommandThread::standoutputlines, this,
             [this](const QStringList& lines) { m_reportLines << lines; });
     connect(report, &CRunCommandThread::sigfinished, this, &CEditSession::OnReported);
-    report->SetCommand(ToolLocator::Find(ToolLocator::Tool::Xorriso), ImageSave::ReportArguments(image));
+    report->SetCommand(ToolLocator::Find(ToolLocator::Tool::Xorriso),
+                       ImageSave::ReportArguments(image));
     report->StartCommand();
 
     // An image with a UDF tree is saved by xorriso only when its ISO 9660
@@ -208,19 +212,22 @@ void CEditSession::Load(const QString& image)
     };
     auto counted = std::make_shared<Counted>();
     m_count = new CRunCommandThread;
-    connect(m_count, &CRunCommandThread::standoutputlines, this, [counted](const QStringList& lines) {
-        for (const QString& line : lines)
-            counted->reader.Feed(line);
-    });
+    connect(m_count, &CRunCommandThread::standoutputlines, this,
+            [counted](const QStringList& lines) {
+                for (const QString& line : lines)
+                    counted->reader.Feed(line);
+            });
     connect(m_count, &CRunCommandThread::sigfinished, this, [this, counted] {
-        if (m_count->GetResult() == CRunCommandThread::Result::Success && counted->reader.Finished()) {
+        if (m_count->GetResult() == CRunCommandThread::Result::Success &&
+            counted->reader.Finished()) {
             removePseudoBootFolder(counted->tree);
             m_otherCount = counted->tree.Count();
         }
         OnCounted();
     });
     if (shownByReader)
-        m_count->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive), Listing::Arguments(image));
+        m_count->SetCommand(ToolLocator::Find(ToolLocator::Tool::Archive),
+                            Listing::Arguments(image));
     else
         m_count->SetCommand(reader, {QStringLiteral("list"), image});
     m_count->StartCommand();
@@ -258,7 +265,8 @@ void CEditSession::OnReported()
 {
     const bool ok = m_reporter->GetResult() == CRunCommandThread::Result::Success;
     const QString failure =
-        ok ? QString() : m_reporter->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
+        ok ? QString()
+           : m_reporter->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Xorriso));
     m_reporter->deleteLater();
     m_reporter = nullptr;
     // An image of UDF alone has nothing xorriso reads; it is rebuilt from its
@@ -351,13 +359,15 @@ void CEditSession::OnExtracted()
 {
     const bool ok = m_extract->GetResult() == CRunCommandThread::Result::Success;
     const QString failure =
-        ok ? QString() : m_extract->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Archive));
+        ok ? QString()
+           : m_extract->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::Archive));
     m_extract->deleteLater();
     m_extract = nullptr;
     if (!ok) {
         m_pending.clear();
         m_loadProblem =
-            QStringLiteral("The image could not be read completely, so it cannot be edited. %1").arg(failure);
+            QStringLiteral("The image could not be read completely, so it cannot be edited. %1")
+                .arg(failure);
         Q_EMIT extracted(false);
         return;
     }
@@ -478,8 +488,8 @@ void CEditSession::AddDirContents(Item& folder, const QString& localDir)
     const QFileInfoList entries =
         QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries) {
-        Item* child =
-            m_contents.Append(folder, ItemTree::FromLocal(entry, folder.name + kSeparator + entry.fileName()));
+        Item* child = m_contents.Append(
+            folder, ItemTree::FromLocal(entry, folder.name + kSeparator + entry.fileName()));
         if (child->isDir && !entry.isSymLink())
             AddDirContents(*child, entry.absoluteFilePath());
     }
@@ -511,7 +521,8 @@ bool CEditSession::Rename(Item& item, const QString& newName, QString* why)
         m_changes[size_t(added)].path = to;
         return true;
     }
-    if (!m_changes.empty() && m_changes.back().kind == Change::Kind::Rename && m_changes.back().newPath == from) {
+    if (!m_changes.empty() && m_changes.back().kind == Change::Kind::Rename &&
+        m_changes.back().newPath == from) {
         // A second name for the entry just renamed replaces the first.
         m_changes.back().newPath = to;
         if (m_changes.back().path == to) {
@@ -603,8 +614,7 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
         if (item->source.isEmpty()) {
             m_exportEntries << OriginalPath(*item);
             m_exportItems << item->name;
-        }
-        else
+        } else
             m_exportCopies.emplace_back(item->source, ItemTree::LastComponent(item->name));
     }
     if (m_exportEntries.isEmpty()) {
@@ -613,8 +623,9 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
     }
     // The listing checks the entries; it is the image's own while no entry
     // was renamed.
-    const bool renamed = std::any_of(m_changes.cbegin(), m_changes.cend(),
-                                     [](const Change& change) { return change.kind == Change::Kind::Rename; });
+    const bool renamed =
+        std::any_of(m_changes.cbegin(), m_changes.cend(),
+                    [](const Change& change) { return change.kind == Change::Kind::Rename; });
     Q_EMIT progress(Phase::Exporting, 0, 100);
     m_exportJob->Start(m_image, destination, m_exportEntries, renamed ? nullptr : &m_contents);
 }
@@ -632,15 +643,17 @@ bool CEditSession::PlaceExported(const QString& placed, const Item& item, QStrin
     // out, added files copied from disk.
     const auto edited = [&](const Change& change) {
         const QString inside = imagePath(item.name) + QLatin1Char('/');
-        return change.path.startsWith(original + QLatin1Char('/')) || change.path.startsWith(inside) ||
-               change.newPath.startsWith(inside);
+        return change.path.startsWith(original + QLatin1Char('/')) ||
+               change.path.startsWith(inside) || change.newPath.startsWith(inside);
     };
     QString from = placed;
     std::unique_ptr<QTemporaryDir> rebuilt;
     if (item.isDir && std::any_of(m_changes.cbegin(), m_changes.cend(), edited)) {
-        rebuilt = std::make_unique<QTemporaryDir>(QDir(m_destination).filePath(QStringLiteral(".brenta-export-XXXXXX")));
+        rebuilt = std::make_unique<QTemporaryDir>(
+            QDir(m_destination).filePath(QStringLiteral(".brenta-export-XXXXXX")));
         if (!rebuilt->isValid())
-            return fail(QStringLiteral("Cannot write into %1 (%2).").arg(m_destination, rebuilt->errorString()));
+            return fail(QStringLiteral("Cannot write into %1 (%2).")
+                            .arg(m_destination, rebuilt->errorString()));
         std::function<bool(const Item&)> walk = [&](const Item& folder) {
             for (const auto& child : folder.children) {
                 const QString relative = imagePath(child->name.mid(item.name.size() + 1));
@@ -655,7 +668,8 @@ bool CEditSession::PlaceExported(const QString& placed, const Item& item, QStrin
                 } else {
                     const QString source = placed + OriginalPath(*child).mid(original.size());
                     if (!QDir().rename(source, target))
-                        return fail(QStringLiteral("%1 could not be moved to %2.").arg(source, target));
+                        return fail(
+                            QStringLiteral("%1 could not be moved to %2.").arg(source, target));
                 }
                 if (child->isDir && !walk(*child))
                     return false;
@@ -674,8 +688,9 @@ bool CEditSession::PlaceExported(const QString& placed, const Item& item, QStrin
         return fail(QStringLiteral("%1 could not be renamed to %2.").arg(from, target));
     if (rebuilt) {
         rebuilt->setAutoRemove(false);
-        QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup |
-                                          QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+        QFile::setPermissions(target, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                          QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther |
+                                          QFile::ExeOther);
         for (auto& [source, copy] : m_exportInto) {
             if (copy.startsWith(from + QLatin1Char('/')))
                 copy = target + copy.mid(from.size());
@@ -693,7 +708,8 @@ void CEditSession::StartExportCopies()
     // A worker of the export's own, which a stop ends at once.
     m_exporter = std::make_unique<CFileCopy>();
     for (const auto& [source, name] : m_exportCopies) {
-        const QString target = QDir(m_destination).filePath(Extraction::FreeName(m_destination, name));
+        const QString target =
+            QDir(m_destination).filePath(Extraction::FreeName(m_destination, name));
         m_exportTargets << target;
         m_exporter->AddJob(source, target, CFileCopy::CopyAs);
     }
@@ -711,7 +727,8 @@ void CEditSession::Save(const QString& output)
     m_task = Task::Save;
     m_output = QFileInfo(output).absoluteFilePath();
     if (!m_loaded) {
-        Finish(false, m_loadProblem.isEmpty() ? QStringLiteral("No image is open.") : m_loadProblem);
+        Finish(false,
+               m_loadProblem.isEmpty() ? QStringLiteral("No image is open.") : m_loadProblem);
         return;
     }
     if (m_way == ImageSave::Way::Xorriso) {
@@ -750,7 +767,8 @@ void CEditSession::Poll()
     }
     const QStringList failures = worker.TakeFailures();
     if (!failures.isEmpty()) {
-        Finish(false, QStringLiteral("These could not be copied: %1").arg(failures.join(QStringLiteral("; "))));
+        Finish(false, QStringLiteral("These could not be copied: %1")
+                          .arg(failures.join(QStringLiteral("; "))));
         return;
     }
     if (m_task == Task::Export)

@@ -42,7 +42,13 @@ public:
     // Reading: a save waits for the working copy (UDF way); Exporting: entries
     // leave the image; Copying: files are copied (KiB); Saving: the new image
     // is written (hundredths of a percent of 10000).
-    enum class Phase { Reading, Exporting, Copying, Saving };
+    enum class Phase
+    {
+        Reading,
+        Exporting,
+        Copying,
+        Saving
+    };
 
     explicit CEditSession(QObject* parent = nullptr);
     ~CEditSession() override;
@@ -142,7 +148,7 @@ private:
     QStringList m_reportLines;
     CRunCommandThread* m_count = nullptr;
     qsizetype m_otherCount = -1; // entries of the tree not shown, or -1 when unknown
-    bool m_countIsUdf = false; // the other listing is the archive tool's (UDF first)
+    bool m_countIsUdf = false;   // the other listing is the archive tool's (UDF first)
     bool m_needCount = false;
     bool m_hasUdf = false;
     bool m_listedByArchive = false;
@@ -177,6 +183,7 @@ private:
     QStringList m_exportEntries;
     QStringList m_exportItems; // the extracted entries' names in the tree
     std::vector<std::pair<QString, QString>> m_exportCopies; // added entries: source, name
-    std::vector<std::pair<QString, QString>> m_exportInto;   // added files in edited folders: source, target
+    std::vector<std::pair<QString, QString>>
+        m_exportInto; // added files in edited folders: source, target
     QStringList m_exportTargets;
 };

@@ -214,9 +214,11 @@ void CPage4::UpdateStatus()
              m_session.Report().systemArea.isEmpty())
         m_status->setText(QStringLiteral("Saved by xorriso from the original image."));
     else if (m_session.Way() == ImageSave::Way::Xorriso)
-        m_status->setText(QStringLiteral("Saved by xorriso from the original image, with its whole boot setup."));
+        m_status->setText(
+            QStringLiteral("Saved by xorriso from the original image, with its whole boot setup."));
     else
-        m_status->setText(QStringLiteral("Its files are in a UDF tree: saved by rebuilding it with UDF."));
+        m_status->setText(
+            QStringLiteral("Its files are in a UDF tree: saved by rebuilding it with UDF."));
     m_status->show();
 }
 
@@ -296,7 +298,8 @@ void CPage4::OnDelete()
     for (const Item* item : items) {
         const QString bootFile = m_session.BootFileIn(*item);
         if (!bootFile.isEmpty()) {
-            Util::ShowMessage(CEditSession::BootFileText(*item, bootFile, QStringLiteral("deleted")));
+            Util::ShowMessage(
+                CEditSession::BootFileText(*item, bootFile, QStringLiteral("deleted")));
             return;
         }
     }
@@ -330,7 +333,8 @@ void CPage4::OnSave()
         return;
     }
     const BootSetup::Plan& boot = m_session.Boot();
-    if (m_session.Way() == ImageSave::Way::UdfRebuild && boot.originalBoots && !boot.Reproducible() && !Util::Confirm(boot.Warning()))
+    if (m_session.Way() == ImageSave::Way::UdfRebuild && boot.originalBoots &&
+        !boot.Reproducible() && !Util::Confirm(boot.Warning()))
         return;
     const QString output = Util::SaveFileDialog(this, QStringLiteral("ISO Files(*.ISO)"));
     if (output.isEmpty())
