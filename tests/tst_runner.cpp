@@ -127,8 +127,7 @@ void TestRunner::logsCommandAndEveryLine()
     Recorder seen(runner);
     runner.SetCommand(kChild, {"print-raw", "alpha\\rbeta\\n\\ngamma\\n"});
     runner.StartCommand();
-    runner.WaitCommand();
-    QCOMPARE(seen.finished.count(), 1);
+    QVERIFY(seen.finished.wait(10000));
 
     QFile log(Util::LogFilePath());
     QVERIFY(log.open(QIODevice::ReadOnly));
@@ -148,11 +147,11 @@ void TestRunner::reportsHowTheToolEnded_data()
     QTest::addColumn<int>("result");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QStringList>("lines");
-    QTest::newRow("success") << QStringList{"exit", "0"}
-                             << int(CRunCommandThread::Result::Success) << 0 << QStringList{"bye\n"};
-    QTest::newRow("exit status 254") << QStringList{"exit", "254"}
-                                     << int(CRunCommandThread::Result::Failed) << 254
-                                     << QStringList{"bye\n"};
+    QTest::newRow("success") << QStringList{"exit", "0"} << int(CRunCommandThread::Result::Success)
+                             << 0 << QStringList{"bye\n"};
+    QTest::newRow("exit status 254")
+        << QStringList{"exit", "254"} << int(CRunCommandThread::Result::Failed) << 254
+        << QStringList{"bye\n"};
     QTest::newRow("crash") << QStringList{"crash"} << int(CRunCommandThread::Result::Crashed) << -1
                            << QStringList{"about to crash\n"};
 }
@@ -168,7 +167,7 @@ void TestRunner::reportsHowTheToolEnded()
     Recorder seen(runner);
     runner.SetCommand(kChild, arguments);
     runner.StartCommand();
-    runner.WaitCommand();
+    QVERIFY(seen.finished.wait(10000));
     QCOMPARE(seen.finished.count(), 1);
     QCOMPARE(seen.Lines(), lines);
     QCOMPARE(int(runner.GetResult()), result);
@@ -185,26 +184,23 @@ void TestRunner::toolThatCannotStartStillEnds_data()
     QTest::newRow("no program (tool not found)") << QString();
 }
 
-// A page waits for sigfinished() (or WaitCommand()) before it goes on: a tool
-// that never starts must still end the run, or the page hangs for ever.
+// A page waits for sigfinished() before it goes on: a tool that never starts
+// must still end the run, or the page hangs for ever.
 void TestRunner::toolThatCannotStartStillEnds()
 {
     QFETCH(QString, program);
-    for (const bool wait : {false, true}) {
-        CRunCommandThread runner;
-        Recorder seen(runner);
-        runner.SetCommand(program, {"l", "image.iso"});
-        runner.StartCommand();
-        if (wait)
-            runner.WaitCommand();
-        else
-            QVERIFY(seen.finished.wait(10000));
-        QTRY_COMPARE(seen.finished.count(), 1);
-        QCOMPARE(seen.lines.count(), 0);
-        QVERIFY(!runner.Started());
-        QCOMPARE(runner.GetResult(), CRunCommandThread::Result::StartFailed);
-        QVERIFY(!runner.ErrorText().isEmpty());
-    }
+    CRunCommandThread runner;
+    Recorder seen(runner);
+    runner.SetCommand(program, {"l", "image.iso"});
+    runner.StartCommand();
+    QVERIFY(seen.finished.wait(10000));
+    QTest::qWait(50);
+    QCOMPARE(seen.finished.count(), 1);
+    QCOMPARE(seen.lines.count(), 0);
+    QVERIFY(!runner.Started());
+    QVERIFY(!runner.IsRunning());
+    QCOMPARE(runner.GetResult(), CRunCommandThread::Result::StartFailed);
+    QVERIFY(!runner.ErrorText().isEmpty());
 }
 
 void TestRunner::manyLinesArriveInOrder()
@@ -213,7 +209,7 @@ void TestRunner::manyLinesArriveInOrder()
     Recorder seen(runner);
     runner.SetCommand(kChild, {"stream", "1500"});
     runner.StartCommand();
-    runner.WaitCommand();
+    QVERIFY(seen.finished.wait(10000));
     const QStringList lines = seen.Lines();
     QCOMPARE(lines.size(), 1500);
     for (int i = 0; i < lines.size(); ++i)
@@ -225,18 +221,26 @@ void TestRunner::manyLinesArriveInOrder()
 void TestRunner::terminateStopsToolAndSignals_data()
 {
     QTest::addColumn<QString>("mode");
-    QTest::addColumn<bool>("destroy"); // the runner is destroyed instead of stopped
-    QTest::newRow("tool that ends when asked") << "hang" << false;
-    QTest::newRow("tool that ignores the request") << "stubborn" << false;
-    QTest::newRow("runner destroyed while its tool runs") << "hang" << true;
+    QTest::addColumn<QString>("end"); // stop, destroy or dispose
+    QTest::newRow("tool that ends when asked") << "hang"
+                                               << "stop";
+    QTest::newRow("tool that ignores the request") << "stubborn"
+                                                   << "stop";
+    QTest::newRow("runner destroyed while its tool runs") << "hang"
+                                                          << "destroy";
+    QTest::newRow("runner disposed while its tool ignores the request") << "stubborn"
+                                                                        << "dispose";
 }
 
 // Stop must leave nothing behind: no more signals to a page that may already
-// be gone, and no tool (nor a tool's child) still running.
+// be gone, and no tool (nor a tool's child) still running. Disposing of a
+// runner must not hold up the window while a stubborn tool gets its grace
+// period: the tool is still there when the window's loop goes on, and is
+// killed later.
 void TestRunner::terminateStopsToolAndSignals()
 {
     QFETCH(QString, mode);
-    QFETCH(bool, destroy);
+    QFETCH(QString, end);
     QTemporaryDir dir;
     const QString pidFile = dir.filePath("pid");
 
@@ -250,16 +254,31 @@ void TestRunner::terminateStopsToolAndSignals()
     const qint64 grandchild = readPid(pidFile + ".child");
     QVERIFY(processAlive(tool));
     QVERIFY(processAlive(grandchild));
-    if (destroy) {
+    if (end == "destroy") {
         delete runner;
-        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
+        QVERIFY(!processAlive(tool));
         QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
         return;
     }
+    if (end == "dispose") {
+        QPointer<CRunCommandThread> gone(runner);
+        QElapsedTimer timer;
+        timer.start();
+        CRunCommandThread::Dispose(runner);
+        QCOMPARE(runner, nullptr);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QVERIFY2(timer.elapsed() < 500, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(processAlive(tool));
+        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(gone.isNull(), 10000);
+        QCOMPARE(seen.lines.count(), 1);
+        QCOMPARE(seen.finished.count(), 0);
+        return;
+    }
 
-    runner->terminate();
+    runner->Stop();
     QVERIFY(!runner->IsRunning());
-    runner->WaitCommand(); // returns at once after a stop
     QCOMPARE(runner->GetResult(), CRunCommandThread::Result::Stopped);
 
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
@@ -278,7 +297,7 @@ void TestRunner::terminateInsideLineSlotDropsTheRest()
     connect(&runner, &CRunCommandThread::standoutputline, this, [&](const QString& line) {
         received << line;
         if (received.size() == 10)
-            runner.terminate();
+            runner.Stop();
     });
     QSignalSpy finished(&runner, &CRunCommandThread::sigfinished);
     runner.SetCommand(kChild, {"stream", "400"});

@@ -1,9 +1,9 @@
 #include "tools/runcommandthread.h"
 
-#include <QCoreApplication>
 #include <QDebug>
 #include <QMutexLocker>
 #include <QProcessEnvironment>
+#include <QTimer>
 
 #include <csignal>
 #include <sys/prctl.h>
@@ -17,8 +17,6 @@ namespace {
 
 // How long a tool may take to end after it was asked to, before it is killed.
 constexpr int kTerminateGraceMs = 2000;
-// How often the worker looks at the stop flag while the tool is quiet.
-constexpr int kPollMs = 100;
 
 } // namespace
 
@@ -61,8 +59,10 @@ CRunCommandThread::CRunCommandThread(QObject* parent) : QThread(parent) {}
 
 CRunCommandThread::~CRunCommandThread()
 {
+    // Owners let a running runner go through Dispose(), which does not wait;
+    // a runner deleted outright must still not leave its tool behind.
     if (isRunning()) {
-        m_stopped = true;
+        Stop();
         wait();
     }
     if (m_input >= 0)
@@ -72,7 +72,7 @@ CRunCommandThread::~CRunCommandThread()
 void CRunCommandThread::SetCommand(const QString& program, const QStringList& arguments)
 {
     // The runner stays with the thread that created it (it is not moved to its
-    // own thread): its signals are emitted there, which is what lets terminate()
+    // own thread): its signals are emitted there, which is what lets Stop()
     // drop lines that the tool wrote before the stop but the page has not seen.
     m_program = program;
     m_arguments = arguments;
@@ -95,20 +95,16 @@ void CRunCommandThread::StartCommand(QThread::Priority priority)
     start(priority);
 }
 
-void CRunCommandThread::WaitCommand()
-{
-    while (m_running.load()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents);
-        QThread::msleep(10);
-    }
-}
-
 void CRunCommandThread::Dispose(CRunCommandThread*& runner)
 {
     if (runner == nullptr)
         return;
-    runner->terminate();
-    runner->deleteLater();
+    runner->Stop();
+    // Connected before the check, so that a thread ending in between is not
+    // missed; a second deleteLater() is harmless.
+    connect(runner, &QThread::finished, runner, &QObject::deleteLater);
+    if (!runner->isRunning())
+        runner->deleteLater();
     runner = nullptr;
 }
 
@@ -116,20 +112,27 @@ void CRunCommandThread::StopAndWait(CRunCommandThread*& runner)
 {
     if (runner == nullptr)
         return;
-    runner->terminate();
+    runner->Stop();
     // The worker thread ends only after the tool has ended (or was killed).
     runner->wait();
     delete runner;
     runner = nullptr;
 }
 
-void CRunCommandThread::terminate()
+void CRunCommandThread::Stop()
 {
-    qDebug() << "CRunCommandThread::terminate";
+    qDebug() << "CRunCommandThread::Stop";
     if (m_stopped.exchange(true))
         return;
     m_running = false;
-    Q_EMIT terminateprocess();
+    // The worker sees either the flag (before its tool is reachable here) or
+    // this request; should it see both, ending the tool twice is harmless.
+    QMutexLocker locker(&m_processMutex);
+    if (m_process != nullptr) {
+        CProcess* process = m_process;
+        QMetaObject::invokeMethod(
+            process, [this, process] { OnTerminateProcess(*process); }, Qt::QueuedConnection);
+    }
 }
 
 CRunCommandThread::Result CRunCommandThread::GetResult() const
@@ -162,7 +165,8 @@ QString CRunCommandThread::FailureText(const QString& toolName) const
     const Result result = GetResult();
     if (result == Result::StartFailed) {
         if (m_program.isEmpty())
-            return QStringLiteral("%1 was not found. Please install it and try again.").arg(toolName);
+            return QStringLiteral("%1 was not found. Please install it and try again.")
+                .arg(toolName);
         return QStringLiteral("%1 could not be started (%2).").arg(toolName, ErrorText());
     }
     if (result == Result::Stopped)
@@ -207,6 +211,7 @@ void CRunCommandThread::SetOutcome(Result result, int exitCode, const QString& e
 
 void CRunCommandThread::run()
 {
+    m_terminating = false;
     OutputSplitter splitter;
     CProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
@@ -237,53 +242,85 @@ void CRunCommandThread::run()
     }
     m_started = true;
 
-    while (!m_stopped.load()) {
-        if (process.waitForReadyRead(kPollMs))
-            Deliver(splitter.Feed(process.readAll()));
-        else if (process.state() == QProcess::NotRunning)
-            break;
+    // The process object lives on this thread, so its signals arrive here,
+    // from this thread's event loop.
+    connect(&process, &QProcess::readyReadStandardOutput, &process,
+            [this, &process, &splitter] { onReadOutput(process, splitter); });
+    connect(&process, &QProcess::finished, &process,
+            [this, &process, &splitter] { onFinished(process, splitter); });
+    {
+        QMutexLocker locker(&m_processMutex);
+        m_process = &process;
     }
-    if (m_stopped.load()) {
+    if (m_stopped.load())
         OnTerminateProcess(process);
+    // Output that came before the connection is read at the loop's start.
+    QMetaObject::invokeMethod(
+        &process, [this, &process, &splitter] { onReadOutput(process, splitter); },
+        Qt::QueuedConnection);
+    exec();
+    {
+        QMutexLocker locker(&m_processMutex);
+        m_process = nullptr;
+    }
+}
+
+void CRunCommandThread::onReadOutput(CProcess& process, OutputSplitter& splitter)
+{
+    const QByteArray bytes = process.readAll();
+    // Once the tool was asked to end, what it still writes is read and
+    // dropped, so that it never blocks on a full pipe.
+    if (!m_terminating && !m_stopped.load())
+        Deliver(splitter.Feed(bytes));
+}
+
+void CRunCommandThread::onFinished(CProcess& process, OutputSplitter& splitter)
+{
+    if (m_terminating || m_stopped.load()) {
+        // The tool ended; children that ignored the request go now.
+        process.Kill();
         SetOutcome(Result::Stopped, -1, QStringLiteral("Stopped."));
+        quit();
         return;
     }
-
     Deliver(splitter.Feed(process.readAll()));
     Deliver(splitter.Finish());
     if (process.exitStatus() == QProcess::CrashExit) {
-        SetOutcome(Result::Crashed, -1,
-                   QStringLiteral("%1 ended unexpectedly.").arg(m_program));
+        SetOutcome(Result::Crashed, -1, QStringLiteral("%1 ended unexpectedly.").arg(m_program));
     } else if (process.exitCode() != 0) {
-        SetOutcome(Result::Failed, process.exitCode(),
-                   QStringLiteral("%1 ended with exit status %2.").arg(m_program).arg(process.exitCode()));
+        SetOutcome(
+            Result::Failed, process.exitCode(),
+            QStringLiteral("%1 ended with exit status %2.").arg(m_program).arg(process.exitCode()));
     } else {
         SetOutcome(Result::Success, 0, QString());
     }
     DeliverEnd();
+    quit();
 }
 
 void CRunCommandThread::OnTerminateProcess(CProcess& process)
 {
     qDebug() << "CRunCommandThread::OnTerminateProcess is called" << &process;
-    if (process.state() == QProcess::NotRunning)
+    if (m_terminating)
         return;
-    process.OnTerminate();
-    if (!process.waitForFinished(kTerminateGraceMs)) {
-        process.Kill();
-        process.waitForFinished(-1);
-    } else {
-        // The tool ended; children that ignored the request go now.
-        process.Kill();
+    m_terminating = true;
+    SetOutcome(Result::Stopped, -1, QStringLiteral("Stopped."));
+    if (process.state() == QProcess::NotRunning) {
+        quit();
+        return;
     }
+    process.OnTerminate();
+    // A tool that ignores the request is killed; its end then comes through
+    // finished() as well.
+    QTimer::singleShot(kTerminateGraceMs, &process, [&process] { process.Kill(); });
 }
 
 void CRunCommandThread::sloterrorstart(const CProcess& process)
 {
-    const QString reason = m_program.isEmpty()
-                               ? QStringLiteral("The tool was not found.")
-                               : QStringLiteral("%1 could not be started: %2")
-                                     .arg(m_program, process.errorString());
+    const QString reason =
+        m_program.isEmpty()
+            ? QStringLiteral("The tool was not found.")
+            : QStringLiteral("%1 could not be started: %2").arg(m_program, process.errorString());
     qDebug() << "CRunCommandThread::sloterrorstart" << process.error() << m_program;
     Util::WriteLog(QStringLiteral("CRunCommandThread::sloterrorstart ") + reason);
     SetOutcome(Result::StartFailed, -1, reason);

@@ -10,6 +10,8 @@
 // The process object of one tool run. The tool is started in a process group
 // of its own, so that stopping it also stops whatever the tool started, and is
 // killed if Brenta ends before it (even by SIGKILL).
+class OutputSplitter;
+
 class CProcess final : public QProcess
 {
     Q_OBJECT
@@ -34,8 +36,14 @@ private:
 // line is logged and emitted as standoutputline() on the thread that created
 // the runner, in the tool's order. sigfinished() follows the last line, exactly
 // once, also when the tool could not be started (then without any line).
-// After terminate() nothing more is emitted, and the tool is stopped: asked to
-// end, and killed with its children if it has not ended two seconds later.
+// After Stop() nothing more is emitted, and the tool is stopped: asked to end,
+// and killed with its children if it has not ended two seconds later.
+//
+// The worker thread waits on its own event loop for the tool's output and end.
+// Stopping never waits on the caller's thread: Stop() and Dispose() return at
+// once, and the worker thread ends the tool (the grace period included) and
+// ends itself only once the tool has. The worker thread stays until then
+// because the tool is bound to the thread that started it (see CProcess).
 //
 // What happened stays readable afterwards: GetResult(), Started(), ExitCode(),
 // ErrorText() and the last lines of output, so that a page can tell success
@@ -46,13 +54,14 @@ class CRunCommandThread final : public QThread
     Q_DISABLE_COPY_MOVE(CRunCommandThread)
 
 public:
-    enum class Result {
+    enum class Result
+    {
         NotStarted,  // StartCommand() was not called yet, or the run is under way
         Success,     // the tool ended by itself with exit status 0
         Failed,      // the tool ended by itself with another exit status
         Crashed,     // the tool was ended by a signal it did not ask for
         StartFailed, // the tool could not be started (missing, not executable)
-        Stopped,     // terminate() was called before the end was reported
+        Stopped,     // Stop() was called before the end was reported
     };
 
     static constexpr int KeptLines = 20;
@@ -66,11 +75,9 @@ public:
     // takes the descriptor over and closes it once the tool is started.
     void SetInput(int descriptor);
     void StartCommand(QThread::Priority priority = QThread::InheritPriority);
-    // Blocks until the run has ended or was stopped, processing the calling
-    // thread's events meanwhile so that the window stays responsive.
-    void WaitCommand();
     // Stops the run: returns at once; no line and no sigfinished() after it.
-    void terminate();
+    // The tool is ended on the worker thread.
+    void Stop();
 
     bool IsRunning() const { return m_running.load(); }
     Result GetResult() const;
@@ -85,12 +92,14 @@ public:
     // tool's own words (its error lines, or else its last lines).
     QString FailureText(const QString& toolName) const;
 
-    // Stops a runner that may still run and lets it go: it deletes itself
-    // once its thread has ended. The pointer is set to null.
+    // Stops a runner that may still run and lets it go without waiting: it
+    // deletes itself once its tool and its thread have ended. The pointer is
+    // set to null.
     static void Dispose(CRunCommandThread*& runner);
     // Stops a runner and waits until its tool has ended, then deletes it: for
     // callers that remove what the tool was writing, which it must not write
-    // again afterwards. The pointer is set to null.
+    // again afterwards. This blocks for up to the grace period when the tool
+    // ignores the request to end. The pointer is set to null.
     static void StopAndWait(CRunCommandThread*& runner);
     // The command line as logged: the program and every argument, each followed
     // by a blank.
@@ -102,12 +111,14 @@ Q_SIGNALS:
     // standoutputline() signals: cheaper for a consumer of long listings.
     void standoutputlines(const QStringList& lines);
     void sigfinished();
-    void terminateprocess();
 
 protected:
     void run() override;
 
 private:
+    // These run on the worker thread.
+    void onReadOutput(CProcess& process, OutputSplitter& splitter);
+    void onFinished(CProcess& process, OutputSplitter& splitter);
     void OnTerminateProcess(CProcess& process);
     void sloterrorstart(const CProcess& process);
     void Deliver(const QStringList& lines);
@@ -120,6 +131,13 @@ private:
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_stopped{false};
     std::atomic<bool> m_started{false};
+
+    // The running tool's process object, owned by the worker thread; the
+    // mutex lets Stop() reach it from the caller's thread.
+    QMutex m_processMutex;
+    CProcess* m_process = nullptr;
+    // Only touched on the worker thread: the tool was asked to end.
+    bool m_terminating = false;
 
     mutable QMutex m_outcomeMutex;
     Result m_result = Result::NotStarted;
