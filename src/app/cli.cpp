@@ -24,6 +24,7 @@
 #include "media/disctools.h"
 #include "media/drives.h"
 #include "media/usbburn.h"
+#include "tools/filecopy.h"
 
 namespace Cli {
 
@@ -467,9 +468,13 @@ int RunCreate(const Request& request)
                               .arg(percent, 0, 'f', 1));
         });
     }
-    return runToEnd(job, showProgress, [&] {
+    const int status = runToEnd(job, showProgress, [&] {
         job.Start(*ImageBuild::TypeFromName(request.type), request.image, request.entries);
     });
+    // A stop leaves the copy worker ending on its own; its staging folder
+    // goes when it has, which this process waits for before it exits.
+    CFileCopy::WaitForRetired();
+    return status;
 }
 
 int RunExtract(const Request& request)

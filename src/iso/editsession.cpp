@@ -761,6 +761,8 @@ void CEditSession::Poll()
         return;
     CFileCopy& worker = m_task == Task::Export ? *m_exporter : *m_copier;
     const qint64 remaining = worker.RemainingBytes();
+    // The worker sizes what was queued as it goes: the whole grows with it.
+    m_total = qMax(m_total, remaining);
     if (remaining >= 1) {
         Q_EMIT progress(Phase::Copying, (m_total - remaining) >> 10, m_total >> 10);
         return;

@@ -473,9 +473,6 @@ void CBuildJob::OnFinished()
 
 CCreateJob::CCreateJob(QObject* parent) : QObject(parent)
 {
-    m_poll = new QTimer(this);
-    m_poll->setInterval(100);
-    connect(m_poll, &QTimer::timeout, this, &CCreateJob::PollCopies);
     m_build = new CBuildJob(this);
     connect(m_build, &CBuildJob::progress, this, [this](int value) { Q_EMIT progress(Phase::Building, value, 10000); });
     connect(m_build, &CBuildJob::finished, this, [this] { Finish(m_build->Succeeded(), m_build->Message()); });
@@ -484,46 +481,113 @@ CCreateJob::CCreateJob(QObject* parent) : QObject(parent)
 CCreateJob::~CCreateJob()
 {
     Stop();
+    Retire();
 }
 
 void CCreateJob::Start(ImageBuild::Type type, const QString& output, const QStringList& paths)
 {
     Stop();
+    Retire();
+    m_oneGo = true;
+    if (!PrepareStaging(QStringLiteral("create"))) {
+        m_running = true;
+        m_succeeded = false;
+        FinishLater(m_message);
+        return;
+    }
+    for (const QString& path : paths) {
+        const QFileInfo info(path);
+        Add(info.absoluteFilePath(), info.fileName());
+    }
+    Build(type, output);
+}
+
+bool CCreateJob::Prepare()
+{
+    m_oneGo = false;
+    return PrepareStaging(QStringLiteral("page"));
+}
+
+bool CCreateJob::PrepareStaging(const QString& stem)
+{
+    if (m_staging && m_staging->IsValid() && m_worker)
+        return true;
+    Retire();
+    m_staging = std::make_unique<ScratchFolder>(stem);
+    if (!m_staging->IsValid()) {
+        m_message =
+            QStringLiteral("Cannot prepare the files in %1 (%2).").arg(Util::ScratchDir(), m_staging->ErrorString());
+        return false;
+    }
+    m_worker = std::make_unique<CFileCopy>();
+    connect(m_worker.get(), &CFileCopy::progress, this, &CCreateJob::OnCopyProgress);
+    connect(m_worker.get(), &CFileCopy::idle, this, [this] {
+        if (m_copying)
+            CheckCopies();
+    });
+    return true;
+}
+
+QString CCreateJob::StagingPath() const
+{
+    return m_staging ? m_staging->Path() : QString();
+}
+
+void CCreateJob::Add(const QString& source, const QString& name)
+{
+    if (m_worker)
+        m_worker->AddJob(source, m_staging->FilePath(name), CFileCopy::CopyAs);
+}
+
+void CCreateJob::Remove(const QString& source, const QString& name)
+{
+    if (!m_worker)
+        return;
+    m_worker->RemoveJob(source);
+    m_worker->AddJob(m_staging->FilePath(name), QString(), CFileCopy::Delete);
+}
+
+void CCreateJob::Build(ImageBuild::Type type, const QString& output)
+{
+    m_copying = false;
+    m_build->Stop();
     m_type = type;
     m_output = output;
     m_succeeded = false;
     m_message.clear();
     m_running = true;
-
-    m_staging = std::make_unique<ScratchFolder>(QStringLiteral("create"));
-    if (!m_staging->IsValid()) {
-        const QString message =
-            QStringLiteral("Cannot prepare the files in %1 (%2).").arg(Util::ScratchDir(), m_staging->ErrorString());
-        QMetaObject::invokeMethod(this, [this, message] { Finish(false, message); }, Qt::QueuedConnection);
+    if (!m_worker) {
+        FinishLater(m_staging ? QStringLiteral("Cannot prepare the files in %1 (%2).")
+                                    .arg(Util::ScratchDir(), m_staging->ErrorString())
+                              : QStringLiteral("Nothing to build from."));
         return;
     }
-    m_worker = std::make_unique<CFileCopy>();
-    for (const QString& path : paths) {
-        const QFileInfo info(path);
-        if (info.isDir())
-            m_worker->AddJob(info.absoluteFilePath(), m_staging->Path(), CFileCopy::Copy);
-        else
-            m_worker->AddJob(info.absoluteFilePath(), m_staging->FilePath(info.fileName()), CFileCopy::Copy);
-    }
+    m_copying = true;
     m_total = m_worker->RemainingBytes();
-    m_poll->start();
+    CheckCopies();
 }
 
-void CCreateJob::PollCopies()
+void CCreateJob::OnCopyProgress(qint64 remaining)
+{
+    if (!m_copying)
+        return;
+    // Folders queued last may be sized only now: the whole grows with them.
+    m_total = qMax(m_total, remaining);
+    Q_EMIT progress(Phase::Copying, (m_total - remaining) / 1024, m_total / 1024);
+}
+
+void CCreateJob::CheckCopies()
 {
     const qint64 remaining = m_worker->RemainingBytes();
     if (remaining > 0) {
-        Q_EMIT progress(Phase::Copying, (m_total - remaining) / 1024, m_total / 1024);
+        // The worker says when its queue has run empty.
+        OnCopyProgress(remaining);
         return;
     }
-    m_poll->stop();
+    m_copying = false;
     const QStringList failures = m_worker->TakeFailures();
-    m_worker.reset();
+    if (m_oneGo)
+        m_worker.reset(); // idle, so it ends at once
     if (!failures.isEmpty()) {
         Finish(false, QStringLiteral("These could not be read, so no image was made: %1")
                           .arg(failures.join(QStringLiteral("; "))));
@@ -537,24 +601,45 @@ void CCreateJob::Stop()
 {
     if (!m_running)
         return;
-    m_poll->stop();
+    m_copying = false;
     m_build->Stop();
-    Cleanup();
+    if (m_oneGo)
+        Retire();
     m_running = false;
 }
 
 void CCreateJob::Finish(bool succeeded, const QString& message)
 {
-    Cleanup();
+    if (m_oneGo) {
+        // The worker has ended by now; its folder goes at once.
+        m_worker.reset();
+        m_staging.reset();
+    }
     m_running = false;
     m_succeeded = succeeded;
     m_message = message;
     Q_EMIT finished();
 }
 
-void CCreateJob::Cleanup()
+void CCreateJob::FinishLater(const QString& message)
 {
-    // The worker is stopped and joined before its folder goes.
-    m_worker.reset();
-    m_staging.reset();
+    QMetaObject::invokeMethod(
+        this,
+        [this, message] {
+            if (m_running)
+                Finish(false, message);
+        },
+        Qt::QueuedConnection);
+}
+
+void CCreateJob::Retire()
+{
+    m_copying = false;
+    if (!m_worker) {
+        m_staging.reset();
+        return;
+    }
+    // The folder is removed on the worker's thread once it has ended, so a
+    // copy under way is never joined here.
+    CFileCopy::Retire(std::move(m_worker), [staging = m_staging.release()] { delete staging; });
 }

@@ -184,10 +184,16 @@ private:
     QString m_message;
 };
 
-// Builds an image from local files and folders: each is copied, under its own
-// name, into a staging folder of this job's own (so no other job's files can
-// ever end up in its image), then the image builder runs on that folder.
-// Files that cannot be copied fail the job instead of being left out.
+// Builds an image from local files and folders copied into a staging folder
+// of this job's own (so no other job's files can ever end up in its image),
+// then runs the image builder on that folder. Files that cannot be copied
+// fail the job instead of being left out.
+//
+// Used in one go (Start: copy the given paths, build, remove the folder) or
+// as a lasting session, as the create page keeps it: entries are copied in
+// the background as they are added, and Build waits for those copies. The
+// copy worker says when it is done, so nothing is polled, and stopping never
+// waits for a copy under way.
 class CCreateJob final : public QObject
 {
     Q_OBJECT
@@ -197,10 +203,26 @@ public:
     enum class Phase { Copying, Building };
 
     explicit CCreateJob(QObject* parent = nullptr);
+    // The staging folder goes once its copy worker has ended.
     ~CCreateJob() override;
 
+    // Copies each path under its own name, builds, and removes the folder.
     void Start(ImageBuild::Type type, const QString& output, const QStringList& paths);
-    // Ends the copies or the builder; a half-built image is removed.
+
+    // Makes the session's staging folder and starts its copy worker, unless
+    // done before; false when the folder cannot be made (Message() says why).
+    bool Prepare();
+    QString StagingPath() const;
+    // Copies `source` to `name`, a path inside the image with "/" between
+    // components, in the background.
+    void Add(const QString& source, const QString& name);
+    // Drops a copy of `source` still queued and deletes what `name` holds.
+    void Remove(const QString& source, const QString& name);
+    // Waits for the copies, then builds the image from the staging folder.
+    void Build(ImageBuild::Type type, const QString& output);
+
+    // Ends the wait or the builder; a half-built image is removed. In one go
+    // the copies end too; in a session they go on.
     void Stop();
     bool IsRunning() const { return m_running; }
 
@@ -213,15 +235,20 @@ Q_SIGNALS:
     void finished();
 
 private:
-    void PollCopies();
+    bool PrepareStaging(const QString& stem);
+    void OnCopyProgress(qint64 remaining);
+    void CheckCopies();
     void Finish(bool succeeded, const QString& message);
-    void Cleanup();
+    void FinishLater(const QString& message);
+    // Stops the worker and removes the staging folder once it has ended.
+    void Retire();
 
+    bool m_oneGo = false;
+    bool m_copying = false;
     ImageBuild::Type m_type = ImageBuild::Type::Joliet;
     QString m_output;
     std::unique_ptr<ScratchFolder> m_staging;
     std::unique_ptr<CFileCopy> m_worker;
-    QTimer* m_poll = nullptr;
     CBuildJob* m_build = nullptr;
     qint64 m_total = 0;
     bool m_running = false;

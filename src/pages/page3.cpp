@@ -2,7 +2,6 @@
 
 #include <QApplication>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QHeaderView>
 #include <QKeyEvent>
@@ -14,7 +13,6 @@
 
 #include "app/util.h"
 #include "iso/isojobs.h"
-#include "tools/filecopy.h"
 #include "ui/baseimagectrl.h"
 #include "ui/fileicons.h"
 #include "ui/filelistwidgets.h"
@@ -128,33 +126,24 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
 
     m_progress = new CProgressDialog;
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage3::StopCreate);
-    m_build = new CBuildJob(this);
-    connect(m_build, &CBuildJob::progress, m_progress, &CProgressDialog::SetValue);
-    connect(m_build, &CBuildJob::finished, this, &CPage3::OnBuildFinished);
-
     // A working copy of this page's own inside the scratch folder: a page
     // opened later never shares it with a worker that may still be writing.
-    m_workingCopy = std::make_unique<ScratchFolder>(QStringLiteral("page"));
-    m_copier = std::make_unique<CFileCopy>();
+    // The session removes it once its worker has ended, without waiting here.
+    m_create = new CCreateJob(this);
+    connect(m_create, &CCreateJob::progress, this, &CPage3::OnCreateProgress);
+    connect(m_create, &CCreateJob::finished, this, &CPage3::OnBuildFinished);
+    m_create->Prepare();
 }
 
 CPage3::~CPage3()
 {
-    m_build->Stop();
-    // The worker is stopped and joined before its working copy is removed.
-    m_copier.reset();
-    m_workingCopy.reset();
+    delete m_create;
     delete m_progress;
 }
 
 QString CPage3::WorkingCopy() const
 {
-    return m_workingCopy->Path();
-}
-
-QString CPage3::StagingPath(const QString& name) const
-{
-    return m_workingCopy->Path() + QLatin1Char('/') + localPath(name);
+    return m_create->StagingPath();
 }
 
 QTreeWidgetItem* CPage3::TargetRow() const
@@ -220,7 +209,7 @@ void CPage3::OnAddFile()
         if (!m_items.Insert(item))
             continue;
         MakeRow(*raw, target);
-        m_copier->AddJob(info.absoluteFilePath(), StagingPath(name), CFileCopy::Copy);
+        m_create->Add(info.absoluteFilePath(), localPath(name));
     }
     UpdateTotalSize();
     QApplication::restoreOverrideCursor();
@@ -243,8 +232,7 @@ void CPage3::OnAddDir()
             continue;
         QTreeWidgetItem* row = MakeRow(*added, target);
         AddDirContents(added, info.absoluteFilePath(), row);
-        m_copier->AddJob(info.absoluteFilePath(), StagingPath(parent).chopped(1),
-                         CFileCopy::Copy);
+        m_create->Add(info.absoluteFilePath(), localPath(name));
     }
     UpdateTotalSize();
     QApplication::restoreOverrideCursor();
@@ -275,8 +263,7 @@ void CPage3::OnRemove()
     Item* item = m_items.Find(full);
     if (item == nullptr)
         return;
-    m_copier->RemoveJob(item->source);
-    m_copier->AddJob(StagingPath(full), QString(), CFileCopy::Delete);
+    m_create->Remove(item->source, localPath(full));
     delete row;
     m_items.Remove(full);
     UpdateTotalSize();
@@ -300,57 +287,37 @@ void CPage3::OnCreate()
         return;
     m_output = output;
     m_progress->show();
-
-    // Wait for the working copy, the window staying live meanwhile.
-    const qint64 total = m_copier->RemainingBytes();
-    if (total > 0) {
-        m_progress->SetText(QStringLiteral("Copy files and directories..."));
-        m_progress->SetRange(0, static_cast<int>(total / 1024));
-    }
-    m_waiting = true;
-    for (qint64 remaining = total; m_waiting && remaining >= 1; remaining = m_copier->RemainingBytes()) {
-        m_progress->SetValue(static_cast<int>((total - remaining) / 1024));
-        QElapsedTimer slice;
-        slice.start();
-        while (slice.elapsed() < 100)
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    if (!m_waiting)
-        return; // stopped, or the page is going
-    m_waiting = false;
-
-    const QStringList failures = m_copier->TakeFailures();
-    if (!failures.isEmpty()) {
-        m_progress->hide();
-        Util::ShowMessage(QStringLiteral("These could not be read, so no image was made: %1")
-                              .arg(failures.join(QStringLiteral("; "))));
-        Q_EMIT createFinished(false);
-        return;
-    }
-    m_progress->SetText(QStringLiteral("Creating ISO file..."));
-    m_progress->SetRange(0, 10000);
-    m_progress->SetValue(0);
     const ImageBuild::Type type = m_udf->isChecked()       ? ImageBuild::Type::Udf
                                   : m_iso9600->isChecked() ? ImageBuild::Type::Iso9660
                                                            : ImageBuild::Type::Joliet;
-    m_build->Start(type, m_output, m_workingCopy->Path());
+    // The session waits for the working copy, then builds; the window stays
+    // live meanwhile on its own event loop.
+    m_create->Build(type, m_output);
+}
+
+void CPage3::OnCreateProgress(CCreateJob::Phase phase, qint64 value, qint64 maximum)
+{
+    const bool copying = phase == CCreateJob::Phase::Copying;
+    m_progress->SetText(copying ? QStringLiteral("Copy files and directories...")
+                                : QStringLiteral("Creating ISO file..."));
+    m_progress->SetRange(0, static_cast<int>(maximum));
+    m_progress->SetValue(static_cast<int>(value));
 }
 
 void CPage3::OnBuildFinished()
 {
     m_progress->hide();
-    const bool succeeded = m_build->Succeeded();
+    const bool succeeded = m_create->Succeeded();
     if (succeeded)
         Util::ShowFinished(QStringLiteral("Create ISO successfully!"), QFileInfo(m_output).absolutePath());
     else
-        Util::ShowMessage(m_build->Message());
+        Util::ShowMessage(m_create->Message());
     Q_EMIT createFinished(succeeded);
 }
 
 void CPage3::StopCreate()
 {
-    m_waiting = false;
-    m_build->Stop();
+    m_create->Stop();
 }
 
 void CPage3::OnListContextMenuRequest(const QPoint& /*pos*/)

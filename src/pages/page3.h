@@ -2,13 +2,10 @@
 
 #include <QString>
 
-#include <memory>
-
+#include "iso/isojobs.h"
 #include "iso/itemtree.h"
 #include "ui/imagedialog.h"
 
-class CBuildJob;
-class CFileCopy;
 class CImageButton;
 class CMyTreeWidget;
 class CProgressDialog;
@@ -17,11 +14,11 @@ class QMenu;
 class QProgressBar;
 class QRadioButton;
 class QTreeWidgetItem;
-class ScratchFolder;
 
 // The create page: collects files and folders in a list, copies each one at
 // once into a working copy of the page's own, shows their total against a
-// gauge, and builds an image of the chosen type from the working copy.
+// gauge, and builds an image of the chosen type from the working copy. The
+// copying and the build are a create session's; the page only shows them.
 class CPage3 final : public ImageDialog
 {
     Q_OBJECT
@@ -63,13 +60,11 @@ private:
     bool IsFolder(const QString& parentPath) const;
     QTreeWidgetItem* MakeRow(const Item& item, QTreeWidgetItem* parent);
     void AddDirContents(Item* folder, const QString& localDir, QTreeWidgetItem* row);
-    QString StagingPath(const QString& name) const;
+    void OnCreateProgress(CCreateJob::Phase phase, qint64 value, qint64 maximum);
     void OnBuildFinished();
 
     ItemTree m_items;
-    std::unique_ptr<ScratchFolder> m_workingCopy;
-    std::unique_ptr<CFileCopy> m_copier;
-    CBuildJob* m_build = nullptr;
+    CCreateJob* m_create = nullptr;
     CProgressDialog* m_progress = nullptr;
     QMenu* m_menu = nullptr;
     CMyTreeWidget* m_list = nullptr;
@@ -79,5 +74,4 @@ private:
     QLabel* m_totalsize = nullptr;
     QProgressBar* m_gauge = nullptr;
     QString m_output;
-    bool m_waiting = false;
 };

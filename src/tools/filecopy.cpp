@@ -1,5 +1,6 @@
 #include "tools/filecopy.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -7,6 +8,7 @@
 #include <QSet>
 
 #include <cerrno>
+#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -17,16 +19,32 @@
 namespace {
 
 // The kernel copies this much at a time; the abort flag is looked at between
-// chunks. No user-space buffer is needed, so a worker's memory stays fixed.
-// Large requests let the kernel copy at the disk's speed (small ones cost
-// half of it); at that speed a stop still takes effect within a second.
-constexpr qint64 kChunk = 512 * 1024 * 1024;
+// pieces. No user-space buffer is needed, so a worker's memory stays fixed.
+// A few MiB keep the kernel near the disk's speed while a stop takes effect
+// within one piece even from a slow source (a quarter of a second at 16 MiB/s).
+constexpr qint64 kChunk = 4 * 1024 * 1024;
 
 // Fallback for file systems that cannot copy in the kernel.
 constexpr qint64 kBufferSize = 256 * 1024;
 
+// Called after every piece copied.
+using Hook = std::function<void()>;
+
+// Retired workers still ending.
+QMutex retiredLock;
+QWaitCondition retiredEnded;
+int retiredCount = 0;
+
+// The reason for an errno value; strerror's buffer is shared by all threads,
+// strerror_r writes into the caller's own.
+QString errorText(int error)
+{
+    char buffer[256] = {};
+    return QString::fromLocal8Bit(::strerror_r(error, buffer, sizeof buffer));
+}
+
 bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomic<bool>* abort,
-                  QString* error)
+                  QString* error, const Hook* hook)
 {
     bool kernel = true;
     std::unique_ptr<char[]> buffer;
@@ -53,7 +71,7 @@ bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomi
                     if (step < 0) {
                         if (errno == EINTR)
                             continue;
-                        *error = QString::fromLocal8Bit(strerror(errno));
+                        *error = errorText(errno);
                         return false;
                     }
                     written += step;
@@ -63,18 +81,24 @@ bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomi
         if (done < 0) {
             if (errno == EINTR)
                 continue;
-            *error = QString::fromLocal8Bit(strerror(errno));
+            *error = errorText(errno);
             return false;
         }
         if (done == 0)
             return true;
         if (copied)
             *copied += done;
+        if (hook)
+            (*hook)();
     }
 }
 
-bool copyDirContents(const QString& sourceDir, const QString& targetDir, std::atomic<qint64>* copied,
-                     const std::atomic<bool>* abort, QStringList* failures, QSet<QString>& chain)
+bool copyFile(const QString& source, const QString& target, std::atomic<qint64>* copied,
+              const std::atomic<bool>* abort, QString* error, const Hook* hook);
+
+bool copyDirContents(const QString& sourceDir, const QString& targetDir,
+                     std::atomic<qint64>* copied, const std::atomic<bool>* abort,
+                     QStringList* failures, QSet<QString>& chain, const Hook* hook)
 {
     // A folder that cannot be read would list as empty and come out empty
     // without a word; it is reported instead.
@@ -82,8 +106,7 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir, std::at
         ::closedir(folder);
     } else {
         if (failures)
-            *failures << QStringLiteral("%1: %2").arg(sourceDir,
-                                                      QString::fromLocal8Bit(strerror(errno)));
+            *failures << QStringLiteral("%1: %2").arg(sourceDir, errorText(errno));
         return false;
     }
     if (!QDir().mkpath(targetDir)) {
@@ -113,12 +136,13 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir, std::at
                                      .arg(entry.filePath());
                 continue;
             }
-            ok = copyDirContents(entry.filePath(), target, copied, abort, failures, chain) && ok;
+            ok = copyDirContents(entry.filePath(), target, copied, abort, failures, chain, hook) &&
+                 ok;
         } else {
             QString error;
             if (!entry.isFile())
                 error = entry.isSymLink() ? QStringLiteral("a link to nothing") : QStringLiteral("not a file");
-            else if (CFileCopy::CopyFile(entry.filePath(), target, copied, abort, &error))
+            else if (copyFile(entry.filePath(), target, copied, abort, &error, hook))
                 continue;
             ok = false;
             if (failures)
@@ -129,9 +153,9 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir, std::at
     return ok;
 }
 
-qint64 sourceSize(const QFileInfo& info, QSet<QString>& chain)
+qint64 sourceSize(const QFileInfo& info, QSet<QString>& chain, const std::atomic<bool>* abort)
 {
-    if (!info.exists())
+    if (!info.exists() || (abort && abort->load()))
         return 0;
     if (!info.isDir())
         return info.size();
@@ -143,9 +167,51 @@ qint64 sourceSize(const QFileInfo& info, QSet<QString>& chain)
     const QFileInfoList entries =
         QDir(info.filePath()).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries)
-        total += sourceSize(entry, chain);
+        total += sourceSize(entry, chain, abort);
     chain.remove(canonical);
     return total;
+}
+
+bool copyFile(const QString& source, const QString& target, std::atomic<qint64>* copied,
+              const std::atomic<bool>* abort, QString* error, const Hook* hook)
+{
+    QString ignored;
+    QString& reason = error ? *error : ignored;
+    if (source == target)
+        return true;
+    if (!QFileInfo(source).isFile()) {
+        reason = QStringLiteral("not found");
+        return false;
+    }
+    // Opened before the target is touched: an unreadable source never costs
+    // the copy that was there.
+    const int in = ::open(QFile::encodeName(source).constData(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        reason = errorText(errno);
+        Util::WriteLog(QStringLiteral("Can not open file for read") + source);
+        return false;
+    }
+    if (QFileInfo::exists(target) || QFileInfo(target).isSymLink())
+        Util::RemovePath(target);
+    QDir().mkpath(QFileInfo(target).absolutePath());
+    const int out = ::open(QFile::encodeName(target).constData(),
+                           O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (out < 0) {
+        reason = errorText(errno);
+        Util::WriteLog(QStringLiteral("Can not open file for write") + target);
+        ::close(in);
+        return false;
+    }
+    bool ok = copyContents(in, out, copied, abort, &reason, hook);
+    ::close(in);
+    if (::close(out) != 0 && ok) {
+        reason = errorText(errno);
+        ok = false;
+    }
+    // A half-written file must not pass for a copy.
+    if (!ok)
+        QFile::remove(target);
+    return ok;
 }
 
 } // namespace
@@ -161,17 +227,49 @@ CFileCopy::~CFileCopy()
     wait();
 }
 
+void CFileCopy::Retire(std::unique_ptr<CFileCopy> worker, std::function<void()> afterwards)
+{
+    if (!worker)
+        return;
+    CFileCopy* raw = worker.release();
+    {
+        QMutexLocker locker(&raw->m_lock);
+        raw->m_stop = true;
+        raw->m_wake.wakeAll();
+        if (!raw->m_ended) {
+            // run() takes it from here when it returns.
+            raw->m_retired = true;
+            raw->m_afterwards = std::move(afterwards);
+            QMutexLocker count(&retiredLock);
+            ++retiredCount;
+            return;
+        }
+    }
+    delete raw;
+    if (afterwards)
+        afterwards();
+}
+
+void CFileCopy::WaitForRetired()
+{
+    QMutexLocker count(&retiredLock);
+    while (retiredCount > 0)
+        retiredEnded.wait(&retiredLock);
+}
+
 void CFileCopy::AddJob(const QString& source, const QString& target, int mode)
 {
     Job job;
     job.mode = mode;
     job.source = source;
     job.target = target;
-    // Only copies count; deleting or renaming has no bytes to wait for.
-    job.size = (mode == Copy || mode == CopyAs) ? SourceSize(source) : 0;
+    // Only copies count; deleting or renaming has no bytes to wait for. The
+    // worker walks the source for its size.
+    job.size = (mode == Copy || mode == CopyAs) ? -1 : 0;
     QMutexLocker locker(&m_lock);
     job.id = m_nextId++;
     m_queue.push_back(std::move(job));
+    m_busy = true;
     m_wake.wakeOne();
 }
 
@@ -198,7 +296,7 @@ qint64 CFileCopy::RemainingBytes() const
     qint64 total = 0;
     bool runningQueued = false;
     for (const Job& job : m_queue) {
-        total += job.size;
+        total += qMax<qint64>(job.size, 0);
         runningQueued = runningQueued || job.id == m_runningId;
     }
     // What the job under way copied counts only while that job counts; the
@@ -228,33 +326,117 @@ void CFileCopy::run()
 {
     for (;;) {
         Job job;
+        bool drained = false;
         {
             QMutexLocker locker(&m_lock);
-            while (m_queue.empty() && !m_stop)
+            while (m_queue.empty() && !m_busy && !m_stop)
                 m_wake.wait(&m_lock);
             if (m_stop)
-                return;
-            job = m_queue.front();
+                break;
+            if (m_queue.empty()) {
+                // Also when the last jobs were removed before they began.
+                m_busy = false;
+                drained = true;
+            } else {
+                job = m_queue.front();
+            }
+        }
+        if (drained) {
+            Q_EMIT idle();
+            continue;
+        }
+        // Every queued copy is sized before the next job begins, so the
+        // figure callers show covers all that is queued.
+        if (SizeJobs())
+            continue;
+        {
+            QMutexLocker locker(&m_lock);
+            if (m_stop || m_queue.empty() || m_queue.front().id != job.id)
+                continue;
             m_runningId = job.id;
             m_copied = 0;
         }
         Carry(job);
+        {
+            QMutexLocker locker(&m_lock);
+            // Remove the job just carried out, by identity: if it was removed
+            // meanwhile, no other job goes in its place.
+            for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
+                if (it->id == job.id) {
+                    m_queue.erase(it);
+                    break;
+                }
+            }
+            m_runningId = 0;
+            m_copied = 0;
+        }
+        Q_EMIT progress(RemainingBytes());
+    }
+
+    std::function<void()> afterwards;
+    bool retired = false;
+    {
         QMutexLocker locker(&m_lock);
-        // Remove the job just carried out, by identity: if it was removed
-        // meanwhile, no other job goes in its place.
-        for (auto it = m_queue.begin(); it != m_queue.end(); ++it) {
-            if (it->id == job.id) {
-                m_queue.erase(it);
-                break;
+        m_ended = true;
+        retired = m_retired;
+        afterwards = std::move(m_afterwards);
+    }
+    if (!retired)
+        return;
+    if (afterwards)
+        afterwards();
+    {
+        QMutexLocker count(&retiredLock);
+        --retiredCount;
+        retiredEnded.wakeAll();
+    }
+    // Deleted on the thread it belongs to; the destructor's wait() is then
+    // only for the last lines of this thread.
+    deleteLater();
+}
+
+bool CFileCopy::SizeJobs()
+{
+    std::vector<std::pair<quint64, QString>> unsized;
+    {
+        QMutexLocker locker(&m_lock);
+        for (const Job& queued : m_queue) {
+            if (queued.size < 0)
+                unsized.emplace_back(queued.id, queued.source);
+        }
+    }
+    if (unsized.empty())
+        return false;
+    std::vector<qint64> sizes;
+    for (const auto& [id, source] : unsized) {
+        QSet<QString> chain;
+        sizes.push_back(sourceSize(QFileInfo(source), chain, &m_stop));
+    }
+    {
+        QMutexLocker locker(&m_lock);
+        for (Job& queued : m_queue) {
+            for (size_t i = 0; i < unsized.size(); ++i) {
+                if (unsized[i].first == queued.id)
+                    queued.size = sizes[i];
             }
         }
-        m_runningId = 0;
-        m_copied = 0;
     }
+    Q_EMIT progress(RemainingBytes());
+    return true;
+}
+
+void CFileCopy::Tick()
+{
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    if (now - m_lastTick < 100)
+        return;
+    m_lastTick = now;
+    Q_EMIT progress(RemainingBytes());
 }
 
 void CFileCopy::Carry(const Job& job)
 {
+    const Hook tick = [this] { Tick(); };
     const QFileInfo info(job.source);
     const bool isFile = info.isFile();
     QStringList failures;
@@ -262,10 +444,11 @@ void CFileCopy::Carry(const Job& job)
     case Copy:
         if (isFile) {
             QString error;
-            if (!CopyFile(job.source, job.target, &m_copied, &m_stop, &error))
+            if (!copyFile(job.source, job.target, &m_copied, &m_stop, &error, &tick))
                 failures << QStringLiteral("%1: %2").arg(job.source, error);
         } else if (info.exists()) {
-            CopyDir(job.source, job.target, &m_copied, &m_stop, &failures);
+            CopyDirInto(job.source, job.target + QLatin1Char('/') + info.fileName(), &failures,
+                        tick);
         } else {
             failures << QStringLiteral("%1: no longer exists").arg(job.source);
         }
@@ -273,10 +456,10 @@ void CFileCopy::Carry(const Job& job)
     case CopyAs:
         if (isFile) {
             QString error;
-            if (!CopyFile(job.source, job.target, &m_copied, &m_stop, &error))
+            if (!copyFile(job.source, job.target, &m_copied, &m_stop, &error, &tick))
                 failures << QStringLiteral("%1: %2").arg(job.source, error);
         } else if (info.exists()) {
-            CopyDirContents(job.source, job.target, &m_copied, &m_stop, &failures);
+            CopyDirInto(job.source, job.target, &failures, tick);
         } else {
             failures << QStringLiteral("%1: no longer exists").arg(job.source);
         }
@@ -304,42 +487,7 @@ void CFileCopy::Carry(const Job& job)
 bool CFileCopy::CopyFile(const QString& source, const QString& target, std::atomic<qint64>* copied,
                          const std::atomic<bool>* abort, QString* error)
 {
-    QString ignored;
-    QString& reason = error ? *error : ignored;
-    if (source == target)
-        return true;
-    if (!QFileInfo(source).isFile()) {
-        reason = QStringLiteral("not found");
-        return false;
-    }
-    // Opened before the target is touched: an unreadable source never costs
-    // the copy that was there.
-    const int in = ::open(QFile::encodeName(source).constData(), O_RDONLY | O_CLOEXEC);
-    if (in < 0) {
-        reason = QString::fromLocal8Bit(strerror(errno));
-        Util::WriteLog(QStringLiteral("Can not open file for read") + source);
-        return false;
-    }
-    if (QFileInfo::exists(target) || QFileInfo(target).isSymLink())
-        Util::RemovePath(target);
-    QDir().mkpath(QFileInfo(target).absolutePath());
-    const int out = ::open(QFile::encodeName(target).constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out < 0) {
-        reason = QString::fromLocal8Bit(strerror(errno));
-        Util::WriteLog(QStringLiteral("Can not open file for write") + target);
-        ::close(in);
-        return false;
-    }
-    bool ok = copyContents(in, out, copied, abort, &reason);
-    ::close(in);
-    if (::close(out) != 0 && ok) {
-        reason = QString::fromLocal8Bit(strerror(errno));
-        ok = false;
-    }
-    // A half-written file must not pass for a copy.
-    if (!ok)
-        QFile::remove(target);
-    return ok;
+    return copyFile(source, target, copied, abort, error, nullptr);
 }
 
 bool CFileCopy::CopyDir(const QString& sourceDir, const QString& targetParent, std::atomic<qint64>* copied,
@@ -354,11 +502,18 @@ bool CFileCopy::CopyDirContents(const QString& sourceDir, const QString& targetD
                                 QStringList* failures)
 {
     QSet<QString> chain;
-    return copyDirContents(sourceDir, targetDir, copied, abort, failures, chain);
+    return copyDirContents(sourceDir, targetDir, copied, abort, failures, chain, nullptr);
+}
+
+void CFileCopy::CopyDirInto(const QString& sourceDir, const QString& targetDir,
+                            QStringList* failures, const std::function<void()>& tick)
+{
+    QSet<QString> chain;
+    copyDirContents(sourceDir, targetDir, &m_copied, &m_stop, failures, chain, &tick);
 }
 
 qint64 CFileCopy::SourceSize(const QString& source)
 {
     QSet<QString> chain;
-    return sourceSize(QFileInfo(source), chain);
+    return sourceSize(QFileInfo(source), chain, nullptr);
 }
