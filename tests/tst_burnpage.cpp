@@ -352,6 +352,9 @@ void TestBurnPage::driveChangeKeepsTheSelection()
     QFETCH(int, changes);
     MainWindow window;
     Open(&window);
+    // As the main window connects the page it opens.
+    connect(&window, &MainWindow::sigdrivechange, m_page.get(),
+            qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
     auto* dvdlist = Child<QComboBox>("dvdlist");
     auto* usblist = Child<QComboBox>("usblist");
     dvdlist->setCurrentIndex(1);

@@ -105,7 +105,6 @@ void TestPage2::init()
         return m_answers.isEmpty() ? QStringList() : QStringList{m_answers.takeFirst()};
     });
     m_page = std::make_unique<CPage2>();
-    m_page->InitializeUI();
     m_page->show();
     QVERIFY(QTest::qWaitForWindowExposed(m_page.get()));
 }

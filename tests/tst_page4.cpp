@@ -114,7 +114,6 @@ void TestPage4::init()
         return m_answers.isEmpty() ? QStringList() : m_answers.takeFirst();
     });
     m_page = std::make_unique<CPage4>();
-    m_page->InitializeUI();
     m_page->show();
     QVERIFY(QTest::qWaitForWindowExposed(m_page.get()));
 }

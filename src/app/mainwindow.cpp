@@ -176,15 +176,15 @@ void MainWindow::onMenu()
 
 void MainWindow::onBurn()
 {
-    ShowPage(new CBurnDialog(this), kPageX, kPageY);
+    auto* page = new CBurnDialog(this);
+    // The drive lists follow drives plugged in and out.
+    connect(this, &MainWindow::sigdrivechange, page, qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
+    ShowPage(page, kPageX, kPageY);
 }
 
 void MainWindow::onExtract()
 {
-    auto* page = new CPage2(this);
-    page->setParent(this);
-    page->InitializeUI();
-    ShowPage(page, kPageX, kPageY);
+    ShowPage(new CPage2(this), kPageX, kPageY);
 }
 
 void MainWindow::onCreate()
@@ -195,15 +195,14 @@ void MainWindow::onCreate()
 void MainWindow::onEdit()
 {
     // The edit page covers the whole window below the header.
-    auto* page = new CPage4(this);
-    page->setParent(this);
-    page->InitializeUI();
-    ShowPage(page, 3, kPageY);
+    ShowPage(new CPage4(this), 3, kPageY);
 }
 
 void MainWindow::onCopy()
 {
-    ShowPage(new CPage5(this), kPageX, kPageY);
+    auto* page = new CPage5(this);
+    connect(this, &MainWindow::sigdrivechange, page, &CPage5::InitializeDVDComboBox);
+    ShowPage(page, kPageX, kPageY);
 }
 
 void MainWindow::onHome()

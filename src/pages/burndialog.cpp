@@ -9,7 +9,6 @@
 #include <QRadioButton>
 #include <QStandardItemModel>
 
-#include "app/mainwindow.h"
 #include "app/util.h"
 #include "iso/isojobs.h"
 #include "media/disctools.h"
@@ -45,7 +44,7 @@ QString currentNode(const QComboBox* list)
 
 } // namespace
 
-CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
+CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
 {
     setObjectName(QStringLiteral("CBurnDialog"));
     setWindowTitle(QStringLiteral("Dialog"));
@@ -201,10 +200,6 @@ CBurnDialog::CBurnDialog(QWidget* mainWindow) : ImageDialog(false)
         m_oneStickMode = ChosenMode();
         ShowModeOptions();
     });
-    if (auto* window = qobject_cast<MainWindow*>(mainWindow))
-        connect(window, &MainWindow::sigdrivechange, this,
-                qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
-
     OnRadioSelected();
 }
 

@@ -35,7 +35,8 @@ class CBurnDialog final : public ImageDialog
     Q_DISABLE_COPY_MOVE(CBurnDialog)
 
 public:
-    // With the main window, the lists follow its sigdrivechange().
+    // The main window that opens the page connects its sigdrivechange() to
+    // InitializeUSBAndDVDComboBox(), so the lists follow drives plugged in and out.
     explicit CBurnDialog(QWidget* mainWindow = nullptr);
     ~CBurnDialog() override;
 

@@ -28,6 +28,7 @@ CPage2::CPage2(QWidget* /*mainWindow*/)
     connect(m_extract, &CExtractJob::progress, this, &CPage2::OnExtractOutput);
     connect(m_extract, &CExtractJob::finished, this, &CPage2::OnExtractFinished);
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage2::OnStopExtract);
+    InitializeUI();
 }
 
 CPage2::~CPage2()

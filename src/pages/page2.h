@@ -29,7 +29,6 @@ public:
     explicit CPage2(QWidget* mainWindow = nullptr);
     ~CPage2() override;
 
-    void InitializeUI();
     // Lists the image; what a chosen file in OnLoadISO() leads to.
     void LoadImage(const QString& path);
 
@@ -52,6 +51,8 @@ public Q_SLOTS:
     void OnExtractFinished();
 
 private:
+    // Builds the page's controls; the constructor's last step.
+    void InitializeUI();
     void SetButtonsEnabled(bool enabled);
 
     QString m_image;

@@ -44,6 +44,7 @@ CPage4::CPage4(QWidget* mainWindow)
     });
     connect(&m_session, &CEditSession::exportFinished, this, &CPage4::OnExported);
     connect(&m_session, &CEditSession::saveFinished, this, &CPage4::OnSaved);
+    InitializeUI();
 }
 
 CPage4::~CPage4()

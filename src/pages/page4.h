@@ -31,7 +31,6 @@ public:
     explicit CPage4(QWidget* mainWindow = nullptr);
     ~CPage4() override;
 
-    void InitializeUI();
     // What a chosen file in OnLoadISO() leads to.
     void LoadImage(const QString& path);
 
@@ -61,6 +60,8 @@ public Q_SLOTS:
     void OnExtractFinished(bool succeeded);
 
 private:
+    // Builds the page's controls; the constructor's last step.
+    void InitializeUI();
     void SetButtonsEnabled(bool enabled);
     void ResetContents();
     void ShowProgress(CEditSession::Phase phase, qint64 value, qint64 maximum);

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <limits>
 
-#include "app/mainwindow.h"
 #include "app/util.h"
 #include "media/disctools.h"
 #include "ui/baseimagectrl.h"
@@ -25,7 +24,7 @@ int barValue(qint64 sector)
 
 } // namespace
 
-CPage5::CPage5(QWidget* mainWindow) : ImageDialog(false)
+CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
 {
     setObjectName(QStringLiteral("CPage5"));
     setWindowTitle(QStringLiteral("Dialog"));
@@ -72,8 +71,6 @@ CPage5::CPage5(QWidget* mainWindow) : ImageDialog(false)
     connect(start, qOverload<>(&CImageButton::clicked), this, &CPage5::OnStart);
     connect(eject, qOverload<>(&CImageButton::clicked), this, &CPage5::OnEject);
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage5::StopCreate);
-    if (auto* window = qobject_cast<MainWindow*>(mainWindow))
-        connect(window, &MainWindow::sigdrivechange, this, &CPage5::InitializeDVDComboBox);
 
     InitializeDVDComboBox();
 }

@@ -20,7 +20,8 @@ class CPage5 final : public ImageDialog
     Q_DISABLE_COPY_MOVE(CPage5)
 
 public:
-    // With the main window, the drive list follows its sigdrivechange().
+    // The main window that opens the page connects its sigdrivechange() to
+    // InitializeDVDComboBox().
     explicit CPage5(QWidget* mainWindow = nullptr);
     ~CPage5() override;
 
