@@ -224,6 +224,7 @@ void TestListing::progress_data()
     QTest::newRow("with count") << " 37% 12 - boot\\bcd" << 37 << "boot\\bcd";
     QTest::newRow("without count") << " 59% - r1.bin" << 59 << "r1.bin";
     QTest::newRow("hundred") << "100% 3 - a - b.txt\n" << 100 << "a - b.txt";
+    QTest::newRow("percent alone") << "  45%" << 45 << "";
     QTest::newRow("not progress") << "- docs/x/a.txt\n" << -1 << "";
     QTest::newRow("no figure") << "abc% 1 - x" << -1 << "";
 }

@@ -194,24 +194,6 @@ private Q_SLOTS:
         qunsetenv("BRENTA_STANDIN_7Z");
     }
 
-    void copyProgress_data()
-    {
-        QTest::addColumn<QString>("line");
-        QTest::addColumn<int>("percent"); // -1: no progress
-        QTest::newRow("plain") << " 45% 12 - boot/file" << 45;
-        QTest::newRow("hundred") << "100% 1 - boot.wim" << 100;
-        QTest::newRow("no percent") << "0M Scan" << -1;
-        QTest::newRow("starts with it") << "% 3" << -1;
-        QTest::newRow("not a number") << "abc% x" << 0;
-    }
-
-    void copyProgress()
-    {
-        QFETCH(QString, line);
-        QFETCH(int, percent);
-        QCOMPARE(UsbBurn::ParseCopyProgress(line).value_or(-1), percent);
-    }
-
     void verify_data()
     {
         QTest::addColumn<QByteArray>("stream");

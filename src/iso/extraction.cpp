@@ -20,9 +20,8 @@ namespace Extraction {
 
 std::optional<Progress> ParseProgress(const QString& line)
 {
-    const qsizetype percentAt = line.indexOf(QLatin1String("% "));
-    const qsizetype dashAt = line.indexOf(QLatin1String(" - "));
-    if (percentAt < 1 || dashAt < 1)
+    const qsizetype percentAt = line.indexOf(QLatin1Char('%'));
+    if (percentAt < 1)
         return std::nullopt;
     QString figure = line.left(percentAt).trimmed();
     const qsizetype blank = figure.lastIndexOf(QLatin1Char(' '));
@@ -32,7 +31,8 @@ std::optional<Progress> ParseProgress(const QString& line)
     const int percent = figure.toInt(&ok);
     if (!ok)
         return std::nullopt;
-    QString name = line.mid(dashAt + 3);
+    const qsizetype dashAt = line.indexOf(QLatin1String(" - "), percentAt);
+    QString name = dashAt < 0 ? QString() : line.mid(dashAt + 3);
     while (name.endsWith(QLatin1Char('\n')) || name.endsWith(QLatin1Char('\r')))
         name.chop(1);
     return Progress{percent, name};

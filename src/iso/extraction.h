@@ -18,7 +18,8 @@ struct Progress
     QString name; // the entry being extracted
 };
 
-// " 37% 12 - boot/bcd" → 37 and "boot/bcd"; nothing for other lines.
+// The archive tool's progress lines: " 37% 12 - boot/bcd" → 37 and
+// "boot/bcd", " 45%" → 45 and no name; nothing for other lines.
 std::optional<Progress> ParseProgress(const QString& line);
 
 // The extract command. Entries are paths inside the image with "/" between

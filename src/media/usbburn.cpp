@@ -29,6 +29,7 @@
 #include "app/util.h"
 #include "iso/bootsetup.h"
 #include "iso/eltorito.h"
+#include "iso/extraction.h"
 #include "iso/isojobs.h"
 #include "tools/runcommandthread.h"
 #include "tools/toollocator.h"
@@ -319,16 +320,6 @@ private:
     QString m_error;
     QByteArray m_sha256;
 };
-
-std::optional<int> ParseCopyProgress(const QString& line)
-{
-    const int at = line.indexOf(QLatin1String("% "));
-    if (at <= 0)
-        return std::nullopt;
-    bool ok = false;
-    const int value = line.left(at).trimmed().toInt(&ok);
-    return ok ? value : 0;
-}
 
 QStringList CopyArguments(const QString& image, const QString& mountPoint, const QString& skipped)
 {
@@ -1210,8 +1201,8 @@ void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QSt
                           const QStringList& arguments, Next next)
 {
     const auto read = [this](const QString& line) {
-        if (const std::optional<int> percent = UsbBurn::ParseCopyProgress(line))
-            Q_EMIT progress(*percent, 100);
+        if (const std::optional<Extraction::Progress> step = Extraction::ParseProgress(line))
+            Q_EMIT progress(step->percent, 100);
     };
     StartRunner(program, arguments, read, [this, step, toolName, next] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;

@@ -27,10 +27,6 @@ namespace UsbBurn {
 
 class ImageFeeder;
 
-// The percentage at the start of an archive tool progress line
-// (" 45% 12 - boot/file" → 45); nothing for lines without "% " after some text.
-std::optional<int> ParseCopyProgress(const QString& line);
-
 // The extraction onto the stick: the whole image except the archive tool's
 // "[BOOT]" pseudo-folder and, where it is split instead, the installer image.
 QStringList CopyArguments(const QString& image, const QString& mountPoint, const QString& skipped);
