@@ -2,9 +2,10 @@
 // stopped: the longest gap between the ticks of a 10 ms timer, from just
 // before the stop until the tool (and its children) have ended and the runner
 // is gone. Two tools: one that ends when asked (SIGTERM) and one that ignores
-// the request and has to be killed. Three ways to end a run: Dispose() (what a
-// page does on Stop or Back), deleting the runner, and StopAndWait() (what a
-// job does before it removes the tool's output).
+// the request and has to be killed. Four ways to end a run: Dispose() (what a
+// page does on Stop or Back), deleting the runner, StopAndWait() and
+// StopThen() (what a job does before it removes the tool's output; the time
+// until the tool is gone includes the call that follows its end).
 //
 // Usage: bench_stall [ROUNDS]   (default 3; the worst round is reported)
 #include <QCoreApplication>
@@ -27,7 +28,8 @@ enum class Way
 {
     Dispose,
     Delete,
-    StopAndWait
+    StopAndWait,
+    StopThen
 };
 
 const char* wayName(Way way)
@@ -39,6 +41,8 @@ const char* wayName(Way way)
         return "delete";
     case Way::StopAndWait:
         return "StopAndWait()";
+    case Way::StopThen:
+        return "StopThen()";
     }
     return "";
 }
@@ -115,6 +119,7 @@ Figures measure(const QString& script, Way way)
     spin(50);
 
     const qint64 stopAt = clock.elapsed();
+    bool afterEnd = way != Way::StopThen;
     switch (way) {
     case Way::Dispose:
         CRunCommandThread::Dispose(runner);
@@ -126,8 +131,11 @@ Figures measure(const QString& script, Way way)
     case Way::StopAndWait:
         CRunCommandThread::StopAndWait(runner);
         break;
+    case Way::StopThen:
+        CRunCommandThread::StopThen(runner, [&afterEnd] { afterEnd = true; });
+        break;
     }
-    while ((alive(tool) || alive(child)) && clock.elapsed() - stopAt < 10000)
+    while ((alive(tool) || alive(child) || !afterEnd) && clock.elapsed() - stopAt < 10000)
         spin(5);
     figures.endedAfterMs = clock.elapsed() - stopAt;
     // Whatever the runner still does once the tool is gone (its thread ending,
@@ -161,7 +169,7 @@ int main(int argc, char** argv)
 
     std::printf("%-28s %-15s %16s %16s\n", "tool", "ended by", "longest gap ms", "tool gone ms");
     for (const auto& tool : tools) {
-        for (const Way way : {Way::Dispose, Way::Delete, Way::StopAndWait}) {
+        for (const Way way : {Way::Dispose, Way::Delete, Way::StopAndWait, Way::StopThen}) {
             Figures worst;
             for (int round = 0; round < rounds; ++round) {
                 const Figures figures = measure(tool.script, way);

@@ -69,6 +69,8 @@ private Q_SLOTS:
     void terminateStopsToolAndSignals_data();
     void terminateStopsToolAndSignals();
     void terminateInsideLineSlotDropsTheRest();
+    void stopThenRunsAfterTheToolHasEnded_data();
+    void stopThenRunsAfterTheToolHasEnded();
     void toolDiesWithBrenta();
 };
 
@@ -307,6 +309,69 @@ void TestRunner::terminateInsideLineSlotDropsTheRest()
     QCOMPARE(received.size(), 10);
     QCOMPARE(received.last(), QStringLiteral("line 9\n"));
     QCOMPARE(finished.count(), 0);
+}
+
+void TestRunner::stopThenRunsAfterTheToolHasEnded_data()
+{
+    QTest::addColumn<QStringList>("arguments"); // empty: no runner
+    QTest::addColumn<bool>("endFirst");         // the tool ends before the stop
+    QTest::newRow("tool that ignores the request") << QStringList{"stubborn"} << false;
+    QTest::newRow("tool that has already ended") << QStringList{"exit", "0"} << true;
+    QTest::newRow("no runner") << QStringList() << false;
+}
+
+// A job removes what its tool was writing only once the tool has ended, or the
+// tool could write it again; and the window must not wait for that end.
+void TestRunner::stopThenRunsAfterTheToolHasEnded()
+{
+    QFETCH(QStringList, arguments);
+    QFETCH(bool, endFirst);
+    QTemporaryDir dir;
+    const QString pidFile = dir.filePath("pid");
+    const bool stubborn = arguments == QStringList{"stubborn"};
+
+    CRunCommandThread* runner = nullptr;
+    QPointer<CRunCommandThread> gone;
+    std::unique_ptr<Recorder> seen;
+    if (!arguments.isEmpty()) {
+        runner = new CRunCommandThread;
+        gone = runner;
+        seen = std::make_unique<Recorder>(*runner);
+        runner->SetCommand(kChild, stubborn ? QStringList{"stubborn", pidFile} : arguments);
+        runner->StartCommand();
+        if (endFirst) {
+            QVERIFY(seen->finished.wait(10000));
+            QTRY_VERIFY(runner->isFinished());
+        }
+        else
+            QTRY_VERIFY(readPid(pidFile + ".child") > 0);
+    }
+    const qint64 tool = readPid(pidFile);
+    const qint64 grandchild = readPid(pidFile + ".child");
+
+    int calls = 0;
+    bool toolGoneAtCall = false;
+    QElapsedTimer timer;
+    timer.start();
+    CRunCommandThread::StopThen(runner, [&] {
+        ++calls;
+        toolGoneAtCall = !stubborn || (!processAlive(tool) && !processAlive(grandchild));
+    });
+    QCOMPARE(runner, nullptr);
+    QVERIFY2(timer.elapsed() < 500, qPrintable(QString::number(timer.elapsed())));
+    if (stubborn) {
+        QCOMPARE(calls, 0);
+        QVERIFY(processAlive(tool));
+    } else {
+        QCOMPARE(calls, 1);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(calls, 1, 10000);
+    QVERIFY(toolGoneAtCall);
+    QTRY_VERIFY(gone.isNull());
+    QTest::qWait(50);
+    QCOMPARE(calls, 1);
+    if (seen)
+        QCOMPARE(seen->finished.count(), endFirst ? 1 : 0);
 }
 
 // Brenta killed outright runs no code of its own, yet the tool it started

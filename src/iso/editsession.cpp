@@ -141,10 +141,9 @@ CEditSession::~CEditSession()
     m_list->Stop();
     CRunCommandThread::Dispose(m_reporter);
     CRunCommandThread::Dispose(m_count);
-    // The tool is waited for before its folder goes, so it writes nothing more.
-    CRunCommandThread::StopAndWait(m_extract);
     m_copier.reset();
-    m_dir.reset();
+    // The folder goes once the tool has ended, so it writes nothing more.
+    CRunCommandThread::StopThen(m_extract, [dir = std::shared_ptr<ScratchFolder>(std::move(m_dir))] {});
 }
 
 bool CEditSession::IsListing() const
@@ -158,10 +157,9 @@ void CEditSession::Load(const QString& image)
     m_list->Stop();
     CRunCommandThread::Dispose(m_reporter);
     CRunCommandThread::Dispose(m_count);
-    CRunCommandThread::StopAndWait(m_extract);
     m_copier.reset();
+    CRunCommandThread::StopThen(m_extract, [dir = std::shared_ptr<ScratchFolder>(std::move(m_dir))] {});
     m_pending.clear();
-    m_dir.reset();
     m_workingCopy.clear();
     m_image = image;
     m_loaded = false;

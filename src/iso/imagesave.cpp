@@ -188,8 +188,8 @@ void CImageSaveJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    CRunCommandThread::StopAndWait(m_runner);
-    QFile::remove(m_part);
+    // The part file goes once the tool has ended, so it cannot write it again.
+    CRunCommandThread::StopThen(m_runner, [part = m_part] { QFile::remove(part); });
 }
 
 bool CImageSaveJob::IsRunning() const

@@ -419,10 +419,9 @@ void CDiscCopyJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    // The reader is ended and waited for before its file is removed, so it
-    // cannot write the file again afterwards.
-    CRunCommandThread::StopAndWait(m_runner);
-    QFile::remove(m_part);
+    // The reader's file is removed once the reader has ended, so it cannot
+    // write the file again afterwards.
+    CRunCommandThread::StopThen(m_runner, [part = m_part] { QFile::remove(part); });
 }
 
 CEjectJob::CEjectJob(QObject* parent) : QObject(parent) {}

@@ -1,11 +1,13 @@
 #include "tools/runcommandthread.h"
 
+#include <QCoreApplication>
 #include <QDebug>
 #include <QMutexLocker>
 #include <QProcessEnvironment>
 #include <QTimer>
 
 #include <csignal>
+#include <utility>
 #include <sys/prctl.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -17,6 +19,14 @@ namespace {
 
 // How long a tool may take to end after it was asked to, before it is killed.
 constexpr int kTerminateGraceMs = 2000;
+
+// Runners let go by StopThen() whose tool has not been seen to end yet. Only
+// touched on the main thread, which owns every runner.
+QList<CRunCommandThread*>& pendingEnds()
+{
+    static QList<CRunCommandThread*> runners;
+    return runners;
+}
 
 } // namespace
 
@@ -117,6 +127,61 @@ void CRunCommandThread::StopAndWait(CRunCommandThread*& runner)
     runner->wait();
     delete runner;
     runner = nullptr;
+}
+
+void CRunCommandThread::StopThen(CRunCommandThread*& runner, std::function<void()> afterEnd)
+{
+    if (runner == nullptr) {
+        if (afterEnd)
+            afterEnd();
+        return;
+    }
+    CRunCommandThread* stopped = std::exchange(runner, nullptr);
+    stopped->Stop();
+    if (!stopped->isRunning()) {
+        stopped->wait();
+        stopped->deleteLater();
+        if (afterEnd)
+            afterEnd();
+        return;
+    }
+    // An application that ends while tools are still being stopped waits for
+    // them as it goes, so that what they wrote does not stay behind.
+    static const bool registered = [] {
+        qAddPostRoutine(&CRunCommandThread::FinishPendingEnds);
+        return true;
+    }();
+    Q_UNUSED(registered)
+    stopped->m_afterEnd = std::move(afterEnd);
+    pendingEnds().append(stopped);
+    connect(stopped, &QThread::finished, stopped, &CRunCommandThread::OnEnded);
+    // The thread may have ended before the connection.
+    if (!stopped->isRunning())
+        QMetaObject::invokeMethod(stopped, &CRunCommandThread::OnEnded, Qt::QueuedConnection);
+}
+
+void CRunCommandThread::OnEnded()
+{
+    if (!pendingEnds().removeOne(this))
+        return;
+    // finished() comes just before the thread is gone; the tool already is.
+    wait();
+    const std::function<void()> afterEnd = std::exchange(m_afterEnd, {});
+    deleteLater();
+    if (afterEnd)
+        afterEnd();
+}
+
+void CRunCommandThread::FinishPendingEnds()
+{
+    while (!pendingEnds().isEmpty()) {
+        CRunCommandThread* runner = pendingEnds().takeFirst();
+        runner->wait();
+        const std::function<void()> afterEnd = std::exchange(runner->m_afterEnd, {});
+        delete runner;
+        if (afterEnd)
+            afterEnd();
+    }
 }
 
 void CRunCommandThread::Stop()

@@ -6,6 +6,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <functional>
 
 // The process object of one tool run. The tool is started in a process group
 // of its own, so that stopping it also stops whatever the tool started, and is
@@ -96,10 +97,16 @@ public:
     // deletes itself once its tool and its thread have ended. The pointer is
     // set to null.
     static void Dispose(CRunCommandThread*& runner);
-    // Stops a runner and waits until its tool has ended, then deletes it: for
-    // callers that remove what the tool was writing, which it must not write
-    // again afterwards. This blocks for up to the grace period when the tool
-    // ignores the request to end. The pointer is set to null.
+    // Stops a runner and lets it go without waiting, like Dispose(); once its
+    // tool has ended, `afterEnd` runs on this thread. For callers that remove
+    // what the tool was writing, which it must not write again afterwards.
+    // Should the application end first, its end waits for the tool and runs
+    // `afterEnd` then. With no runner, or one whose tool has already ended,
+    // `afterEnd` runs at once. The pointer is set to null.
+    static void StopThen(CRunCommandThread*& runner, std::function<void()> afterEnd);
+    // Stops a runner, waits until its tool has ended and deletes it. This
+    // blocks for up to the grace period when the tool ignores the request to
+    // end: StopThen() does not. The pointer is set to null.
     static void StopAndWait(CRunCommandThread*& runner);
     // The command line as logged: the program and every argument, each followed
     // by a blank.
@@ -121,6 +128,10 @@ private:
     void onFinished(CProcess& process, OutputSplitter& splitter);
     void OnTerminateProcess(CProcess& process);
     void sloterrorstart(const CProcess& process);
+    // On the owner's thread: the worker thread of a runner let go by
+    // StopThen() has ended.
+    void OnEnded();
+    static void FinishPendingEnds();
     void Deliver(const QStringList& lines);
     void DeliverEnd();
     void SetOutcome(Result result, int exitCode, const QString& errorText);
@@ -146,4 +157,5 @@ private:
 
     // Only touched on the creator's thread.
     QStringList m_lastLines;
+    std::function<void()> m_afterEnd;
 };
