@@ -113,11 +113,12 @@ void TestPage5::startSaysWhatIsMissing()
 void TestPage5::copiesTheDisc()
 {
     Open();
+    // A name typed without a suffix gets ".iso".
     const QString output = m_dir.filePath("copies/disc copy.iso");
     QVERIFY(QDir(m_dir.path()).mkpath("copies"));
     PickerSeam::Set([&](PickerSeam::Kind kind, const QString& filter) {
         return kind == PickerSeam::Kind::SaveFile && filter == "ISO Files(*.ISO)"
-                   ? QStringList{output}
+                   ? QStringList{m_dir.filePath("copies/disc copy")}
                    : QStringList();
     });
     click(Child("browser"));

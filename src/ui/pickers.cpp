@@ -2,7 +2,9 @@
 
 #include <QDialogButtonBox>
 #include <QDir>
+#include <QFileInfo>
 #include <QListView>
+#include <QRegularExpression>
 #include <QTreeView>
 
 #include "app/util.h"
@@ -119,12 +121,29 @@ QString Util::OpenDirectoryDialog(QWidget* parent)
                                              QStringLiteral("."), QFileDialog::ShowDirsOnly);
 }
 
+namespace {
+
+// A name typed without a suffix gets the one the filter asks for, in lower
+// case ("ISO Files(*.ISO)" and "disc" give "disc.iso"); a name with a suffix,
+// or a filter without one, is left as it is.
+QString withFilterSuffix(const QString& path, const QString& filter)
+{
+    static const QRegularExpression pattern(QStringLiteral("\\*\\.(\\w+)"));
+    const QRegularExpressionMatch match = pattern.match(filter);
+    if (path.isEmpty() || !match.hasMatch() || !QFileInfo(path).suffix().isEmpty())
+        return path;
+    return path + QLatin1Char('.') + match.captured(1).toLower();
+}
+
+} // namespace
+
 QString Util::SaveFileDialog(QWidget* parent, const QString& filter)
 {
     QStringList answer;
     if (PickerSeam::Answer(PickerSeam::Kind::SaveFile, filter, &answer))
-        return answer.value(0);
-    return QFileDialog::getSaveFileName(parent, QStringLiteral("Save File"), QStringLiteral("."), filter);
+        return withFilterSuffix(answer.value(0), filter);
+    return withFilterSuffix(
+        QFileDialog::getSaveFileName(parent, QStringLiteral("Save File"), QStringLiteral("."), filter), filter);
 }
 
 QStringList Util::OpenFilesDialog(QWidget* parent)
@@ -133,7 +152,8 @@ QStringList Util::OpenFilesDialog(QWidget* parent)
     if (PickerSeam::Answer(PickerSeam::Kind::OpenFiles, QString(), &answer))
         return answer;
     return QFileDialog::getOpenFileNames(parent, QStringLiteral("Open Files"), QDir::homePath(),
-                                         QStringLiteral("Any Files(*.*)"), nullptr,
+                                         // "*": every file, README and Makefile too.
+                                         QStringLiteral("Any Files(*)"), nullptr,
                                          QFileDialog::ReadOnly);
 }
 
