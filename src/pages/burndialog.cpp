@@ -159,7 +159,12 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
     m_modeLister = new CListJob(m_modeTree, this);
     connect(m_modeLister, &CListJob::finished, this, &CBurnDialog::OnModeListed);
     connect(m_scan, &COpticalScan::entry, this, &CBurnDialog::onLineOutput);
-    connect(m_scan, &COpticalScan::finished, this, &CBurnDialog::opticalListFilled);
+    connect(m_scan, &COpticalScan::finished, this, [this] {
+        // An empty list says so itself.
+        if (m_dvdlist->count() == 0)
+            m_dvdlist->setPlaceholderText(QStringLiteral("No CD/DVD drive found"));
+        Q_EMIT opticalListFilled();
+    });
     connect(m_burnJob, &CDiscBurnJob::progress, this, &CBurnDialog::onDVDBurnOutput);
     connect(m_burnJob, &CDiscBurnJob::finished, this, &CBurnDialog::onDVDBurnFinished);
     connect(m_usbJob, &CUsbBurnJob::planned, this, &CBurnDialog::onUSBPlanned);
@@ -448,8 +453,10 @@ void CBurnDialog::onUSBBurnFinished(bool succeeded, const QString& message)
 void CBurnDialog::BurnToDisc(const QString& image)
 {
     const int index = m_dvdlist->currentIndex();
-    if (index < 0 || index >= m_dvdlist->count())
+    if (index < 0 || index >= m_dvdlist->count()) {
+        Util::ShowMessage(QStringLiteral("No CD/DVD drive found. Connect a drive and insert a blank disc."));
         return;
+    }
     // A burn that is cut short leaves an unusable disc, so it cannot be stopped.
     StartShowingBurn(QStringLiteral("Burning the disc..."), 100);
     m_burnJob->Start(image, m_dvdlist->itemData(index).toString());
@@ -532,6 +539,7 @@ void CBurnDialog::RefillRemovable()
     for (const RemovableDrive& drive : Drives::Removable())
         m_usblist->addItem(drive.text, drive.node);
     m_usblist->SetCheckedData(remembered);
+    m_usblist->setPlaceholderText(m_usblist->count() == 0 ? QStringLiteral("No USB drive found") : QString());
 }
 
 void CBurnDialog::RefillOptical()
@@ -542,6 +550,7 @@ void CBurnDialog::RefillOptical()
         m_opticalNode = currentNode(m_dvdlist);
     m_scan->Stop();
     m_dvdlist->clear();
+    m_dvdlist->setPlaceholderText(QString());
     m_scan->Start();
 }
 

@@ -53,7 +53,12 @@ CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
     m_copy = new CDiscCopyJob(this);
     m_eject = new CEjectJob(this);
     connect(m_scan, &COpticalScan::entry, this, &CPage5::onLineOutput);
-    connect(m_scan, &COpticalScan::finished, this, &CPage5::opticalListFilled);
+    connect(m_scan, &COpticalScan::finished, this, [this] {
+        // An empty list says so itself.
+        if (m_dvdlist->count() == 0)
+            m_dvdlist->setPlaceholderText(QStringLiteral("No CD/DVD drive found"));
+        Q_EMIT opticalListFilled();
+    });
     connect(m_copy, &CDiscCopyJob::sectors, this, &CPage5::OnReadSectors);
     connect(m_copy, &CDiscCopyJob::position, this, &CPage5::OnReadPosition);
     connect(m_copy, &CDiscCopyJob::finished, this, &CPage5::OnReadFinished);
@@ -98,7 +103,7 @@ void CPage5::OnBrowser()
 void CPage5::OnStart()
 {
     if (m_dvdlist->currentIndex() < 0) {
-        Util::ShowMessage(QStringLiteral("Please select the iso file to save"));
+        Util::ShowMessage(QStringLiteral("No CD/DVD drive found. Connect a drive and insert the disc to copy."));
         return;
     }
     if (m_lineEdit->text().isEmpty()) {
@@ -165,6 +170,7 @@ void CPage5::InitializeDVDComboBox()
             m_dvdlist->currentIndex() < 0 ? QString() : m_dvdlist->currentData().toString();
     m_scan->Stop();
     m_dvdlist->clear();
+    m_dvdlist->setPlaceholderText(QString());
     m_scan->Start();
 }
 
