@@ -2,10 +2,10 @@
 // stopped: the longest gap between the ticks of a 10 ms timer, from just
 // before the stop until the tool (and its children) have ended and the runner
 // is gone. Two tools: one that ends when asked (SIGTERM) and one that ignores
-// the request and has to be killed. Four ways to end a run: Dispose() (what a
-// page does on Stop or Back), deleting the runner, StopAndWait() and
-// StopThen() (what a job does before it removes the tool's output; the time
-// until the tool is gone includes the call that follows its end).
+// the request and has to be killed. Three ways to end a run: Dispose() (what a
+// page does on Stop or Back), deleting the runner, and StopThen() (what a job
+// does before it removes the tool's output; the time until the tool is gone
+// includes the call that follows its end).
 //
 // Usage: bench_stall [ROUNDS]   (default 3; the worst round is reported)
 #include <QCoreApplication>
@@ -28,7 +28,6 @@ enum class Way
 {
     Dispose,
     Delete,
-    StopAndWait,
     StopThen
 };
 
@@ -39,8 +38,6 @@ const char* wayName(Way way)
         return "Dispose()";
     case Way::Delete:
         return "delete";
-    case Way::StopAndWait:
-        return "StopAndWait()";
     case Way::StopThen:
         return "StopThen()";
     }
@@ -128,9 +125,6 @@ Figures measure(const QString& script, Way way)
         delete runner;
         runner = nullptr;
         break;
-    case Way::StopAndWait:
-        CRunCommandThread::StopAndWait(runner);
-        break;
     case Way::StopThen:
         CRunCommandThread::StopThen(runner, [&afterEnd] { afterEnd = true; });
         break;
@@ -169,7 +163,7 @@ int main(int argc, char** argv)
 
     std::printf("%-28s %-15s %16s %16s\n", "tool", "ended by", "longest gap ms", "tool gone ms");
     for (const auto& tool : tools) {
-        for (const Way way : {Way::Dispose, Way::Delete, Way::StopAndWait, Way::StopThen}) {
+        for (const Way way : {Way::Dispose, Way::Delete, Way::StopThen}) {
             Figures worst;
             for (int round = 0; round < rounds; ++round) {
                 const Figures figures = measure(tool.script, way);

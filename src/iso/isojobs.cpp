@@ -288,11 +288,12 @@ void CExtractJob::Stop()
         m_list = nullptr;
     }
     m_listed.reset();
-    // The tool has ended before its staging folder goes, or it could write
-    // into the folder again after the removal.
-    CRunCommandThread::StopAndWait(m_runner);
-    if (!m_staging.isEmpty())
-        Extraction::RemoveTree(m_staging);
+    // The staging folder goes once the tool has ended, or the tool could write
+    // into it again after the removal.
+    CRunCommandThread::StopThen(m_runner, [staging = m_staging] {
+        if (!staging.isEmpty())
+            Extraction::RemoveTree(staging);
+    });
     m_staging.clear();
 }
 
@@ -448,8 +449,7 @@ void CBuildJob::Stop()
 {
     if (m_runner == nullptr)
         return;
-    CRunCommandThread::StopAndWait(m_runner);
-    QFile::remove(m_part);
+    CRunCommandThread::StopThen(m_runner, [part = m_part] { QFile::remove(part); });
 }
 
 void CBuildJob::OnFinished()

@@ -118,17 +118,6 @@ void CRunCommandThread::Dispose(CRunCommandThread*& runner)
     runner = nullptr;
 }
 
-void CRunCommandThread::StopAndWait(CRunCommandThread*& runner)
-{
-    if (runner == nullptr)
-        return;
-    runner->Stop();
-    // The worker thread ends only after the tool has ended (or was killed).
-    runner->wait();
-    delete runner;
-    runner = nullptr;
-}
-
 void CRunCommandThread::StopThen(CRunCommandThread*& runner, std::function<void()> afterEnd)
 {
     if (runner == nullptr) {

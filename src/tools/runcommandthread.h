@@ -104,10 +104,6 @@ public:
     // `afterEnd` then. With no runner, or one whose tool has already ended,
     // `afterEnd` runs at once. The pointer is set to null.
     static void StopThen(CRunCommandThread*& runner, std::function<void()> afterEnd);
-    // Stops a runner, waits until its tool has ended and deletes it. This
-    // blocks for up to the grace period when the tool ignores the request to
-    // end: StopThen() does not. The pointer is set to null.
-    static void StopAndWait(CRunCommandThread*& runner);
     // The command line as logged: the program and every argument, each followed
     // by a blank.
     static QString CommandLineText(const QString& program, const QStringList& arguments);
