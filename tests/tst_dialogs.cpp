@@ -5,6 +5,8 @@
 #include <QLineEdit>
 #include <QProgressBar>
 
+#include <memory>
+
 #include "app/util.h"
 #include "common/modal.h"
 #include "common/urlrecorder.h"
@@ -42,6 +44,8 @@ private Q_SLOTS:
     void confirmPictureResults_data();
     void confirmPictureResults();
     void openFolderKeepsDialogOpen();
+    void enterPressesTheDefaultButton_data();
+    void enterPressesTheDefaultButton();
     void inputIsTrimmed();
     void noticeButtons_data();
     void noticeButtons();
@@ -149,6 +153,51 @@ void TestDialogs::openFolderKeepsDialogOpen()
     }
     QCOMPARE(m_urls.opened.size(), 4);
     QCOMPARE(m_urls.opened.first(), QUrl::fromLocalFile("/tmp/out folder"));
+}
+
+void TestDialogs::enterPressesTheDefaultButton_data()
+{
+    QTest::addColumn<QString>("dialog");
+    QTest::addColumn<int>("key");
+    QTest::addColumn<int>("result");
+    QTest::newRow("question, Enter") << "question" << int(Qt::Key_Return) << int(QDialog::Accepted);
+    QTest::newRow("question, keypad Enter") << "question" << int(Qt::Key_Enter) << int(QDialog::Accepted);
+    QTest::newRow("question, Escape") << "question" << int(Qt::Key_Escape) << int(QDialog::Rejected);
+    QTest::newRow("name prompt, Enter after typing") << "input" << int(Qt::Key_Return) << int(QDialog::Accepted);
+    QTest::newRow("notice with OK, Enter") << "notice" << int(Qt::Key_Return) << int(QDialog::Accepted);
+}
+
+// Enter presses OK (Yes) of a message, a question, the name prompt and a
+// notice; Escape still cancels.
+void TestDialogs::enterPressesTheDefaultButton()
+{
+    QFETCH(QString, dialog);
+    QFETCH(int, key);
+    QFETCH(int, result);
+    std::unique_ptr<QDialog> shown;
+    if (dialog == "notice") {
+        auto notice = std::make_unique<GerneralDialog>();
+        notice->SetPicture(":/nwu/select_files_extract");
+        notice->AddOKButton(120);
+        shown = std::move(notice);
+    } else if (dialog == "input") {
+        shown = std::make_unique<CInputDialog>();
+    } else {
+        shown = std::make_unique<CommDialog>();
+    }
+    QTimer::singleShot(0, this, [&] {
+        if (auto* input = qobject_cast<CInputDialog*>(shown.get())) {
+            QTest::keyClicks(input->Edit(), "new name");
+            QTest::keyClick(input->Edit(), Qt::Key(key));
+        } else {
+            QTest::keyClick(shown.get(), Qt::Key(key));
+        }
+    });
+    // A key that does nothing leaves the dialog open: end it then with -1.
+    QTimer::singleShot(2000, shown.get(), [&] { shown->done(-1); });
+    QCOMPARE(shown->exec(), result);
+    if (auto* input = qobject_cast<CInputDialog*>(shown.get()))
+        QCOMPARE(input->GetInputText(), QString("new name"));
 }
 
 void TestDialogs::inputIsTrimmed()

@@ -1,5 +1,6 @@
 #include "ui/commdialog.h"
 
+#include <QKeyEvent>
 #include <QLabel>
 
 #include "app/util.h"
@@ -96,6 +97,16 @@ void CommDialog::OnBtnCancel()
         return;
     }
     reject();
+}
+
+void CommDialog::keyPressEvent(QKeyEvent* event)
+{
+    const bool enter = event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter;
+    if (enter && m_btnok->isVisible() && m_btnok->isEnabled()) {
+        OnBtnOK();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
 }
 
 void CommDialog::OnBtnOK()

@@ -33,6 +33,10 @@ public Q_SLOTS:
     virtual void OnBtnClose();
 
 protected:
+    // Enter presses OK where it is shown (in the name prompt too, after
+    // typing); Escape keeps its meaning.
+    void keyPressEvent(QKeyEvent* event) override;
+
     QLabel* m_label = nullptr;
     CImageButton* m_btnclose = nullptr;
     CImageButton* m_btnok = nullptr;

@@ -1,5 +1,7 @@
 #include "ui/gerneraldialog.h"
 
+#include <QKeyEvent>
+
 #include "ui/baseimagectrl.h"
 
 GerneralDialog::GerneralDialog(QWidget* /*parent*/) : ImageDialog(false)
@@ -19,6 +21,18 @@ void GerneralDialog::SetPicture(const QString& picture)
                        QStringLiteral(":/nwu/close_small_3"), QString());
     m_close->move(width() - m_close->width() - 1, 1);
     connect(m_close, qOverload<>(&CImageButton::clicked), this, &GerneralDialog::close);
+}
+
+void GerneralDialog::keyPressEvent(QKeyEvent* event)
+{
+    if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter) {
+        if (m_ok != nullptr)
+            accept();
+        else
+            close();
+        return;
+    }
+    ImageDialog::keyPressEvent(event);
 }
 
 void GerneralDialog::AddOKButton(int y, int x)

@@ -21,6 +21,10 @@ public:
     CImageButton* CloseButton() const { return m_close; }
     CImageButton* OkButton() const { return m_ok; }
 
+protected:
+    // Enter presses OK, or closes a notice that has only its close button.
+    void keyPressEvent(QKeyEvent* event) override;
+
 private:
     CImageButton* m_close = nullptr;
     CImageButton* m_ok = nullptr;
