@@ -108,6 +108,19 @@ void TestCli::answersWithoutWindow_data()
                                                 << "brenta: --screenshots takes one folder.";
     QTest::newRow("version with extra") << QStringList{"--version", "now"} << 2 << ""
                                         << "brenta: --version takes no arguments.";
+    QTest::newRow("command help") << QStringList{"extract", "--help"} << 0
+                                  << "Usage: brenta extract IMAGE DEST" << "";
+    QTest::newRow("command help among its words")
+        << QStringList{"burn-usb", "a.iso", "/dev/sdz", "-h", "--fs", "ext4"} << 0
+        << "Usage: brenta burn-usb IMAGE DEVICE" << "";
+    // After "--" every word is an operand, "--help" too.
+    QTest::newRow("help after --") << QStringList{"list", "--", "--help"} << 1 << ""
+                                   << "brenta: The image could not be opened.";
+    QTest::newRow("image after --") << QStringList{"burn-usb", "--", "--yes.iso", "/dev/sdz"} << 1
+                                    << "" << "brenta: --yes.iso is not an image file.";
+    QTest::newRow("edit, output after --")
+        << QStringList{"edit", "/nonexistent.iso", "--delete", "x", "--", "--b.iso"} << 1 << ""
+        << "brenta: /nonexistent.iso does not exist.";
     QTest::newRow("burn-usb without device") << QStringList{"burn-usb", "a.iso"} << 2 << ""
                                              << "brenta: burn-usb takes an image and a USB disk.";
     QTest::newRow("burn-usb, option for device")

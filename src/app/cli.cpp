@@ -30,36 +30,68 @@ namespace Cli {
 
 namespace {
 
-// burn-usb IMAGE DEVICE [DEVICE...] and then its options, in any order. Returns what is
-// wrong, or nothing.
-QString parseBurnUsb(const QStringList& arguments, Request& request)
+bool isOption(const QString& argument)
 {
-    const auto isOption = [](const QString& argument) {
-        return argument.startsWith(QLatin1String("--"));
-    };
-    if (arguments.size() < 3 || isOption(arguments.at(1)) || isOption(arguments.at(2)))
-        return QStringLiteral("burn-usb takes an image and a USB disk.");
-    request.image = arguments.at(1);
-    request.device = arguments.at(2);
-    for (int i = 3; i < arguments.size(); ++i) {
-        const QString& option = arguments.at(i);
-        if (option == QLatin1String("--yes")) {
-            request.yes = true;
+    return argument.startsWith(QLatin1String("--"));
+}
+
+// The commands whose usage "COMMAND --help" prints.
+const QStringList& commandNames()
+{
+    static const QStringList names{QStringLiteral("list"),      QStringLiteral("extract"),
+                                   QStringLiteral("create"),    QStringLiteral("boot-info"),
+                                   QStringLiteral("drives"),    QStringLiteral("burn-disc"),
+                                   QStringLiteral("burn-usb"),  QStringLiteral("restore-usb"),
+                                   QStringLiteral("copy-disc"), QStringLiteral("edit")};
+    return names;
+}
+
+// A command's words after its name. "--" ends the options: what follows it is
+// an operand even when it starts with "-", so an entry named "--x" can be given.
+struct Words
+{
+    QStringList head; // before "--": options and operands
+    QStringList tail; // after "--": operands only
+};
+
+Words splitWords(const QStringList& arguments)
+{
+    const QStringList words = arguments.mid(1);
+    const qsizetype end = words.indexOf(QStringLiteral("--"));
+    if (end < 0)
+        return {words, {}};
+    return {words.mid(0, end), words.mid(end + 1)};
+}
+
+// The words of a command without options: all of them are operands.
+QStringList operandsOf(const Words& words)
+{
+    return words.head + words.tail;
+}
+
+// burn-usb IMAGE DEVICE [DEVICE...] and its options, in any order. Returns what
+// is wrong, or nothing.
+QString parseBurnUsb(const Words& words, Request& request)
+{
+    const QStringList& head = words.head;
+    QStringList operands;
+    for (int i = 0; i < head.size(); ++i) {
+        const QString& option = head.at(i);
+        if (!isOption(option)) {
+            operands << option;
             continue;
         }
-        if (!isOption(option)) {
-            if (option == request.device || request.moreDevices.contains(option))
-                return QStringLiteral("%1 is named twice.").arg(option);
-            request.moreDevices << option;
+        if (option == QLatin1String("--yes")) {
+            request.yes = true;
             continue;
         }
         if (option != QLatin1String("--scheme") && option != QLatin1String("--fs") &&
             option != QLatin1String("--label") && option != QLatin1String("--mode"))
             return QStringLiteral("Unknown burn-usb option: %1").arg(option);
         // "--label --yes" is a forgotten label, not a label.
-        if (i + 1 >= arguments.size() || isOption(arguments.at(i + 1)))
+        if (i + 1 >= head.size() || isOption(head.at(i + 1)))
             return QStringLiteral("%1 takes a value.").arg(option);
-        const QString value = arguments.at(++i);
+        const QString value = head.at(++i);
         if (option == QLatin1String("--mode")) {
             if (value.compare(QLatin1String("image"), Qt::CaseInsensitive) == 0)
                 request.writeMode = UsbPlan::WriteMode::Image;
@@ -89,6 +121,16 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
             request.label = value;
         }
     }
+    operands << words.tail;
+    if (operands.size() < 2)
+        return QStringLiteral("burn-usb takes an image and a USB disk.");
+    request.image = operands.at(0);
+    request.device = operands.at(1);
+    for (const QString& device : operands.mid(2)) {
+        if (device == request.device || request.moreDevices.contains(device))
+            return QStringLiteral("%1 is named twice.").arg(device);
+        request.moreDevices << device;
+    }
     if (request.writeMode == UsbPlan::WriteMode::Image && !request.filesOptions.isEmpty())
         return QStringLiteral("%1 is for files mode; in image mode the image is written as it is.")
             .arg(request.filesOptions.first());
@@ -98,24 +140,27 @@ QString parseBurnUsb(const QStringList& arguments, Request& request)
     return QString();
 }
 
-// restore-usb DEVICE and then its options, in any order. Returns what is
-// wrong, or nothing.
-QString parseRestoreUsb(const QStringList& arguments, Request& request)
+// restore-usb DEVICE and its options, in any order. Returns what is wrong, or
+// nothing.
+QString parseRestoreUsb(const Words& words, Request& request)
 {
-    if (arguments.size() < 2 || arguments.at(1).startsWith(QLatin1String("--")))
-        return QStringLiteral("restore-usb takes a USB disk.");
-    request.device = arguments.at(1);
-    for (int i = 2; i < arguments.size(); ++i) {
-        const QString& option = arguments.at(i);
+    const QStringList& head = words.head;
+    QStringList operands;
+    for (int i = 0; i < head.size(); ++i) {
+        const QString& option = head.at(i);
+        if (!isOption(option)) {
+            operands << option;
+            continue;
+        }
         if (option == QLatin1String("--yes")) {
             request.yes = true;
             continue;
         }
         if (option != QLatin1String("--fs") && option != QLatin1String("--label"))
             return QStringLiteral("Unknown restore-usb option: %1").arg(option);
-        if (i + 1 >= arguments.size() || arguments.at(i + 1).startsWith(QLatin1String("--")))
+        if (i + 1 >= head.size() || isOption(head.at(i + 1)))
             return QStringLiteral("%1 takes a value.").arg(option);
-        const QString value = arguments.at(++i);
+        const QString value = head.at(++i);
         if (option == QLatin1String("--label")) {
             request.label = value;
             continue;
@@ -126,22 +171,25 @@ QString parseRestoreUsb(const QStringList& arguments, Request& request)
             return QStringLiteral("--fs takes fat32, exfat or ntfs.");
         request.fileSystem = *fileSystem;
     }
+    operands << words.tail;
+    if (operands.size() != 1)
+        return QStringLiteral("restore-usb takes one USB disk.");
+    request.device = operands.first();
     return QString();
 }
 
-// edit IMAGE OUTPUT and then its changes, kept in the order given. Returns
-// what is wrong, or nothing.
-QString parseEdit(const QStringList& arguments, Request& request)
+// edit IMAGE OUTPUT and its changes, kept in the order given. Returns what is
+// wrong, or nothing.
+QString parseEdit(const Words& words, Request& request)
 {
-    const auto isOption = [](const QString& argument) {
-        return argument.startsWith(QLatin1String("--"));
-    };
-    if (arguments.size() < 3 || isOption(arguments.at(1)) || isOption(arguments.at(2)))
-        return QStringLiteral("edit takes an image and an output image.");
-    request.image = arguments.at(1);
-    request.output = arguments.at(2);
-    for (int i = 3; i < arguments.size(); ++i) {
-        const QString& option = arguments.at(i);
+    const QStringList& head = words.head;
+    QStringList operands;
+    for (int i = 0; i < head.size(); ++i) {
+        const QString& option = head.at(i);
+        if (!isOption(option)) {
+            operands << option;
+            continue;
+        }
         int values = 0;
         if (option == QLatin1String("--add") || option == QLatin1String("--delete") ||
             option == QLatin1String("--label"))
@@ -152,11 +200,11 @@ QString parseEdit(const QStringList& arguments, Request& request)
             return QStringLiteral("Unknown edit option: %1").arg(option);
         QStringList edit{option};
         for (int v = 0; v < values; ++v) {
-            if (i + 1 >= arguments.size() || isOption(arguments.at(i + 1)))
+            if (i + 1 >= head.size() || isOption(head.at(i + 1)))
                 return option == QLatin1String("--rename")
                            ? QStringLiteral("--rename takes an entry and a new name.")
                            : QStringLiteral("%1 takes a value.").arg(option);
-            edit << arguments.at(++i);
+            edit << head.at(++i);
         }
         if (option == QLatin1String("--add")) {
             // PATH=FOLDER puts PATH into FOLDER; a path that exists as written
@@ -170,6 +218,14 @@ QString parseEdit(const QStringList& arguments, Request& request)
         }
         request.edits << edit;
     }
+    operands << words.tail;
+    if (operands.size() < 2)
+        return QStringLiteral("edit takes an image and an output image.");
+    if (operands.size() > 2)
+        return QStringLiteral("edit takes one image and one output image; %1 is neither.")
+            .arg(operands.at(2));
+    request.image = operands.at(0);
+    request.output = operands.at(1);
     return QString();
 }
 
@@ -204,88 +260,99 @@ Request Parse(const QStringList& arguments)
         request.directory = arguments.at(1);
         return request;
     }
+    if (!commandNames().contains(first))
+        return usageError(QStringLiteral("Unknown argument: %1").arg(first));
+
+    const Words words = splitWords(arguments);
+    if (words.head.contains(QStringLiteral("--help")) ||
+        words.head.contains(QStringLiteral("-h"))) {
+        request.mode = Request::Mode::Help;
+        request.command = first;
+        return request;
+    }
+    const QStringList operands = operandsOf(words);
     if (first == QLatin1String("list")) {
-        if (arguments.size() != 2)
+        if (operands.size() != 1)
             return usageError(QStringLiteral("list takes one image."));
         request.mode = Request::Mode::List;
-        request.image = arguments.at(1);
+        request.image = operands.at(0);
         return request;
     }
     if (first == QLatin1String("extract")) {
-        if (arguments.size() < 3)
+        if (operands.size() < 2)
             return usageError(QStringLiteral("extract takes an image and a destination folder."));
         request.mode = Request::Mode::Extract;
-        request.image = arguments.at(1);
-        request.directory = arguments.at(2);
-        request.entries = arguments.mid(3);
+        request.image = operands.at(0);
+        request.directory = operands.at(1);
+        request.entries = operands.mid(2);
         return request;
     }
     if (first == QLatin1String("boot-info")) {
-        if (arguments.size() != 2)
+        if (operands.size() != 1)
             return usageError(QStringLiteral("boot-info takes one image."));
         request.mode = Request::Mode::BootInfo;
-        request.image = arguments.at(1);
+        request.image = operands.at(0);
         return request;
     }
     if (first == QLatin1String("drives")) {
-        if (arguments.size() != 1)
+        if (!operands.isEmpty())
             return usageError(QStringLiteral("drives takes no arguments."));
         request.mode = Request::Mode::Drives;
         return request;
     }
     if (first == QLatin1String("burn-disc")) {
-        if (arguments.size() != 3)
+        if (operands.size() != 2)
             return usageError(QStringLiteral("burn-disc takes an image and a drive."));
         request.mode = Request::Mode::BurnDisc;
-        request.image = arguments.at(1);
-        request.device = arguments.at(2);
+        request.image = operands.at(0);
+        request.device = operands.at(1);
         return request;
     }
     if (first == QLatin1String("burn-usb")) {
-        const QString error = parseBurnUsb(arguments, request);
+        const QString error = parseBurnUsb(words, request);
         if (!error.isEmpty())
             return usageError(error);
         request.mode = Request::Mode::BurnUsb;
         return request;
     }
     if (first == QLatin1String("restore-usb")) {
-        const QString error = parseRestoreUsb(arguments, request);
+        const QString error = parseRestoreUsb(words, request);
         if (!error.isEmpty())
             return usageError(error);
         request.mode = Request::Mode::RestoreUsb;
         return request;
     }
     if (first == QLatin1String("copy-disc")) {
-        if (arguments.size() != 3)
+        if (operands.size() != 2)
             return usageError(QStringLiteral("copy-disc takes a drive and an output image."));
         request.mode = Request::Mode::CopyDisc;
-        request.device = arguments.at(1);
-        request.output = arguments.at(2);
+        request.device = operands.at(0);
+        request.output = operands.at(1);
         return request;
     }
     if (first == QLatin1String("edit")) {
-        const QString error = parseEdit(arguments, request);
+        const QString error = parseEdit(words, request);
         if (!error.isEmpty())
             return usageError(error);
         request.mode = Request::Mode::Edit;
         return request;
     }
-    if (first == QLatin1String("create")) {
-        QStringList rest = arguments.mid(1);
-        if (rest.value(0) == QLatin1String("--type")) {
-            if (!ImageBuild::TypeFromName(rest.value(1)))
-                return usageError(QStringLiteral("--type takes joliet, iso9660 or udf."));
-            request.type = rest.value(1);
-            rest = rest.mid(2);
-        }
-        if (rest.size() < 2)
-            return usageError(QStringLiteral("create takes an output image and at least one file or folder."));
-        request.mode = Request::Mode::Create;
-        request.image = rest.first();
-        request.entries = rest.mid(1);
-        return request;
+    // create [--type TYPE] OUTPUT PATH...: the type comes first when given.
+    QStringList rest = words.head;
+    if (rest.value(0) == QLatin1String("--type")) {
+        if (!ImageBuild::TypeFromName(rest.value(1)))
+            return usageError(QStringLiteral("--type takes joliet, iso9660 or udf."));
+        request.type = rest.value(1);
+        rest = rest.mid(2);
     }
-    return usageError(QStringLiteral("Unknown argument: %1").arg(first));
+    rest << words.tail;
+    if (rest.size() < 2)
+        return usageError(
+            QStringLiteral("create takes an output image and at least one file or folder."));
+    request.mode = Request::Mode::Create;
+    request.image = rest.first();
+    request.entries = rest.mid(1);
+    return request;
 }
 
 namespace {
@@ -959,90 +1026,172 @@ QString VersionText()
     return QStringLiteral("Brenta %1\n").arg(QStringLiteral(BRENTA_VERSION));
 }
 
+namespace {
+
+// One terminal form: its synopsis (continuation lines indented as they stand
+// under "brenta "), its heading in the list of commands and what it does.
+struct CommandUsage
+{
+    const char* name;
+    QStringList synopsis;
+    QString heading;
+    QStringList about;
+};
+
+const QList<CommandUsage>& commandUsages()
+{
+    static const QList<CommandUsage> usages{
+        {"list",
+         {QStringLiteral("list IMAGE")},
+         QStringLiteral("list IMAGE"),
+         {QStringLiteral("print every entry: D or F, size, time, path (tab separated)")}},
+        {"extract",
+         {QStringLiteral("extract IMAGE DEST [ENTRY...]")},
+         QStringLiteral("extract IMAGE DEST [ENTRY...]"),
+         {QStringLiteral("extract the entries (paths inside the image, \"/\" between"),
+          QStringLiteral("components; none means the whole image) into DEST")}},
+        {"create",
+         {QStringLiteral("create [--type joliet|iso9660|udf] OUTPUT PATH...")},
+         QStringLiteral("create [--type TYPE] OUTPUT PATH..."),
+         {QStringLiteral("build OUTPUT from the files and folders, each at the"),
+          QStringLiteral("image's root under its own name (type joliet if not given)")}},
+        {"boot-info",
+         {QStringLiteral("boot-info IMAGE")},
+         QStringLiteral("boot-info IMAGE"),
+         {QStringLiteral("print the image's El Torito boot setup")}},
+        {"drives",
+         {QStringLiteral("drives")},
+         QStringLiteral("drives"),
+         {QStringLiteral("print the drives Brenta offers, USB ones first: usb or"),
+          QStringLiteral("optical, the device node and the list text (tab separated)")}},
+        {"burn-disc",
+         {QStringLiteral("burn-disc IMAGE DEVICE")},
+         QStringLiteral("burn-disc IMAGE DEVICE"),
+         {QStringLiteral("burn IMAGE to the disc in DEVICE and eject it")}},
+        {"burn-usb",
+         {QStringLiteral("burn-usb IMAGE DEVICE [DEVICE...] [--mode auto|image|files]"),
+          QStringLiteral("                [--scheme mbr|gpt] [--fs fat32|ntfs|exfat|fat]"),
+          QStringLiteral("                [--label LABEL] [--yes]")},
+         QStringLiteral("burn-usb IMAGE DEVICE [DEVICE...] [OPTION...]"),
+         {QStringLiteral("erase the USB disk DEVICE (such as /dev/sdb) and put"),
+          QStringLiteral("IMAGE on it, then check it; asks first unless --yes."),
+          QStringLiteral("--mode image writes IMAGE as it is and reads it back,"),
+          QStringLiteral("and compares it with SHA256SUMS or IMAGE.sha256 beside"),
+          QStringLiteral("it where one names it;"),
+          QStringLiteral("--mode files copies its files onto a new file system,"),
+          QStringLiteral("makes it bootable where the image allows and checks"),
+          QStringLiteral("every file; --mode auto (the default) takes image for"),
+          QStringLiteral("an image with a partition table, else files."),
+          QStringLiteral("Files mode only: --scheme mbr|gpt (mbr if not given;"),
+          QStringLiteral("gpt takes FAT32), --fs fat32|ntfs|exfat|fat (fat32),"),
+          QStringLiteral("--label LABEL (refused with --mode image, unused when"),
+          QStringLiteral("auto picks image). Several DEVICEs are written at once"),
+          QStringLiteral("from one read of IMAGE, in image mode only, one result"),
+          QStringLiteral("line each")}},
+        {"restore-usb",
+         {QStringLiteral("restore-usb DEVICE [--fs fat32|exfat|ntfs] [--label LABEL]"),
+          QStringLiteral("                   [--yes]")},
+         QStringLiteral("restore-usb DEVICE [OPTION...]"),
+         {QStringLiteral("erase the USB disk DEVICE, whatever it held (an image"),
+          QStringLiteral("written as it is too), and leave one partition with"),
+          QStringLiteral("--fs fat32|exfat|ntfs (fat32 if not given) and --label"),
+          QStringLiteral("LABEL; asks first unless --yes")}},
+        {"copy-disc",
+         {QStringLiteral("copy-disc DEVICE OUTPUT")},
+         QStringLiteral("copy-disc DEVICE OUTPUT"),
+         {QStringLiteral("read the disc in DEVICE into the image file OUTPUT"),
+          QStringLiteral("DEVICE is a device node such as /dev/sr0: one that"),
+          QStringLiteral("'drives' lists, or any block device you name. Brenta"),
+          QStringLiteral("checks only that it is a block device; the disc tools"),
+          QStringLiteral("refuse a drive that cannot burn or read a disc.")}},
+        {"edit",
+         {QStringLiteral("edit IMAGE OUTPUT [--add PATH[=FOLDER]]..."),
+          QStringLiteral("            [--rename ENTRY NEWNAME]... [--delete ENTRY]..."),
+          QStringLiteral("            [--label LABEL]")},
+         QStringLiteral("edit IMAGE OUTPUT [CHANGE...]"),
+         {QStringLiteral("write OUTPUT: IMAGE with the changes, applied in the"),
+          QStringLiteral("order given, and its whole boot setup."),
+          QStringLiteral("--add PATH[=FOLDER] adds a file or folder (into the"),
+          QStringLiteral("root, or FOLDER); --rename ENTRY NEWNAME gives an"),
+          QStringLiteral("entry a new last name; --delete ENTRY removes it;"),
+          QStringLiteral("--label LABEL sets the volume label. Entries are paths"),
+          QStringLiteral("inside the image, \"/\" between components. Files the"),
+          QStringLiteral("boot setup names cannot be renamed or deleted")}},
+    };
+    return usages;
+}
+
+// "brenta " and the synopsis, continuation lines under the first one's words.
+QString synopsisLines(const QString& lead, const CommandUsage& usage)
+{
+    QString text;
+    for (const QString& line : usage.synopsis) {
+        const QString start =
+            text.isEmpty() ? lead + QStringLiteral("brenta ") : QString(lead.size(), QLatin1Char(' '));
+        text += start + line + QLatin1Char('\n');
+    }
+    return text;
+}
+
+// The heading and what the command does, in two columns where the heading fits.
+QString commandEntry(const CommandUsage& usage)
+{
+    const int column = 25;
+    const QString indent(column, QLatin1Char(' '));
+    QString text = QStringLiteral("  ") + usage.heading;
+    QStringList about = usage.about;
+    if (text.size() < column)
+        text += QString(column - text.size(), QLatin1Char(' ')) + about.takeFirst();
+    text += QLatin1Char('\n');
+    for (const QString& line : about)
+        text += indent + line + QLatin1Char('\n');
+    return text;
+}
+
+const char kOptionsText[] =
+    "Options:\n"
+    "  -h, --help             show this help and exit\n"
+    "  -v, --version          show the version and exit\n"
+    "  --screenshots FOLDER   render every window and dialog to PNG files in FOLDER\n"
+    "\n"
+    "Environment:\n"
+    "  BRENTA_TOOLS_DIR       folder searched first for 7z/7z, cdrtools/mkisofs,\n"
+    "                         cdrtools/cdrecord, cdrtools/readcd, wimlib/wimlib-imagex,\n"
+    "                         xorriso/xorriso and usbhelper/brenta-usb-helper\n"
+    "\n"
+    "Logging: while a file named config.dat exists beside the brenta executable,\n"
+    "Brenta appends its log to log.txt in ~/.local/share/brenta.\n";
+
+} // namespace
+
 QString HelpText()
 {
-    return QStringLiteral(
-        "Usage: brenta [OPTION]\n"
-        "       brenta list IMAGE\n"
-        "       brenta extract IMAGE DEST [ENTRY...]\n"
-        "       brenta create [--type joliet|iso9660|udf] OUTPUT PATH...\n"
-        "       brenta boot-info IMAGE\n"
-        "       brenta drives\n"
-        "       brenta burn-disc IMAGE DEVICE\n"
-        "       brenta burn-usb IMAGE DEVICE [DEVICE...] [--mode auto|image|files]\n"
-        "                       [--scheme mbr|gpt] [--fs fat32|ntfs|exfat|fat]\n"
-        "                       [--label LABEL] [--yes]\n"
-        "       brenta restore-usb DEVICE [--fs fat32|exfat|ntfs] [--label LABEL]\n"
-        "                          [--yes]\n"
-        "       brenta copy-disc DEVICE OUTPUT\n"
-        "       brenta edit IMAGE OUTPUT [--add PATH[=FOLDER]]...\n"
-        "                   [--rename ENTRY NEWNAME]... [--delete ENTRY]...\n"
-        "                   [--label LABEL]\n"
-        "Burn, extract, create, edit and copy ISO 9660 disc images.\n"
-        "\n"
-        "Without an option Brenta opens its window.\n"
-        "\n"
-        "Commands:\n"
-        "  list IMAGE             print every entry: D or F, size, time, path (tab separated)\n"
-        "  extract IMAGE DEST [ENTRY...]\n"
-        "                         extract the entries (paths inside the image, \"/\" between\n"
-        "                         components; none means the whole image) into DEST\n"
-        "  create [--type TYPE] OUTPUT PATH...\n"
-        "                         build OUTPUT from the files and folders, each at the\n"
-        "                         image's root under its own name (type joliet if not given)\n"
-        "  boot-info IMAGE        print the image's El Torito boot setup\n"
-        "  drives                 print the drives Brenta offers, USB ones first: usb or\n"
-        "                         optical, the device node and the list text (tab separated)\n"
-        "  burn-disc IMAGE DEVICE burn IMAGE to the disc in DEVICE and eject it\n"
-        "  burn-usb IMAGE DEVICE [DEVICE...] [OPTION...]\n"
-        "                         erase the USB disk DEVICE (such as /dev/sdb) and put\n"
-        "                         IMAGE on it, then check it; asks first unless --yes.\n"
-        "                         --mode image writes IMAGE as it is and reads it back,\n"
-        "                         and compares it with SHA256SUMS or IMAGE.sha256 beside\n"
-        "                         it where one names it;\n"
-        "                         --mode files copies its files onto a new file system,\n"
-        "                         makes it bootable where the image allows and checks\n"
-        "                         every file; --mode auto (the default) takes image for\n"
-        "                         an image with a partition table, else files.\n"
-        "                         Files mode only: --scheme mbr|gpt (mbr if not given;\n"
-        "                         gpt takes FAT32), --fs fat32|ntfs|exfat|fat (fat32),\n"
-        "                         --label LABEL (refused with --mode image, unused when\n"
-        "                         auto picks image). Several DEVICEs are written at once\n"
-        "                         from one read of IMAGE, in image mode only, one result\n"
-        "                         line each\n"
-        "  restore-usb DEVICE [OPTION...]\n"
-        "                         erase the USB disk DEVICE, whatever it held (an image\n"
-        "                         written as it is too), and leave one partition with\n"
-        "                         --fs fat32|exfat|ntfs (fat32 if not given) and --label\n"
-        "                         LABEL; asks first unless --yes\n"
-        "  copy-disc DEVICE OUTPUT\n"
-        "                         read the disc in DEVICE into the image file OUTPUT\n"
-        "                         DEVICE is a device node such as /dev/sr0: one that\n"
-        "                         'drives' lists, or any block device you name. Brenta\n"
-        "                         checks only that it is a block device; the disc tools\n"
-        "                         refuse a drive that cannot burn or read a disc.\n"
-        "  edit IMAGE OUTPUT [CHANGE...]\n"
-        "                         write OUTPUT: IMAGE with the changes, applied in the\n"
-        "                         order given, and its whole boot setup.\n"
-        "                         --add PATH[=FOLDER] adds a file or folder (into the\n"
-        "                         root, or FOLDER); --rename ENTRY NEWNAME gives an\n"
-        "                         entry a new last name; --delete ENTRY removes it;\n"
-        "                         --label LABEL sets the volume label. Entries are paths\n"
-        "                         inside the image, \"/\" between components. Files the\n"
-        "                         boot setup names cannot be renamed or deleted\n"
-        "\n"
-        "Options:\n"
-        "  -h, --help             show this help and exit\n"
-        "  -v, --version          show the version and exit\n"
-        "  --screenshots FOLDER   render every window and dialog to PNG files in FOLDER\n"
-        "\n"
-        "Environment:\n"
-        "  BRENTA_TOOLS_DIR       folder searched first for 7z/7z, cdrtools/mkisofs,\n"
-        "                         cdrtools/cdrecord, cdrtools/readcd, wimlib/wimlib-imagex,\n"
-        "                         xorriso/xorriso and usbhelper/brenta-usb-helper\n"
-        "\n"
-        "Logging: while a file named config.dat exists beside the brenta executable,\n"
-        "Brenta appends its log to log.txt in ~/.local/share/brenta.\n");
+    QString text = QStringLiteral("Usage: brenta [OPTION]\n");
+    for (const CommandUsage& usage : commandUsages())
+        text += synopsisLines(QStringLiteral("       "), usage);
+    text += QStringLiteral("Burn, extract, create, edit and copy ISO 9660 disc images.\n"
+                           "\n"
+                           "Without an option Brenta opens its window.\n"
+                           "\n"
+                           "Commands:\n");
+    for (const CommandUsage& usage : commandUsages())
+        text += commandEntry(usage);
+    return text + QLatin1Char('\n') + QLatin1String(kOptionsText);
+}
+
+QString UsageText(const QString& command)
+{
+    for (const CommandUsage& usage : commandUsages()) {
+        if (command != QLatin1String(usage.name))
+            continue;
+        QString text = synopsisLines(QStringLiteral("Usage: "), usage) + QLatin1Char('\n');
+        for (const QString& line : usage.about)
+            text += QStringLiteral("  ") + line + QLatin1Char('\n');
+        return text + QStringLiteral("\n"
+                                     "\"--\" ends the options: what follows it is taken as it is,\n"
+                                     "even when it starts with \"-\".\n");
+    }
+    return HelpText();
 }
 
 } // namespace Cli

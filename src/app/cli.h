@@ -37,6 +37,7 @@ struct Request
     QStringList filesOptions;
     QStringList moreDevices; // BurnUsb: further sticks, written at once in image mode
     QString error;     // UsageError: what was wrong
+    QString command;   // Help: the command whose usage was asked for, or none for all
 };
 
 // Arguments without the program name.
@@ -44,6 +45,8 @@ Request Parse(const QStringList& arguments);
 
 QString VersionText();
 QString HelpText();
+// One command's usage ("brenta COMMAND --help"); the whole help for an unknown one.
+QString UsageText(const QString& command);
 
 // The terminal forms of the features. They return the process exit status.
 int RunList(const Request& request);
