@@ -154,6 +154,16 @@ void TestPage2::opensImageAndBrowses()
     const QRect top = tree->visualItemRect(tree->topLevelItem(0));
     QTest::mouseClick(tree->viewport(), Qt::LeftButton, {}, top.center());
     QCOMPARE(column(table, 0), (QStringList{"docs", "setup.exe"}));
+
+    // By keys: Down moves, Space ticks the current row, Enter opens a folder.
+    table->setFocus();
+    table->setCurrentIndex(table->model()->index(0, 0));
+    QTest::keyClick(table, Qt::Key_Down);
+    QTest::keyClick(table, Qt::Key_Space);
+    QCOMPARE(ticks(table), (QList<bool>{false, true}));
+    QTest::keyClick(table, Qt::Key_Up);
+    QTest::keyClick(table, Qt::Key_Return);
+    QCOMPARE(column(table, 0), (QStringList{"readme.txt", "x"}));
 }
 
 void TestPage2::rowClicksAndHeaderTick()

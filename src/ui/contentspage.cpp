@@ -34,6 +34,7 @@ void CContentsPage::MakeContentsViews(const QRect& tree, const QString& treeStyl
     connect(m_tree, &QTreeWidget::itemClicked, this, &CContentsPage::OnTreeCurrentChanged);
     m_table = ContentsView::MakeTable(this, table, widths, &m_model, &m_header);
     m_table->viewport()->installEventFilter(this);
+    m_table->installEventFilter(this);
     connect(m_table, &QTableView::doubleClicked, this, &CContentsPage::OnListViewDoubleClicked);
     connect(m_table, &QTableView::clicked, this, &CContentsPage::OnListViewClicked);
     connect(m_table, &QTableView::customContextMenuRequested, this, &CContentsPage::OnListContextMenuRequest);
@@ -86,6 +87,20 @@ bool CContentsPage::eventFilter(QObject* watched, QEvent* event)
 {
     if (m_table != nullptr && watched == m_table->viewport() && event->type() == QEvent::MouseButtonPress)
         m_lastPressX = static_cast<QMouseEvent*>(event)->position().toPoint().x();
+    // In the table Space ticks the current row and Enter opens a folder row,
+    // as a double click does; the arrow keys stay the table's.
+    if (m_table != nullptr && watched == m_table && event->type() == QEvent::KeyPress) {
+        const int key = static_cast<QKeyEvent*>(event)->key();
+        const QModelIndex current = m_table->currentIndex();
+        if (current.isValid() && key == Qt::Key_Space) {
+            m_model->SetChecked(current.row(), !m_model->IsChecked(current.row()));
+            return true;
+        }
+        if (current.isValid() && (key == Qt::Key_Return || key == Qt::Key_Enter)) {
+            OnListViewDoubleClicked(current);
+            return true;
+        }
+    }
     return ImageDialog::eventFilter(watched, event);
 }
 
