@@ -1,6 +1,8 @@
 #include <QtTest>
 
 #include <QLabel>
+#include <QProgressBar>
+#include <QRadioButton>
 #include <QTreeWidget>
 
 #include "common/isofixture.h"
@@ -58,6 +60,8 @@ private Q_SLOTS:
     void createNeedsEntries();
     void stopWhileCopyingMakesNoImage();
     void backWhileCopyingLeavesNothingBehind();
+    void largeFilesNeedUdf_data();
+    void largeFilesNeedUdf();
 
 private:
     QTemporaryDir m_dir;
@@ -200,3 +204,34 @@ void TestPage3::backWhileCopyingLeavesNothingBehind()
 
 QTEST_MAIN(TestPage3)
 #include "tst_page3.moc"
+
+void TestPage3::largeFilesNeedUdf_data()
+{
+    QTest::addColumn<QString>("type");
+    QTest::addColumn<bool>("folder");
+    QTest::addColumn<bool>("accepted");
+    QTest::newRow("ISO9660 Joliet, the file") << "jolet" << false << false;
+    QTest::newRow("ISO9660, a folder holding it") << "iso9600" << true << false;
+    QTest::newRow("UDF, the file") << "udf" << false << true;
+}
+
+// A file of 4 GiB or more is refused at once, with the advice to choose UDF,
+// unless UDF is chosen; the size gauge warns above its maximum.
+void TestPage3::largeFilesNeedUdf()
+{
+    QFETCH(QString, type);
+    QFETCH(bool, folder);
+    QFETCH(bool, accepted);
+    QVERIFY(!IsoFixture::SparseFile(m_dir.filePath("big/dvd.img"), 6 * 1024).isEmpty());
+    m_page->findChild<QRadioButton*>(type.toLatin1().constData())->setChecked(true);
+    m_answers << QStringList{m_dir.filePath(folder ? "big" : "big/dvd.img")};
+    QString said;
+    whenModal<CommDialog>([&](CommDialog* dialog) {
+        said = dialog->Label()->text();
+        QTest::mouseClick(dialog->OkButton(), Qt::LeftButton);
+    });
+    clickButton(m_page.get(), folder ? "adddir" : "addfile");
+    QCOMPARE(m_page->List()->topLevelItemCount(), accepted ? 1 : 0);
+    QCOMPARE(said.contains("UDF"), !accepted);
+    QCOMPARE(m_page->findChild<QProgressBar*>()->styleSheet().contains("#e8a33d"), accepted);
+}

@@ -22,6 +22,27 @@
 namespace {
 
 constexpr qint64 kGaugeFullScale = qint64(5) * 1024 * 1024 * 1024;
+// ISO 9660 records a file's size in 32 bits: 4 GiB and larger needs UDF.
+constexpr qint64 kIso9660FileLimit = qint64(4) * 1024 * 1024 * 1024;
+
+QString gaugeStyle(bool over)
+{
+    return QStringLiteral("QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; background: #FFFFFF; }"
+                          "QProgressBar::chunk { background: %1; border-radius: 3px; }")
+        .arg(over ? QStringLiteral("#e8a33d") : QStringLiteral("#67d995"));
+}
+
+// The first file of 4 GiB or more at or below `item`, or nothing.
+const Item* tooLargeForIso9660(const Item& item)
+{
+    if (!item.isDir)
+        return item.size.toLongLong() >= kIso9660FileLimit ? &item : nullptr;
+    for (const auto& child : item.children) {
+        if (const Item* found = tooLargeForIso9660(*child))
+            return found;
+    }
+    return nullptr;
+}
 constexpr QChar kSeparator = QLatin1Char('\\');
 
 QString localPath(QString name)
@@ -103,9 +124,7 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     m_gauge->setRange(0, 100);
     m_gauge->setValue(0);
     m_gauge->setTextVisible(false);
-    m_gauge->setStyleSheet(QStringLiteral(
-        "QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; background: #FFFFFF; }"
-        "QProgressBar::chunk { background: #67d995; border-radius: 3px; }"));
+    m_gauge->setStyleSheet(gaugeStyle(false));
 
     auto* addfile = MakePictureButton(this, "addfile", QStringLiteral(":/nwu/addfile"), 15, 419);
     auto* adddir = MakePictureButton(this, "adddir", QStringLiteral(":/nwu/adddir"), 120, 419);
@@ -205,6 +224,8 @@ void CPage3::OnAddFile()
         const QFileInfo info(file);
         const QString name = parent + info.fileName();
         auto item = ItemTree::FromLocal(info, name);
+        if (RefusedForIso9660(*item))
+            continue;
         Item* raw = item.get();
         if (!m_items.Insert(item))
             continue;
@@ -232,6 +253,11 @@ void CPage3::OnAddDir()
             continue;
         QTreeWidgetItem* row = MakeRow(*added, target);
         AddDirContents(added, info.absoluteFilePath(), row);
+        if (RefusedForIso9660(*added)) {
+            delete row;
+            m_items.Remove(name);
+            continue;
+        }
         m_create->Add(info.absoluteFilePath(), localPath(name));
     }
     UpdateTotalSize();
@@ -269,11 +295,32 @@ void CPage3::OnRemove()
     UpdateTotalSize();
 }
 
+bool CPage3::RefusedForIso9660(const Item& item)
+{
+    if (m_udf->isChecked())
+        return false;
+    const Item* large = tooLargeForIso9660(item);
+    if (large == nullptr)
+        return false;
+    QApplication::restoreOverrideCursor();
+    Util::ShowMessage(QStringLiteral("%1 is 4 GB or larger, which an ISO9660 image cannot hold. Choose UDF ISO "
+                                     "to add it.")
+                          .arg(ItemTree::LastComponent(large->name)));
+    QApplication::setOverrideCursor(Qt::WaitCursor);
+    return true;
+}
+
 void CPage3::UpdateTotalSize()
 {
     const qint64 sum = sizeOnDisk(m_items.Root());
     m_totalsize->setText(QStringLiteral("Total Size: ") + Util::FormatSize(sum));
     m_gauge->setValue(static_cast<int>(qMin<qint64>(sum * 100 / kGaugeFullScale, 100)));
+    // Above its maximum the gauge warns before anything is copied.
+    const bool over = sum > kGaugeFullScale;
+    if (m_gauge->property("over").toBool() != over) {
+        m_gauge->setProperty("over", over);
+        m_gauge->setStyleSheet(gaugeStyle(over));
+    }
 }
 
 void CPage3::OnCreate()

@@ -54,6 +54,9 @@ protected:
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
+    // True (and the user told why) when `item` holds a file of 4 GiB or more
+    // and the image type is not UDF.
+    bool RefusedForIso9660(const Item& item);
     void UpdateTotalSize();
     QTreeWidgetItem* TargetRow() const;
     // Whether a "\"-ended path (empty for the top) names a folder of the list.
