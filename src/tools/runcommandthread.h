@@ -68,6 +68,9 @@ public:
     static constexpr int KeptLines = 20;
 
     explicit CRunCommandThread(QObject* parent = nullptr);
+    // A runner deleted while its tool still runs waits for the tool to end,
+    // for up to the grace period: owners let runners go through Dispose() or
+    // StopThen() instead.
     ~CRunCommandThread() override;
 
     void SetCommand(const QString& program, const QStringList& arguments);
