@@ -236,15 +236,22 @@ void TestPage2::extractsTickedEntriesFromNestedFolder()
     QVERIFY(!QFileInfo::exists(destination.filePath("docs")));
 }
 
+// An image that cannot be read gives the page back as it was: the image
+// open before stays shown, no half-opened entry is left in the tree.
 void TestPage2::imageThatCannotBeReadGivesThePageBack()
 {
     const QString bogus = m_dir.filePath("bogus.iso");
     QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"bogus.iso", "not an image at all"}}));
-    openImage(bogus, false);
-    QVERIFY(m_page->findChild<CImageButton*>("loadiso")->isEnabled());
-    QVERIFY(m_page->findChild<CImageButton*>("back")->isEnabled());
-    QVERIFY(QApplication::overrideCursor() == nullptr);
-    QCOMPARE(m_page->Table()->model()->rowCount(), 0);
+    for (const bool opened : {false, true}) {
+        if (opened)
+            openImage(m_image);
+        openImage(bogus, false);
+        QVERIFY(m_page->findChild<CImageButton*>("loadiso")->isEnabled());
+        QVERIFY(m_page->findChild<CImageButton*>("back")->isEnabled());
+        QVERIFY(QApplication::overrideCursor() == nullptr);
+        QCOMPARE(m_page->Tree()->topLevelItemCount(), opened ? 1 : 0);
+        QCOMPARE(column(m_page->Table(), 0), opened ? QStringList({"docs", "setup.exe"}) : QStringList());
+    }
 }
 
 // A name in a crafted image that leads out of the image's folders would,

@@ -20,6 +20,14 @@ void ItemTree::Clear()
     m_root = std::make_unique<Item>();
 }
 
+void ItemTree::Swap(ItemTree& other)
+{
+    std::swap(title, other.title);
+    std::swap(spare, other.spare);
+    std::swap(m_root, other.m_root);
+    m_index.swap(other.m_index);
+}
+
 bool ItemTree::Insert(std::unique_ptr<Item>& item)
 {
     if (!item || item->name.isEmpty())

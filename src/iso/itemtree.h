@@ -40,6 +40,8 @@ public:
     ItemTree& operator=(const ItemTree&) = delete;
 
     void Clear();
+    // Exchanges the whole contents with `other`'s.
+    void Swap(ItemTree& other);
     // Takes the item when it is placed; returns false (and leaves the item
     // with the caller) when its name is empty or its path exists already.
     bool Insert(std::unique_ptr<Item>& item);

@@ -21,7 +21,7 @@ CPage2::CPage2(QWidget* /*mainWindow*/)
 {
     setObjectName(QStringLiteral("CPage2"));
     setWindowTitle(QStringLiteral("Dialog"));
-    m_list = new CListJob(m_contents, this);
+    m_list = new CListJob(m_loading, this);
     m_extract = new CExtractJob(this);
     m_progress = new CProgressDialog;
     connect(m_list, &CListJob::finished, this, &CPage2::OnUnzipFinished);
@@ -75,21 +75,24 @@ void CPage2::OnLoadISO()
 
 void CPage2::LoadImage(const QString& path)
 {
-    m_image = path;
+    m_loadingImage = path;
     SetButtonsEnabled(false);
-    m_current = nullptr;
-    m_tree->clear();
-    FillTable();
     m_list->Start(path);
 }
 
 void CPage2::OnUnzipFinished()
 {
     SetButtonsEnabled(true);
-    ContentsView::FillTree(m_tree, m_contents);
-    m_current = &m_contents.Root();
-    FillTable();
     const bool succeeded = m_list->Succeeded();
+    // An image that cannot be read leaves the page showing what it showed.
+    if (succeeded) {
+        m_image = m_loadingImage;
+        m_contents.Swap(m_loading);
+        m_loading.Clear();
+        ContentsView::FillTree(m_tree, m_contents);
+        m_current = &m_contents.Root();
+        FillTable();
+    }
     if (!succeeded)
         Util::ShowMessage(m_list->Message());
     else if (const QStringList leftOut = m_list->LeftOut(); !leftOut.isEmpty())

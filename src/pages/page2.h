@@ -58,6 +58,8 @@ private:
     QString m_image;
     QString m_destination;
     ItemTree m_contents;
+    ItemTree m_loading; // the image being listed, shown once it was read
+    QString m_loadingImage;
     CListJob* m_list = nullptr;
     CExtractJob* m_extract = nullptr;
     CProgressDialog* m_progress = nullptr;
