@@ -44,11 +44,6 @@ void ImageDialog::SetMovable(bool movable)
     m_movable = movable;
 }
 
-void ImageDialog::slot_minWindow()
-{
-    showMinimized();
-}
-
 void ImageDialog::mousePressEvent(QMouseEvent* event)
 {
     m_dragging = true;
@@ -107,40 +102,4 @@ void ImageDialog::SetStretchBand(int top, int bottom)
     m_bandTop = top;
     m_bandBottom = bottom;
     update();
-}
-
-void ImageDialog::moveEvent(QMoveEvent* event)
-{
-    QDialog::moveEvent(event);
-    Q_EMIT sigmove();
-}
-
-void ImageDialog::resizeEvent(QResizeEvent* event)
-{
-    QDialog::resizeEvent(event);
-    Q_EMIT sigmove();
-}
-
-void ImageDialog::showEvent(QShowEvent* event)
-{
-    QDialog::showEvent(event);
-    update();
-    Q_EMIT sigvisable(true);
-}
-
-void ImageDialog::hideEvent(QHideEvent* event)
-{
-    QDialog::hideEvent(event);
-    Q_EMIT sigvisable(false);
-}
-
-void ImageDialog::changeEvent(QEvent* event)
-{
-    QDialog::changeEvent(event);
-    if (event->type() != QEvent::WindowStateChange && event->type() != QEvent::ActivationChange)
-        return;
-    if (isMinimized())
-        return;
-    if (windowState() == Qt::WindowActive)
-        Q_EMIT sigvisable(true);
 }

@@ -31,23 +31,11 @@ public:
     bool IsMovable() const { return m_movable; }
     bool IsDragging() const { return m_dragging; }
 
-public Q_SLOTS:
-    void slot_minWindow();
-
-Q_SIGNALS:
-    void sigvisable(bool visible);
-    void sigmove();
-
 protected:
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
-    void moveEvent(QMoveEvent* event) override;
-    void resizeEvent(QResizeEvent* event) override;
-    void showEvent(QShowEvent* event) override;
-    void hideEvent(QHideEvent* event) override;
-    void changeEvent(QEvent* event) override;
 
 private:
     QString m_background;
