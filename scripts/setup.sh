@@ -25,6 +25,8 @@ packages=(
   wimtools
   # tests and screenshots
   xvfb xauth umockdev libumockdev-dev qemu-system-x86 ovmf
+  # the Debian package and the checks of its desktop entry, metainfo and completion
+  dpkg-dev desktop-file-utils appstream bash-completion man-db
 )
 
 missing=()
