@@ -262,15 +262,16 @@ void TestBurnPage::refusals_data()
     QTest::addColumn<QString>("image");
     QTest::addColumn<bool>("usb");
     QTest::addColumn<bool>("drives");
-    QTest::addColumn<QString>("said"); // empty: nothing at all
+    QTest::addColumn<QString>("said");
     QTest::newRow("missing image") << "gone.iso" << false << true << ":/nwu/burn-fails";
     QTest::newRow("not an image") << "disc.img" << false << true << ":/nwu/burn-fails";
     QTest::newRow("folder named .iso") << "folder.iso" << true << true << ":/nwu/burn-fails";
-    QTest::newRow("no optical drive") << "" << false << false << "";
+    QTest::newRow("no optical drive") << "" << false << false
+                                      << "No CD/DVD drive found. Connect a drive and insert a blank disc.";
     QTest::newRow("no USB drive") << "" << true << false << ":/nwu/insert_usb";
 }
 
-// Each refusal says its own thing, or nothing, and never starts the writer.
+// Each refusal says its own thing and never starts the writer.
 void TestBurnPage::refusals()
 {
     QFETCH(QString, image);

@@ -248,18 +248,6 @@ int Util::Read(QDataStream& stream, qint64 offset, int length, char* buffer)
     return ReadShort;
 }
 
-void Util::WriteData(const QString& path, const char* data, int length)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadWrite)) {
-        qDebug() << "Util::WriteData can not open file" << path;
-        return;
-    }
-    if (file.write(data, length) != length)
-        qDebug() << "WriteData error";
-    file.close();
-}
-
 ScratchFolder::ScratchFolder(const QString& stem)
 {
     const QString scratch = Util::ScratchDir();

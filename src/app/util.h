@@ -59,12 +59,7 @@ public:
     // device or cannot be positioned, ReadShort when fewer bytes were read.
     enum ReadResult { ReadOk = 0, ReadNoDevice = 25, ReadShort = 232 };
     static int Read(QDataStream& stream, qint64 offset, int length, char* buffer);
-    // Writes length bytes at the start of the file without truncating it.
-    static void WriteData(const QString& path, const char* data, int length);
 
-    // Writes the boot image of the image's default El Torito entry to
-    // `output`; false when the image has no valid boot record (iso/eltorito).
-    static bool BootExtract(const QString& image, const QString& output);
 
     // Widgets (defined in the GUI library)
     static void OpenFolder(QString path);

@@ -6,7 +6,6 @@
 #include <QStringList>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
 #include "app/util.h"
@@ -466,38 +465,3 @@ std::optional<QString> BootInfo(const QString& image, Error* error)
 }
 
 } // namespace ElTorito
-
-bool Util::BootExtract(const QString& image, const QString& output)
-{
-    using namespace ElTorito;
-    QFile file(image);
-    if (!file.open(QIODevice::ReadOnly)) {
-        qDebug() << "Util::BootExtract open file error!";
-        return false;
-    }
-    QDataStream stream(&file);
-    const ReadFunction read = streamReader(stream);
-    Error error = Error::None;
-    const std::optional<Catalog> catalog = Parse(read, &error);
-    if (!catalog) {
-        qDebug().noquote() << ErrorText(error);
-        return false;
-    }
-    qDebug() << "Reading boot-catalog from sector" << catalog->catalogSector;
-    const Entry& entry = catalog->defaultEntry;
-    if (!entry.bootable) {
-        std::printf("  Boot-Indicator: Not Bootable\n");
-        return true;
-    }
-    std::printf("  Boot-Indicator: Bootable\n");
-    const qint64 length = BootImageLength(entry);
-    const bool diskette = entry.media == Media::Diskette12 || entry.media == Media::Diskette144 ||
-                          entry.media == Media::Diskette288;
-    if (diskette && qint64(entry.sectorCount) * 512 != length)
-        std::printf("  Sector count to read: %d (%d bytes)\n", int(length / 512), int(length));
-    std::fflush(stdout);
-    QByteArray bytes(int(length), Qt::Uninitialized);
-    if (read(qint64(entry.loadRba) * 2048, int(length), bytes.data()))
-        Util::WriteData(output, bytes.constData(), int(length));
-    return true;
-}

@@ -684,11 +684,6 @@ void CBurnDialog::OnRadioSelected()
     }
 }
 
-void CBurnDialog::OnRefresh()
-{
-    InitializeUSBAndDVDComboBox(sender() == m_dvdlist ? kOpticalList : kRemovableList);
-}
-
 void CBurnDialog::OnVolumeLabTextChange(const QString& text)
 {
     const QString upper = text.toUpper();

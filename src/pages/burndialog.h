@@ -71,8 +71,6 @@ public Q_SLOTS:
     void InitializeUSBAndDVDComboBox(int type);
     void InitializeUSBAndDVDComboBox();
     void OnRadioSelected();
-    // Refills the list whose combo box sent the signal.
-    void OnRefresh();
     void OnVolumeLabTextChange(const QString& text);
     void OnMBRSelect();
     // One optical drive found by the running refill.

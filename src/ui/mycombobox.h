@@ -2,7 +2,7 @@
 
 #include <QComboBox>
 
-// A combo box that reports a left-button press on itself before opening its list.
+// The optical drive list of the burn page.
 class CMyComboBox final : public QComboBox
 {
     Q_OBJECT
@@ -10,10 +10,4 @@ class CMyComboBox final : public QComboBox
 
 public:
     explicit CMyComboBox(QWidget* parent = nullptr) : QComboBox(parent) {}
-
-Q_SIGNALS:
-    void dropdownclicked();
-
-protected:
-    void mousePressEvent(QMouseEvent* event) override;
 };
