@@ -45,6 +45,11 @@ CProcess::CProcess(QObject* parent) : QProcess(parent)
         if (::getppid() != brenta)
             ::_exit(127);
     });
+    // English messages and UTF-8 names, which the parsers read.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
+    environment.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
+    setProcessEnvironment(environment);
 }
 
 void CProcess::OnTerminate()
@@ -274,10 +279,6 @@ void CRunCommandThread::run()
     // yields the same pipe.
     process.setStandardInputFile(m_input >= 0 ? QStringLiteral("/proc/self/fd/%1").arg(m_input)
                                               : QProcess::nullDevice());
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C.UTF-8"));
-    environment.insert(QStringLiteral("LANG"), QStringLiteral("C.UTF-8"));
-    process.setProcessEnvironment(environment);
 
     process.start(m_program, m_arguments, QIODevice::ReadOnly);
     // The tool holds its own copy now: the pipe's writer sees it end when the

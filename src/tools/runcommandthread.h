@@ -8,10 +8,12 @@
 #include <atomic>
 #include <functional>
 
-// The process object of one tool run. The tool is started in a process group
-// of its own, so that stopping it also stops whatever the tool started, and is
-// killed if Brenta ends before it (even by SIGKILL).
 class OutputSplitter;
+
+// The process object of one tool run. The tool is started in a process group
+// of its own, so that stopping it also stops whatever the tool started, is
+// killed if Brenta ends before it (even by SIGKILL), and speaks English with
+// UTF-8 names (LC_ALL=C.UTF-8).
 
 class CProcess final : public QProcess
 {
