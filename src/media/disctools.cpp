@@ -136,7 +136,7 @@ QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives, cons
 }
 
 QList<ListEntry> OpticalEntries(const QList<ScanLine>& scanned, const QList<OpticalDrive>& drives,
-                                const InquiryFunction& inquiry)
+                                const InquiryFunction& inquiry, bool unscanned)
 {
     QList<ListEntry> entries;
     QStringList listed;
@@ -150,7 +150,7 @@ QList<ListEntry> OpticalEntries(const QList<ScanLine>& scanned, const QList<Opti
     // Drives the scan could not open (it needs the generic SCSI nodes) are
     // offered all the same, named as the system knows them.
     for (const OpticalDrive& drive : drives) {
-        if (!listed.contains(drive.node))
+        if (unscanned && !listed.contains(drive.node))
             entries.append({drive.Text(), drive.node});
     }
     return entries;
@@ -300,24 +300,28 @@ void COpticalScan::OnLine(const QString& line)
     const std::optional<DiscTools::ScanLine> scan = DiscTools::ParseScanLine(line);
     if (!scan)
         return;
-    const QString node = DiscTools::MatchDrive(*scan, m_drives, m_inquiry);
-    if (node.isEmpty() || m_sent.contains(node))
-        return;
-    m_sent << node;
-    Q_EMIT entry(node + QStringLiteral(": ") + scan->name, node);
+    m_scanned << *scan;
+    SendNew(false);
 }
 
 void COpticalScan::OnFinished()
 {
     m_runner->deleteLater();
     m_runner = nullptr;
-    for (const OpticalDrive& drive : std::as_const(m_drives)) {
+    SendNew(true);
+    Q_EMIT finished();
+}
+
+void COpticalScan::SendNew(bool unscanned)
+{
+    // The list as far as it is known; what was sent already stays where it is.
+    const QList<DiscTools::ListEntry> known = DiscTools::OpticalEntries(m_scanned, m_drives, m_inquiry, unscanned);
+    for (const DiscTools::ListEntry& drive : known) {
         if (!m_sent.contains(drive.node)) {
             m_sent << drive.node;
-            Q_EMIT entry(drive.Text(), drive.node);
+            Q_EMIT entry(drive.text, drive.node);
         }
     }
-    Q_EMIT finished();
 }
 
 CDiscBurnJob::CDiscBurnJob(QObject* parent) : QObject(parent) {}

@@ -45,14 +45,15 @@ QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives, cons
 
 // The optical list: drives the scan names, in its order, each paired with its
 // node, then every other drive udev knows, in node order. Entries are
-// (text, node), the text "/dev/sr0: ACMECORP DVDRW UNIT-100 R001".
+// (text, node), the text "/dev/sr0: ACMECORP DVDRW UNIT-100 R001". Without
+// `unscanned`, only the drives the scan named.
 struct ListEntry
 {
     QString text;
     QString node;
 };
 QList<ListEntry> OpticalEntries(const QList<ScanLine>& scanned, const QList<OpticalDrive>& drives,
-                                const InquiryFunction& inquiry);
+                                const InquiryFunction& inquiry, bool unscanned = true);
 
 // "Track 01:   12 of  650 MB written (fifo 100%) ..." → 12 * 100 / 650; nothing
 // for other lines or a total of 0.
@@ -102,6 +103,8 @@ Q_SIGNALS:
 private:
     void OnLine(const QString& line);
     void OnFinished();
+    // Sends the entries not sent yet; `unscanned`: those of drives the scan did not name too.
+    void SendNew(bool unscanned);
 
     CRunCommandThread* m_runner = nullptr;
     QList<DiscTools::ScanLine> m_scanned;
