@@ -3,8 +3,10 @@
 #include "app/util.h"
 #include "common/isofixture.h"
 #include "common/listedimage.h"
+#include "common/slowdisk.h"
 #include "iso/editsession.h"
 #include "iso/eltorito.h"
+#include "tools/filecopy.h"
 
 namespace {
 
@@ -139,6 +141,7 @@ private Q_SLOTS:
     void exportTakesEntriesAndAddedFiles();
     void stopEndsTheSaveAndKeepsTheOutput();
     void udfImageIsRebuiltWithItsUdfTree();
+    void droppingASessionNeverWaitsForItsCopy();
     void anotherImageReplacesOneStillLoading();
     void unreadableImageIsReported();
 
@@ -468,6 +471,44 @@ void TestEditSession::udfImageIsRebuiltWithItsUdfTree()
     QVERIFY(saved.open(QIODevice::ReadOnly) &&
             saved.seek(qint64(after->entries.front().loadRba) * 2048));
     QCOMPARE(saved.read(loader.size()), loader);
+}
+
+// The working copy's worker is let go, not waited for, when the session goes
+// in the middle of copying an added file from a slow disk; the working copy's
+// folder goes once the worker has ended.
+void TestEditSession::droppingASessionNeverWaitsForItsCopy()
+{
+    if (!SlowDisk::Available())
+        QSKIP("needs root and block I/O throttling");
+    // One piece of the copy takes two seconds at this rate.
+    SlowDisk disk(m_dir.filePath("slow"), 2 * 1024 * 1024, "brenta-tst-editsession");
+    QVERIFY(disk.IsMounted());
+    QVERIFY(disk.WriteFile("slow.bin", 24));
+    QVERIFY(disk.Throttle());
+    // The working copy on the same disk, so that the kernel copies the file
+    // in the worker's large pieces.
+    qputenv("XDG_DATA_HOME", QFile::encodeName(disk.Path("home")));
+    const auto restore = qScopeGuard([this] { qputenv("XDG_DATA_HOME", m_home.path().toUtf8()); });
+
+    auto session = std::make_unique<CEditSession>();
+    Load(*session, m_udfImage);
+    const QString folder = QFileInfo(session->WorkingCopy()).path();
+    QVERIFY(QFileInfo(folder).isDir());
+    QCOMPARE(session->Add(session->Contents().Root(), {disk.Path("slow.bin")}).size(), 1);
+    bool copying = false;
+    connect(session.get(), &CEditSession::progress, this,
+            [&](CEditSession::Phase phase, qint64 value, qint64) {
+                copying = copying || (phase == CEditSession::Phase::Copying && value > 0);
+            });
+    session->Save(m_dir.filePath("never-saved.iso"));
+    QTRY_VERIFY_WITH_TIMEOUT(copying, 60000);
+
+    QElapsedTimer clock;
+    clock.start();
+    session.reset();
+    QVERIFY2(clock.elapsed() < 500, qPrintable(QString::number(clock.elapsed())));
+    CFileCopy::WaitForRetired();
+    QVERIFY(!QFileInfo::exists(folder));
 }
 
 // The tools still reading the first image must not speak for the second.

@@ -3,6 +3,7 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QScopeGuard>
 #include <QSocketNotifier>
 
 #include <array>
@@ -956,6 +957,10 @@ int RunEdit(const Request& request)
         print(stderr, QStringLiteral("brenta: %1 does not exist.\n").arg(request.image));
         return 1;
     }
+    // A session let go while its working copy is being written leaves the
+    // copy worker ending on its own; the folder goes when it has, which this
+    // process waits for before it exits (after the session, declared below).
+    const auto waitForCopies = qScopeGuard([] { CFileCopy::WaitForRetired(); });
     CEditSession session;
     QEventLoop loop;
     bool succeeded = false;

@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QTemporaryDir>
-#include <QTimer>
 
 #include <functional>
 
@@ -130,9 +129,6 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
         }
         StartExportCopies();
     });
-    m_poll = new QTimer(this);
-    m_poll->setInterval(100);
-    connect(m_poll, &QTimer::timeout, this, &CEditSession::Poll);
 }
 
 CEditSession::~CEditSession()
@@ -141,9 +137,20 @@ CEditSession::~CEditSession()
     m_list->Stop();
     CRunCommandThread::Dispose(m_reporter);
     CRunCommandThread::Dispose(m_count);
-    m_copier.reset();
-    // The folder goes once the tool has ended, so it writes nothing more.
-    CRunCommandThread::StopThen(m_extract, [dir = std::shared_ptr<ScratchFolder>(std::move(m_dir))] {});
+    DropWorkingCopy();
+}
+
+void CEditSession::DropWorkingCopy()
+{
+    // The folder goes once the worker and the tool have both ended, so
+    // neither writes into it afterwards; whichever ends last removes it.
+    std::shared_ptr<ScratchFolder> dir(std::move(m_dir));
+    const auto ended = [dir]() mutable { dir.reset(); };
+    if (m_copier) {
+        disconnect(m_copier.get(), nullptr, this, nullptr);
+        CFileCopy::Retire(std::move(m_copier), ended);
+    }
+    CRunCommandThread::StopThen(m_extract, ended);
 }
 
 bool CEditSession::IsListing() const
@@ -157,8 +164,7 @@ void CEditSession::Load(const QString& image)
     m_list->Stop();
     CRunCommandThread::Dispose(m_reporter);
     CRunCommandThread::Dispose(m_count);
-    m_copier.reset();
-    CRunCommandThread::StopThen(m_extract, [dir = std::shared_ptr<ScratchFolder>(std::move(m_dir))] {});
+    DropWorkingCopy();
     m_pending.clear();
     m_workingCopy.clear();
     m_image = image;
@@ -339,6 +345,14 @@ void CEditSession::StartWorkingCopy()
     QDir().mkpath(m_workingCopy);
     m_boot = BootSetup::Prepare(m_image, m_dir->FilePath(QStringLiteral("boot")));
     m_copier = std::make_unique<CFileCopy>();
+    // A save waits for the edits carried out in the copy: the worker says
+    // how far it is and when its queue has run empty.
+    const auto saveWaits = [this] {
+        if (m_task == Task::Save)
+            CheckCopies();
+    };
+    connect(m_copier.get(), &CFileCopy::progress, this, saveWaits);
+    connect(m_copier.get(), &CFileCopy::idle, this, saveWaits);
     m_extract = new CRunCommandThread;
     connect(m_extract, &CRunCommandThread::standoutputline, this, &CEditSession::OnExtractLine);
     connect(m_extract, &CRunCommandThread::sigfinished, this, &CEditSession::OnExtracted);
@@ -349,8 +363,12 @@ void CEditSession::StartWorkingCopy()
 
 void CEditSession::OnExtractLine(const QString& line)
 {
-    if (const std::optional<Extraction::Progress> progress = Extraction::ParseProgress(line))
-        m_extractProgress = progress->percent;
+    const std::optional<Extraction::Progress> progress = Extraction::ParseProgress(line);
+    if (!progress || progress->percent == m_extractProgress)
+        return;
+    m_extractProgress = progress->percent;
+    if (m_task == Task::Save)
+        CheckCopies();
 }
 
 void CEditSession::OnExtracted()
@@ -367,6 +385,8 @@ void CEditSession::OnExtracted()
             QStringLiteral("The image could not be read completely, so it cannot be edited. %1")
                 .arg(failure);
         Q_EMIT extracted(false);
+        if (m_task == Task::Save)
+            CheckCopies();
         return;
     }
     m_extractProgress = 100;
@@ -376,6 +396,8 @@ void CEditSession::OnExtracted()
         m_copier->AddJob(source, target, mode);
     m_pending.clear();
     Q_EMIT extracted(true);
+    if (m_task == Task::Save)
+        CheckCopies();
 }
 
 void CEditSession::Queue(const QString& source, const QString& target, int mode)
@@ -602,6 +624,7 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
 {
     Stop();
     m_task = Task::Export;
+    m_phase = Phase::Exporting;
     m_destination = destination;
     m_exportEntries.clear();
     m_exportItems.clear();
@@ -705,6 +728,12 @@ void CEditSession::StartExportCopies()
     }
     // A worker of the export's own, which a stop ends at once.
     m_exporter = std::make_unique<CFileCopy>();
+    const auto exportWaits = [this] {
+        if (m_task == Task::Export)
+            CheckCopies();
+    };
+    connect(m_exporter.get(), &CFileCopy::progress, this, exportWaits);
+    connect(m_exporter.get(), &CFileCopy::idle, this, exportWaits);
     for (const auto& [source, name] : m_exportCopies) {
         const QString target =
             QDir(m_destination).filePath(Extraction::FreeName(m_destination, name));
@@ -716,7 +745,6 @@ void CEditSession::StartExportCopies()
     m_phase = Phase::Copying;
     m_total = m_exporter->RemainingBytes();
     Q_EMIT progress(Phase::Copying, 0, m_total >> 10);
-    m_poll->start();
 }
 
 void CEditSession::Save(const QString& output)
@@ -736,13 +764,13 @@ void CEditSession::Save(const QString& output)
         return;
     }
     m_phase = Phase::Reading;
-    Poll();
-    if (m_task != Task::None)
-        m_poll->start();
+    CheckCopies();
 }
 
-void CEditSession::Poll()
+void CEditSession::CheckCopies()
 {
+    if (m_task == Task::None)
+        return;
     if (m_phase == Phase::Reading) {
         if (!m_loadProblem.isEmpty()) {
             Finish(false, m_loadProblem);
@@ -757,15 +785,17 @@ void CEditSession::Poll()
     }
     if (m_phase != Phase::Copying)
         return;
-    CFileCopy& worker = m_task == Task::Export ? *m_exporter : *m_copier;
-    const qint64 remaining = worker.RemainingBytes();
+    CFileCopy* const worker = m_task == Task::Export ? m_exporter.get() : m_copier.get();
+    if (!worker)
+        return;
+    const qint64 remaining = worker->RemainingBytes();
     // The worker sizes what was queued as it goes: the whole grows with it.
     m_total = qMax(m_total, remaining);
     if (remaining >= 1) {
         Q_EMIT progress(Phase::Copying, (m_total - remaining) >> 10, m_total >> 10);
         return;
     }
-    const QStringList failures = worker.TakeFailures();
+    const QStringList failures = worker->TakeFailures();
     if (!failures.isEmpty()) {
         Finish(false, QStringLiteral("These could not be copied: %1")
                           .arg(failures.join(QStringLiteral("; "))));
@@ -779,7 +809,6 @@ void CEditSession::Poll()
 
 void CEditSession::StartBuild()
 {
-    m_poll->stop();
     m_phase = Phase::Saving;
     Q_EMIT progress(Phase::Saving, 0, 10000);
 
@@ -816,29 +845,35 @@ void CEditSession::Stop()
 {
     if (m_task == Task::None)
         return;
-    m_poll->stop();
     m_save->Stop();
     m_build->Stop();
     m_exportJob->Stop();
-    if (m_exporter) {
-        m_exporter.reset(); // a copy under way is cut short
-        for (const QString& target : std::as_const(m_exportTargets)) {
+    // A copy under way is cut short; what it made goes once it has ended.
+    DropExporter(m_exportTargets);
+    m_exportTargets.clear();
+    m_task = Task::None;
+}
+
+void CEditSession::DropExporter(const QStringList& removed)
+{
+    if (!m_exporter)
+        return;
+    disconnect(m_exporter.get(), nullptr, this, nullptr);
+    CFileCopy::Retire(std::move(m_exporter), [removed] {
+        for (const QString& target : removed) {
             if (QFileInfo(target).isDir())
                 QDir(target).removeRecursively();
             else
                 QFile::remove(target);
         }
-    }
-    m_exportTargets.clear();
-    m_task = Task::None;
+    });
 }
 
 void CEditSession::Finish(bool succeeded, const QString& message)
 {
-    m_poll->stop();
     const Task task = m_task;
     m_task = Task::None;
-    m_exporter.reset();
+    DropExporter({});
     m_exportTargets.clear();
     if (task == Task::Export)
         Q_EMIT exportFinished(succeeded, message);

@@ -19,7 +19,6 @@ class CExtractJob;
 class CFileCopy;
 class CListJob;
 class CRunCommandThread;
-class QTimer;
 class ScratchFolder;
 
 // Everything behind the edit page that needs no widget. Loading an image
@@ -133,7 +132,16 @@ private:
     QString LocalPath(const QString& name) const;
     int AddIndexOf(const Item* item) const;
     bool ReplayedAfter(size_t index) const;
-    void Poll();
+    // Moves a save or an export on as far as what it waits for allows: the
+    // working copy, then the copies queued. Called whenever one of them has
+    // news; it reads their state afresh, so a late or repeated call is harmless.
+    void CheckCopies();
+    // Lets go of the working copy's worker and tool without waiting for
+    // either; the folder goes once both have ended.
+    void DropWorkingCopy();
+    // Lets go of the export's worker without waiting for it; `removed` goes
+    // once it has ended.
+    void DropExporter(const QStringList& removed);
     // Gives an extracted entry the name and, for a folder, the contents the tree shows.
     bool PlaceExported(const QString& placed, const Item& item, QString* why);
     void StartExportCopies();
@@ -174,7 +182,6 @@ private:
     CImageSaveJob* m_save = nullptr;
     CExtractJob* m_exportJob = nullptr;
     std::unique_ptr<CFileCopy> m_exporter;
-    QTimer* m_poll = nullptr;
     Task m_task = Task::None;
     Phase m_phase = Phase::Reading;
     qint64 m_total = 0;
