@@ -1,10 +1,10 @@
 #include <QtTest>
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "common/isofixture.h"
+#include "common/slowdisk.h"
 #include "tools/filecopy.h"
 
 namespace {
@@ -184,79 +184,6 @@ void TestFileCopy::idleComesOnceForManyJobs()
     QCOMPARE(idle.count(), 1);
 }
 
-namespace {
-
-// A file system on a loop device whose reads this process may do only at
-// `rate` bytes a second (a block I/O cgroup): a slow disk, for real.
-class SlowDisk
-{
-public:
-    SlowDisk(const QString& folder, qint64 rate) : m_mount(folder + "/mnt")
-    {
-        const QString image = folder + "/fs.img";
-        QDir().mkpath(m_mount);
-        QFile file(image);
-        if (!file.open(QIODevice::WriteOnly) || !file.resize(256 * 1024 * 1024))
-            return;
-        file.close();
-        if (!run("mkfs.ext4", {"-q", "-F", image}) ||
-            !run("losetup", {"-f", "--show", image}, &m_device))
-            return;
-        m_mounted = run("mount", {m_device, m_mount});
-        struct stat info
-        {
-        };
-        ::stat(QFile::encodeName(m_device).constData(), &info);
-        m_limit = QByteArray::number(major(info.st_rdev)) + ':' +
-                  QByteArray::number(minor(info.st_rdev)) + ' ' + QByteArray::number(rate);
-    }
-    ~SlowDisk()
-    {
-        write(kRoot + "/cgroup.procs", QByteArray::number(::getpid()));
-        QDir().rmdir(kGroup);
-        if (m_mounted)
-            run("umount", {m_mount});
-        if (!m_device.isEmpty())
-            run("losetup", {"-d", m_device});
-    }
-    bool IsMounted() const { return m_mounted; }
-    QString Path(const QString& name) const { return m_mount + '/' + name; }
-    // Mounted afresh, so nothing is in the page cache, and reads limited.
-    bool Throttle()
-    {
-        return run("umount", {m_mount}) && run("mount", {m_device, m_mount}) &&
-               QDir().mkpath(kGroup) &&
-               write(kGroup + "/blkio.throttle.read_bps_device", m_limit) &&
-               write(kGroup + "/cgroup.procs", QByteArray::number(::getpid()));
-    }
-
-private:
-    static bool run(const QString& program, const QStringList& arguments, QString* output = nullptr)
-    {
-        QProcess process;
-        process.start(program, arguments);
-        const bool ok = process.waitForFinished(60000) &&
-                        process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-        if (output)
-            *output = QString::fromLocal8Bit(process.readAllStandardOutput()).trimmed();
-        return ok;
-    }
-    static bool write(const QString& path, const QByteArray& text)
-    {
-        QFile file(path);
-        return file.open(QIODevice::WriteOnly) && file.write(text) == text.size();
-    }
-
-    const QString kRoot = "/sys/fs/cgroup/blkio";
-    const QString kGroup = kRoot + "/brenta-tst-filecopy";
-    QString m_mount;
-    QString m_device;
-    QByteArray m_limit;
-    bool m_mounted = false;
-};
-
-} // namespace
-
 // A copy in the kernel is cut into pieces; a stop takes effect after the
 // piece under way, so from a slow disk it must be small.
 void TestFileCopy::stopEndsASlowCopyAtOnce()
@@ -265,7 +192,7 @@ void TestFileCopy::stopEndsASlowCopyAtOnce()
         !QFileInfo::exists("/sys/fs/cgroup/blkio/blkio.throttle.read_bps_device"))
         QSKIP("needs root and block I/O throttling");
     constexpr qint64 kRate = 8 * 1024 * 1024;
-    SlowDisk disk(m_dir.path(), kRate);
+    SlowDisk disk(m_dir.path(), kRate, "brenta-tst-filecopy");
     QVERIFY(disk.IsMounted());
     {
         QFile file(disk.Path("slow.bin"));

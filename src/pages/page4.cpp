@@ -320,7 +320,7 @@ void CPage4::OnNew() {}
 
 void CPage4::OnBack()
 {
-    // The page goes with its session: tools stopped, worker joined, working
+    // The page goes with its session: tools stopped, worker let go, working
     // copy removed.
     m_session.Stop();
     hide();
