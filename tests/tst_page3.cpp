@@ -187,7 +187,7 @@ void TestPage3::stopWhileCopyingMakesNoImage()
     QVERIFY(!QFileInfo::exists(output));
 }
 
-// Departure from the page must stop its worker before its working copy goes.
+// Leaving the page must stop its worker before its working copy goes.
 void TestPage3::backWhileCopyingLeavesNothingBehind()
 {
     m_answers << QStringList{bigFile(m_dir.path())};
