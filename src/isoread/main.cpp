@@ -344,7 +344,7 @@ int list(const char* imagePath)
 class Extractor
 {
 public:
-    Extractor(int folder, std::vector<std::string> entries) : m_top(folder)
+    explicit Extractor(std::vector<std::string> entries)
     {
         for (const std::string& entry : entries) {
             m_wanted.insert(entry);
@@ -551,7 +551,6 @@ private:
         std::fflush(stdout);
     }
 
-    int m_top;
     std::set<std::string> m_wanted;
     std::set<std::string> m_above;
     std::set<std::string> m_found;
@@ -563,9 +562,6 @@ private:
     int m_failures = 0;
     std::chrono::steady_clock::time_point m_told{};
     std::vector<char> m_buffer = std::vector<char>(kWindow);
-
-public:
-    int Top() const { return m_top; }
 };
 
 int extract(const char* imagePath, const char* folderPath, std::vector<std::string> entries)
@@ -581,7 +577,7 @@ int extract(const char* imagePath, const char* folderPath, std::vector<std::stri
         std::printf("error: cannot open %s: %s\n", folderPath, std::strerror(errno));
         return 1;
     }
-    Extractor extractor(folder, std::move(entries));
+    Extractor extractor(std::move(entries));
     extractor.Measure(image.Root(), std::string(), false, 0);
     extractor.Extract(image.Root(), folder, std::string(), false, 0);
     const int status = extractor.Finish();
