@@ -3,6 +3,7 @@
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QScopeGuard>
 #include <QSocketNotifier>
 
@@ -70,59 +71,99 @@ QStringList operandsOf(const Words& words)
     return words.head + words.tail;
 }
 
-// burn-usb IMAGE DEVICE [DEVICE...] and its options, in any order. Returns what
-// is wrong, or nothing.
-QString parseBurnUsb(const Words& words, Request& request)
+// An option of a command: how many values follow it, and what is said when
+// they do not.
+struct OptionSpec
+{
+    int values = 0;
+    QString missing; // empty: "<option> takes a value."
+};
+
+// Walks a command's words in any order: operands are collected into
+// `operands` (those after "--" last), each known option is handed with its
+// values to `take`, which says what is wrong with them or nothing. A value
+// never starts like an option: "--label --yes" is a forgotten label, not a
+// label.
+QString scanOptions(const QString& command, const Words& words,
+                    const QHash<QString, OptionSpec>& known,
+                    const std::function<QString(const QString&, const QStringList&)>& take,
+                    QStringList& operands)
 {
     const QStringList& head = words.head;
-    QStringList operands;
     for (int i = 0; i < head.size(); ++i) {
         const QString& option = head.at(i);
         if (!isOption(option)) {
             operands << option;
             continue;
         }
-        if (option == QLatin1String("--yes")) {
-            request.yes = true;
-            continue;
+        const auto spec = known.constFind(option);
+        if (spec == known.cend())
+            return QStringLiteral("Unknown %1 option: %2").arg(command, option);
+        QStringList values;
+        for (int v = 0; v < spec->values; ++v) {
+            if (i + 1 >= head.size() || isOption(head.at(i + 1)))
+                return spec->missing.isEmpty() ? QStringLiteral("%1 takes a value.").arg(option)
+                                               : spec->missing;
+            values << head.at(++i);
         }
-        if (option != QLatin1String("--scheme") && option != QLatin1String("--fs") &&
-            option != QLatin1String("--label") && option != QLatin1String("--mode"))
-            return QStringLiteral("Unknown burn-usb option: %1").arg(option);
-        // "--label --yes" is a forgotten label, not a label.
-        if (i + 1 >= head.size() || isOption(head.at(i + 1)))
-            return QStringLiteral("%1 takes a value.").arg(option);
-        const QString value = head.at(++i);
-        if (option == QLatin1String("--mode")) {
-            if (value.compare(QLatin1String("image"), Qt::CaseInsensitive) == 0)
-                request.writeMode = UsbPlan::WriteMode::Image;
-            else if (value.compare(QLatin1String("files"), Qt::CaseInsensitive) == 0)
-                request.writeMode = UsbPlan::WriteMode::Files;
-            else if (value.compare(QLatin1String("auto"), Qt::CaseInsensitive) == 0)
-                request.writeMode.reset();
-            else
-                return QStringLiteral("--mode takes auto, image or files.");
-            continue;
-        }
-        request.filesOptions << option;
-        if (option == QLatin1String("--scheme")) {
-            if (value.compare(QLatin1String("mbr"), Qt::CaseInsensitive) == 0)
-                request.scheme = UsbPlan::Scheme::Mbr;
-            else if (value.compare(QLatin1String("gpt"), Qt::CaseInsensitive) == 0)
-                request.scheme = UsbPlan::Scheme::Gpt;
-            else
-                return QStringLiteral("--scheme takes mbr or gpt.");
-        } else if (option == QLatin1String("--fs")) {
-            const std::optional<UsbPlan::FileSystem> fileSystem =
-                UsbPlan::FileSystemFromName(value);
-            if (!fileSystem)
-                return QStringLiteral("--fs takes fat32, ntfs, exfat or fat.");
-            request.fileSystem = *fileSystem;
-        } else {
-            request.label = value;
-        }
+        if (const QString wrong = take(option, values); !wrong.isEmpty())
+            return wrong;
     }
     operands << words.tail;
+    return QString();
+}
+
+// burn-usb IMAGE DEVICE [DEVICE...] and its options, in any order. Returns what
+// is wrong, or nothing.
+QString parseBurnUsb(const Words& words, Request& request)
+{
+    QStringList operands;
+    const QHash<QString, OptionSpec> known{{QStringLiteral("--yes"), {}},
+                                           {QStringLiteral("--scheme"), {1, {}}},
+                                           {QStringLiteral("--fs"), {1, {}}},
+                                           {QStringLiteral("--label"), {1, {}}},
+                                           {QStringLiteral("--mode"), {1, {}}}};
+    const QString wrong = scanOptions(
+        QStringLiteral("burn-usb"), words, known,
+        [&request](const QString& option, const QStringList& values) -> QString {
+            if (option == QLatin1String("--yes")) {
+                request.yes = true;
+                return QString();
+            }
+            const QString& value = values.first();
+            if (option == QLatin1String("--mode")) {
+                if (value.compare(QLatin1String("image"), Qt::CaseInsensitive) == 0)
+                    request.writeMode = UsbPlan::WriteMode::Image;
+                else if (value.compare(QLatin1String("files"), Qt::CaseInsensitive) == 0)
+                    request.writeMode = UsbPlan::WriteMode::Files;
+                else if (value.compare(QLatin1String("auto"), Qt::CaseInsensitive) == 0)
+                    request.writeMode.reset();
+                else
+                    return QStringLiteral("--mode takes auto, image or files.");
+                return QString();
+            }
+            request.filesOptions << option;
+            if (option == QLatin1String("--scheme")) {
+                if (value.compare(QLatin1String("mbr"), Qt::CaseInsensitive) == 0)
+                    request.scheme = UsbPlan::Scheme::Mbr;
+                else if (value.compare(QLatin1String("gpt"), Qt::CaseInsensitive) == 0)
+                    request.scheme = UsbPlan::Scheme::Gpt;
+                else
+                    return QStringLiteral("--scheme takes mbr or gpt.");
+            } else if (option == QLatin1String("--fs")) {
+                const std::optional<UsbPlan::FileSystem> fileSystem =
+                    UsbPlan::FileSystemFromName(value);
+                if (!fileSystem)
+                    return QStringLiteral("--fs takes fat32, ntfs, exfat or fat.");
+                request.fileSystem = *fileSystem;
+            } else {
+                request.label = value;
+            }
+            return QString();
+        },
+        operands);
+    if (!wrong.isEmpty())
+        return wrong;
     if (operands.size() < 2)
         return QStringLiteral("burn-usb takes an image and a USB disk.");
     request.image = operands.at(0);
@@ -145,34 +186,30 @@ QString parseBurnUsb(const Words& words, Request& request)
 // nothing.
 QString parseRestoreUsb(const Words& words, Request& request)
 {
-    const QStringList& head = words.head;
     QStringList operands;
-    for (int i = 0; i < head.size(); ++i) {
-        const QString& option = head.at(i);
-        if (!isOption(option)) {
-            operands << option;
-            continue;
-        }
-        if (option == QLatin1String("--yes")) {
-            request.yes = true;
-            continue;
-        }
-        if (option != QLatin1String("--fs") && option != QLatin1String("--label"))
-            return QStringLiteral("Unknown restore-usb option: %1").arg(option);
-        if (i + 1 >= head.size() || isOption(head.at(i + 1)))
-            return QStringLiteral("%1 takes a value.").arg(option);
-        const QString value = head.at(++i);
-        if (option == QLatin1String("--label")) {
-            request.label = value;
-            continue;
-        }
-        // FAT16 is for images that need it, not for a stick to keep.
-        const std::optional<UsbPlan::FileSystem> fileSystem = UsbPlan::FileSystemFromName(value);
-        if (!fileSystem || *fileSystem == UsbPlan::FileSystem::Fat)
-            return QStringLiteral("--fs takes fat32, exfat or ntfs.");
-        request.fileSystem = *fileSystem;
-    }
-    operands << words.tail;
+    const QHash<QString, OptionSpec> known{{QStringLiteral("--yes"), {}},
+                                           {QStringLiteral("--fs"), {1, {}}},
+                                           {QStringLiteral("--label"), {1, {}}}};
+    const QString wrong = scanOptions(
+        QStringLiteral("restore-usb"), words, known,
+        [&request](const QString& option, const QStringList& values) -> QString {
+            if (option == QLatin1String("--yes")) {
+                request.yes = true;
+            } else if (option == QLatin1String("--label")) {
+                request.label = values.first();
+            } else {
+                // FAT16 is for images that need it, not for a stick to keep.
+                const std::optional<UsbPlan::FileSystem> fileSystem =
+                    UsbPlan::FileSystemFromName(values.first());
+                if (!fileSystem || *fileSystem == UsbPlan::FileSystem::Fat)
+                    return QStringLiteral("--fs takes fat32, exfat or ntfs.");
+                request.fileSystem = *fileSystem;
+            }
+            return QString();
+        },
+        operands);
+    if (!wrong.isEmpty())
+        return wrong;
     if (operands.size() != 1)
         return QStringLiteral("restore-usb takes one USB disk.");
     request.device = operands.first();
@@ -183,43 +220,33 @@ QString parseRestoreUsb(const Words& words, Request& request)
 // wrong, or nothing.
 QString parseEdit(const Words& words, Request& request)
 {
-    const QStringList& head = words.head;
     QStringList operands;
-    for (int i = 0; i < head.size(); ++i) {
-        const QString& option = head.at(i);
-        if (!isOption(option)) {
-            operands << option;
-            continue;
-        }
-        int values = 0;
-        if (option == QLatin1String("--add") || option == QLatin1String("--delete") ||
-            option == QLatin1String("--label"))
-            values = 1;
-        else if (option == QLatin1String("--rename"))
-            values = 2;
-        else
-            return QStringLiteral("Unknown edit option: %1").arg(option);
-        QStringList edit{option};
-        for (int v = 0; v < values; ++v) {
-            if (i + 1 >= head.size() || isOption(head.at(i + 1)))
-                return option == QLatin1String("--rename")
-                           ? QStringLiteral("--rename takes an entry and a new name.")
-                           : QStringLiteral("%1 takes a value.").arg(option);
-            edit << head.at(++i);
-        }
-        if (option == QLatin1String("--add")) {
-            // PATH=FOLDER puts PATH into FOLDER; a path that exists as written
-            // is taken whole, "=" and all.
-            const QString value = edit.takeLast();
-            const qsizetype equals = value.lastIndexOf(QLatin1Char('='));
-            if (equals > 0 && !QFileInfo::exists(value))
-                edit << value.left(equals) << value.mid(equals + 1);
-            else
-                edit << value << QString();
-        }
-        request.edits << edit;
-    }
-    operands << words.tail;
+    const QHash<QString, OptionSpec> known{
+        {QStringLiteral("--add"), {1, {}}},
+        {QStringLiteral("--delete"), {1, {}}},
+        {QStringLiteral("--label"), {1, {}}},
+        {QStringLiteral("--rename"),
+         {2, QStringLiteral("--rename takes an entry and a new name.")}}};
+    const QString wrong = scanOptions(
+        QStringLiteral("edit"), words, known,
+        [&request](const QString& option, const QStringList& values) -> QString {
+            QStringList edit = QStringList{option} + values;
+            if (option == QLatin1String("--add")) {
+                // PATH=FOLDER puts PATH into FOLDER; a path that exists as written
+                // is taken whole, "=" and all.
+                const QString value = edit.takeLast();
+                const qsizetype equals = value.lastIndexOf(QLatin1Char('='));
+                if (equals > 0 && !QFileInfo::exists(value))
+                    edit << value.left(equals) << value.mid(equals + 1);
+                else
+                    edit << value << QString();
+            }
+            request.edits << edit;
+            return QString();
+        },
+        operands);
+    if (!wrong.isEmpty())
+        return wrong;
     if (operands.size() < 2)
         return QStringLiteral("edit takes an image and an output image.");
     if (operands.size() > 2)
