@@ -1054,10 +1054,10 @@ void CUsbBurnJob::OnListed()
     Q_EMIT planned(true, QString());
 }
 
-void CUsbBurnJob::Burn()
+bool CUsbBurnJob::BeginBurn()
 {
     if (!m_planned || m_running)
-        return;
+        return false;
     m_planned = false;
     m_running = true;
     m_restoring = false;
@@ -1066,6 +1066,13 @@ void CUsbBurnJob::Burn()
     m_efiCopied = false;
     m_sharedFeeder = false;
     m_feeder.reset();
+    return true;
+}
+
+void CUsbBurnJob::Burn()
+{
+    if (!BeginBurn())
+        return;
     if (m_decision.mode == UsbPlan::WriteMode::Image) {
         StartWrite();
         return;
@@ -1080,13 +1087,8 @@ void CUsbBurnJob::Burn()
 
 void CUsbBurnJob::BurnFrom(std::shared_ptr<UsbBurn::ImageFeeder> feeder, int output)
 {
-    if (!m_planned || m_running || m_decision.mode != UsbPlan::WriteMode::Image)
+    if (m_decision.mode != UsbPlan::WriteMode::Image || !BeginBurn())
         return;
-    m_planned = false;
-    m_running = true;
-    m_restoring = false;
-    m_failure.clear();
-    m_mountPoint.clear();
     m_feeder = std::move(feeder);
     m_sharedFeeder = true;
     m_output = output;

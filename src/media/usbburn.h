@@ -242,6 +242,8 @@ Q_SIGNALS:
 
 private:
     using Next = void (CUsbBurnJob::*)();
+    // Takes a planned burn on, afresh; false when none is planned or one runs.
+    bool BeginBurn();
     void OnListed();
     void PlanImage();
     // The installer image to split, as a path inside the image ("sources/install.wim"), or empty.
