@@ -22,7 +22,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/editsession.h"
 #include "iso/imagesave.h"
 #include "iso/isoprobe.h"

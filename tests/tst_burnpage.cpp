@@ -11,7 +11,7 @@
 #include <unistd.h>
 
 #include "app/mainwindow.h"
-#include "app/util.h"
+#include "core/util.h"
 #include "common/hybridimage.h"
 #include "common/isofixture.h"
 #include "common/modal.h"

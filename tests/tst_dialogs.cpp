@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "common/modal.h"
 #include "common/urlrecorder.h"
 #include "ui/baseimagectrl.h"

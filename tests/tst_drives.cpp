@@ -4,7 +4,7 @@
 
 #include <umockdev.h>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "media/drives.h"
 
 // Runs under umockdev-wrapper: every test gets a fresh fake /sys and /dev

@@ -1,6 +1,6 @@
 #include <QtTest>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "common/isofixture.h"
 #include "common/listedimage.h"
 #include "common/slowdisk.h"

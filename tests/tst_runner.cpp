@@ -2,7 +2,7 @@
 
 #include <csignal>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "common/isofixture.h"
 #include "tools/runcommandthread.h"
 

@@ -1,6 +1,6 @@
 #include <QtTest>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "tools/toollocator.h"
 
 using ToolLocator::Tool;

@@ -3,7 +3,7 @@
 #include <QDataStream>
 #include <QTemporaryDir>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace {
 

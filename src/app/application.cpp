@@ -5,7 +5,7 @@
 #include <QFont>
 #include <QIcon>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace Application {
 

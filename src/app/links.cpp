@@ -3,7 +3,7 @@
 #include <QFileInfo>
 #include <QUrl>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace Links {
 

@@ -9,7 +9,7 @@
 #include "app/cli.h"
 #include "app/mainwindow.h"
 #include "app/screenshots.h"
-#include "app/util.h"
+#include "core/util.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <cstring>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace BootSetup {
 namespace {

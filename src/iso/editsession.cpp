@@ -9,7 +9,7 @@
 
 #include <functional>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/extraction.h"
 #include "iso/isojobs.h"
 #include "iso/isoprobe.h"

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace ElTorito {
 namespace {

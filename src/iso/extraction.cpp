@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/itemtree.h"
 #include "iso/listing.h"
 

@@ -4,7 +4,7 @@
 #include <QFileInfo>
 #include <QRegularExpression>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/isoprobe.h"
 #include "tools/runcommandthread.h"
 #include "tools/toollocator.h"

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "tools/filecopy.h"
 
 #include "iso/extraction.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace {
 

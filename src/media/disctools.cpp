@@ -12,7 +12,7 @@
 
 #include <cstring>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "tools/runcommandthread.h"
 #include "tools/toollocator.h"
 

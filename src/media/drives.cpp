@@ -13,12 +13,12 @@
 
 #include <libudev.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
+
+#include "core/sysblock.h"
 
 namespace {
 
 const QLatin1String kClassBlock("/sys/class/block/");
-const QLatin1String kDevBlock("/sys/dev/block/");
 
 // Mount points whose disk must never be offered for overwriting.
 const QStringList kSystemMountPoints = {
@@ -69,49 +69,6 @@ QString fromUdev(const char* text)
     return text ? QString::fromUtf8(text) : QString();
 }
 
-// First line of a sysfs attribute, trimmed; empty when it cannot be read.
-QString readSys(const QString& path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return QString();
-    return QString::fromUtf8(file.readLine(4096)).trimmed();
-}
-
-// "sdb", or "" for something that cannot be a block device's name (sysfs
-// writes a "/" in a kernel name as "!").
-QString sysName(QString name)
-{
-    name.replace(QLatin1Char('/'), QLatin1Char('!'));
-    if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String(".."))
-        return QString();
-    return name;
-}
-
-bool isBlockName(const QString& name)
-{
-    return !name.isEmpty() && QFileInfo::exists(kClassBlock + name);
-}
-
-// The block device with the given device number, through /sys/dev/block or,
-// where that index is missing, by reading every block device's "dev".
-QString nameForNumber(dev_t number)
-{
-    // Major 0 is the kernel's numbering of file systems without a device.
-    if (major(number) == 0)
-        return QString();
-    const QString id = QStringLiteral("%1:%2").arg(major(number)).arg(minor(number));
-    const QString linked = QFileInfo(kDevBlock + id).canonicalFilePath();
-    if (!linked.isEmpty())
-        return QFileInfo(linked).fileName();
-    const QStringList names = QDir(kClassBlock).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
-    for (const QString& name : names) {
-        if (readSys(kClassBlock + name + QLatin1String("/dev")) == id)
-            return name;
-    }
-    return QString();
-}
-
 // Maps what a mount or swap table names ("/dev/sda2", "/dev/mapper/root",
 // "/dev/disk/by-uuid/...", "UUID=...", a swap file) to the sysfs name of the
 // block device that holds it; empty when it is not on a block device.
@@ -129,28 +86,7 @@ QString blockNameOf(QString source)
             break;
         }
     }
-    if (!source.startsWith(QLatin1Char('/')))
-        return QString();
-
-    // The device number is the reliable key: it survives renamed and linked
-    // nodes. A file (a swap file) counts for the device its file system is on.
-    struct stat info;
-    if (::stat(QFile::encodeName(source).constData(), &info) == 0) {
-        const QString name = S_ISBLK(info.st_mode) ? nameForNumber(info.st_rdev)
-                             : S_ISREG(info.st_mode) ? nameForNumber(info.st_dev)
-                                                     : QString();
-        if (!name.isEmpty())
-            return name;
-    }
-
-    // Else by name: the node the path leads to, "/dev/dm-0" for "/dev/mapper/root".
-    QString path = QFileInfo(source).canonicalFilePath();
-    if (path.isEmpty())
-        path = QDir::cleanPath(source);
-    if (!path.startsWith(QLatin1String("/dev/")))
-        return QString();
-    const QString name = sysName(path.mid(5));
-    return isBlockName(name) ? name : QString();
+    return SysBlock::NameOfPath(source);
 }
 
 // The whole disk of a partition ("sdb" for "sdb1"); a disk is its own.
@@ -161,7 +97,7 @@ QString diskOf(const QString& name)
         return name;
     const QString parent = QFileInfo(QFileInfo(dir).canonicalFilePath()).path();
     const QString disk = QFileInfo(parent).fileName();
-    return isBlockName(disk) ? disk : name;
+    return SysBlock::IsBlockName(disk) ? disk : name;
 }
 
 // Undoes the octal escapes of /proc/self/mounts and /proc/swaps ("\040").
@@ -216,7 +152,7 @@ QSet<QString> systemDisks(const QString& mounts, const QString& swaps)
         struct stat info;
         if (name.isEmpty() && source == QLatin1String("/dev/root")
             && ::stat(QFile::encodeName(unescapeField(row[1])).constData(), &info) == 0)
-            name = nameForNumber(info.st_dev);
+            name = SysBlock::NameOfDevice(info.st_dev);
         if (!name.isEmpty())
             pending << name;
     }
@@ -318,8 +254,8 @@ QString vendorAndModel(udev_device* device)
         model.replace(QLatin1Char('_'), QLatin1Char(' '));
     } else {
         const QString dir = fromUdev(udev_device_get_syspath(device)) + QLatin1String("/device/");
-        vendor = readSys(dir + QLatin1String("vendor"));
-        model = readSys(dir + QLatin1String("model"));
+        vendor = SysBlock::ReadAttribute(dir + QLatin1String("vendor"));
+        model = SysBlock::ReadAttribute(dir + QLatin1String("model"));
     }
     return (vendor + QLatin1Char(' ') + model).simplified();
 }
@@ -394,9 +330,9 @@ QList<OpticalDrive> Drives::Optical()
         OpticalDrive drive;
         drive.node = nodeOf(device);
         const QString link = fromUdev(udev_device_get_syspath(device)) + QLatin1String("/device");
-        drive.vendor = readSys(link + QLatin1String("/vendor"));
-        drive.model = readSys(link + QLatin1String("/model"));
-        drive.revision = readSys(link + QLatin1String("/rev"));
+        drive.vendor = SysBlock::ReadAttribute(link + QLatin1String("/vendor"));
+        drive.model = SysBlock::ReadAttribute(link + QLatin1String("/model"));
+        drive.revision = SysBlock::ReadAttribute(link + QLatin1String("/rev"));
 
         // The SCSI device the block device belongs to is named "H:C:T:L".
         const QStringList address = QFileInfo(QFileInfo(link).symLinkTarget()).fileName().split(QLatin1Char(':'));
@@ -426,12 +362,7 @@ qint64 Drives::DeviceSize(const QString& node)
     // A path names a device only under /dev; "sdb" is the kernel's name itself.
     if (node.startsWith(QLatin1Char('/')) && !node.startsWith(QLatin1String("/dev/")))
         return 0;
-    const QString name = node.startsWith(QLatin1Char('/')) ? blockNameOf(node) : sysName(node);
-    if (!isBlockName(name))
-        return 0;
-    bool ok = false;
-    const qint64 sectors = readSys(kClassBlock + name + QLatin1String("/size")).toLongLong(&ok);
-    return ok && sectors > 0 ? sectors * 512 : 0;
+    return SysBlock::SizeOf(node.startsWith(QLatin1Char('/')) ? blockNameOf(node) : SysBlock::KernelName(node));
 }
 
 Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, const QString& swaps)
@@ -441,12 +372,12 @@ Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, co
     if (::stat(QFile::encodeName(node).constData(), &info) != 0 || !S_ISBLK(info.st_mode))
         return facts;
     facts.blockDevice = true;
-    facts.name = nameForNumber(info.st_rdev);
+    facts.name = SysBlock::NameOfDevice(info.st_rdev);
     if (facts.name.isEmpty())
         return facts;
     facts.partition = QFileInfo::exists(kClassBlock + facts.name + QLatin1String("/partition"));
     facts.loop = facts.name.startsWith(QLatin1String("loop"));
-    facts.removable = readSys(kClassBlock + facts.name + QLatin1String("/removable")) == QLatin1String("1");
+    facts.removable = SysBlock::ReadAttribute(kClassBlock + facts.name + QLatin1String("/removable")) == QLatin1String("1");
     facts.holdsSystem = systemDisks(mounts, swaps).contains(diskOf(facts.name));
 
     const UdevPtr context(udev_new());
@@ -461,8 +392,8 @@ Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, co
 
 QStringList Drives::PartitionsOf(const QString& diskName)
 {
-    const QString name = sysName(diskName);
-    if (!isBlockName(name))
+    const QString name = SysBlock::KernelName(diskName);
+    if (!SysBlock::IsBlockName(name))
         return {};
     QStringList parts;
     const QStringList entries = QDir(kClassBlock + name).entryList(QDir::Dirs | QDir::NoDotAndDotDot);

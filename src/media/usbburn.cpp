@@ -26,7 +26,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/bootsetup.h"
 #include "iso/eltorito.h"
 #include "iso/extraction.h"

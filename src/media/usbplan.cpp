@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/itemtree.h"
 
 namespace UsbPlan {

@@ -9,7 +9,7 @@
 #include <QRadioButton>
 #include <QStandardItemModel>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/isojobs.h"
 #include "media/disctools.h"
 #include "media/drives.h"

@@ -7,7 +7,7 @@
 #include <QTableView>
 #include <QTreeWidget>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/isojobs.h"
 #include "ui/baseimagectrl.h"
 #include "ui/contentsview.h"

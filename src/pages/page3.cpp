@@ -11,7 +11,7 @@
 #include <QRadioButton>
 #include <QTreeWidget>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/isojobs.h"
 #include "ui/baseimagectrl.h"
 #include "ui/fileicons.h"

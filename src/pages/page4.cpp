@@ -11,7 +11,7 @@
 #include <QTimer>
 #include <QTreeWidget>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "ui/baseimagectrl.h"
 #include "ui/contentsview.h"
 #include "ui/filelistwidgets.h"

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "media/disctools.h"
 #include "ui/baseimagectrl.h"
 #include "ui/progressdialog.h"

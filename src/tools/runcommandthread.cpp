@@ -12,7 +12,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "tools/outputsplitter.h"
 
 namespace {

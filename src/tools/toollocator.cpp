@@ -3,7 +3,7 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace ToolLocator {
 namespace {

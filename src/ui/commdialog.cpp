@@ -3,7 +3,7 @@
 #include <QKeyEvent>
 #include <QLabel>
 
-#include "app/util.h"
+#include "core/util.h"
 #include "ui/baseimagectrl.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <QHash>
 #include <QMimeDatabase>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace FileIcons {
 namespace {

@@ -1,6 +1,6 @@
 #include "ui/foldermodel.h"
 
-#include "app/util.h"
+#include "core/util.h"
 #include "iso/itemtree.h"
 #include "ui/fileicons.h"
 

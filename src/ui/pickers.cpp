@@ -7,7 +7,7 @@
 #include <QRegularExpression>
 #include <QTreeView>
 
-#include "app/util.h"
+#include "core/util.h"
 
 namespace PickerSeam {
 namespace {

@@ -1,4 +1,4 @@
-#include "app/util.h"
+#include "core/util.h"
 
 #include <QCoreApplication>
 #include <QDataStream>
@@ -22,7 +22,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include "media/drives.h"
+#include "core/sysblock.h"
 
 namespace {
 
@@ -206,8 +206,10 @@ void Util::RemoveDir(const QString& path, bool removeFiles)
 
 qint64 Util::DiskTotalSize(const QString& path)
 {
+    // A device node, or a link to one: its size as sysfs tells it, which
+    // needs no permission to open the device.
     if (path.startsWith(QLatin1String("/dev/")))
-        return Drives::DeviceSize(path);
+        return SysBlock::SizeOf(SysBlock::NameOfPath(path));
     struct statvfs info;
     if (path.isEmpty() || ::statvfs(QFile::encodeName(path).constData(), &info) != 0)
         return 0;

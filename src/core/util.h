@@ -9,9 +9,10 @@ class QWidget;
 // Static helpers shared by every part of Brenta: locations, logging, size and
 // time texts, small file operations, and the message dialogs.
 //
-// The file and text helpers need no widgets and live in the core library; the
-// members marked "widgets" below are defined by the GUI library (util_gui.cpp),
-// so a tool built on the core library alone must not call them.
+// The file and text helpers need no widgets and are defined here, in the core
+// library. The members marked "widgets" and "pickers" below are defined by the
+// GUI library (ui/util_gui.cpp, ui/pickers.cpp), so a program built on the
+// core library alone must not call them.
 class Util final
 {
 public:

@@ -1,6 +1,6 @@
 // The members of Util that need widgets or the desktop: opening folders and the
 // message dialogs. Kept apart so that the core library links Qt Core only.
-#include "app/util.h"
+#include "core/util.h"
 
 #include <QDesktopServices>
 #include <QDir>
