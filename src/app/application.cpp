@@ -1,10 +1,10 @@
 #include "app/application.h"
 
 #include <QApplication>
-#include <QDebug>
 #include <QFont>
 #include <QIcon>
 
+#include "core/logging.h"
 #include "core/util.h"
 
 namespace Application {
@@ -18,7 +18,7 @@ void SetUp(QApplication& application)
     QGuiApplication::setApplicationDisplayName(QStringLiteral("Brenta"));
     QGuiApplication::setDesktopFileName(QStringLiteral("brenta"));
 
-    qDebug() << "data directory" << Util::DataDir();
+    qCDebug(lcUi) << "data folder" << Util::DataDir();
 
     // The pictures were drawn for this family; on Linux it falls back to a good
     // sans-serif that the set-up installs.

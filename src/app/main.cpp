@@ -1,6 +1,5 @@
 #include <QApplication>
 #include <QCoreApplication>
-#include <QDebug>
 #include <QLoggingCategory>
 
 #include <cstdio>

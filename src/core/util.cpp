@@ -3,7 +3,6 @@
 #include <QCoreApplication>
 #include <QDataStream>
 #include <QDateTime>
-#include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -22,6 +21,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "core/logging.h"
 #include "core/sysblock.h"
 
 namespace {
@@ -182,9 +182,9 @@ void Util::RemovePath(const QString& path)
 
     if (info.isFile() || info.isSymLink()) {
         if (!file.remove())
-            qDebug() << "Util::RemovePath" << file.errorString();
+            qCDebug(lcFiles) << "cannot remove" << path << file.errorString();
     } else if (!QDir().rmdir(path)) {
-        qDebug() << "Util::RemovePath can not remove directory" << path;
+        qCDebug(lcFiles) << "cannot remove folder" << path;
     }
 }
 
@@ -246,7 +246,7 @@ int Util::Read(QDataStream& stream, qint64 offset, int length, char* buffer)
     stream.resetStatus();
     if (length >= 0 && stream.readRawData(buffer, length) == length)
         return ReadOk;
-    qDebug() << "Util::Read error";
+    qCDebug(lcFiles) << "short read of" << length << "bytes at" << offset;
     return ReadShort;
 }
 

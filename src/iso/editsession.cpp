@@ -1,6 +1,5 @@
 #include "iso/editsession.h"
 
-#include <QDebug>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -9,6 +8,7 @@
 
 #include <functional>
 
+#include "core/logging.h"
 #include "core/util.h"
 #include "iso/extraction.h"
 #include "iso/isojobs.h"
@@ -307,7 +307,7 @@ void CEditSession::Decide()
             const qsizetype shown = m_contents.Count();
             const qsizetype other = m_otherCount;
             udfHoldsMore = m_countIsUdf ? other > shown : shown > other;
-            qDebug() << "CEditSession: entries shown" << shown << "other tree" << other;
+            qCDebug(lcIso) << "entries shown" << shown << "other tree" << other;
         }
         m_needCount = false;
         if (udfHoldsMore) {
@@ -327,7 +327,7 @@ void CEditSession::Decide()
             return;
     }
     m_loaded = true;
-    qDebug() << "CEditSession: loaded, saved by"
+    qCDebug(lcIso) << "loaded, saved by"
              << (m_way == ImageSave::Way::Xorriso ? "xorriso" : "a UDF rebuild") << "boot files"
              << m_report.bootFiles;
     Q_EMIT listed(true);

@@ -1,7 +1,6 @@
 #include "iso/eltorito.h"
 
 #include <QDataStream>
-#include <QDebug>
 #include <QFile>
 #include <QStringList>
 

@@ -1,6 +1,5 @@
 #include "media/disctools.h"
 
-#include <QDebug>
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>

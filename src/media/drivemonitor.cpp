@@ -5,6 +5,8 @@
 
 #include <libudev.h>
 
+#include "core/logging.h"
+
 struct CDriveMonitor::Private
 {
     udev* context = nullptr;
@@ -30,7 +32,7 @@ CDriveMonitor::CDriveMonitor(QObject* parent, int settleMs)
         d->monitor = udev_monitor_new_from_netlink(d->context, "udev");
     if (!d->monitor || udev_monitor_filter_add_match_subsystem_devtype(d->monitor, "block", nullptr) < 0
         || udev_monitor_enable_receiving(d->monitor) < 0 || udev_monitor_get_fd(d->monitor) < 0) {
-        qWarning("CDriveMonitor: cannot watch udev's block devices; drive lists will not follow changes");
+        qCWarning(lcMedia) << "cannot watch udev's block devices; drive lists will not follow changes";
         if (d->monitor)
             udev_monitor_unref(d->monitor);
         d->monitor = nullptr;

@@ -1,7 +1,6 @@
 #include "pages/page2.h"
 
 #include <QApplication>
-#include <QDebug>
 #include <QFileInfo>
 #include <QMenu>
 #include <QTableView>
@@ -40,7 +39,6 @@ CPage2::~CPage2()
 
 void CPage2::InitializeUI()
 {
-    qDebug() << "CPage2::InitializeUI() is called!!";
     SetBackgroundImage(QStringLiteral(":/nwu/page2"));
 
     m_loadiso = MakePictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 567, 17);
@@ -134,7 +132,6 @@ void CPage2::OnExtract()
 
 void CPage2::OnExtractOutput(int percent, const QString& entry)
 {
-    qDebug() << "CPage2::OnExtractOutput" << percent << entry;
     m_progress->SetValue(percent);
     if (percent >= 100)
         m_progress->SetText(QStringLiteral("Copying files, please wait a few seconds.."));

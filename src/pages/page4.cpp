@@ -2,7 +2,6 @@
 
 #include <QAction>
 #include <QApplication>
-#include <QDebug>
 #include <QFileInfo>
 #include <QLabel>
 #include <QLineEdit>
@@ -54,7 +53,6 @@ CPage4::~CPage4()
 
 void CPage4::InitializeUI()
 {
-    qDebug() << "CPage4::InitializeUI() is called!!";
     // The picture is drawn scaled to the page, which keeps its own size.
     const QSize pageSize = size();
     SetBackgroundImage(QStringLiteral(":/nwu/page4"));
@@ -185,7 +183,6 @@ void CPage4::OnUnzipFinished(bool succeeded)
 
 void CPage4::OnExtractFinished(bool succeeded)
 {
-    qDebug() << "CPage4::OnExtractFinished() is called!!";
     m_statusTimer->stop();
     UpdateStatus();
     if (!succeeded) {

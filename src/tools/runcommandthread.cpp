@@ -1,7 +1,6 @@
 #include "tools/runcommandthread.h"
 
 #include <QCoreApplication>
-#include <QDebug>
 #include <QMutexLocker>
 #include <QProcessEnvironment>
 #include <QTimer>
@@ -12,6 +11,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "core/logging.h"
 #include "core/util.h"
 #include "tools/outputsplitter.h"
 
@@ -54,7 +54,6 @@ CProcess::CProcess(QObject* parent) : QProcess(parent)
 
 void CProcess::OnTerminate()
 {
-    qDebug() << "CProcess::OnTerminate()";
     SignalGroup(SIGTERM);
 }
 
@@ -180,7 +179,7 @@ void CRunCommandThread::FinishPendingEnds()
 
 void CRunCommandThread::Stop()
 {
-    qDebug() << "CRunCommandThread::Stop";
+    qCDebug(lcTools) << "stop" << m_program;
     if (m_stopped.exchange(true))
         return;
     m_running = false;
@@ -287,7 +286,7 @@ void CRunCommandThread::run()
         ::close(m_input);
         m_input = -1;
     }
-    qDebug() << "CRunCommandThread run" << m_program << m_arguments;
+    qCDebug(lcTools) << "run" << m_program << m_arguments;
     Util::WriteLog(CommandLineText(m_program, m_arguments));
 
     if (!process.waitForStarted(-1)) {
@@ -355,7 +354,6 @@ void CRunCommandThread::onFinished(CProcess& process, OutputSplitter& splitter)
 
 void CRunCommandThread::OnTerminateProcess(CProcess& process)
 {
-    qDebug() << "CRunCommandThread::OnTerminateProcess is called" << &process;
     if (m_terminating)
         return;
     m_terminating = true;
@@ -376,7 +374,7 @@ void CRunCommandThread::sloterrorstart(const CProcess& process)
         m_program.isEmpty()
             ? QStringLiteral("The tool was not found.")
             : QStringLiteral("%1 could not be started: %2").arg(m_program, process.errorString());
-    qDebug() << "CRunCommandThread::sloterrorstart" << process.error() << m_program;
+    qCDebug(lcTools) << "cannot start" << m_program << process.error();
     Util::WriteLog(QStringLiteral("CRunCommandThread::sloterrorstart ") + reason);
     SetOutcome(Result::StartFailed, -1, reason);
 }

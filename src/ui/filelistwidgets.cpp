@@ -1,6 +1,5 @@
 #include "ui/filelistwidgets.h"
 
-#include <QDebug>
 #include <QMouseEvent>
 #include <QPainter>
 
@@ -27,7 +26,6 @@ void SCheckBoxHeaderView::mousePressEvent(QMouseEvent* event)
 {
     const int x = event->position().toPoint().x();
     const int section = visualIndexAt(x);
-    qDebug() << "Click Col" << section;
     if (section == m_checkColumn && x >= 0) {
         m_checked = !m_checked;
         updateSection(m_checkColumn);

@@ -1,10 +1,11 @@
 #include "ui/imagedialog.h"
 
 #include <QApplication>
-#include <QDebug>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPixmap>
+
+#include "core/logging.h"
 
 ImageDialog::ImageDialog(bool /*hasParent*/) : QDialog(nullptr)
 {
@@ -23,7 +24,7 @@ void ImageDialog::SetBackgroundImage(const QString& path)
         return;
     const QPixmap picture(path);
     if (picture.isNull()) {
-        qDebug() << "Can not load the image file" << path;
+        qCWarning(lcUi) << "cannot load the picture" << path;
         return;
     }
     setFixedSize(picture.size());
