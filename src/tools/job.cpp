@@ -1,0 +1,60 @@
+#include "tools/job.h"
+
+#include <QEventLoop>
+#include <QTimer>
+
+QString CJob::StoppedMessage()
+{
+    return QStringLiteral("Stopped.");
+}
+
+void CJob::Begin()
+{
+    ++m_run;
+    m_running = true;
+    m_succeeded = false;
+    m_message.clear();
+    m_percent = -1;
+    m_phase.clear();
+}
+
+void CJob::Progress(int percent, const QString& phase)
+{
+    if (!m_running)
+        return;
+    m_percent = qBound(-1, percent, 100);
+    m_phase = phase;
+    Q_EMIT progressed(m_percent, m_phase);
+}
+
+void CJob::Finish(bool ok, const QString& message)
+{
+    if (!m_running)
+        return;
+    m_running = false;
+    m_succeeded = ok;
+    m_message = message;
+    Q_EMIT finished(ok, message);
+}
+
+void CJob::FinishLater(bool ok, const QString& message)
+{
+    // A later run of the same job must not be ended by this one's report.
+    const int run = m_run;
+    QTimer::singleShot(0, this, [this, run, ok, message] {
+        if (run == m_run)
+            Finish(ok, message);
+    });
+}
+
+bool Jobs::Wait(CJob& job)
+{
+    if (job.IsRunning()) {
+        QEventLoop loop;
+        QObject::connect(&job, &CJob::finished, &loop, &QEventLoop::quit);
+        // Checked again once connected: a job may end between the two.
+        if (job.IsRunning())
+            loop.exec();
+    }
+    return job.Succeeded();
+}
