@@ -52,9 +52,7 @@ bool Jobs::Wait(CJob& job)
     if (job.IsRunning()) {
         QEventLoop loop;
         QObject::connect(&job, &CJob::finished, &loop, &QEventLoop::quit);
-        // Checked again once connected: a job may end between the two.
-        if (job.IsRunning())
-            loop.exec();
+        loop.exec();
     }
     return job.Succeeded();
 }
