@@ -150,6 +150,12 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir,
         }
     }
     chain.remove(canonical);
+    // Last, once its entries no longer change it: the folder's own times.
+    struct stat times;
+    if (::stat(QFile::encodeName(sourceDir).constData(), &times) == 0) {
+        const struct timespec kept[2] = {times.st_atim, times.st_mtim};
+        ::utimensat(AT_FDCWD, QFile::encodeName(targetDir).constData(), kept, 0);
+    }
     return ok;
 }
 
@@ -203,6 +209,13 @@ bool copyFile(const QString& source, const QString& target, std::atomic<qint64>*
         return false;
     }
     bool ok = copyContents(in, out, copied, abort, &reason, hook);
+    // The copy keeps the source's times, so that an image made from it dates
+    // each file as the file itself is dated, not by when it was added.
+    struct stat times;
+    if (ok && ::fstat(in, &times) == 0) {
+        const struct timespec kept[2] = {times.st_atim, times.st_mtim};
+        ::futimens(out, kept);
+    }
     ::close(in);
     if (::close(out) != 0 && ok) {
         reason = errorText(errno);
