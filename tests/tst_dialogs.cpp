@@ -1,14 +1,11 @@
 #include <QtTest>
 
-#include <QDesktopServices>
 #include <QLabel>
 #include <QLineEdit>
 #include <QProgressBar>
 
 #include <memory>
 
-#include "core/util.h"
-#include "common/modal.h"
 #include "common/urlrecorder.h"
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
@@ -37,18 +34,16 @@ private Q_SLOTS:
 
     void percentText_data();
     void percentText();
-    void stopHidesBeforeCancel();
-    void disabledStopDoesNothing();
+    void stop_data();
+    void stop();
 
     void longMessageIsNotCutOff();
-    void confirmPictureResults_data();
-    void confirmPictureResults();
+    void buttonsAnswer_data();
+    void buttonsAnswer();
     void openFolderKeepsDialogOpen();
     void enterPressesTheDefaultButton_data();
     void enterPressesTheDefaultButton();
     void inputIsTrimmed();
-    void noticeButtons_data();
-    void noticeButtons();
 
 private:
     // Open Folder goes to the desktop; here it comes to the test instead.
@@ -83,28 +78,29 @@ void TestDialogs::percentText()
     QCOMPARE(dialog.IsComplete(), dialog.Bar()->value() == maximum);
 }
 
-// The page reacts to SigCancel by stopping its tool and perhaps showing a
-// message; the progress dialog must already be out of the way by then.
-void TestDialogs::stopHidesBeforeCancel()
+void TestDialogs::stop_data()
 {
+    QTest::addColumn<bool>("disabled");
+    QTest::newRow("Stop") << false;
+    QTest::newRow("disabled Stop") << true;
+}
+
+// The page reacts to SigCancel by stopping its tool and perhaps showing a
+// message; the progress dialog must already be out of the way by then. A
+// disabled Stop does nothing at all.
+void TestDialogs::stop()
+{
+    QFETCH(bool, disabled);
     CProgressDialog dialog;
     dialog.show();
     QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+    if (disabled)
+        dialog.DisableStop();
     QList<bool> visibleAtCancel;
     connect(&dialog, &CProgressDialog::SigCancel, this, [&] { visibleAtCancel << dialog.isVisible(); });
-    click(dialog.CancelButton());
-    QCOMPARE(visibleAtCancel, QList<bool>{false});
-}
-
-void TestDialogs::disabledStopDoesNothing()
-{
-    CProgressDialog dialog;
-    dialog.show();
-    dialog.DisableStop();
-    QSignalSpy cancelled(&dialog, &CProgressDialog::SigCancel);
     QTest::mouseClick(dialog.CancelButton(), Qt::LeftButton);
-    QCOMPARE(cancelled.count(), 0);
-    QVERIFY(dialog.isVisible());
+    QCOMPARE(visibleAtCancel, disabled ? QList<bool>{} : QList<bool>{false});
+    QCOMPARE(dialog.isVisible(), disabled);
 }
 
 // A long message (a tool's own words) makes the dialog taller instead of
@@ -118,25 +114,42 @@ void TestDialogs::longMessageIsNotCutOff()
     QVERIFY(dialog->rect().contains(dialog->OkButton()->geometry()));
 }
 
-void TestDialogs::confirmPictureResults_data()
+void TestDialogs::buttonsAnswer_data()
 {
+    QTest::addColumn<QString>("picture");
+    QTest::addColumn<int>("y"); // of a notice's OK button; -1: a confirmation
     QTest::addColumn<QString>("button");
     QTest::addColumn<int>("result");
-    QTest::newRow("OK") << "ok" << 1;
-    QTest::newRow("Cancel") << "cancel" << 0;
-    QTest::newRow("close") << "close" << 0;
+    QTest::newRow("confirm, OK") << ":/nwu/format_usb" << -1 << "ok" << int(QDialog::Accepted);
+    QTest::newRow("confirm, Cancel") << ":/nwu/format_usb" << -1 << "cancel" << int(QDialog::Rejected);
+    QTest::newRow("confirm, close") << ":/nwu/format_usb" << -1 << "close" << int(QDialog::Rejected);
+    QTest::newRow("notice, close") << ":/nwu/burn-fails" << 123 << "close" << int(QDialog::Rejected);
+    QTest::newRow("notice, OK") << ":/nwu/select_files_extract" << 120 << "ok" << int(QDialog::Accepted);
 }
 
-void TestDialogs::confirmPictureResults()
+void TestDialogs::buttonsAnswer()
 {
+    QFETCH(QString, picture);
+    QFETCH(int, y);
     QFETCH(QString, button);
     QFETCH(int, result);
-    whenModal<CommDialog>([button](CommDialog* dialog) {
-        click(button == "ok"       ? dialog->OkButton()
-              : button == "cancel" ? dialog->CancelButton()
-                                   : dialog->CloseButton());
-    });
-    QCOMPARE(Util::ConfirmPicture(":/nwu/format_usb"), result);
+    std::unique_ptr<ImageDialog> dialog;
+    QWidget* pressed = nullptr;
+    if (y < 0) {
+        auto confirm = MessageDialogs::Confirm(picture);
+        pressed = button == "ok"       ? confirm->OkButton()
+                  : button == "cancel" ? confirm->CancelButton()
+                                       : confirm->CloseButton();
+        dialog = std::move(confirm);
+    } else {
+        auto notice = MessageDialogs::Notice(picture, y);
+        pressed = button == "ok" ? notice->OkButton() : notice->CloseButton();
+        dialog = std::move(notice);
+    }
+    // The button must sit on the picture, not hang over its edge.
+    QVERIFY(dialog->rect().contains(pressed->geometry()));
+    QTimer::singleShot(0, this, [&] { click(pressed); });
+    QCOMPARE(dialog->exec(), result);
 }
 
 void TestDialogs::openFolderKeepsDialogOpen()
@@ -210,32 +223,6 @@ void TestDialogs::inputIsTrimmed()
     dialog.Edit()->clear();
     QTest::keyClicks(dialog.Edit(), "   new name  ");
     QCOMPARE(dialog.GetInputText(), QString("new name"));
-
-    QTimer::singleShot(0, this, [&] { click(dialog.OkButton()); });
-    QCOMPARE(dialog.exec(), int(QDialog::Accepted));
-}
-
-void TestDialogs::noticeButtons_data()
-{
-    QTest::addColumn<QString>("picture");
-    QTest::addColumn<int>("y");
-    QTest::addColumn<bool>("ok");
-    QTest::newRow("burn fails, close") << ":/nwu/burn-fails" << 123 << false;
-    QTest::newRow("select files, OK") << ":/nwu/select_files_extract" << 120 << true;
-}
-
-void TestDialogs::noticeButtons()
-{
-    QFETCH(QString, picture);
-    QFETCH(int, y);
-    QFETCH(bool, ok);
-    auto dialog = MessageDialogs::Notice(picture, y);
-    // Both buttons must sit on the picture, not hang over its edge.
-    QVERIFY(dialog->rect().contains(dialog->OkButton()->geometry()));
-    QVERIFY(dialog->rect().contains(dialog->CloseButton()->geometry()));
-
-    QTimer::singleShot(0, this, [&] { click(ok ? dialog->OkButton() : dialog->CloseButton()); });
-    QCOMPARE(dialog->exec(), ok ? int(QDialog::Accepted) : int(QDialog::Rejected));
 }
 
 QTEST_MAIN(TestDialogs)
