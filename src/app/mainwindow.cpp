@@ -37,6 +37,7 @@ constexpr int kPageY = 107;
 MainWindow::MainWindow(QWidget* /*parent*/) : ImageDialog(false)
 {
     setObjectName(QStringLiteral("MainWindow"));
+    SetMainWindow(this);
     resize(860, 580);
     CImageButton* menu = AddButton("menu", 775, 1);
     CImageButton* min = AddButton("min", 803, 1);

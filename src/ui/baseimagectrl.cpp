@@ -1,8 +1,10 @@
 #include "ui/baseimagectrl.h"
 
+#include <QCursor>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPixmap>
+#include <QPointer>
 
 #include <utility>
 
@@ -102,9 +104,19 @@ void CBaseImageCtrl::mouseReleaseEvent(QMouseEvent* event)
     const bool wasArmed = std::exchange(m_armed, false);
     m_inside = rect().contains(event->position().toPoint());
     update();
-    if (wasArmed && m_inside) {
-        Q_EMIT clicked(true);
+    if (!wasArmed || !m_inside)
+        return;
+    const QPointer<CBaseImageCtrl> self(this);
+    Q_EMIT clicked(true);
+    if (self)
         Q_EMIT clicked();
+    // What the click opened (a dialog run to its end, say) may have taken the
+    // pointer away without a leave reaching this button: the hover look goes
+    // unless the pointer is still over it.
+    if (self) {
+        m_inside = isVisible() && rect().contains(mapFromGlobal(QCursor::pos()));
+        m_hovered = m_inside;
+        update();
     }
 }
 

@@ -1,22 +1,95 @@
 #include "ui/imagedialog.h"
 
 #include <QApplication>
+#include <QBitmap>
+#include <QImage>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPixmap>
+#include <QPointer>
+#include <QWindow>
+
+#include <cstdlib>
+#include <optional>
+
+#include <xcb/xcb.h>
 
 #include "core/logging.h"
+
+namespace {
+
+QPointer<ImageDialog> g_mainWindow;
+std::optional<bool> g_shaped;
+
+// A compositing manager owns the selection "_NET_WM_CM_S<screen>" while it runs.
+bool x11Composites()
+{
+    const auto* x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    xcb_connection_t* connection = x11 ? x11->connection() : nullptr;
+    if (connection == nullptr)
+        return true;
+    char* host = nullptr;
+    int display = 0;
+    int screen = 0;
+    if (!xcb_parse_display(nullptr, &host, &display, &screen))
+        screen = 0;
+    free(host);
+    const QByteArray name = "_NET_WM_CM_S" + QByteArray::number(screen);
+    const xcb_intern_atom_cookie_t atomCookie =
+        xcb_intern_atom(connection, 0, static_cast<uint16_t>(name.size()), name.constData());
+    xcb_intern_atom_reply_t* atom = xcb_intern_atom_reply(connection, atomCookie, nullptr);
+    if (atom == nullptr)
+        return true;
+    xcb_get_selection_owner_reply_t* owner = xcb_get_selection_owner_reply(
+        connection, xcb_get_selection_owner(connection, atom->atom), nullptr);
+    const bool composites = owner != nullptr && owner->owner != XCB_NONE;
+    free(owner);
+    free(atom);
+    return composites;
+}
+
+} // namespace
 
 ImageDialog::ImageDialog(bool /*hasParent*/) : QDialog(nullptr)
 {
     setWindowTitle(QStringLiteral("Brenta"));
     setModal(true);
-    setWindowFlags(Qt::FramelessWindowHint);
+    // A page embedded in the main window drops these flags when it is given
+    // its parent.
+    setWindowFlags(Qt::Dialog | Qt::FramelessWindowHint);
     setAutoFillBackground(false);
     setAttribute(Qt::WA_TranslucentBackground, true);
 }
 
 ImageDialog::~ImageDialog() = default;
+
+void ImageDialog::SetMainWindow(ImageDialog* window)
+{
+    g_mainWindow = window;
+    if (window) {
+        // The main window has its taskbar entry and blocks nothing.
+        window->setWindowFlags(Qt::Window | Qt::FramelessWindowHint);
+        window->setModal(false);
+    }
+}
+
+bool ImageDialog::Shaped()
+{
+    if (!g_shaped)
+        g_shaped = QGuiApplication::platformName() == QLatin1String("xcb") && !x11Composites();
+    return *g_shaped;
+}
+
+void ImageDialog::SetShaped(bool shaped)
+{
+    g_shaped = shaped;
+}
+
+QRegion ImageDialog::ShapeOf(const QImage& rendered)
+{
+    const QImage alpha = rendered.convertToFormat(QImage::Format_ARGB32);
+    return QRegion(QBitmap::fromImage(alpha.createAlphaMask(Qt::ThresholdAlphaDither)));
+}
 
 void ImageDialog::SetBackgroundImage(const QString& path)
 {
@@ -27,8 +100,9 @@ void ImageDialog::SetBackgroundImage(const QString& path)
         qCWarning(lcUi) << "cannot load the picture" << path;
         return;
     }
-    setFixedSize(picture.size());
     m_background = path;
+    setFixedSize(picture.size());
+    UpdateShape();
     update();
 }
 
@@ -84,6 +158,11 @@ void ImageDialog::paintEvent(QPaintEvent* event)
         return;
     }
     QPainter painter(this);
+    PaintBackground(painter);
+}
+
+void ImageDialog::PaintBackground(QPainter& painter) const
+{
     const QPixmap picture(m_background);
     const int pictureHeight = picture.height();
     if (m_bandTop < 0 || height() <= pictureHeight || m_bandBottom > pictureHeight) {
@@ -98,9 +177,41 @@ void ImageDialog::paintEvent(QPaintEvent* event)
                        QRect(0, m_bandBottom, picture.width(), below));
 }
 
+void ImageDialog::resizeEvent(QResizeEvent* event)
+{
+    QDialog::resizeEvent(event);
+    UpdateShape();
+}
+
+void ImageDialog::showEvent(QShowEvent* event)
+{
+    if (isWindow() && g_mainWindow && g_mainWindow != this && windowHandle() == nullptr)
+        create();
+    if (isWindow() && g_mainWindow && g_mainWindow != this && windowHandle())
+        windowHandle()->setTransientParent(g_mainWindow->windowHandle());
+    UpdateShape();
+    QDialog::showEvent(event);
+}
+
+void ImageDialog::UpdateShape()
+{
+    if (!isWindow() || m_background.isEmpty() || !Shaped()) {
+        if (!mask().isEmpty())
+            clearMask();
+        return;
+    }
+    QImage rendered(size(), QImage::Format_ARGB32_Premultiplied);
+    rendered.fill(Qt::transparent);
+    QPainter painter(&rendered);
+    PaintBackground(painter);
+    painter.end();
+    setMask(ShapeOf(rendered));
+}
+
 void ImageDialog::SetStretchBand(int top, int bottom)
 {
     m_bandTop = top;
     m_bandBottom = bottom;
+    UpdateShape();
     update();
 }

@@ -8,6 +8,7 @@
 
 #include "ui/commdialog.h"
 #include "ui/messagedialogs.h"
+#include "ui/notifier.h"
 
 void Util::OpenFolder(QString path)
 {
@@ -16,11 +17,13 @@ void Util::OpenFolder(QString path)
 
 void Util::ShowMessage(const QString& text)
 {
+    Notifier::SendIfAway(QStringLiteral("Brenta"), text);
     MessageDialogs::Message(text)->exec();
 }
 
 void Util::ShowFinished(const QString& text, const QString& folder)
 {
+    Notifier::SendIfAway(QStringLiteral("Brenta"), text);
     MessageDialogs::Finished(text, folder)->exec();
 }
 

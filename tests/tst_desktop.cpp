@@ -1,0 +1,186 @@
+#include <QtTest>
+
+#include <QCursor>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QProcess>
+#include <QWindow>
+
+#include "app/application.h"
+#include "app/mainwindow.h"
+#include "media/drives.h"
+#include "ui/baseimagectrl.h"
+#include "ui/commdialog.h"
+#include "ui/notifier.h"
+
+// Stands in for the desktop's notification service on a private session bus.
+class FakeNotifications final : public QObject
+{
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+
+public:
+    QStringList bodies;
+
+public Q_SLOTS:
+    uint Notify(const QString& app, uint replaces, const QString& icon, const QString& summary,
+                const QString& body, const QStringList& actions, const QVariantMap& hints, int timeout)
+    {
+        bodies << body;
+        return uint(bodies.size());
+    }
+};
+
+// How Brenta's windows behave on a desktop: notifications when the user is
+// away, dialogs kept above the main window, windows cut to their pictures'
+// shape where nothing composites, and picture buttons that do not keep a
+// hover look the pointer has left.
+class TestDesktop final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+
+    void notifiesOnlyWhenAway();
+    void dialogsStayAboveTheMainWindow();
+    void windowsTakeTheirPicturesShape_data();
+    void windowsTakeTheirPicturesShape();
+    void hoverGoesWhenTheClickTookThePointerAway();
+
+private:
+    QProcess m_bus;
+};
+
+void TestDesktop::initTestCase()
+{
+    Application::SetUp(*qApp);
+    qputenv("BRENTA_TOOLS_DIR", BRENTA_SOURCE_DIR "/tests/standins");
+    qputenv("BRENTA_STANDIN_SCAN", "none");
+    DriveSeam::SetOptical([] { return QList<OpticalDrive>{}; });
+    DriveSeam::SetRemovable([] { return QList<RemovableDrive>{}; });
+
+    // A session bus of the test's own, set before anything asks for one.
+    m_bus.start(QStringLiteral("dbus-daemon"),
+                {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+    if (!m_bus.waitForStarted())
+        QSKIP("dbus-daemon is not installed");
+    QVERIFY(m_bus.waitForReadyRead(10000));
+    const QByteArray address = m_bus.readLine().trimmed();
+    QVERIFY(!address.isEmpty());
+    qputenv("DBUS_SESSION_BUS_ADDRESS", address);
+}
+
+void TestDesktop::cleanupTestCase()
+{
+    m_bus.kill();
+    m_bus.waitForFinished();
+}
+
+void TestDesktop::notifiesOnlyWhenAway()
+{
+    QDBusConnection service = QDBusConnection::connectToBus(
+        QString::fromLocal8Bit(qgetenv("DBUS_SESSION_BUS_ADDRESS")), QStringLiteral("service"));
+    QVERIFY(service.isConnected());
+    FakeNotifications notifications;
+    QVERIFY(service.registerService(QLatin1String(Notifier::kService)));
+    QVERIFY(service.registerObject(QLatin1String(Notifier::kPath), &notifications,
+                                   QDBusConnection::ExportAllSlots));
+
+    QWidget window;
+    window.show();
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    Notifier::SendIfAway(QStringLiteral("Brenta"), QStringLiteral("seen on screen"));
+    window.hide();
+    QApplication::setActiveWindow(nullptr);
+    QTRY_VERIFY(QApplication::activeWindow() == nullptr);
+    Notifier::SendIfAway(QStringLiteral("Brenta"), QStringLiteral("The image was burned."));
+    // Calls on one connection arrive in order: had the first been sent, it
+    // would be here before the second.
+    QTRY_COMPARE(notifications.bodies, QStringList{QStringLiteral("The image was burned.")});
+
+    service.unregisterService(QLatin1String(Notifier::kService));
+    QDBusConnection::disconnectFromBus(QStringLiteral("service"));
+}
+
+void TestDesktop::dialogsStayAboveTheMainWindow()
+{
+    MainWindow main;
+    main.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&main));
+    CommDialog dialog;
+    dialog.SetText(QStringLiteral("A message"));
+    dialog.SetSingleButton();
+    dialog.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+
+    // A dialog of its own type, transient for the main window, has no
+    // taskbar entry of its own; the main window keeps its entry and blocks
+    // nothing.
+    QCOMPARE(dialog.windowType(), Qt::Dialog);
+    QVERIFY(dialog.windowHandle() != nullptr);
+    QCOMPARE(dialog.windowHandle()->transientParent(), main.windowHandle());
+    QCOMPARE(main.windowType(), Qt::Window);
+    QVERIFY(!main.isModal());
+}
+
+void TestDesktop::windowsTakeTheirPicturesShape_data()
+{
+    QTest::addColumn<int>("extraHeight");
+    QTest::newRow("as the picture") << 0;
+    QTest::newRow("grown for more lines") << 120;
+}
+
+void TestDesktop::windowsTakeTheirPicturesShape()
+{
+    QFETCH(int, extraHeight);
+    ImageDialog::SetShaped(true);
+    CommDialog dialog;
+    dialog.SetText(QStringLiteral("A message"));
+    dialog.SetSingleButton();
+    dialog.setFixedHeight(dialog.height() + extraHeight);
+    dialog.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&dialog));
+
+    // The rounded corners are transparent in the picture: a window that
+    // cannot be translucent leaves them out instead of painting them black.
+    const QRegion shape = dialog.mask();
+    const QRect inside = dialog.rect();
+    QVERIFY(!shape.isEmpty());
+    QVERIFY(!shape.contains(QPoint(0, 0)));
+    QVERIFY(!shape.contains(QPoint(inside.right(), inside.bottom())));
+    QVERIFY(shape.contains(inside.center()));
+    QVERIFY(shape.contains(QPoint(inside.center().x(), inside.bottom() - 6)));
+
+    // Where windows can be translucent they are not cut.
+    ImageDialog::SetShaped(false);
+    dialog.resize(dialog.size());
+    dialog.setFixedHeight(dialog.height() - 1);
+    QVERIFY(dialog.mask().isEmpty());
+}
+
+void TestDesktop::hoverGoesWhenTheClickTookThePointerAway()
+{
+    QWidget window;
+    window.resize(200, 200);
+    CImageButton button(&window);
+    button.SetImages(QStringLiteral(":/nwu/close_small_1"), QStringLiteral(":/nwu/close_small_2"),
+                     QStringLiteral(":/nwu/close_small_3"),
+                     QString());
+    button.move(10, 10);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QCursor::setPos(button.mapToGlobal(button.rect().center()));
+    // What the click opens runs to its end and leaves the pointer elsewhere,
+    // as a dialog closed over another part of the window does.
+    connect(&button, qOverload<>(&CBaseImageCtrl::clicked), &window,
+            [&] { QCursor::setPos(window.mapToGlobal(QPoint(190, 190))); });
+    QTest::mouseMove(&button, button.rect().center());
+    QTest::mouseClick(&button, Qt::LeftButton, {}, button.rect().center());
+    QCOMPARE(button.CurrentState(), CBaseImageCtrl::State::Normal);
+}
+
+QTEST_MAIN(TestDesktop)
+#include "tst_desktop.moc"
