@@ -50,9 +50,8 @@ private Q_SLOTS:
 
     void clickNeedsPressAndReleaseInside_data();
     void clickNeedsPressAndReleaseInside();
-    void spriteFrames_data();
-    void spriteFrames();
-    void separatePictureStates();
+    void pictureOfEachState_data();
+    void pictureOfEachState();
     void mismatchedPicturesAreRejected_data();
     void mismatchedPicturesAreRejected();
     void dragMovesOnlyMovableWindows_data();
@@ -111,26 +110,35 @@ void TestImageCtrl::clickNeedsPressAndReleaseInside()
         QCOMPARE(centreColour(control), kNormal);
 }
 
-void TestImageCtrl::spriteFrames_data()
+void TestImageCtrl::pictureOfEachState_data()
 {
-    QTest::addColumn<int>("frames");
+    QTest::addColumn<QString>("pictures"); // "sprite4", "sprite3", or separate files: "files4", "files3"
     QTest::addColumn<QString>("state");
     QTest::addColumn<QColor>("colour");
-    QTest::newRow("4 frames hover") << 4 << "hover" << kHover;
-    QTest::newRow("4 frames pressed") << 4 << "pressed" << kPressed;
-    QTest::newRow("4 frames disabled") << 4 << "disabled" << kDisabled;
-    // Without a disabled frame a disabled button shows its normal frame.
-    QTest::newRow("3 frames disabled") << 3 << "disabled" << kNormal;
+    QTest::newRow("sprite, hover") << "sprite4" << "hover" << kHover;
+    QTest::newRow("sprite, pressed") << "sprite4" << "pressed" << kPressed;
+    QTest::newRow("sprite, disabled") << "sprite4" << "disabled" << kDisabled;
+    QTest::newRow("files, pressed") << "files4" << "pressed" << kPressed;
+    QTest::newRow("files, disabled") << "files4" << "disabled" << kDisabled;
+    // Without a disabled frame or picture a disabled button shows its normal one.
+    QTest::newRow("sprite of 3 frames, disabled") << "sprite3" << "disabled" << kNormal;
+    QTest::newRow("files without disabled, disabled") << "files3" << "disabled" << kNormal;
 }
 
-void TestImageCtrl::spriteFrames()
+void TestImageCtrl::pictureOfEachState()
 {
-    QFETCH(int, frames);
+    QFETCH(QString, pictures);
     QFETCH(QString, state);
     QFETCH(QColor, colour);
 
+    const QDir dir(m_dir.path());
     CImageButton control;
-    control.SetSprite(frames == 4 ? m_sprite4 : m_sprite3, frames);
+    if (pictures.startsWith("sprite"))
+        control.SetSprite(pictures == "sprite4" ? m_sprite4 : m_sprite3, pictures == "sprite4" ? 4 : 3);
+    else
+        control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"), dir.filePath("pressed.png"),
+                          pictures == "files4" ? dir.filePath("disabled.png") : QString());
+    QCOMPARE(centreColour(control), kNormal);
     if (state == "disabled") {
         control.setEnabled(false);
     } else {
@@ -140,21 +148,6 @@ void TestImageCtrl::spriteFrames()
             sendMouse(&control, QEvent::MouseButtonPress, {3, 3}, Qt::LeftButton);
     }
     QCOMPARE(centreColour(control), colour);
-}
-
-void TestImageCtrl::separatePictureStates()
-{
-    const QDir dir(m_dir.path());
-    CImageButton control;
-    control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"), dir.filePath("pressed.png"),
-                      QString());
-    QCOMPARE(centreColour(control), kNormal);
-    // No disabled picture: the normal one stands in.
-    control.setEnabled(false);
-    QCOMPARE(centreColour(control), kNormal);
-    control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"), dir.filePath("pressed.png"),
-                      dir.filePath("disabled.png"));
-    QCOMPARE(centreColour(control), kDisabled);
 }
 
 void TestImageCtrl::mismatchedPicturesAreRejected_data()
