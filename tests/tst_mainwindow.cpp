@@ -1,10 +1,7 @@
 #include <QtTest>
 
-#include <QDesktopServices>
-#include <QLabel>
 #include <QMenu>
 
-#include "app/aboutusdialog.h"
 #include "app/application.h"
 #include "app/links.h"
 #include "app/mainwindow.h"
@@ -25,7 +22,6 @@ private Q_SLOTS:
     void featureButtonOpensFreshPage();
     void menuIsReplacedAndExitCloses();
     void homeAndHelpOpenTheirPages();
-    void aboutShowsProductLink();
 
 private:
     UrlRecorder m_urls{{"https", "file"}};
@@ -124,17 +120,6 @@ void TestMainWindow::homeAndHelpOpenTheirPages()
     QVERIFY2(QFileInfo::exists(m_urls.opened.at(1).toLocalFile()) ||
                  QFileInfo::exists(QString(BRENTA_SOURCE_DIR "/resources/help/index.html")),
              qPrintable(m_urls.opened.at(1).toString()));
-}
-
-void TestMainWindow::aboutShowsProductLink()
-{
-    CAboutusDialog dialog;
-    dialog.show();
-    Q_EMIT dialog.LinkLabel()->linkActivated(Links::ProductPage());
-    QCOMPARE(m_urls.opened, QList<QUrl>{QUrl(Links::ProductPage())});
-    QVERIFY(dialog.isVisible());
-    QTest::mouseClick(dialog.CloseButton(), Qt::LeftButton);
-    QVERIFY(!dialog.isVisible());
 }
 
 QTEST_MAIN(TestMainWindow)
