@@ -58,14 +58,9 @@ private Q_SLOTS:
     void initTestCase();
     void cleanup();
 
-    void deliversLines_data();
-    void deliversLines();
+    void reportsTheRun_data();
+    void reportsTheRun();
     void logsCommandAndEveryLine();
-    void reportsHowTheToolEnded_data();
-    void reportsHowTheToolEnded();
-    void toolThatCannotStartStillEnds_data();
-    void toolThatCannotStartStillEnds();
-    void manyLinesArriveInOrder();
     void terminateStopsToolAndSignals_data();
     void terminateStopsToolAndSignals();
     void terminateInsideLineSlotDropsTheRest();
@@ -88,34 +83,63 @@ void TestRunner::cleanup()
     QFile::remove(Util::LogFilePath());
 }
 
-// How output is cut into lines is the splitter's own test; here the runner
-// must feed it both streams and hand over the tail when the tool ends.
-void TestRunner::deliversLines_data()
+void TestRunner::reportsTheRun_data()
 {
+    QTest::addColumn<QString>("program");
     QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<int>("result");
+    QTest::addColumn<int>("exitCode");
     QTest::addColumn<QStringList>("lines");
-
-    QTest::newRow("last line without line feed")
-        << QStringList{"print-raw", "first\\nlast"} << QStringList{"first\n", "last"};
-    QTest::newRow("error output is merged")
-        << QStringList{"stderr"} << QStringList{"to stdout\n", "to stderr\n"};
+    using R = CRunCommandThread::Result;
+    // How output is cut into lines is the splitter's own test; here the runner
+    // must feed it both streams and hand over the tail when the tool ends.
+    QTest::newRow("last line without line feed") << kChild << QStringList{"print-raw", "first\\nlast"}
+                                                 << int(R::Success) << 0 << QStringList{"first\n", "last"};
+    QTest::newRow("error output is merged") << kChild << QStringList{"stderr"} << int(R::Success) << 0
+                                            << QStringList{"to stdout\n", "to stderr\n"};
+    QStringList many;
+    for (int i = 0; i < 1500; ++i)
+        many << QStringLiteral("line %1\n").arg(i);
+    QTest::newRow("many lines, in order") << kChild << QStringList{"stream", "1500"} << int(R::Success) << 0
+                                          << many;
+    QTest::newRow("exit status 254") << kChild << QStringList{"exit", "254"} << int(R::Failed) << 254
+                                     << QStringList{"bye\n"};
+    QTest::newRow("crash") << kChild << QStringList{"crash"} << int(R::Crashed) << -1
+                           << QStringList{"about to crash\n"};
+    // A page waits for sigfinished() before it goes on: a tool that never
+    // starts must still end the run, or the page hangs for ever.
+    QTest::newRow("missing file") << "/nonexistent/brenta-no-such-tool" << QStringList() << int(R::StartFailed)
+                                  << -1 << QStringList();
+    QTest::newRow("not executable") << QString(BRENTA_SOURCE_DIR "/CMakeLists.txt") << QStringList()
+                                    << int(R::StartFailed) << -1 << QStringList();
+    QTest::newRow("no program (tool not found)") << QString() << QStringList() << int(R::StartFailed) << -1
+                                                 << QStringList();
 }
 
-void TestRunner::deliversLines()
+void TestRunner::reportsTheRun()
 {
+    QFETCH(QString, program);
     QFETCH(QStringList, arguments);
+    QFETCH(int, result);
+    QFETCH(int, exitCode);
     QFETCH(QStringList, lines);
 
     CRunCommandThread runner;
     Recorder seen(runner);
-    runner.SetCommand(kChild, arguments);
+    runner.SetCommand(program, arguments);
     runner.StartCommand();
     QVERIFY(seen.finished.wait(10000));
-    QCOMPARE(seen.Lines(), lines);
+    QVERIFY(runner.wait(10000));
+    QCoreApplication::sendPostedEvents();
     QCOMPARE(seen.finished.count(), 1);
-    QCOMPARE(runner.GetResult(), CRunCommandThread::Result::Success);
-    QVERIFY(runner.Started());
+    QCOMPARE(seen.Lines(), lines);
+    QCOMPARE(int(runner.GetResult()), result);
     QVERIFY(!runner.IsRunning());
+    const bool started = result != int(CRunCommandThread::Result::StartFailed);
+    QCOMPARE(runner.Started(), started);
+    if (started)
+        QCOMPARE(runner.ExitCode(), exitCode);
+    QCOMPARE(runner.ErrorText().isEmpty(), result == int(CRunCommandThread::Result::Success));
     QCOMPARE(runner.LastLines(), lines.mid(qMax(0, lines.size() - CRunCommandThread::KeptLines)));
 }
 
@@ -141,83 +165,6 @@ void TestRunner::logsCommandAndEveryLine()
     // The command line ends with a blank after the last argument.
     QCOMPARE(messages, (QStringList{kChild + " print-raw alpha\\rbeta\\n\\ngamma\\n ", "alpha",
                                     "beta", "gamma"}));
-}
-
-void TestRunner::reportsHowTheToolEnded_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("result");
-    QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QStringList>("lines");
-    QTest::newRow("success") << QStringList{"exit", "0"} << int(CRunCommandThread::Result::Success)
-                             << 0 << QStringList{"bye\n"};
-    QTest::newRow("exit status 254")
-        << QStringList{"exit", "254"} << int(CRunCommandThread::Result::Failed) << 254
-        << QStringList{"bye\n"};
-    QTest::newRow("crash") << QStringList{"crash"} << int(CRunCommandThread::Result::Crashed) << -1
-                           << QStringList{"about to crash\n"};
-}
-
-void TestRunner::reportsHowTheToolEnded()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(int, result);
-    QFETCH(int, exitCode);
-    QFETCH(QStringList, lines);
-
-    CRunCommandThread runner;
-    Recorder seen(runner);
-    runner.SetCommand(kChild, arguments);
-    runner.StartCommand();
-    QVERIFY(seen.finished.wait(10000));
-    QCOMPARE(seen.finished.count(), 1);
-    QCOMPARE(seen.Lines(), lines);
-    QCOMPARE(int(runner.GetResult()), result);
-    QCOMPARE(runner.ExitCode(), exitCode);
-    QVERIFY(runner.Started());
-    QCOMPARE(runner.ErrorText().isEmpty(), result == int(CRunCommandThread::Result::Success));
-}
-
-void TestRunner::toolThatCannotStartStillEnds_data()
-{
-    QTest::addColumn<QString>("program");
-    QTest::newRow("missing file") << "/nonexistent/brenta-no-such-tool";
-    QTest::newRow("not executable") << QString(BRENTA_SOURCE_DIR "/CMakeLists.txt");
-    QTest::newRow("no program (tool not found)") << QString();
-}
-
-// A page waits for sigfinished() before it goes on: a tool that never starts
-// must still end the run, or the page hangs for ever.
-void TestRunner::toolThatCannotStartStillEnds()
-{
-    QFETCH(QString, program);
-    CRunCommandThread runner;
-    Recorder seen(runner);
-    runner.SetCommand(program, {"l", "image.iso"});
-    runner.StartCommand();
-    QVERIFY(seen.finished.wait(10000));
-    QTest::qWait(50);
-    QCOMPARE(seen.finished.count(), 1);
-    QCOMPARE(seen.lines.count(), 0);
-    QVERIFY(!runner.Started());
-    QVERIFY(!runner.IsRunning());
-    QCOMPARE(runner.GetResult(), CRunCommandThread::Result::StartFailed);
-    QVERIFY(!runner.ErrorText().isEmpty());
-}
-
-void TestRunner::manyLinesArriveInOrder()
-{
-    CRunCommandThread runner;
-    Recorder seen(runner);
-    runner.SetCommand(kChild, {"stream", "1500"});
-    runner.StartCommand();
-    QVERIFY(seen.finished.wait(10000));
-    const QStringList lines = seen.Lines();
-    QCOMPARE(lines.size(), 1500);
-    for (int i = 0; i < lines.size(); ++i)
-        QCOMPARE(lines.at(i), QStringLiteral("line %1\n").arg(i));
-    QCOMPARE(runner.LastLines().size(), CRunCommandThread::KeptLines);
-    QCOMPARE(runner.LastLines().last(), QStringLiteral("line 1499\n"));
 }
 
 void TestRunner::terminateStopsToolAndSignals_data()
@@ -286,7 +233,7 @@ void TestRunner::terminateStopsToolAndSignals()
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
     QTRY_VERIFY_WITH_TIMEOUT(runner->isFinished(), 10000);
-    QTest::qWait(200);
+    QCoreApplication::sendPostedEvents();
     QCOMPARE(seen.lines.count(), 1);
     QCOMPARE(seen.finished.count(), 0);
     delete runner;
@@ -305,7 +252,7 @@ void TestRunner::terminateInsideLineSlotDropsTheRest()
     runner.SetCommand(kChild, {"stream", "400"});
     runner.StartCommand();
     QTRY_VERIFY_WITH_TIMEOUT(runner.isFinished(), 10000);
-    QTest::qWait(100);
+    QCoreApplication::sendPostedEvents();
     QCOMPARE(received.size(), 10);
     QCOMPARE(received.last(), QStringLiteral("line 9\n"));
     QCOMPARE(finished.count(), 0);
@@ -368,7 +315,7 @@ void TestRunner::stopThenRunsAfterTheToolHasEnded()
     QTRY_COMPARE_WITH_TIMEOUT(calls, 1, 10000);
     QVERIFY(toolGoneAtCall);
     QTRY_VERIFY(gone.isNull());
-    QTest::qWait(50);
+    QCoreApplication::sendPostedEvents();
     QCOMPARE(calls, 1);
     if (seen)
         QCOMPARE(seen->finished.count(), endFirst ? 1 : 0);
