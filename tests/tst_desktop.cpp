@@ -4,13 +4,19 @@
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QProcess>
+#include <QStandardItemModel>
+#include <QTableView>
+#include <QToolTip>
 #include <QWindow>
 
 #include "app/application.h"
 #include "app/mainwindow.h"
+#include "iso/itemtree.h"
 #include "media/drives.h"
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
+#include "ui/contentsview.h"
+#include "ui/filelistwidgets.h"
 #include "ui/notifier.h"
 
 // Stands in for the desktop's notification service on a private session bus.
@@ -48,6 +54,9 @@ private Q_SLOTS:
     void windowsTakeTheirPicturesShape_data();
     void windowsTakeTheirPicturesShape();
     void hoverGoesWhenTheClickTookThePointerAway();
+    void onlyTheHeaderBoxTicksRows();
+    void cutNamesShowInFullAsTooltips_data();
+    void cutNamesShowInFullAsTooltips();
 
 private:
     QProcess m_bus;
@@ -180,6 +189,66 @@ void TestDesktop::hoverGoesWhenTheClickTookThePointerAway()
     QTest::mouseMove(&button, button.rect().center());
     QTest::mouseClick(&button, Qt::LeftButton, {}, button.rect().center());
     QCOMPARE(button.CurrentState(), CBaseImageCtrl::State::Normal);
+}
+
+void TestDesktop::onlyTheHeaderBoxTicksRows()
+{
+    QWidget page;
+    page.resize(640, 320);
+    CFolderModel* model = nullptr;
+    SCheckBoxHeaderView* header = nullptr;
+    ContentsView::MakeTable(&page, QRect(0, 0, 600, 300), {200, 100, 100, 150}, &model, &header);
+    page.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&page));
+    QSignalSpy ticked(header, &SCheckBoxHeaderView::checkStausChange);
+
+    // Dragging the first column's edge resizes it and ticks nothing.
+    const int middle = header->height() / 2;
+    const QPoint edge(header->sectionSize(0) - 1, middle);
+    QTest::mousePress(header->viewport(), Qt::LeftButton, {}, edge);
+    QTest::mouseMove(header->viewport(), edge + QPoint(60, 0));
+    QTest::mouseRelease(header->viewport(), Qt::LeftButton, {}, edge + QPoint(60, 0));
+    QCOMPARE(ticked.count(), 0);
+    QVERIFY(header->sectionSize(0) > 200);
+    // Nor does a click elsewhere in the section.
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, QPoint(header->sectionSize(0) / 2, middle));
+    QCOMPARE(ticked.count(), 0);
+
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, header->BoxRect().center());
+    QCOMPARE(ticked.count(), 1);
+    QVERIFY(header->IsChecked());
+}
+
+void TestDesktop::cutNamesShowInFullAsTooltips_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("shown");
+    QTest::newRow("cut short") << QString(60, QLatin1Char('n')) + QStringLiteral(".iso") << true;
+    QTest::newRow("fits") << QStringLiteral("a.iso") << false;
+}
+
+void TestDesktop::cutNamesShowInFullAsTooltips()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, shown);
+    QStandardItemModel model(1, 1);
+    model.setItem(0, 0, new QStandardItem(name));
+    QTableView table;
+    table.setModel(&model);
+    table.setItemDelegate(new NoFocusDelegate(&table));
+    table.setColumnWidth(0, 120);
+    table.resize(300, 200);
+    table.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&table));
+    QToolTip::hideText();
+
+    const QPoint cell = table.visualRect(model.index(0, 0)).center();
+    QHelpEvent help(QEvent::ToolTip, cell, table.viewport()->mapToGlobal(cell));
+    QApplication::sendEvent(table.viewport(), &help);
+    if (shown)
+        QTRY_COMPARE(QToolTip::text(), name);
+    else
+        QVERIFY(!QToolTip::isVisible());
 }
 
 QTEST_MAIN(TestDesktop)

@@ -4,9 +4,10 @@
 #include <QStyledItemDelegate>
 #include <QTreeWidget>
 
-// A horizontal table header with a check box in one section; a click on that
-// section toggles the box and emits checkStausChange(bool). The pages use it
-// to tick or untick every row.
+// A horizontal table header with a check box in one section; a click on the
+// box toggles it and emits checkStausChange(bool). The pages use it to tick or
+// untick every row. Anywhere else the header behaves as any other, so that a
+// column's edge can be dragged without ticking anything.
 class SCheckBoxHeaderView final : public QHeaderView
 {
     Q_OBJECT
@@ -16,6 +17,8 @@ public:
     explicit SCheckBoxHeaderView(Qt::Orientation orientation, QWidget* parent = nullptr);
 
     bool IsChecked() const { return m_checked; }
+    // Where the box is drawn, in the header's coordinates.
+    QRect BoxRect() const;
 
 Q_SIGNALS:
     void checkStausChange(bool checked);
@@ -29,7 +32,8 @@ private:
     int m_checkColumn = 0;
 };
 
-// Paints items without the dotted focus frame.
+// Paints items without the dotted focus frame, and shows a text cut short by
+// its column in full as a tooltip.
 class NoFocusDelegate final : public QStyledItemDelegate
 {
     Q_OBJECT
@@ -39,6 +43,8 @@ public:
     using QStyledItemDelegate::QStyledItemDelegate;
 
 protected:
+    bool helpEvent(QHelpEvent* event, QAbstractItemView* view, const QStyleOptionViewItem& option,
+                   const QModelIndex& index) override;
     void paint(QPainter* painter, const QStyleOptionViewItem& option,
                const QModelIndex& index) const override;
 };
