@@ -26,6 +26,7 @@ struct Run
 {
     int exitCode = -1;
     QStringList lines;
+    QString Text() const { return lines.join('\n'); }
 };
 
 QString helperPath()
@@ -165,6 +166,16 @@ Drives::NodeFacts usbDisk()
     return facts;
 }
 
+// One partition table, as sfdisk takes it on standard input.
+bool partition(const QString& node, const QByteArray& table)
+{
+    QProcess sfdisk;
+    sfdisk.start("sfdisk", {"--quiet", node});
+    sfdisk.write(table);
+    sfdisk.closeWriteChannel();
+    return sfdisk.waitForFinished() && sfdisk.exitCode() == 0;
+}
+
 } // namespace
 
 class TestUsbHelper : public QObject
@@ -181,17 +192,12 @@ private Q_SLOTS:
     void sizeArguments();
     void usageAndRefusalsOfTheProgram_data();
     void usageAndRefusalsOfTheProgram();
-    void systemDiskIsRefused();
     void endToEnd_data();
     void endToEnd();
     void otherFileSystemsAreLeftMounted_data();
     void otherFileSystemsAreLeftMounted();
-    void disksInUseAreRefused_data();
-    void disksInUseAreRefused();
-    void loopDevicesOfOthersAreRefused_data();
-    void loopDevicesOfOthersAreRefused();
-    void badLabelsAreRefusedBeforeWriting_data();
-    void badLabelsAreRefusedBeforeWriting();
+    void refusedBeforeWriting_data();
+    void refusedBeforeWriting();
     void imageWrittenAndHashed_data();
     void imageWrittenAndHashed();
     void imageNotWritten_data();
@@ -364,6 +370,15 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
     QTest::newRow("label with a line feed")
         << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--label", "a\nb"} << 2
         << "control characters";
+    // The disk holding "/", whatever it is on this machine, when it has a node.
+    struct stat info;
+    QVERIFY(::stat("/", &info) == 0);
+    const QString link =
+        QFileInfo(QString("/sys/dev/block/%1:%2").arg(major(info.st_dev)).arg(minor(info.st_dev))).canonicalFilePath();
+    const QString disk = "/dev/" + QFileInfo(QFileInfo::exists(link + "/partition") ? QFileInfo(link).path() : link)
+                                       .fileName();
+    if (!link.isEmpty() && QFileInfo::exists(disk))
+        QTest::newRow("the system's disk") << QStringList{"check", disk} << 3 << "refused: ";
 }
 
 void TestUsbHelper::usageAndRefusalsOfTheProgram()
@@ -373,28 +388,8 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram()
     QFETCH(QString, output);
     const Run run = helper(arguments);
     QCOMPARE(run.exitCode, exitCode);
-    QVERIFY2(run.lines.join('\n').contains(output), qPrintable(run.lines.join('\n')));
-    QVERIFY(!run.lines.join('\n').contains("step:"));
-}
-
-void TestUsbHelper::systemDiskIsRefused()
-{
-    // The disk holding "/", whatever it is on this machine.
-    struct stat info;
-    QVERIFY(::stat("/", &info) == 0);
-    const QString link = QFileInfo(QStringLiteral("/sys/dev/block/%1:%2").arg(major(info.st_dev)).arg(minor(info.st_dev)))
-                             .canonicalFilePath();
-    if (link.isEmpty())
-        QSKIP("the root file system is not on a block device here");
-    QString name = QFileInfo(link).fileName();
-    if (QFileInfo::exists(link + "/partition"))
-        name = QFileInfo(QFileInfo(link).path()).fileName();
-    const QString node = "/dev/" + name;
-    if (!QFileInfo::exists(node))
-        QSKIP("the root disk has no node in /dev here");
-    const Run run = helper({"check", node});
-    QCOMPARE(run.exitCode, 3);
-    QVERIFY2(run.lines.join('\n').startsWith("refused: "), qPrintable(run.lines.join('\n')));
+    QVERIFY2(run.Text().contains(output), qPrintable(run.Text()));
+    QVERIFY(!run.Text().contains("step:"));
 }
 
 // Every file system the helper makes, through the kernel's driver where it has
@@ -448,7 +443,7 @@ void TestUsbHelper::endToEnd()
     const QString loop = stick.Node();
     const QString partName = loop.mid(5) + "p1";
     const QString folder = stick.Folder();
-    int code = 0;
+    int code = -1;
     // A "mount" that fails leaves the FUSE driver to do the work.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     if (fuse) {
@@ -465,22 +460,22 @@ void TestUsbHelper::endToEnd()
     QVERIFY(::chown(QFile::encodeName(stick.Image()).constData(), kNobody, kNobody) == 0);
 
     Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", given}, environment);
-    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
     QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting", "step: mounting",
                                      "mounted: " + folder}));
     QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
 
     // Writable by its owner.
     QCOMPARE(QFileInfo(folder).ownerId(), owner);
-    code = -1;
     tool("setpriv", {QString("--reuid=%1").arg(owner), QString("--regid=%1").arg(owner), "--clear-groups", "sh",
                      "-c", "echo written > '" + folder + "/by-owner.txt'"},
          &code);
     QCOMPARE(code, 0);
-    QFile written(folder + "/by-owner.txt");
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    QCOMPARE(written.readAll(), QByteArray("written\n"));
-    written.close();
+    const auto written = [&] {
+        QFile file(folder + "/by-owner.txt");
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    };
+    QCOMPARE(written(), QByteArray("written\n"));
 
     // The table is whole (for GPT: both headers and entry arrays, checksums)
     // and the partition starts at 1 MiB.
@@ -495,7 +490,7 @@ void TestUsbHelper::endToEnd()
 
     if (scheme == "mbr" && sectorSize == 512 && QFileInfo::exists("/usr/lib/grub/i386-pc/boot.img")) {
         run = helper({"bootcode", loop}, environment);
-        QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+        QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
         QCOMPARE(tool("sfdisk", {"--dump", loop}), dump);
         // That GRUB's core image follows and starts the machine is the boot test's.
         QFile disk(loop);
@@ -511,15 +506,13 @@ void TestUsbHelper::endToEnd()
     // stick's powerlessness.
     run = helper({"remount", loop, "--fs", fs}, environment);
     QCOMPARE(QFileInfo(folder).ownerId(), owner);
-    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
     QCOMPARE(run.lines.last(), "mounted: " + folder);
     QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    QCOMPARE(written.readAll(), QByteArray("written\n"));
-    written.close();
+    QCOMPARE(written(), QByteArray("written\n"));
 
     run = helper({"unmount", loop}, environment);
-    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
     QCOMPARE(run.lines, QStringList{"step: unmounting"});
     QVERIFY(!mounted(folder));
     QVERIFY(!QFileInfo::exists(folder));
@@ -557,57 +550,76 @@ void TestUsbHelper::otherFileSystemsAreLeftMounted()
     });
 
     const Run run = helper({"unmount", stick.Node()});
-    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
     QVERIFY(mounted(folder));
 }
 
-// A disk that something else uses is never wiped: mounted where the desktop
-// does not mount removable media (a server's data, a container's root), or
-// held open by another program. The helper says why and writes nothing.
-void TestUsbHelper::disksInUseAreRefused_data()
+// Nothing is written to a disk that is not the caller's to change, nor when
+// the work could not end well. The helper says why and leaves the stick as
+// it was.
+void TestUsbHelper::refusedBeforeWriting_data()
 {
-    QTest::addColumn<QString>("command");
-    QTest::addColumn<QString>("use");
-    QTest::addColumn<QString>("reason"); // in the refusal; "%1" is the temporary folder
+    QTest::addColumn<QStringList>("arguments"); // "%1" is the stick
+    QTest::addColumn<QString>("setup");
+    QTest::addColumn<QString>("pkexecUid"); // empty: root itself calls
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("reason"); // in the refusal; "%1" is the stick, "%2" the test's folder
 
-    QTest::newRow("whole disk mounted elsewhere")
-        << "prepare" << "mount disk" << "is mounted at %1/data";
-    QTest::newRow("partition mounted elsewhere")
-        << "prepare" << "mount partition" << "is mounted at %1/data";
-    QTest::newRow("held open exclusively") << "prepare" << "exclusive" << "in use";
-    QTest::newRow("held open by a program") << "prepare" << "open" << "in use by sleep";
-    QTest::newRow("image write, partition mounted elsewhere")
-        << "write" << "mount partition" << "is mounted at %1/data";
-    QTest::newRow("hash, whole disk mounted elsewhere")
-        << "hash" << "mount disk" << "is mounted at %1/data";
+    const QStringList prepare{"prepare", "%1", "--scheme", "mbr", "--fs", "fat32"};
+    const QStringList unmount{"unmount", "%1"};
+    const QStringList write{"write", "%1", "--size", "1048576"};
+    const QStringList hash{"hash", "%1", "--size", "1048576"};
+    // A disk that something else uses: mounted where the desktop does not
+    // mount removable media (a server's data, a container's root), or held
+    // open by another program.
+    QTest::newRow("whole disk mounted elsewhere") << prepare << "mount disk" << "" << 3 << "is mounted at %2/data";
+    QTest::newRow("partition mounted elsewhere") << prepare << "mount partition" << "" << 3
+                                                 << "is mounted at %2/data";
+    QTest::newRow("held open exclusively") << prepare << "exclusive" << "" << 3 << "in use";
+    QTest::newRow("held open by a program") << prepare << "open" << "" << 3 << "in use by sleep";
+    QTest::newRow("image write, partition mounted elsewhere") << write << "mount partition" << "" << 3
+                                                              << "is mounted at %2/data";
+    QTest::newRow("hash, whole disk mounted elsewhere") << hash << "mount disk" << "" << 3
+                                                        << "is mounted at %2/data";
+    // Any user polkit lets through may name any loop device, and a loop
+    // device can read any file, the system's own images too: through pkexec
+    // the helper takes only a loop device over a file of the user pkexec
+    // names, as the kernel holds it (a file put in its place later does not
+    // count; the kernel names a deleted file "<path> (deleted)").
+    QTest::newRow("another user's file") << prepare << "" << "65534" << 3 << "belongs to another user";
+    QTest::newRow("unmount, another user's file") << unmount << "" << "65534" << 3 << "belongs to another user";
+    QTest::newRow("own file named like another's") << prepare << "swapped" << "65534" << 3 << "cannot be found";
+    QTest::newRow("unmount, own file named like another's") << unmount << "swapped" << "65534" << 3
+                                                            << "cannot be found";
+    QTest::newRow("not a user id") << prepare << "" << "65534x" << 3 << "PKEXEC_UID is not a user id";
+    QTest::newRow("unknown user") << unmount << "" << "4000000000" << 3 << "unknown to the system";
+    // A label the file system cannot take (which labels those are is the
+    // plan's test): mkfs refusing it after the wipe would leave the stick empty.
+    QTest::newRow("FAT32 label with a dot") << prepare + QStringList{"--label", "V1.0"} << "" << "" << 2
+                                            << "can hold only";
+    QTest::newRow("image larger than the stick") << QStringList{"write", "%1", "--size", "16777728"} << "" << "" << 3
+                                                 << "refused: %1 holds 16777216 bytes, fewer than the image's 16777728";
 }
 
-void TestUsbHelper::disksInUseAreRefused()
+void TestUsbHelper::refusedBeforeWriting()
 {
-    QFETCH(QString, command);
-    QFETCH(QString, use);
+    QFETCH(QStringList, arguments);
+    QFETCH(QString, setup);
+    QFETCH(QString, pkexecUid);
+    QFETCH(int, exitCode);
     QFETCH(QString, reason);
-    if (QStandardPaths::findExecutable("mkfs.ext2", {"/usr/sbin", "/sbin"}).isEmpty())
+    if (setup.startsWith("mount") && QStandardPaths::findExecutable("mkfs.ext2", {"/usr/sbin", "/sbin"}).isEmpty())
         QSKIP("mkfs.ext2 is not installed");
     const LoopDevice stick(16);
     if (!stick.IsValid())
         QSKIP("needs root and a free loop device");
-    QString node = stick.Node();
-    int code = -1;
-    if (use == "mount partition") {
-        QProcess sfdisk;
-        sfdisk.start("sfdisk", {"-q", stick.Node()});
-        sfdisk.write("start=1MiB\n");
-        sfdisk.closeWriteChannel();
-        QVERIFY(sfdisk.waitForFinished() && sfdisk.exitCode() == 0);
-        tool("partx", {"-u", stick.Node()});
-        node = stick.Partition();
-        QTRY_VERIFY(QFileInfo::exists(node));
+    {
+        // Bytes that a wipe would change.
+        QFile disk(stick.Node());
+        QVERIFY(disk.open(QIODevice::WriteOnly));
+        QVERIFY(disk.write(QByteArray(1 << 20, 'x')) == 1 << 20);
     }
-    tool("mkfs.ext2", {"-q", "-F", node}, &code);
-    QVERIFY(code == 0);
     const QString folder = stick.FilePath("data");
-    QVERIFY(QDir().mkpath(folder));
     const auto unmountData = qScopeGuard([&] {
         while (mounted(folder))
             tool("umount", {folder});
@@ -620,113 +632,48 @@ void TestUsbHelper::disksInUseAreRefused()
         holder.kill();
         holder.waitForFinished();
     });
-    if (use.startsWith("mount")) {
+    if (setup.startsWith("mount")) {
+        QString node = stick.Node();
+        if (setup == "mount partition") {
+            QVERIFY(partition(node, "start=1MiB\n"));
+            tool("partx", {"-u", node});
+            node = stick.Partition();
+            QTRY_VERIFY(QFileInfo::exists(node));
+        }
+        int code = -1;
+        tool("mkfs.ext2", {"-q", "-F", node}, &code);
+        QCOMPARE(code, 0);
+        QVERIFY(QDir().mkpath(folder));
         const QString said = tool("mount", {node, folder}, &code);
         QVERIFY2(code == 0, qPrintable(said));
-    } else if (use == "exclusive") {
-        exclusive = ::open(QFile::encodeName(node).constData(), O_RDONLY | O_EXCL | O_CLOEXEC);
+    } else if (setup == "exclusive") {
+        exclusive = ::open(QFile::encodeName(stick.Node()).constData(), O_RDONLY | O_EXCL | O_CLOEXEC);
         QVERIFY(exclusive >= 0);
-    } else {
-        holder.setStandardInputFile(node);
+    } else if (setup == "open") {
+        holder.setStandardInputFile(stick.Node());
         holder.start("sleep", {"60"});
         QVERIFY(holder.waitForStarted());
-    }
-    const QByteArray before = sha256Of(stick.Node());
-
-    const bool image = command != "prepare";
-    const QStringList options =
-        image ? QStringList{"--size", "1048576"} : QStringList{"--scheme", "mbr", "--fs", "fat32"};
-    const Run run = helper(QStringList{command, stick.Node()} + options,
-                           QProcessEnvironment::systemEnvironment(),
-                           command == "write" ? QByteArray(1 << 20, 'x') : QByteArray());
-    QCOMPARE(run.exitCode, 3);
-    QVERIFY2(run.lines.last().startsWith("refused: ") &&
-                 run.lines.last().contains(QString(reason).replace("%1", stick.DirPath())),
-             qPrintable(run.lines.join('\n')));
-    QCOMPARE(mounted(folder), use.startsWith("mount"));
-    QCOMPARE(sha256Of(stick.Node()), before);
-}
-
-// Any user polkit lets through may name any loop device, and a loop device
-// can read any file, the system's own images too: through pkexec the helper
-// takes only a loop device over a file of the user pkexec names, as the
-// kernel holds it (a file put in its place later does not count).
-void TestUsbHelper::loopDevicesOfOthersAreRefused_data()
-{
-    QTest::addColumn<QString>("pkexecUid");
-    QTest::addColumn<QString>("file"); // "root's"; "swapped": root's, deleted, with the user's own named like it
-    QTest::addColumn<QString>("reason");
-
-    QTest::newRow("another user's file") << "65534" << "root's" << "belongs to another user";
-    QTest::newRow("own file named like another's") << "65534" << "swapped" << "cannot be found";
-    QTest::newRow("not a user id") << "65534x" << "root's" << "PKEXEC_UID is not a user id";
-    QTest::newRow("unknown user") << "4000000000" << "root's" << "unknown to the system";
-}
-
-void TestUsbHelper::loopDevicesOfOthersAreRefused()
-{
-    QFETCH(QString, pkexecUid);
-    QFETCH(QString, file);
-    QFETCH(QString, reason);
-    const LoopDevice stick(16);
-    if (!stick.IsValid())
-        QSKIP("needs root and a free loop device");
-    const QString image = stick.Image();
-    if (file == "swapped") {
-        // The kernel names a deleted file "<path> (deleted)": a name anyone
-        // can give a file of their own.
-        QVERIFY(QFile::remove(image));
-        QFile own(image + " (deleted)");
+    } else if (setup == "swapped") {
+        QVERIFY(QFile::remove(stick.Image()));
+        QFile own(stick.Image() + " (deleted)");
         QVERIFY(own.open(QIODevice::WriteOnly));
         own.close();
         QVERIFY(::chown(QFile::encodeName(own.fileName()).constData(), kNobody, kNobody) == 0);
     }
     const QByteArray before = sha256Of(stick.Node());
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert("PKEXEC_UID", pkexecUid);
+    if (!pkexecUid.isEmpty())
+        environment.insert("PKEXEC_UID", pkexecUid);
 
-    for (const QStringList& arguments : {QStringList{"prepare", stick.Node(), "--scheme", "mbr", "--fs", "fat32"},
-                                         QStringList{"unmount", stick.Node()}}) {
-        const Run run = helper(arguments, environment);
-        QCOMPARE(run.exitCode, 3);
-        QVERIFY2(run.lines.size() == 1 && run.lines.first().startsWith("refused: ")
-                     && run.lines.first().contains(reason),
-                 qPrintable(run.lines.join('\n')));
-    }
-    QCOMPARE(sha256Of(stick.Node()), before);
-}
-
-// A label the file system cannot take is refused before the stick is
-// touched: mkfs refusing it after the wipe would leave the stick empty.
-void TestUsbHelper::badLabelsAreRefusedBeforeWriting_data()
-{
-    QTest::addColumn<QString>("fs");
-    QTest::addColumn<QString>("label");
-    QTest::addColumn<QString>("reason");
-
-    QTest::newRow("exFAT, 12 characters") << "exfat" << "Brenta Stick" << "at most 11 characters";
-    QTest::newRow("FAT32, a dot") << "fat32" << "V1.0" << "can hold only";
-    QTest::newRow("NTFS, 129 characters") << "ntfs" << QString(129, 'n') << "at most 128 characters";
-}
-
-void TestUsbHelper::badLabelsAreRefusedBeforeWriting()
-{
-    QFETCH(QString, fs);
-    QFETCH(QString, label);
-    QFETCH(QString, reason);
-    const LoopDevice stick(16);
-    if (!stick.IsValid())
-        QSKIP("needs root and a free loop device");
-    {
-        QFile disk(stick.Node());
-        QVERIFY(disk.open(QIODevice::WriteOnly));
-        QVERIFY(disk.write(QByteArray(1 << 20, 'x')) == 1 << 20);
-    }
-    const QByteArray before = sha256Of(stick.Node());
-
-    const Run run = helper({"prepare", stick.Node(), "--scheme", "mbr", "--fs", fs, "--label", label});
-    QCOMPARE(run.exitCode, 2);
-    QVERIFY2(run.lines.join('\n').contains(reason), qPrintable(run.lines.join('\n')));
+    arguments.replaceInStrings("%1", stick.Node());
+    const Run run = helper(arguments, environment,
+                           arguments.first() == "write" ? QByteArray(arguments.at(3).toInt(), 'x') : QByteArray());
+    QCOMPARE(run.exitCode, exitCode);
+    reason.replace("%1", stick.Node()).replace("%2", stick.DirPath());
+    QVERIFY2(run.Text().contains(reason), qPrintable(run.Text()));
+    if (exitCode == 3)
+        QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(reason), qPrintable(run.Text()));
+    QCOMPARE(mounted(folder), setup.startsWith("mount"));
     QCOMPARE(sha256Of(stick.Node()), before);
 }
 
@@ -786,8 +733,7 @@ void TestUsbHelper::imageWrittenAndHashed()
 }
 
 // Nothing short of the whole image passes: standard input that ends early
-// fails the write, and an image the stick cannot hold is refused before a
-// byte is written, or fails the read-back.
+// fails the write, and an image the stick cannot hold fails the read-back.
 void TestUsbHelper::imageNotWritten_data()
 {
     QTest::addColumn<QString>("command");
@@ -800,9 +746,6 @@ void TestUsbHelper::imageNotWritten_data()
         << "write" << qint64(3 << 20) << qint64((2 << 20) + 5) << 1
         << QStringList{"step: writing",
                        "error: writing: the image ended after 2097157 of 3145728 bytes."};
-    QTest::newRow("image larger than the stick")
-        << "write" << qint64((16 << 20) + 512) << qint64((16 << 20) + 512) << 3
-        << QStringList{"refused: %1 holds 16777216 bytes, fewer than the image's 16777728"};
     QTest::newRow("hash beyond the stick")
         << "hash" << qint64((16 << 20) + 512) << qint64(0) << 1
         << QStringList{
@@ -820,14 +763,10 @@ void TestUsbHelper::imageNotWritten()
     const LoopDevice stick(16);
     if (!stick.IsValid())
         QSKIP("needs root and a free loop device");
-    const QByteArray before = sha256Of(stick.Node());
-
     const Run run = helper({command, stick.Node(), "--size", QString::number(size)},
                            QProcessEnvironment::systemEnvironment(), QByteArray(fed, 'x'));
     QCOMPARE(run.lines, lines.replaceInStrings("%1", stick.Node()));
     QCOMPARE(run.exitCode, exitCode);
-    if (exitCode == 3)
-        QCOMPARE(sha256Of(stick.Node()), before);
 }
 
 // A stick pulled out while the image goes to it fails the write with how far
@@ -882,7 +821,7 @@ void TestUsbHelper::hashReadsTheStickItself()
     const QString size = QString::number(image.size());
     Run run = helper({"write", stick.Node(), "--size", size},
                      QProcessEnvironment::systemEnvironment(), image);
-    QVERIFY2(run.exitCode == 0, qPrintable(run.lines.join('\n')));
+    QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
 
     QFile disk(stick.Node());
     QVERIFY(disk.open(QIODevice::ReadOnly | QIODevice::Unbuffered));
@@ -926,11 +865,7 @@ void TestUsbHelper::toolsDieWithTheHelper()
         QSKIP("needs root and a free loop device");
     if (arguments.first() == "bootcode") {
         // The boot code goes only onto a disk with an MBR partition table.
-        QProcess sfdisk;
-        sfdisk.start("sfdisk", {"--quiet", stick.Node()});
-        sfdisk.write("start=2048, type=c\n");
-        sfdisk.closeWriteChannel();
-        QVERIFY(sfdisk.waitForFinished() && sfdisk.exitCode() == 0);
+        QVERIFY(partition(stick.Node(), "start=2048, type=c\n"));
     }
     QVERIFY(Standins::Write(stick.FilePath("tools/system/" + tool),
                             "#!/bin/sh\necho $$ > \"$BRENTA_TEST_PID\"\nexec sleep 60\n"));
@@ -943,8 +878,7 @@ void TestUsbHelper::toolsDieWithTheHelper()
 
     QProcess helper;
     helper.setProcessEnvironment(environment);
-    helper.start(qEnvironmentVariable("BRENTA_TEST_USB_HELPER", QStringLiteral(BRENTA_USB_HELPER)),
-                 QStringList{arguments.first(), stick.Node()} + arguments.mid(1));
+    helper.start(helperPath(), QStringList{arguments.first(), stick.Node()} + arguments.mid(1));
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo(stick.FilePath("tool.pid")).size() > 0, 20000);
     QFile pidFile(stick.FilePath("tool.pid"));
     QVERIFY(pidFile.open(QIODevice::ReadOnly));
