@@ -1,6 +1,8 @@
 #include <QtTest>
 
 #include <QCursor>
+#include <QLineEdit>
+#include <QMimeData>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QProcess>
@@ -16,6 +18,7 @@
 #include "ui/baseimagectrl.h"
 #include "ui/commdialog.h"
 #include "ui/contentsview.h"
+#include "ui/drops.h"
 #include "ui/filelistwidgets.h"
 #include "ui/notifier.h"
 
@@ -54,7 +57,10 @@ private Q_SLOTS:
     void windowsTakeTheirPicturesShape_data();
     void windowsTakeTheirPicturesShape();
     void hoverGoesWhenTheClickTookThePointerAway();
+    void keyboardReachesAndPressesPictureButtons();
     void onlyTheHeaderBoxTicksRows();
+    void pagesTakeDroppedFiles_data();
+    void pagesTakeDroppedFiles();
     void cutNamesShowInFullAsTooltips_data();
     void cutNamesShowInFullAsTooltips();
 
@@ -191,6 +197,30 @@ void TestDesktop::hoverGoesWhenTheClickTookThePointerAway()
     QCOMPARE(button.CurrentState(), CBaseImageCtrl::State::Normal);
 }
 
+void TestDesktop::keyboardReachesAndPressesPictureButtons()
+{
+    QWidget window;
+    window.resize(200, 100);
+    CImageButton* first = MakePictureButton(&window, "first", QStringLiteral(":/nwu/close_small_"), 10, 10);
+    CImageButton* second = MakePictureButton(&window, "second", QStringLiteral(":/nwu/close_small_"), 60, 10);
+    window.show();
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    const QImage unfocused = second->grab().toImage();
+
+    QSignalSpy firstClicks(first, qOverload<>(&CBaseImageCtrl::clicked));
+    QSignalSpy secondClicks(second, qOverload<>(&CBaseImageCtrl::clicked));
+    first->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(&window, Qt::Key_Tab);
+    QVERIFY(second->hasFocus());
+    QTest::keyClick(second, Qt::Key_Space);
+    QTest::keyClick(second, Qt::Key_Return);
+    QCOMPARE(secondClicks.count(), 2);
+    QCOMPARE(firstClicks.count(), 0);
+    // The focus is seen.
+    QVERIFY(second->grab().toImage() != unfocused);
+}
+
 void TestDesktop::onlyTheHeaderBoxTicksRows()
 {
     QWidget page;
@@ -249,6 +279,54 @@ void TestDesktop::cutNamesShowInFullAsTooltips()
         QTRY_COMPARE(QToolTip::text(), name);
     else
         QVERIFY(!QToolTip::isVisible());
+}
+
+void TestDesktop::pagesTakeDroppedFiles_data()
+{
+    QTest::addColumn<QList<QUrl>>("urls");
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QStringList>("taken");
+    const QString here = QFileInfo(QStringLiteral(BRENTA_SOURCE_DIR "/README.md")).absoluteFilePath();
+    const QString folder = QFileInfo(QStringLiteral(BRENTA_SOURCE_DIR "/tests")).absoluteFilePath();
+    QTest::newRow("a file and a folder") << QList<QUrl>{QUrl::fromLocalFile(here), QUrl::fromLocalFile(folder)}
+                                         << QString() << QStringList{here, folder};
+    QTest::newRow("a web address among them")
+        << QList<QUrl>{QUrl::fromLocalFile(here), QUrl(QStringLiteral("https://example.org/a.iso"))} << QString()
+        << QStringList();
+    QTest::newRow("text") << QList<QUrl>() << QStringLiteral("/etc/passwd") << QStringList();
+}
+
+void TestDesktop::pagesTakeDroppedFiles()
+{
+    QFETCH(QList<QUrl>, urls);
+    QFETCH(QString, text);
+    QFETCH(QStringList, taken);
+    QWidget page;
+    auto* field = new QLineEdit(&page);
+    QStringList dropped;
+    Drops::Enable(&page, [](const QStringList&) { return true; },
+                  [&](const QStringList& paths) { dropped = paths; });
+    // A drop on the image field reaches the page instead of pasting an address.
+    QVERIFY(!field->acceptDrops());
+    QVERIFY(page.acceptDrops());
+
+    QMimeData data;
+    if (!urls.isEmpty())
+        data.setUrls(urls);
+    if (!text.isEmpty())
+        data.setText(text);
+    QDragEnterEvent enter(QPoint(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&page, &enter);
+    QCOMPARE(enter.isAccepted(), !taken.isEmpty());
+    QDropEvent drop(QPointF(5, 5), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&page, &drop);
+    QCOMPARE(dropped, taken);
+    // One file opens as an image; a folder or several paths do not.
+    QCOMPARE(Drops::ImageOf(taken), QString());
+    if (!taken.isEmpty()) {
+        QCOMPARE(Drops::ImageOf({taken[0]}), taken[0]);
+        QCOMPARE(Drops::ImageOf({taken[1]}), QString());
+    }
 }
 
 QTEST_MAIN(TestDesktop)

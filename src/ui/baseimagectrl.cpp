@@ -1,8 +1,10 @@
 #include "ui/baseimagectrl.h"
 
 #include <QCursor>
+#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QPen>
 #include <QPixmap>
 #include <QPointer>
 
@@ -14,6 +16,8 @@ CBaseImageCtrl::CBaseImageCtrl(QWidget* parent) : QWidget(parent)
     setWindowFlags(Qt::FramelessWindowHint);
     setMouseTracking(true);
     setCursor(Qt::PointingHandCursor);
+    // Reached by Tab; a click does not take the focus from a text field.
+    setFocusPolicy(Qt::TabFocus);
 }
 
 void CBaseImageCtrl::SetImages(const QString& normal, const QString& hover, const QString& pressed,
@@ -104,8 +108,12 @@ void CBaseImageCtrl::mouseReleaseEvent(QMouseEvent* event)
     const bool wasArmed = std::exchange(m_armed, false);
     m_inside = rect().contains(event->position().toPoint());
     update();
-    if (!wasArmed || !m_inside)
-        return;
+    if (wasArmed && m_inside)
+        Click();
+}
+
+void CBaseImageCtrl::Click()
+{
     const QPointer<CBaseImageCtrl> self(this);
     Q_EMIT clicked(true);
     if (self)
@@ -134,6 +142,29 @@ void CBaseImageCtrl::leaveEvent(QEvent* event)
     m_inside = false;
     update();
     QWidget::leaveEvent(event);
+}
+
+void CBaseImageCtrl::keyPressEvent(QKeyEvent* event)
+{
+    const int key = event->key();
+    if ((key == Qt::Key_Space || key == Qt::Key_Return || key == Qt::Key_Enter) && !event->isAutoRepeat() &&
+        event->modifiers() == Qt::NoModifier) {
+        Click();
+        return;
+    }
+    QWidget::keyPressEvent(event);
+}
+
+void CBaseImageCtrl::focusInEvent(QFocusEvent* event)
+{
+    update();
+    QWidget::focusInEvent(event);
+}
+
+void CBaseImageCtrl::focusOutEvent(QFocusEvent* event)
+{
+    update();
+    QWidget::focusOutEvent(event);
 }
 
 void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
@@ -189,6 +220,13 @@ void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
     }
     QPainter painter(this);
     painter.drawPixmap(at, picture, source);
+    if (hasFocus()) {
+        // The skin's accent blue, as around a focused text field.
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(QColor(0x1E, 0x88, 0xE5), 2));
+        painter.setBrush(Qt::NoBrush);
+        painter.drawRoundedRect(QRectF(rect()).adjusted(1, 1, -1, -1), 4, 4);
+    }
 }
 
 CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)

@@ -5,7 +5,9 @@
 
 // A control drawn from pictures: normal, hover, pressed and disabled, either as
 // separate pictures or as frames of one sprite laid side by side. A click is a
-// press inside the control followed by a release inside it.
+// press inside the control followed by a release inside it, or Space or Enter
+// while it has the focus. Tab reaches it; it then shows a focus mark in the
+// skin's accent colour.
 class CBaseImageCtrl : public QWidget
 {
     Q_OBJECT
@@ -41,10 +43,15 @@ protected:
     void mouseMoveEvent(QMouseEvent* event) override;
     void enterEvent(QEnterEvent* event) override;
     void leaveEvent(QEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
+    void focusInEvent(QFocusEvent* event) override;
+    void focusOutEvent(QFocusEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
 
 private:
     void ApplySize();
+    // Sends clicked(); afterwards the hover look follows the pointer again.
+    void Click();
 
     QString m_normal;
     QString m_hover;
