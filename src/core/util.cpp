@@ -28,7 +28,7 @@ namespace {
 
 constexpr auto kTimePattern = "yyyy-MM-dd hh:mm:ss";
 
-// Entries counted and removed by DirSize and RemoveDir: hidden entries are
+// Entries removed by RemoveDir: hidden entries are
 // deliberately left out, so a folder holding one keeps existing.
 constexpr QDir::Filters kListFilter =
     QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot;
@@ -151,21 +151,6 @@ QString Util::FileSuffix(const QString& name)
 bool Util::FileExists(const QString& path)
 {
     return QFileInfo::exists(path);
-}
-
-qint64 Util::DirSize(QString path)
-{
-    if (path.endsWith(QLatin1Char('/')))
-        path.chop(1);
-    qint64 total = 0;
-    const QFileInfoList entries = QDir(path).entryInfoList(kListFilter, QDir::Unsorted);
-    for (const QFileInfo& entry : entries) {
-        if (entry.isDir() && !entry.isSymLink())
-            total += DirSize(entry.absoluteFilePath());
-        else
-            total += entry.size();
-    }
-    return total;
 }
 
 void Util::RemovePath(const QString& path)

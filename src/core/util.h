@@ -41,7 +41,6 @@ public:
 
     // Files
     static bool FileExists(const QString& path);
-    static qint64 DirSize(QString path);
     static void RemovePath(const QString& path);
     static void RemoveDir(const QString& path, bool removeFiles);
     // Capacity in bytes: the size of the device for a device node ("/dev/sdb"),
