@@ -137,9 +137,7 @@ void TestBootSetup::measures()
     QFETCH(qint64, length);
     QFETCH(bool, infoTable);
     const QByteArray image = imageWith(head, sectors);
-    int reads = 0;
     const BootSetup::ReadFunction read = [&](qint64 offset, int size, char* buffer) {
-        ++reads;
         if (offset < 0 || size < 0 || offset + size > image.size())
             return false;
         std::memcpy(buffer, image.constData() + offset, size_t(size));
