@@ -201,11 +201,10 @@ void TestDrives::sizeText_data()
 {
     QTest::addColumn<qint64>("bytes");
     QTest::addColumn<QString>("text");
+    // Megabytes, gigabytes with a decimal and terabytes show in the drive texts below.
     QTest::newRow("negative") << qint64(-5) << "0 kB";
     QTest::newRow("kilobytes") << qint64(999'400) << "999 kB";
-    QTest::newRow("megabytes") << qint64(499'999'744) << "500 MB";
     QTest::newRow("rounds down") << qint64(15'931'539'456) << "15.9 GB";
-    QTest::newRow("terabyte disk") << qint64(1'000'204'886'016) << "1.0 TB";
 }
 
 void TestDrives::sizeText()
