@@ -66,8 +66,11 @@ void TestMainWindow::featureButtonOpensFreshPage()
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
     const auto pages = [&] { return window.findChildren<ImageDialog*>(Qt::FindDirectChildrenOnly); };
+    const QString homeHint = window.Hint();
 
     QTest::mouseClick(window.Button(button), Qt::LeftButton);
+    // The side panel speaks of the page shown, and of home again once it goes.
+    QVERIFY(window.Hint() != homeHint);
     QCOMPARE(pages().size(), 1);
     QPointer<ImageDialog> first = pages().first();
     QCOMPARE(QString(first->metaObject()->className()), pageClass);
@@ -82,6 +85,7 @@ void TestMainWindow::featureButtonOpensFreshPage()
     QTest::mouseClick(back, Qt::LeftButton);
     QVERIFY(!first->isVisible());
     QTRY_VERIFY(first.isNull());
+    QCOMPARE(window.Hint(), homeHint);
     QTest::mouseClick(window.Button(button), Qt::LeftButton);
     QCOMPARE(pages().size(), 1);
     QVERIFY(pages().first()->isVisible());

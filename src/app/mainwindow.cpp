@@ -3,6 +3,7 @@
 #include <QCursor>
 #include <QDesktopServices>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QMenu>
 #include <QPointer>
 #include <QUrl>
@@ -30,6 +31,7 @@ QPointer<QMenu>& menuSlot()
 }
 
 constexpr int kPageX = 195;
+const QString kHomeHint = QStringLiteral("Pick a task on the right to begin.");
 constexpr int kPageY = 107;
 
 } // namespace
@@ -53,6 +55,17 @@ MainWindow::MainWindow(QWidget* /*parent*/) : ImageDialog(false)
     setWindowTitle(QStringLiteral("Brenta"));
     SetBackgroundImage(QStringLiteral(":/nwu/main"));
     SetMovable(true);
+
+    // Under the side panel's welcome text, in its font and colour.
+    m_hint = new QLabel(kHomeHint, this);
+    m_hint->setObjectName(QStringLiteral("hint"));
+    m_hint->setGeometry(22, 274, 155, 80);
+    m_hint->setAlignment(Qt::AlignLeft | Qt::AlignTop);
+    m_hint->setWordWrap(true);
+    QFont hintFont(QStringLiteral("Noto Sans"));
+    hintFont.setPixelSize(13);
+    m_hint->setFont(hintFont);
+    m_hint->setStyleSheet(QStringLiteral("color: #606060; background: transparent;"));
 
     const auto picture = [](const char* name) { return QStringLiteral(":/nwu/") + QLatin1String(name); };
     const auto feature = [&](CImageButton* button, const char* stem) {
@@ -110,8 +123,15 @@ CImageButton* MainWindow::Button(const QString& name) const
     return findChild<CImageButton*>(name, Qt::FindDirectChildrenOnly);
 }
 
-void MainWindow::ShowPage(ImageDialog* page, int x, int y)
+QString MainWindow::Hint() const
 {
+    return m_hint->text();
+}
+
+void MainWindow::ShowPage(ImageDialog* page, int x, int y, const QString& hint)
+{
+    m_hint->setText(hint);
+    connect(page, &QObject::destroyed, m_hint, [label = m_hint] { label->setText(kHomeHint); });
     page->setParent(this);
     page->move(x, y);
     page->SetMovable(false);
@@ -180,30 +200,33 @@ void MainWindow::onBurn()
     auto* page = new CBurnDialog(this);
     // The drive lists follow drives plugged in and out.
     connect(this, &MainWindow::sigdrivechange, page, qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
-    ShowPage(page, kPageX, kPageY);
+    ShowPage(page, kPageX, kPageY, QStringLiteral("Choose an image and where to burn it, then press Burn."));
 }
 
 void MainWindow::onExtract()
 {
-    ShowPage(new CPage2(this), kPageX, kPageY);
+    ShowPage(new CPage2(this), kPageX, kPageY,
+             QStringLiteral("Open an image, tick what you want out of it and press Extract."));
 }
 
 void MainWindow::onCreate()
 {
-    ShowPage(new CPage3(this), kPageX, kPageY);
+    ShowPage(new CPage3(this), kPageX, kPageY,
+             QStringLiteral("Add files and folders, choose the file system, then press Create."));
 }
 
 void MainWindow::onEdit()
 {
     // The edit page covers the whole window below the header.
-    ShowPage(new CPage4(this), 3, kPageY);
+    ShowPage(new CPage4(this), 3, kPageY, QStringLiteral("Open an image, change its files, then press Save."));
 }
 
 void MainWindow::onCopy()
 {
     auto* page = new CPage5(this);
     connect(this, &MainWindow::sigdrivechange, page, &CPage5::InitializeDVDComboBox);
-    ShowPage(page, kPageX, kPageY);
+    ShowPage(page, kPageX, kPageY,
+             QStringLiteral("Put the disc in its drive, choose where the image goes, then press Start."));
 }
 
 void MainWindow::onHome()

@@ -4,6 +4,7 @@
 
 class CDriveMonitor;
 class CImageButton;
+class QLabel;
 class QMenu;
 
 // Brenta's only top-level window: the home page with the five feature buttons
@@ -25,6 +26,8 @@ public:
 
     CImageButton* Button(const QString& name) const;
     CDriveMonitor* DriveMonitor() const { return m_drives; }
+    // The side panel's hint, which speaks of the page shown.
+    QString Hint() const;
 
 Q_SIGNALS:
     void sigdrivechange();
@@ -47,7 +50,10 @@ protected:
 
 private:
     CImageButton* AddButton(const char* name, int x, int y);
-    void ShowPage(ImageDialog* page, int x, int y);
+    // Lays `page` over the home area and says in the side panel what to do
+    // there; the home hint comes back when the page goes.
+    void ShowPage(ImageDialog* page, int x, int y, const QString& hint);
 
     CDriveMonitor* m_drives = nullptr;
+    QLabel* m_hint = nullptr;
 };

@@ -157,12 +157,20 @@ void CBaseImageCtrl::keyPressEvent(QKeyEvent* event)
 
 void CBaseImageCtrl::focusInEvent(QFocusEvent* event)
 {
+    // The mark shows where the keyboard is: after Tab, and again when the
+    // window comes back with the focus the keyboard had put here; not on a
+    // window's first focus, which nobody chose.
+    const Qt::FocusReason reason = event->reason();
+    m_focusMark = reason == Qt::TabFocusReason || reason == Qt::BacktabFocusReason ||
+                  (reason == Qt::ActiveWindowFocusReason && m_focusMark);
     update();
     QWidget::focusInEvent(event);
 }
 
 void CBaseImageCtrl::focusOutEvent(QFocusEvent* event)
 {
+    if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+        m_focusMark = false;
     update();
     QWidget::focusOutEvent(event);
 }
@@ -220,7 +228,7 @@ void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
     }
     QPainter painter(this);
     painter.drawPixmap(at, picture, source);
-    if (hasFocus()) {
+    if (hasFocus() && m_focusMark) {
         // The skin's accent blue, as around a focused text field.
         painter.setRenderHint(QPainter::Antialiasing);
         painter.setPen(QPen(QColor(0x1E, 0x88, 0xE5), 2));

@@ -6,8 +6,8 @@
 // A control drawn from pictures: normal, hover, pressed and disabled, either as
 // separate pictures or as frames of one sprite laid side by side. A click is a
 // press inside the control followed by a release inside it, or Space or Enter
-// while it has the focus. Tab reaches it; it then shows a focus mark in the
-// skin's accent colour.
+// while it has the focus. Tab reaches it, and it then shows a focus mark in
+// the skin's accent colour.
 class CBaseImageCtrl : public QWidget
 {
     Q_OBJECT
@@ -62,6 +62,7 @@ private:
     bool m_hovered = false;
     bool m_armed = false;      // a press started inside and is not released yet
     bool m_inside = false;     // the cursor is inside the control
+    bool m_focusMark = false;  // the keyboard brought the focus here
     int m_alignment = Centre;
 };
 
