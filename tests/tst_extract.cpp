@@ -8,6 +8,7 @@
 #include "common/craftedimage.h"
 #include "common/isofixture.h"
 #include "common/standins.h"
+#include "iso/imagesave.h"
 #include "iso/isojobs.h"
 #include "iso/extraction.h"
 #include "iso/itemtree.h"
@@ -172,6 +173,8 @@ private Q_SLOTS:
     void failuresSayWhy_data();
     void failuresSayWhy();
     void stopRemovesPartialOutput();
+    void stopEndsOnceAfterTheTool_data();
+    void stopEndsOnceAfterTheTool();
     void makesLinksAsStored_data();
     void makesLinksAsStored();
     void takesNothingFromOutside_data();
@@ -215,6 +218,7 @@ void TestExtract::initTestCase()
     const QString jolietOnly =
         IsoFixture::Build(source, m_dir.filePath("joliet only.iso"), "joliet only", &error);
     QVERIFY2(!jolietOnly.isEmpty(), qPrintable(error));
+    m_images["joliet only"] = jolietOnly;
     m_images["truncated"] = m_dir.filePath("truncated.iso");
     QVERIFY(QFile::copy(jolietOnly, m_images["truncated"]));
     QVERIFY(QFile::resize(m_images["truncated"], QFileInfo(jolietOnly).size() / 2));
@@ -473,20 +477,102 @@ void TestExtract::stopRemovesPartialOutput()
 
     QTemporaryDir destination;
     CExtractJob job;
-    QSignalSpy finished(&job, &CExtractJob::finished);
-    QSignalSpy progress(&job, &CExtractJob::progress);
+    QSignalSpy progress(&job, &CJob::progressed);
     job.Start(image, destination.path(), {});
-    QVERIFY(job.IsRunning());
     QVERIFY(progress.wait(60000));
-    QCOMPARE(finished.count(), 0);
+    QStringList left;
+    connect(&job, &CJob::finished, this, [&] {
+        left = QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    });
     job.Stop();
-    QVERIFY(!job.IsRunning());
-    QTest::qWait(300);
-    QCOMPARE(finished.count(), 0);
-    // The staging folder goes once 7-Zip has ended, without Stop() waiting for it.
-    QTRY_COMPARE(
-        QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-        QStringList());
+    QVERIFY(!Jobs::Wait(job));
+    QCOMPARE(job.Message(), CJob::StoppedMessage());
+    QCOMPARE(left, QStringList());
+}
+
+// Every job's stop: Stop() returns while the tool is still ending, and
+// finished(false) comes once, after the tool has ended and what it wrote is
+// gone. The stand-in tool takes a second to end and writes into its output
+// once more as it does, so a removal made before its end would not last.
+void TestExtract::stopEndsOnceAfterTheTool_data()
+{
+    QTest::addColumn<QString>("job");
+    QTest::newRow("extract") << "extract";
+    QTest::newRow("build") << "build";
+    QTest::newRow("create") << "create";
+    QTest::newRow("save") << "save";
+}
+
+void TestExtract::stopEndsOnceAfterTheTool()
+{
+    QFETCH(QString, job);
+    QTemporaryDir tools;
+    const QByteArray script = R"sh(#!/bin/sh
+out=; previous=
+for argument in "$@"; do
+    case "$previous" in -o) out=$argument ;; -outdev) out=${argument#stdio:} ;; esac
+    case "$argument" in -o?*) out=${argument#-o}/partial ;; esac
+    previous=$argument
+done
+write() { mkdir -p "$(dirname "$out")" && echo data >> "$out"; }
+trap 'sleep 1; write; touch "$STANDIN_DIR/ended"; exit 1' TERM
+write
+touch "$STANDIN_DIR/started"
+while :; do sleep 0.05; done
+)sh";
+    for (const QString tool : {"7z/7z", "cdrtools/mkisofs", "xorriso/xorriso"})
+        QVERIFY(Standins::Write(tools.filePath(tool), script));
+    qputenv("BRENTA_TOOLS_DIR", tools.path().toUtf8());
+    qputenv("STANDIN_DIR", tools.path().toUtf8());
+    const auto unset = qScopeGuard([] {
+        qunsetenv("BRENTA_TOOLS_DIR");
+        qunsetenv("STANDIN_DIR");
+    });
+
+    QTemporaryDir out;
+    const QString output = out.filePath("out.iso");
+    std::unique_ptr<CJob> running;
+    if (job == "extract") {
+        auto extract = std::make_unique<CExtractJob>();
+        extract->Start(m_images["joliet only"], out.path(), {});
+        running = std::move(extract);
+    } else if (job == "build") {
+        auto build = std::make_unique<CBuildJob>();
+        build->Start(ImageBuild::Type::Joliet, output, m_dir.filePath("source"));
+        running = std::move(build);
+    } else if (job == "create") {
+        auto create = std::make_unique<CCreateJob>();
+        create->Start(ImageBuild::Type::Joliet, output, {m_dir.filePath("source")});
+        running = std::move(create);
+    } else {
+        auto save = std::make_unique<CImageSaveJob>();
+        save->Start(m_images["joliet only"], {}, output);
+        running = std::move(save);
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(tools.filePath("started")), 20000);
+
+    int ends = 0;
+    bool toolHadEnded = false;
+    QStringList left;
+    connect(running.get(), &CJob::finished, this, [&](bool ok) {
+        ++ends;
+        QVERIFY(!ok);
+        toolHadEnded = QFileInfo::exists(tools.filePath("ended"));
+        left = QDir(out.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+    });
+    QSignalSpy finished(running.get(), &CJob::finished);
+    QElapsedTimer timer;
+    timer.start();
+    running->Stop();
+    QVERIFY2(timer.elapsed() < 500, qPrintable(QString::number(timer.elapsed())));
+    QCOMPARE(ends, 0);
+    running->Stop();
+    QVERIFY(finished.wait(10000));
+    QCoreApplication::processEvents();
+    QCOMPARE(ends, 1);
+    QCOMPARE(running->Message(), CJob::StoppedMessage());
+    QVERIFY(toolHadEnded);
+    QCOMPARE(left, QStringList());
 }
 
 void TestExtract::makesLinksAsStored_data()

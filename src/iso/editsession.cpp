@@ -92,28 +92,38 @@ QString sameFileIn(const QString& root, const QString& bootImage)
 
 } // namespace
 
+void CEditOperation::Stop()
+{
+    m_session.Stop();
+}
+
 CEditSession::CEditSession(QObject* parent) : QObject(parent)
 {
+    m_loading = new CEditOperation(*this, this);
+    m_exporting = new CEditOperation(*this, this);
+    m_saving = new CEditOperation(*this, this);
     m_list = new CListJob(m_contents, this);
     connect(m_list, &CListJob::finished, this, &CEditSession::OnListed);
+    // A tool's end after a stop is the stop's to report.
+    const auto finishWith = [this](Task task) {
+        return [this, task](bool ok, const QString& message) {
+            if (m_task == task)
+                Finish(ok, ok ? QString() : message);
+        };
+    };
     m_save = new CImageSaveJob(this);
-    connect(m_save, &CImageSaveJob::progress, this,
-            [this](int value) { Q_EMIT progress(Phase::Saving, value, 10000); });
-    connect(m_save, &CImageSaveJob::finished, this, [this] {
-        Finish(m_save->Succeeded(), m_save->Succeeded() ? QString() : m_save->Message());
-    });
+    connect(m_save, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
+    connect(m_save, &CJob::finished, this, finishWith(Task::Save));
     m_build = new CBuildJob(this);
-    connect(m_build, &CBuildJob::progress, this,
-            [this](int value) { Q_EMIT progress(Phase::Saving, value, 10000); });
-    connect(m_build, &CBuildJob::finished, this, [this] {
-        Finish(m_build->Succeeded(), m_build->Succeeded() ? QString() : m_build->Message());
-    });
+    connect(m_build, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
+    connect(m_build, &CJob::finished, this, finishWith(Task::Save));
     m_exportJob = new CExtractJob(this);
-    connect(m_exportJob, &CExtractJob::progress, this, [this](int percent, const QString& entry) {
-        Q_EMIT progress(Phase::Exporting, percent, 100);
-        Q_EMIT exporting(entry);
-    });
-    connect(m_exportJob, &CExtractJob::finished, this, [this] {
+    connect(m_exportJob, &CJob::progressed, this,
+            [this](int percent) { Tell(Phase::Exporting, percent); });
+    connect(m_exportJob, &CExtractJob::extracting, this, &CEditSession::exporting);
+    connect(m_exportJob, &CJob::finished, this, [this] {
+        if (m_task != Task::Export)
+            return;
         if (!m_exportJob->Succeeded()) {
             Finish(false, m_exportJob->Message());
             return;
@@ -161,6 +171,7 @@ bool CEditSession::IsListing() const
 void CEditSession::Load(const QString& image)
 {
     Stop();
+    m_loading->Begin();
     m_list->Stop();
     CRunCommandThread::Dispose(m_reporter);
     CRunCommandThread::Dispose(m_count);
@@ -245,7 +256,7 @@ void CEditSession::LoadFailed(const QString& problem)
     m_list->Stop();
     CRunCommandThread::Dispose(m_reporter);
     CRunCommandThread::Dispose(m_count);
-    Q_EMIT listed(false);
+    m_loading->Finish(false, problem);
 }
 
 void CEditSession::OnListed()
@@ -330,7 +341,7 @@ void CEditSession::Decide()
     qCDebug(lcIso) << "loaded, saved by"
              << (m_way == ImageSave::Way::Xorriso ? "xorriso" : "a UDF rebuild") << "boot files"
              << m_report.bootFiles;
-    Q_EMIT listed(true);
+    m_loading->Finish(true, QString());
 }
 
 void CEditSession::StartWorkingCopy()
@@ -624,6 +635,7 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
 {
     Stop();
     m_task = Task::Export;
+    m_exporting->Begin();
     m_phase = Phase::Exporting;
     m_destination = destination;
     m_exportEntries.clear();
@@ -647,7 +659,7 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
     const bool renamed =
         std::any_of(m_changes.cbegin(), m_changes.cend(),
                     [](const Change& change) { return change.kind == Change::Kind::Rename; });
-    Q_EMIT progress(Phase::Exporting, 0, 100);
+    Tell(Phase::Exporting, 0);
     m_exportJob->Start(m_image, destination, m_exportEntries, renamed ? nullptr : &m_contents);
 }
 
@@ -742,15 +754,15 @@ void CEditSession::StartExportCopies()
     }
     for (const auto& [source, target] : m_exportInto)
         m_exporter->AddJob(source, target, CFileCopy::CopyAs);
-    m_phase = Phase::Copying;
     m_total = m_exporter->RemainingBytes();
-    Q_EMIT progress(Phase::Copying, 0, m_total >> 10);
+    Tell(Phase::Copying, 0);
 }
 
 void CEditSession::Save(const QString& output)
 {
     Stop();
     m_task = Task::Save;
+    m_saving->Begin();
     m_output = QFileInfo(output).absoluteFilePath();
     if (!m_loaded) {
         Finish(false,
@@ -758,8 +770,7 @@ void CEditSession::Save(const QString& output)
         return;
     }
     if (m_way == ImageSave::Way::Xorriso) {
-        m_phase = Phase::Saving;
-        Q_EMIT progress(Phase::Saving, 0, 10000);
+        Tell(Phase::Saving, 0);
         m_save->Start(m_image, m_changes, m_output);
         return;
     }
@@ -777,10 +788,10 @@ void CEditSession::CheckCopies()
             return;
         }
         if (IsExtracting()) {
-            Q_EMIT progress(Phase::Reading, m_extractProgress, 100);
+            Tell(Phase::Reading, m_extractProgress);
             return;
         }
-        m_phase = Phase::Copying;
+        Tell(Phase::Copying, 0);
         m_total = m_copier->RemainingBytes();
     }
     if (m_phase != Phase::Copying)
@@ -792,7 +803,7 @@ void CEditSession::CheckCopies()
     // The worker sizes what was queued as it goes: the whole grows with it.
     m_total = qMax(m_total, remaining);
     if (remaining >= 1) {
-        Q_EMIT progress(Phase::Copying, (m_total - remaining) >> 10, m_total >> 10);
+        Tell(Phase::Copying, m_total > 0 ? int((m_total - remaining) * 100 / m_total) : 0);
         return;
     }
     const QStringList failures = worker->TakeFailures();
@@ -809,8 +820,7 @@ void CEditSession::CheckCopies()
 
 void CEditSession::StartBuild()
 {
-    m_phase = Phase::Saving;
-    Q_EMIT progress(Phase::Saving, 0, 10000);
+    Tell(Phase::Saving, 0);
 
     // The catalogue points at a file of the tree with the boot image's bytes
     // where there is one; otherwise the boot image goes into the root, hidden
@@ -838,45 +848,98 @@ void CEditSession::StartBuild()
         [&](const QString& part) {
             return ImageBuild::EditArguments(m_label, bootOptions, part, m_workingCopy, rootFiles);
         },
-        m_output, true);
+        m_output);
 }
 
 void CEditSession::Stop()
 {
+    if (m_loading->IsRunning() && !m_loading->IsStopping()) {
+        // A listing writes nothing: the load ends without waiting for its tools.
+        m_loadProblem = CJob::StoppedMessage();
+        m_list->Stop();
+        CRunCommandThread::Dispose(m_reporter);
+        CRunCommandThread::Dispose(m_count);
+        m_loading->EndStopped()();
+    }
     if (m_task == Task::None)
         return;
-    m_save->Stop();
-    m_build->Stop();
-    m_exportJob->Stop();
-    // A copy under way is cut short; what it made goes once it has ended.
-    DropExporter(m_exportTargets);
-    m_exportTargets.clear();
+    CEditOperation* const operation = m_task == Task::Export ? m_exporting : m_saving;
+    const std::function<void()> end = operation->EndStopped();
     m_task = Task::None;
+    // At most one tool or copy is under way; the operation ends once it has
+    // ended and what it wrote is gone.
+    CJob* running = nullptr;
+    for (CJob* job : {static_cast<CJob*>(m_save), static_cast<CJob*>(m_build),
+                      static_cast<CJob*>(m_exportJob)}) {
+        if (job->IsRunning())
+            running = job;
+    }
+    if (running != nullptr) {
+        connect(running, &CJob::finished, this, end, Qt::SingleShotConnection);
+        running->Stop();
+        DropExporter({});
+    } else if (m_exporter) {
+        DropExporter(m_exportTargets, end);
+    } else {
+        end();
+    }
+    m_exportTargets.clear();
 }
 
-void CEditSession::DropExporter(const QStringList& removed)
+void CEditSession::DropExporter(const QStringList& removed, std::function<void()> afterwards)
 {
-    if (!m_exporter)
+    if (!m_exporter) {
+        if (afterwards)
+            afterwards();
         return;
+    }
     disconnect(m_exporter.get(), nullptr, this, nullptr);
-    CFileCopy::Retire(std::move(m_exporter), [removed] {
+    CFileCopy::Retire(std::move(m_exporter), [removed, afterwards = std::move(afterwards)] {
         for (const QString& target : removed) {
             if (QFileInfo(target).isDir())
                 QDir(target).removeRecursively();
             else
                 QFile::remove(target);
         }
+        if (afterwards)
+            afterwards();
     });
+}
+
+void CEditSession::Tell(Phase phase, int percent)
+{
+    m_phase = phase;
+    if (m_task == Task::None)
+        return;
+    CEditOperation* const operation = m_task == Task::Export ? m_exporting : m_saving;
+    const bool udf = m_way == ImageSave::Way::UdfRebuild;
+    QString text;
+    switch (phase) {
+    case Phase::Reading:
+        text = QStringLiteral("Reading the image (1 of 3)");
+        break;
+    case Phase::Exporting:
+        text = QStringLiteral("Extracting files (1 of 2)");
+        break;
+    case Phase::Copying:
+        text = m_task == Task::Save               ? QStringLiteral("Copying files (2 of 3)")
+               : m_exportEntries.isEmpty() ? QStringLiteral("Copying files")
+                                           : QStringLiteral("Copying files (2 of 2)");
+        break;
+    case Phase::Saving:
+        text = udf ? QStringLiteral("Building the image (3 of 3)") : QStringLiteral("Saving the image");
+        break;
+    }
+    operation->Progress(percent, text);
 }
 
 void CEditSession::Finish(bool succeeded, const QString& message)
 {
     const Task task = m_task;
+    if (task == Task::None)
+        return;
     m_task = Task::None;
     DropExporter({});
     m_exportTargets.clear();
-    if (task == Task::Export)
-        Q_EMIT exportFinished(succeeded, message);
-    else if (task == Task::Save)
-        Q_EMIT saveFinished(succeeded, message);
+    (task == Task::Export ? m_exporting : m_saving)->Finish(succeeded, message);
 }

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <tuple>
 #include <vector>
@@ -13,13 +14,32 @@
 #include "iso/imagesave.h"
 #include "iso/itemtree.h"
 #include "iso/listing.h"
+#include "tools/job.h"
 
 class CBuildJob;
+class CEditSession;
 class CExtractJob;
 class CFileCopy;
 class CListJob;
 class CRunCommandThread;
 class ScratchFolder;
+
+// One of an edit session's long operations (loading, exporting, saving) as a
+// job of its own: the session starts it, and its Stop() stops the session's
+// work under way.
+class CEditOperation final : public CJob
+{
+    Q_OBJECT
+    Q_DISABLE_COPY_MOVE(CEditOperation)
+
+public:
+    CEditOperation(CEditSession& session, QObject* parent) : CJob(parent), m_session(session) {}
+    void Stop() override;
+
+private:
+    friend class CEditSession;
+    CEditSession& m_session;
+};
 
 // Everything behind the edit page that needs no widget. Loading an image
 // lists it into an item tree and reads its boot setup; nothing is copied.
@@ -39,8 +59,8 @@ class CEditSession final : public QObject
 
 public:
     // Reading: a save waits for the working copy (UDF way); Exporting: entries
-    // leave the image; Copying: files are copied (KiB); Saving: the new image
-    // is written (hundredths of a percent of 10000).
+    // leave the image; Copying: files are copied; Saving: the new image is
+    // written.
     enum class Phase
     {
         Reading,
@@ -53,7 +73,7 @@ public:
     ~CEditSession() override;
 
     // Lists the image, reads its boot setup and decides how it is saved;
-    // listed() tells when the tree can be edited.
+    // Loading() ends when the tree can be edited, or with LoadProblem().
     void Load(const QString& image);
     QString Image() const { return m_image; }
     ItemTree& Contents() { return m_contents; }
@@ -98,23 +118,27 @@ public:
 
     // Entries of the image are extracted by the extract page's reader, added
     // ones copied from disk; nothing in `destination` is replaced. Ends with
-    // exportFinished().
+    // Exporting().
     void Export(const QList<const Item*>& items, const QString& destination);
-    // Writes the new image; ends with saveFinished().
+    // Writes the new image; ends with Saving().
     void Save(const QString& output);
-    // Ends an export or a save.
+    // Ends a load, an export or a save; the operation ends once its tools
+    // have and what they wrote is removed.
     void Stop();
     bool IsBusy() const { return m_task != Task::None; }
     QString OutputPath() const { return m_output; }
+    // The phase of the export or save under way.
+    Phase CurrentPhase() const { return m_phase; }
+
+    CJob& Loading() { return *m_loading; }
+    CJob& Exporting() { return *m_exporting; }
+    CJob& Saving() { return *m_saving; }
 
 Q_SIGNALS:
-    void listed(bool succeeded);
     // UDF way: the working copy is complete, or could not be made.
     void extracted(bool succeeded);
-    void progress(CEditSession::Phase phase, qint64 value, qint64 maximum);
+    // The entry of the image being exported.
     void exporting(const QString& entry);
-    void exportFinished(bool succeeded, const QString& message);
-    void saveFinished(bool succeeded, const QString& message);
 
 private:
     enum class Task { None, Export, Save };
@@ -140,14 +164,19 @@ private:
     // either; the folder goes once both have ended.
     void DropWorkingCopy();
     // Lets go of the export's worker without waiting for it; `removed` goes
-    // once it has ended.
-    void DropExporter(const QStringList& removed);
+    // once it has ended, and then `afterwards` runs (on the worker's thread).
+    void DropExporter(const QStringList& removed, std::function<void()> afterwards = {});
+    // Tells the operation under way how far `phase` is.
+    void Tell(Phase phase, int percent);
     // Gives an extracted entry the name and, for a folder, the contents the tree shows.
     bool PlaceExported(const QString& placed, const Item& item, QString* why);
     void StartExportCopies();
     void StartBuild();
     void Finish(bool succeeded, const QString& message);
 
+    CEditOperation* m_loading = nullptr;
+    CEditOperation* m_exporting = nullptr;
+    CEditOperation* m_saving = nullptr;
     QString m_image;
     QString m_label;
     ItemTree m_contents;

@@ -148,7 +148,7 @@ std::optional<int> ParseProgress(const QString& line)
 
 } // namespace ImageSave
 
-CImageSaveJob::CImageSaveJob(QObject* parent) : QObject(parent) {}
+CImageSaveJob::CImageSaveJob(QObject* parent) : CJob(parent) {}
 
 CImageSaveJob::~CImageSaveJob()
 {
@@ -159,6 +159,7 @@ void CImageSaveJob::Start(const QString& image, const std::vector<ImageSave::Cha
                           const QString& output)
 {
     Stop();
+    Begin();
     m_image = image;
     m_changes = changes;
     const IsoProbe::Trees trees = IsoProbe::Read(image);
@@ -166,8 +167,6 @@ void CImageSaveJob::Start(const QString& image, const std::vector<ImageSave::Cha
     m_rockRidge = trees.rockRidge || !trees.iso9660;
     m_alignCylinders = false;
     m_output = QFileInfo(output).absoluteFilePath();
-    m_succeeded = false;
-    m_message.clear();
     Run();
 }
 
@@ -186,21 +185,19 @@ void CImageSaveJob::Run()
 
 void CImageSaveJob::Stop()
 {
-    if (m_runner == nullptr)
+    if (!IsRunning() || IsStopping())
         return;
     // The part file goes once the tool has ended, so it cannot write it again.
-    CRunCommandThread::StopThen(m_runner, [part = m_part] { QFile::remove(part); });
-}
-
-bool CImageSaveJob::IsRunning() const
-{
-    return m_runner != nullptr;
+    CRunCommandThread::StopThen(m_runner, [part = m_part, end = EndStopped()] {
+        QFile::remove(part);
+        end();
+    });
 }
 
 void CImageSaveJob::OnLine(const QString& line)
 {
     if (const std::optional<int> value = ImageSave::ParseProgress(line)) {
-        Q_EMIT progress(*value);
+        Progress(*value / 100, QStringLiteral("Saving the image"));
         return;
     }
     // "xorriso : SORRY : ...", "libisofs: FAILURE : ...": the words after the severity.
@@ -226,21 +223,18 @@ void CImageSaveJob::OnFinished()
             Run();
             return;
         }
-        m_message = m_complaints.isEmpty()
-                        ? QStringLiteral("The image could not be saved. %1").arg(failure)
-                        : QStringLiteral("The image could not be saved. xorriso said: \"%1\"")
-                              .arg(m_complaints.join(QStringLiteral(" / ")));
-        Q_EMIT finished();
+        Finish(false, m_complaints.isEmpty()
+                          ? QStringLiteral("The image could not be saved. %1").arg(failure)
+                          : QStringLiteral("The image could not be saved. xorriso said: \"%1\"")
+                                .arg(m_complaints.join(QStringLiteral(" / "))));
         return;
     }
     QString error;
     if (!Util::CommitPart(m_part, m_output, &error)) {
-        m_message = QStringLiteral("The image was written but could not be saved as %1 (%2).")
-                        .arg(m_output, error);
-        Q_EMIT finished();
+        Finish(false, QStringLiteral("The image was written but could not be saved as %1 (%2).")
+                          .arg(m_output, error));
         return;
     }
-    m_succeeded = true;
-    Q_EMIT progress(10000);
-    Q_EMIT finished();
+    Progress(100, QStringLiteral("Saving the image"));
+    Finish(true, QString());
 }

@@ -7,6 +7,8 @@
 #include <optional>
 #include <vector>
 
+#include "tools/job.h"
+
 class CRunCommandThread;
 
 // Saving an edited image without copying it: xorriso writes the new image
@@ -60,9 +62,10 @@ std::optional<int> ParseProgress(const QString& line);
 
 // Runs xorriso for one save: the new image is written into a part file beside
 // `output` and renamed over it only when xorriso succeeded, so a failed or
-// stopped save leaves an existing output as it was. progress() follows
-// xorriso's own lines; finished() comes once.
-class CImageSaveJob final : public QObject
+// stopped save leaves an existing output as it was. Progress follows
+// xorriso's own lines; a failure's message says why, in xorriso's words
+// where it gave any.
+class CImageSaveJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CImageSaveJob)
@@ -72,16 +75,8 @@ public:
     ~CImageSaveJob() override;
 
     void Start(const QString& image, const std::vector<ImageSave::Change>& changes, const QString& output);
-    // Ends xorriso and removes the part file; no finished() follows.
-    void Stop();
-    bool IsRunning() const;
-    bool Succeeded() const { return m_succeeded; }
-    // Why the save failed, in xorriso's words where it gave any.
-    QString Message() const { return m_message; }
-
-Q_SIGNALS:
-    void progress(int value); // hundredths of a percent, 0 to 10000
-    void finished();
+    // Ends xorriso; the part file goes once it has ended.
+    void Stop() override;
 
 private:
     void Run();
@@ -97,6 +92,4 @@ private:
     QStringList m_complaints; // xorriso's SORRY and FAILURE lines
     QString m_output;
     QString m_part;
-    bool m_succeeded = false;
-    QString m_message;
 };

@@ -65,20 +65,19 @@ bool OnlyHeaderComplaints(const QStringList& reasons)
 
 } // namespace
 
-CListJob::CListJob(ItemTree& tree, QObject* parent) : QObject(parent), m_tree(tree) {}
+CListJob::CListJob(ItemTree& tree, QObject* parent) : CJob(parent), m_tree(tree) {}
 
 CListJob::~CListJob()
 {
-    Stop();
+    CRunCommandThread::Dispose(m_runner);
 }
 
 void CListJob::Start(const QString& image)
 {
-    Stop();
+    CRunCommandThread::Dispose(m_runner);
+    Begin();
     m_tree.Clear();
     m_tree.title = QFileInfo(image).fileName();
-    m_succeeded = false;
-    m_message.clear();
     m_warning.clear();
     m_treeName.clear();
     m_leftOut.clear();
@@ -115,18 +114,29 @@ void CListJob::Start(const QString& image)
 
 void CListJob::Stop()
 {
+    if (!IsRunning() || IsStopping())
+        return;
+    m_reader.reset();
+    m_said.clear();
+    ClearTree();
+    // A listing writes nothing: its end needs no wait for the tool.
     CRunCommandThread::Dispose(m_runner);
+    EndStopped()();
 }
 
-bool CListJob::IsRunning() const
+void CListJob::ClearTree()
 {
-    return m_runner != nullptr;
+    const QString title = m_tree.title;
+    m_tree.Clear();
+    m_tree.title = title;
+    m_treeName.clear();
+    m_warning.clear();
 }
 
 void CListJob::OnFinished()
 {
     const CRunCommandThread::Result result = m_runner->GetResult();
-    m_succeeded = m_reader->Finished() && result == CRunCommandThread::Result::Success;
+    bool succeeded = m_reader->Finished() && result == CRunCommandThread::Result::Success;
     if (m_byReader) {
         QStringList warnings;
         for (const QString& line : std::as_const(m_said)) {
@@ -139,9 +149,9 @@ void CListJob::OnFinished()
         // A listing the tool completed is shown, with its complaints about
         // the image's structure as a warning.
         const QStringList reasons = Extraction::Reasons(m_said);
-        if (!m_succeeded && m_reader->Finished() && result == CRunCommandThread::Result::Failed &&
+        if (!succeeded && m_reader->Finished() && result == CRunCommandThread::Result::Failed &&
             m_runner->ExitCode() == 2 && OnlyHeaderComplaints(reasons)) {
-            m_succeeded = true;
+            succeeded = true;
             m_warning = QStringLiteral("%1 reported: %2.")
                             .arg(archiveToolName(), reasons.join(QStringLiteral(", ")));
         }
@@ -151,25 +161,22 @@ void CListJob::OnFinished()
             });
         m_treeName = IsoProbe::TreeName(m_trees, openedAsUdf);
     }
-    if (!m_succeeded) {
-        const QString title = m_tree.title;
-        m_tree.Clear();
-        m_tree.title = title;
-        m_treeName.clear();
-        m_warning.clear();
-        m_message = QStringLiteral("The image could not be opened. %1")
-                        .arg(m_byReader ? readerFailure(*m_runner, m_said)
-                                        : archiveFailure(*m_runner, m_said));
+    QString message;
+    if (!succeeded) {
+        ClearTree();
+        message = QStringLiteral("The image could not be opened. %1")
+                      .arg(m_byReader ? readerFailure(*m_runner, m_said)
+                                      : archiveFailure(*m_runner, m_said));
     }
     m_leftOut = m_reader->LeftOut();
     m_said.clear();
     m_runner->deleteLater();
     m_runner = nullptr;
     m_reader.reset();
-    Q_EMIT finished();
+    Finish(succeeded, message);
 }
 
-CExtractJob::CExtractJob(QObject* parent) : QObject(parent) {}
+CExtractJob::CExtractJob(QObject* parent) : CJob(parent) {}
 
 CExtractJob::~CExtractJob()
 {
@@ -180,10 +187,7 @@ void CExtractJob::Start(const QString& image, const QString& destination, const 
                         const ItemTree* contents)
 {
     Stop();
-    ++m_run;
-    m_running = true;
-    m_succeeded = false;
-    m_message.clear();
+    Begin();
     m_placed.clear();
     m_lines.clear();
     m_image = image;
@@ -279,20 +283,21 @@ void CExtractJob::StartReader(const QString& reader)
 
 void CExtractJob::Stop()
 {
-    if (!m_running)
+    if (!IsRunning() || IsStopping())
         return;
-    m_running = false;
     if (m_list != nullptr) {
+        disconnect(m_list, nullptr, this, nullptr);
         m_list->Stop();
         m_list->deleteLater();
         m_list = nullptr;
     }
     m_listed.reset();
     // The staging folder goes once the tool has ended, or the tool could write
-    // into it again after the removal.
-    CRunCommandThread::StopThen(m_runner, [staging = m_staging] {
+    // into it again after the removal; only then does the run end.
+    CRunCommandThread::StopThen(m_runner, [staging = m_staging, end = EndStopped()] {
         if (!staging.isEmpty())
             Extraction::RemoveTree(staging);
+        end();
     });
     m_staging.clear();
 }
@@ -300,8 +305,10 @@ void CExtractJob::Stop()
 void CExtractJob::OnLine(const QString& line)
 {
     m_lines << line;
-    if (const std::optional<Extraction::Progress> step = Extraction::ParseProgress(line))
-        Q_EMIT progress(step->percent, step->name);
+    if (const std::optional<Extraction::Progress> step = Extraction::ParseProgress(line)) {
+        Progress(step->percent, QStringLiteral("Extracting files"));
+        Q_EMIT extracting(step->name);
+    }
 }
 
 void CExtractJob::OnFinished()
@@ -393,52 +400,31 @@ void CExtractJob::PlaceExtracted(const QStringList& notWritten, const QString& n
     Finish(notWritten.isEmpty(), notice);
 }
 
-void CExtractJob::Finish(bool succeeded, const QString& message)
-{
-    m_running = false;
-    m_succeeded = succeeded;
-    m_message = message;
-    Q_EMIT finished();
-}
-
-void CExtractJob::FinishLater(bool succeeded, const QString& message)
-{
-    const int run = m_run;
-    QMetaObject::invokeMethod(
-        this,
-        [this, run, succeeded, message] {
-            // A Stop() or a new Start() since then has taken this run's place.
-            if (m_running && run == m_run)
-                Finish(succeeded, message);
-        },
-        Qt::QueuedConnection);
-}
-
 CBuildJob::~CBuildJob()
 {
     Stop();
 }
 
-void CBuildJob::Start(ImageBuild::Type type, const QString& output, const QString& sourceDir)
+void CBuildJob::Start(ImageBuild::Type type, const QString& output, const QString& sourceDir,
+                      const QString& phase)
 {
     Run([&](const QString& part) { return ImageBuild::Arguments(type, part, sourceDir); },
-        QFileInfo(output).absoluteFilePath());
+        QFileInfo(output).absoluteFilePath(), phase);
     m_suggestUdf = type != ImageBuild::Type::Udf;
 }
 
-void CBuildJob::Run(const Arguments& arguments, const QString& output, bool roundProgress)
+void CBuildJob::Run(const Arguments& arguments, const QString& output, const QString& phase)
 {
     Stop();
+    Begin();
     m_suggestUdf = false;
-    m_roundProgress = roundProgress;
+    m_phase = phase;
     m_output = output;
     m_part = Util::PartPath(output);
-    m_succeeded = false;
-    m_message.clear();
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
-        if (const std::optional<int> value = ImageBuild::ParseProgress(line, m_roundProgress))
-            Q_EMIT progress(*value);
+        if (const std::optional<int> value = ImageBuild::ParseProgress(line, false))
+            Progress(*value / 100, m_phase);
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, &CBuildJob::OnFinished);
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::ImageBuilder), arguments(m_part));
@@ -447,35 +433,47 @@ void CBuildJob::Run(const Arguments& arguments, const QString& output, bool roun
 
 void CBuildJob::Stop()
 {
-    if (m_runner == nullptr)
+    if (!IsRunning() || IsStopping())
         return;
-    CRunCommandThread::StopThen(m_runner, [part = m_part] { QFile::remove(part); });
+    CRunCommandThread::StopThen(m_runner, [part = m_part, end = EndStopped()] {
+        QFile::remove(part);
+        end();
+    });
 }
 
 void CBuildJob::OnFinished()
 {
-    m_succeeded = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_part).isFile();
+    bool succeeded = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_part).isFile();
+    QString message;
     QString error;
-    if (m_succeeded && !Util::CommitPart(m_part, m_output, &error)) {
-        m_succeeded = false;
-        m_message = QStringLiteral("The image was built but could not be saved as %1 (%2).").arg(m_output, error);
-    } else if (!m_succeeded) {
-        m_message = QStringLiteral("The image could not be created. %1")
-                        .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
+    if (succeeded && !Util::CommitPart(m_part, m_output, &error)) {
+        succeeded = false;
+        message = QStringLiteral("The image was built but could not be saved as %1 (%2).").arg(m_output, error);
+    } else if (!succeeded) {
+        message = QStringLiteral("The image could not be created. %1")
+                      .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
         const QString said = m_runner->LastLines().join(QLatin1Char(' '));
         if (m_suggestUdf && said.contains(QLatin1String("larger than 4GiB"), Qt::CaseInsensitive))
-            m_message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
+            message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
         QFile::remove(m_part);
     }
     CRunCommandThread::Dispose(m_runner);
-    Q_EMIT finished();
+    Finish(succeeded, message);
 }
 
-CCreateJob::CCreateJob(QObject* parent) : QObject(parent)
+CCreateJob::CCreateJob(QObject* parent) : CJob(parent)
 {
     m_build = new CBuildJob(this);
-    connect(m_build, &CBuildJob::progress, this, [this](int value) { Q_EMIT progress(Phase::Building, value, 10000); });
-    connect(m_build, &CBuildJob::finished, this, [this] { Finish(m_build->Succeeded(), m_build->Message()); });
+    connect(m_build, &CJob::progressed, this, [this](int percent, const QString& phase) {
+        if (!m_build->IsStopping())
+            Progress(percent, phase);
+    });
+    connect(m_build, &CJob::finished, this, [this](bool ok, const QString& message) {
+        // A stopped build ends this run through Stop(), once its part file is gone.
+        if (IsStopping())
+            return;
+        End(ok, message);
+    });
 }
 
 CCreateJob::~CCreateJob()
@@ -490,9 +488,8 @@ void CCreateJob::Start(ImageBuild::Type type, const QString& output, const QStri
     Retire();
     m_oneGo = true;
     if (!PrepareStaging(QStringLiteral("create"))) {
-        m_running = true;
-        m_succeeded = false;
-        FinishLater(m_message);
+        Begin();
+        FinishLater(false, m_prepareProblem);
         return;
     }
     for (const QString& path : paths) {
@@ -513,9 +510,10 @@ bool CCreateJob::PrepareStaging(const QString& stem)
     if (m_staging && m_staging->IsValid() && m_worker)
         return true;
     Retire();
+    m_prepareProblem.clear();
     m_staging = std::make_unique<ScratchFolder>(stem);
     if (!m_staging->IsValid()) {
-        m_message =
+        m_prepareProblem =
             QStringLiteral("Cannot prepare the files in %1 (%2).").arg(Util::ScratchDir(), m_staging->ErrorString());
         return false;
     }
@@ -549,17 +547,15 @@ void CCreateJob::Remove(const QString& source, const QString& name)
 
 void CCreateJob::Build(ImageBuild::Type type, const QString& output)
 {
-    m_copying = false;
-    m_build->Stop();
+    Stop();
+    Begin();
     m_type = type;
     m_output = output;
-    m_succeeded = false;
-    m_message.clear();
-    m_running = true;
+    m_phase = Phase::Copying;
     if (!m_worker) {
-        FinishLater(m_staging ? QStringLiteral("Cannot prepare the files in %1 (%2).")
-                                    .arg(Util::ScratchDir(), m_staging->ErrorString())
-                              : QStringLiteral("Nothing to build from."));
+        FinishLater(false, m_staging ? QStringLiteral("Cannot prepare the files in %1 (%2).")
+                                           .arg(Util::ScratchDir(), m_staging->ErrorString())
+                                     : QStringLiteral("Nothing to build from."));
         return;
     }
     m_copying = true;
@@ -573,7 +569,8 @@ void CCreateJob::OnCopyProgress(qint64 remaining)
         return;
     // Folders queued last may be sized only now: the whole grows with them.
     m_total = qMax(m_total, remaining);
-    Q_EMIT progress(Phase::Copying, (m_total - remaining) / 1024, m_total / 1024);
+    Progress(m_total > 0 ? int((m_total - remaining) * 100 / m_total) : 0,
+             QStringLiteral("Copying files (1 of 2)"));
 }
 
 void CCreateJob::CheckCopies()
@@ -589,47 +586,42 @@ void CCreateJob::CheckCopies()
     if (m_oneGo)
         m_worker.reset(); // idle, so it ends at once
     if (!failures.isEmpty()) {
-        Finish(false, QStringLiteral("These could not be read, so no image was made: %1")
-                          .arg(failures.join(QStringLiteral("; "))));
+        End(false, QStringLiteral("These could not be read, so no image was made: %1")
+                       .arg(failures.join(QStringLiteral("; "))));
         return;
     }
-    Q_EMIT progress(Phase::Building, 0, 10000);
-    m_build->Start(m_type, m_output, m_staging->Path());
+    m_phase = Phase::Building;
+    const QString building = QStringLiteral("Building the image (2 of 2)");
+    Progress(0, building);
+    m_build->Start(m_type, m_output, m_staging->Path(), building);
 }
 
 void CCreateJob::Stop()
 {
-    if (!m_running)
+    if (!IsRunning() || IsStopping())
         return;
     m_copying = false;
-    m_build->Stop();
+    const std::function<void()> end = EndStopped();
+    const bool building = m_build->IsRunning();
+    if (building) {
+        // The half-built image goes before the build's end, and so before this run's.
+        connect(m_build, &CJob::finished, this, end, Qt::SingleShotConnection);
+        m_build->Stop();
+    }
     if (m_oneGo)
         Retire();
-    m_running = false;
+    if (!building)
+        end();
 }
 
-void CCreateJob::Finish(bool succeeded, const QString& message)
+void CCreateJob::End(bool succeeded, const QString& message)
 {
     if (m_oneGo) {
         // The worker has ended by now; its folder goes at once.
         m_worker.reset();
         m_staging.reset();
     }
-    m_running = false;
-    m_succeeded = succeeded;
-    m_message = message;
-    Q_EMIT finished();
-}
-
-void CCreateJob::FinishLater(const QString& message)
-{
-    QMetaObject::invokeMethod(
-        this,
-        [this, message] {
-            if (m_running)
-                Finish(false, message);
-        },
-        Qt::QueuedConnection);
+    Finish(succeeded, message);
 }
 
 void CCreateJob::Retire()

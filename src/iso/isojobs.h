@@ -12,6 +12,7 @@
 #include "iso/imagebuild.h"
 #include "iso/isoprobe.h"
 #include "iso/listing.h"
+#include "tools/job.h"
 
 class CFileCopy;
 class QTimer;
@@ -23,8 +24,9 @@ class ItemTree;
 // Lists an image into an item tree. An image with a Rock Ridge tree is read
 // by Brenta's own reader, which shows that tree exactly; any other by the
 // archive tool (its UDF or Joliet tree, or the plain ISO 9660 one). Used
-// alike by the pages and by the command line.
-class CListJob final : public QObject
+// alike by the pages and by the command line. A failed listing leaves the
+// tree empty.
+class CListJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CListJob)
@@ -35,11 +37,9 @@ public:
 
     // Clears the tree, titles it with the image's file name and starts.
     void Start(const QString& image);
-    void Stop();
-    bool IsRunning() const;
+    // Ends the tool; the tree is left empty.
+    void Stop() override;
 
-    bool Succeeded() const { return m_succeeded; }
-    QString Message() const { return m_message; }
     // Entries whose names would lead outside a folder they are extracted
     // to; they are not in the tree.
     QStringList LeftOut() const { return m_leftOut; }
@@ -53,11 +53,9 @@ public:
     // still list completely (damaged headers, data after the end), or empty.
     QString Warning() const { return m_warning; }
 
-Q_SIGNALS:
-    void finished();
-
 private:
     void OnFinished();
+    void ClearTree();
 
     ItemTree& m_tree;
     bool m_byReader = false; // Brenta's Rock Ridge reader, not the archive tool
@@ -68,8 +66,6 @@ private:
     CRunCommandThread* m_runner = nullptr;
     std::unique_ptr<Listing::Reader> m_reader;
     QStringList m_said; // the tool's lines outside the table, where it tells what went wrong
-    bool m_succeeded = false;
-    QString m_message;
     QStringList m_leftOut;
 };
 
@@ -81,7 +77,7 @@ private:
 // Rock Ridge tree is extracted by Brenta's own reader (links as links, modes
 // and times kept, entries it cannot write named); any other by the archive
 // tool.
-class CExtractJob final : public QObject
+class CExtractJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CExtractJob)
@@ -96,18 +92,16 @@ public:
     // during the call only); without it the job lists the image first.
     void Start(const QString& image, const QString& destination, const QStringList& entries,
                const ItemTree* contents = nullptr);
-    // Ends the tool and removes what it had written so far.
-    void Stop();
-    bool IsRunning() const { return m_running; }
+    // Ends the tool; what it had written goes once it has ended. The
+    // finished() message of a failure says why; after success, what was not
+    // extracted, if anything.
+    void Stop() override;
 
-    bool Succeeded() const { return m_succeeded; }
-    // Why it failed; after success, what was not extracted (links), if anything.
-    QString Message() const { return m_message; }
     QStringList Placed() const { return m_placed; }
 
 Q_SIGNALS:
-    void progress(int percent, const QString& entry);
-    void finished();
+    // The entry being extracted, just after the progress it makes.
+    void extracting(const QString& entry);
 
 private:
     void OnListed();
@@ -121,24 +115,16 @@ private:
     void Fail(const QString& failure);
     // Moves what was extracted up into the destination, all but `notWritten`.
     void PlaceExtracted(const QStringList& notWritten, const QString& notice);
-    // Ends the run now, or from the event loop when called while starting, so
-    // that a caller that starts and then waits always sees the signal.
-    void Finish(bool succeeded, const QString& message);
-    void FinishLater(bool succeeded, const QString& message);
 
     std::unique_ptr<ItemTree> m_listed;
     CListJob* m_list = nullptr;
     CRunCommandThread* m_runner = nullptr;
-    bool m_running = false;
-    int m_run = 0;
     QString m_image;
     QString m_destination;
     QString m_staging;
     QStringList m_entries;
     QStringList m_lines;
     bool m_byReader = false;
-    bool m_succeeded = false;
-    QString m_message;
     QStringList m_placed;
 };
 
@@ -146,7 +132,7 @@ private:
 // build the tool refuses ends with its reasons. The image is written into a
 // part file beside the output and renamed over it only when the build
 // succeeded, so a failed or stopped build leaves the output as it was.
-class CBuildJob final : public QObject
+class CBuildJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CBuildJob)
@@ -155,33 +141,26 @@ public:
     // The builder's arguments for writing the image into `part`.
     using Arguments = std::function<QStringList(const QString& part)>;
 
-    explicit CBuildJob(QObject* parent = nullptr) : QObject(parent) {}
+    explicit CBuildJob(QObject* parent = nullptr) : CJob(parent) {}
     ~CBuildJob() override;
 
-    void Start(ImageBuild::Type type, const QString& output, const QString& sourceDir);
-    // Runs the builder with the arguments `arguments` gives; progress is
-    // rounded to the nearest hundredth when asked, else cut.
-    void Run(const Arguments& arguments, const QString& output, bool roundProgress = false);
-    // Ends the builder and removes its part file; no finished() follows.
-    void Stop();
-    bool IsRunning() const { return m_runner != nullptr; }
-    bool Succeeded() const { return m_succeeded; }
-    QString Message() const { return m_message; }
-
-Q_SIGNALS:
-    void progress(int value); // hundredths of a percent, 0 to 10000
-    void finished();
+    void Start(ImageBuild::Type type, const QString& output, const QString& sourceDir,
+               const QString& phase = QString());
+    // Runs the builder with the arguments `arguments` gives; `phase` is the
+    // phase text its progress is told with.
+    void Run(const Arguments& arguments, const QString& output,
+             const QString& phase = QString());
+    // Ends the builder; its part file goes once it has ended.
+    void Stop() override;
 
 private:
     void OnFinished();
 
     bool m_suggestUdf = false;
-    bool m_roundProgress = false;
+    QString m_phase;
     QString m_output;
     QString m_part;
     CRunCommandThread* m_runner = nullptr;
-    bool m_succeeded = false;
-    QString m_message;
 };
 
 // Builds an image from local files and folders copied into a staging folder
@@ -193,8 +172,9 @@ private:
 // as a lasting session, as the create page keeps it: entries are copied in
 // the background as they are added, and Build waits for those copies. The
 // copy worker says when it is done, so nothing is polled, and stopping never
-// waits for a copy under way.
-class CCreateJob final : public QObject
+// waits for a copy under way. Progress is told in two phases, "Copying
+// files (1 of 2)" and "Building the image (2 of 2)".
+class CCreateJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CCreateJob)
@@ -221,37 +201,29 @@ public:
     // Waits for the copies, then builds the image from the staging folder.
     void Build(ImageBuild::Type type, const QString& output);
 
-    // Ends the wait or the builder; a half-built image is removed. In one go
-    // the copies end too; in a session they go on.
-    void Stop();
-    bool IsRunning() const { return m_running; }
-
-    bool Succeeded() const { return m_succeeded; }
-    QString Message() const { return m_message; }
-
-Q_SIGNALS:
-    // Copying: value and maximum in KiB; building: hundredths of a percent of 10000.
-    void progress(CCreateJob::Phase phase, qint64 value, qint64 maximum);
-    void finished();
+    // Ends the wait or the builder; a half-built image is removed once the
+    // builder has ended. In one go the copies end too; in a session they go on.
+    void Stop() override;
+    Phase CurrentPhase() const { return m_phase; }
+    // Why Prepare() failed.
+    QString PrepareProblem() const { return m_prepareProblem; }
 
 private:
     bool PrepareStaging(const QString& stem);
     void OnCopyProgress(qint64 remaining);
     void CheckCopies();
-    void Finish(bool succeeded, const QString& message);
-    void FinishLater(const QString& message);
+    void End(bool succeeded, const QString& message);
     // Stops the worker and removes the staging folder once it has ended.
     void Retire();
 
     bool m_oneGo = false;
     bool m_copying = false;
+    Phase m_phase = Phase::Copying;
+    QString m_prepareProblem;
     ImageBuild::Type m_type = ImageBuild::Type::Joliet;
     QString m_output;
     std::unique_ptr<ScratchFolder> m_staging;
     std::unique_ptr<CFileCopy> m_worker;
     CBuildJob* m_build = nullptr;
     qint64 m_total = 0;
-    bool m_running = false;
-    bool m_succeeded = false;
-    QString m_message;
 };

@@ -24,7 +24,11 @@ CPage2::CPage2(QWidget* /*mainWindow*/)
     m_extract = new CExtractJob(this);
     m_progress = new CProgressDialog;
     connect(m_list, &CListJob::finished, this, &CPage2::OnUnzipFinished);
-    connect(m_extract, &CExtractJob::progress, this, &CPage2::OnExtractOutput);
+    connect(m_extract, &CExtractJob::extracting, this, [this](const QString& entry) {
+        if (m_extract->Percent() < 100)
+            m_progress->SetText(QStringLiteral("Extracting files: ") + entry);
+    });
+    connect(m_extract, &CJob::progressed, this, &CPage2::OnExtractProgress);
     connect(m_extract, &CExtractJob::finished, this, &CPage2::OnExtractFinished);
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage2::OnStopExtract);
     InitializeUI();
@@ -130,28 +134,28 @@ void CPage2::OnExtract()
     m_extract->Start(m_image, destination, entries, &m_contents);
 }
 
-void CPage2::OnExtractOutput(int percent, const QString& entry)
+void CPage2::OnExtractProgress(int percent)
 {
     m_progress->SetValue(percent);
     if (percent >= 100)
         m_progress->SetText(QStringLiteral("Copying files, please wait a few seconds.."));
-    else
-        m_progress->SetText(QStringLiteral("Extracting files: ") + entry);
 }
 
-void CPage2::OnExtractFinished()
+void CPage2::OnExtractFinished(bool succeeded, const QString& message)
 {
+    // A stop was the user's own doing: nothing to tell.
+    if (!succeeded && message == CJob::StoppedMessage())
+        return;
     setEnabled(true);
     m_progress->hide();
-    const bool succeeded = m_extract->Succeeded();
     if (succeeded) {
         Util::WriteLog(QStringLiteral("Extract files successfully :") + m_destination);
         Util::ShowFinished(QStringLiteral("Extract files successfully."), m_destination);
-        if (!m_extract->Message().isEmpty())
-            Util::ShowMessage(m_extract->Message());
+        if (!message.isEmpty())
+            Util::ShowMessage(message);
     } else {
-        Util::WriteLog(m_extract->Message());
-        Util::ShowMessage(m_extract->Message());
+        Util::WriteLog(message);
+        Util::ShowMessage(message);
     }
     Q_EMIT extractionFinished(succeeded);
 }

@@ -47,8 +47,8 @@ public Q_SLOTS:
     void OnExtract();
     void OnStopExtract();
     void OnUnzipFinished();
-    void OnExtractOutput(int percent, const QString& entry);
-    void OnExtractFinished();
+    void OnExtractProgress(int percent);
+    void OnExtractFinished(bool succeeded, const QString& message);
 
 private:
     // Builds the page's controls; the constructor's last step.

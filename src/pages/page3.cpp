@@ -149,7 +149,7 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     // opened later never shares it with a worker that may still be writing.
     // The session removes it once its worker has ended, without waiting here.
     m_create = new CCreateJob(this);
-    connect(m_create, &CCreateJob::progress, this, &CPage3::OnCreateProgress);
+    connect(m_create, &CJob::progressed, this, &CPage3::OnCreateProgress);
     connect(m_create, &CCreateJob::finished, this, &CPage3::OnBuildFinished);
     m_create->Prepare();
 }
@@ -342,23 +342,25 @@ void CPage3::OnCreate()
     m_create->Build(type, m_output);
 }
 
-void CPage3::OnCreateProgress(CCreateJob::Phase phase, qint64 value, qint64 maximum)
+void CPage3::OnCreateProgress(int percent)
 {
-    const bool copying = phase == CCreateJob::Phase::Copying;
+    const bool copying = m_create->CurrentPhase() == CCreateJob::Phase::Copying;
     m_progress->SetText(copying ? QStringLiteral("Copy files and directories...")
                                 : QStringLiteral("Creating ISO file..."));
-    m_progress->SetRange(0, static_cast<int>(maximum));
-    m_progress->SetValue(static_cast<int>(value));
+    m_progress->SetRange(0, 100);
+    m_progress->SetValue(percent);
 }
 
-void CPage3::OnBuildFinished()
+void CPage3::OnBuildFinished(bool succeeded, const QString& message)
 {
+    // A stop was the user's own doing: nothing to tell.
+    if (!succeeded && message == CJob::StoppedMessage())
+        return;
     m_progress->hide();
-    const bool succeeded = m_create->Succeeded();
     if (succeeded)
         Util::ShowFinished(QStringLiteral("Create ISO successfully!"), QFileInfo(m_output).absolutePath());
     else
-        Util::ShowMessage(m_create->Message());
+        Util::ShowMessage(message);
     Q_EMIT createFinished(succeeded);
 }
 

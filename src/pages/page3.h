@@ -63,8 +63,8 @@ private:
     bool IsFolder(const QString& parentPath) const;
     QTreeWidgetItem* MakeRow(const Item& item, QTreeWidgetItem* parent);
     void AddDirContents(Item* folder, const QString& localDir, QTreeWidgetItem* row);
-    void OnCreateProgress(CCreateJob::Phase phase, qint64 value, qint64 maximum);
-    void OnBuildFinished();
+    void OnCreateProgress(int percent);
+    void OnBuildFinished(bool succeeded, const QString& message);
 
     ItemTree m_items;
     CCreateJob* m_create = nullptr;

@@ -35,14 +35,15 @@ CPage4::CPage4(QWidget* mainWindow)
     setFixedSize(size);
     m_progress = new CProgressDialog;
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage4::StopCreate);
-    connect(&m_session, &CEditSession::listed, this, &CPage4::OnUnzipFinished);
+    connect(&m_session.Loading(), &CJob::finished, this, &CPage4::OnUnzipFinished);
     connect(&m_session, &CEditSession::extracted, this, &CPage4::OnExtractFinished);
-    connect(&m_session, &CEditSession::progress, this, &CPage4::ShowProgress);
+    connect(&m_session.Exporting(), &CJob::progressed, this, &CPage4::ShowProgress);
+    connect(&m_session.Saving(), &CJob::progressed, this, &CPage4::ShowProgress);
     connect(&m_session, &CEditSession::exporting, this, [this](const QString& entry) {
         m_progress->SetText(QStringLiteral("Extracting files: ") + entry);
     });
-    connect(&m_session, &CEditSession::exportFinished, this, &CPage4::OnExported);
-    connect(&m_session, &CEditSession::saveFinished, this, &CPage4::OnSaved);
+    connect(&m_session.Exporting(), &CJob::finished, this, &CPage4::OnExported);
+    connect(&m_session.Saving(), &CJob::finished, this, &CPage4::OnSaved);
     InitializeUI();
 }
 
@@ -160,8 +161,10 @@ void CPage4::ResetContents()
     FillTable();
 }
 
-void CPage4::OnUnzipFinished(bool succeeded)
+void CPage4::OnUnzipFinished(bool succeeded, const QString& message)
 {
+    if (!succeeded && message == CJob::StoppedMessage())
+        return;
     SetButtonsEnabled(true);
     if (!succeeded) {
         m_statusTimer->stop();
@@ -343,8 +346,9 @@ void CPage4::OnSave()
     m_session.Save(output);
 }
 
-void CPage4::ShowProgress(CEditSession::Phase phase, qint64 value, qint64 maximum)
+void CPage4::ShowProgress(int percent)
 {
+    const CEditSession::Phase phase = m_session.CurrentPhase();
     if (int(phase) != m_progressPhase) {
         m_progressPhase = int(phase);
         switch (phase) {
@@ -362,12 +366,15 @@ void CPage4::ShowProgress(CEditSession::Phase phase, qint64 value, qint64 maximu
             break;
         }
     }
-    m_progress->SetRange(0, int(qMax<qint64>(maximum, 1)));
-    m_progress->SetValue(int(value));
+    m_progress->SetRange(0, 100);
+    m_progress->SetValue(percent);
 }
 
 void CPage4::OnExported(bool succeeded, const QString& message)
 {
+    // A stop was the user's own doing: StopCreate() has put the page back.
+    if (!succeeded && message == CJob::StoppedMessage())
+        return;
     m_progress->hide();
     SetButtonsEnabled(true);
     if (succeeded)
@@ -379,6 +386,8 @@ void CPage4::OnExported(bool succeeded, const QString& message)
 
 void CPage4::OnSaved(bool succeeded, const QString& message)
 {
+    if (!succeeded && message == CJob::StoppedMessage())
+        return;
     m_progress->hide();
     SetButtonsEnabled(true);
     if (succeeded)

@@ -56,7 +56,7 @@ public Q_SLOTS:
     void OnSave();
     void StopCreate();
     void OnSearch();
-    void OnUnzipFinished(bool succeeded);
+    void OnUnzipFinished(bool succeeded, const QString& message);
     void OnExtractFinished(bool succeeded);
 
 private:
@@ -64,7 +64,7 @@ private:
     void InitializeUI();
     void SetButtonsEnabled(bool enabled);
     void ResetContents();
-    void ShowProgress(CEditSession::Phase phase, qint64 value, qint64 maximum);
+    void ShowProgress(int percent);
     void UpdateStatus();
     void OnExported(bool succeeded, const QString& message);
     void OnSaved(bool succeeded, const QString& message);

@@ -1,6 +1,8 @@
 #include "tools/job.h"
 
+#include <QCoreApplication>
 #include <QEventLoop>
+#include <QPointer>
 #include <QTimer>
 
 QString CJob::StoppedMessage()
@@ -12,6 +14,7 @@ void CJob::Begin()
 {
     ++m_run;
     m_running = true;
+    m_stopping = false;
     m_succeeded = false;
     m_message.clear();
     m_percent = -1;
@@ -32,6 +35,7 @@ void CJob::Finish(bool ok, const QString& message)
     if (!m_running)
         return;
     m_running = false;
+    m_stopping = false;
     m_succeeded = ok;
     m_message = message;
     Q_EMIT finished(ok, message);
@@ -45,6 +49,27 @@ void CJob::FinishLater(bool ok, const QString& message)
         if (run == m_run)
             Finish(ok, message);
     });
+}
+
+std::function<void()> CJob::EndStopped(const QString& message)
+{
+    m_stopping = true;
+    const QPointer<CJob> self(this);
+    const int run = m_run;
+    return [self, run, message] {
+        // Posted to the application, which outlives every job; the job itself
+        // may be gone by the time the tool has ended.
+        QCoreApplication* const application = QCoreApplication::instance();
+        if (application == nullptr)
+            return;
+        QMetaObject::invokeMethod(
+            application,
+            [self, run, message] {
+                if (self && self->m_run == run)
+                    self->Finish(false, message);
+            },
+            Qt::QueuedConnection);
+    };
 }
 
 bool Jobs::Wait(CJob& job)

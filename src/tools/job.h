@@ -3,6 +3,8 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
+
 // The one shape of every long piece of work Brenta runs: listing, extracting,
 // building, creating and saving images, burning and copying discs, writing
 // USB sticks. Each job is started by a Start() of its own (the arguments
@@ -23,6 +25,8 @@ public:
 
     virtual void Stop() = 0;
     bool IsRunning() const { return m_running; }
+    // Stop() was called and the run's end has not come yet.
+    bool IsStopping() const { return m_running && m_stopping; }
 
     // The last run's end, once finished() has come.
     bool Succeeded() const { return m_succeeded; }
@@ -50,9 +54,15 @@ protected:
     // Finish() from the event loop, for an end found while starting, so that
     // a caller that starts and then waits always sees the signal.
     void FinishLater(bool ok, const QString& message);
+    // For Stop(): marks the run as stopping and gives what ends it with
+    // finished(false, message) from the event loop, to be called once the
+    // tool has ended and what it wrote is gone. It may be called on any
+    // thread; it does nothing once the job is gone or another run has begun.
+    std::function<void()> EndStopped(const QString& message = StoppedMessage());
 
 private:
     bool m_running = false;
+    bool m_stopping = false;
     bool m_succeeded = false;
     QString m_message;
     int m_percent = -1;
