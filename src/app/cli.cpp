@@ -402,16 +402,6 @@ void printTree(const Item& folder)
     }
 }
 
-// Waits in an event loop until the job says it has finished.
-template <typename Job>
-void waitFor(Job& job)
-{
-    QEventLoop loop;
-    QObject::connect(&job, &Job::finished, &loop, &QEventLoop::quit);
-    if (job.IsRunning())
-        loop.exec();
-}
-
 int g_signalPipe[2] = {-1, -1};
 
 void onSignal(int number)
@@ -478,39 +468,47 @@ int stoppedBy(int signal)
     return 128 + signal;
 }
 
-// Starts a job, waits for its end and reports as every terminal form does:
-// exit status 0, or 1 with the job's message on standard error. A signal
-// stops the job, which removes what it made.
-template <typename Job, typename Start>
-int runToEnd(Job& job, bool showProgress, Start start)
+bool progressWanted()
 {
-    QEventLoop loop;
-    QObject::connect(&job, &Job::finished, &loop, &QEventLoop::quit);
+    return ::isatty(STDERR_FILENO) == 1;
+}
+
+// Starts a job with `start` and waits for its end (Jobs::Wait). A SIGINT,
+// SIGTERM or SIGHUP on the way asks `stopOnSignal` (by default: yes) and,
+// where it says so, stops the job; the wait goes on until the job has ended,
+// so what it made is removed before Brenta exits. Returns the signal that
+// stopped the job, or 0.
+int waitForJob(CJob& job, const std::function<void()>& start, const std::function<bool()>& stopOnSignal = {})
+{
     int caught = 0;
     const SignalCatcher catcher([&](int signal) {
-        if (caught != 0)
+        if (caught != 0 || (stopOnSignal && !stopOnSignal()))
             return;
         caught = signal;
         job.Stop();
-        loop.quit();
     });
     start();
-    if (job.IsRunning())
-        loop.exec();
+    Jobs::Wait(job);
+    return caught;
+}
+
+// Runs a job to its end (waitForJob) and reports as every terminal form
+// does: exit status 0, or 1 with the job's message on standard error; a job
+// a signal stopped exits as a shell reports that signal.
+int runJob(CJob& job, bool showProgress, const std::function<void()>& start,
+           const std::function<bool()>& stopOnSignal = {})
+{
+    const int caught = waitForJob(job, start, stopOnSignal);
+    const bool succeeded = job.Succeeded();
     if (showProgress)
         print(stderr, QStringLiteral("\r\033[K"));
-    if (caught != 0)
+    if (caught != 0 && !succeeded)
         return stoppedBy(caught);
-    if (!job.Succeeded()) {
+    if (!succeeded) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
         return 1;
     }
     return 0;
-}
-
-bool progressWanted()
-{
-    return ::isatty(STDERR_FILENO) == 1;
 }
 
 } // namespace
@@ -519,7 +517,7 @@ int RunList(const Request& request)
 {
     ItemTree tree;
     CListJob job(tree);
-    if (const int status = runToEnd(job, false, [&] { job.Start(request.image); }))
+    if (const int status = runJob(job, false, [&] { job.Start(request.image); }))
         return status;
     print(stderr, QStringLiteral("brenta: the %1 tree\n").arg(job.Tree()));
     if (!job.Warning().isEmpty())
@@ -555,15 +553,14 @@ int RunCreate(const Request& request)
     CCreateJob job;
     const bool showProgress = progressWanted();
     if (showProgress) {
-        QObject::connect(&job, &CCreateJob::progress, [](CCreateJob::Phase phase, qint64 value, qint64 maximum) {
-            const double percent = maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
+        QObject::connect(&job, &CJob::progressed, [&job](int percent) {
             print(stderr, QStringLiteral("\r\033[K%1 %2%")
-                              .arg(phase == CCreateJob::Phase::Copying ? QStringLiteral("Copying")
-                                                                       : QStringLiteral("Building"))
-                              .arg(percent, 0, 'f', 1));
+                              .arg(job.CurrentPhase() == CCreateJob::Phase::Copying ? QStringLiteral("Copying")
+                                                                                   : QStringLiteral("Building"))
+                              .arg(percent));
         });
     }
-    const int status = runToEnd(job, showProgress, [&] {
+    const int status = runJob(job, showProgress, [&] {
         job.Start(*ImageBuild::TypeFromName(request.type), request.image, request.entries);
     });
     // A stop leaves the copy worker ending on its own; its staging folder
@@ -577,12 +574,12 @@ int RunExtract(const Request& request)
     CExtractJob job;
     const bool showProgress = progressWanted();
     if (showProgress) {
-        QObject::connect(&job, &CExtractJob::progress, [](int percent, const QString& entry) {
-            print(stderr, QStringLiteral("\r\033[K%1% %2").arg(percent, 3).arg(entry));
+        QObject::connect(&job, &CExtractJob::extracting, [&job](const QString& entry) {
+            print(stderr, QStringLiteral("\r\033[K%1% %2").arg(qMax(job.Percent(), 0), 3).arg(entry));
         });
     }
     const int status =
-        runToEnd(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
+        runJob(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
     if (status == 0 && !job.Message().isEmpty())
         print(stderr, QStringLiteral("brenta: warning: %1\n").arg(job.Message()));
     return status;
@@ -598,7 +595,7 @@ int RunDrives(const Request& /*request*/)
         text += QStringLiteral("optical\t%1\t%2\n").arg(node, entry);
     });
     scan.Start();
-    waitFor(scan);
+    Jobs::Wait(scan);
     print(stdout, text);
     return 0;
 }
@@ -618,14 +615,14 @@ bool checkDevice(const QString& device)
     return true;
 }
 
-// Starts a job with `start` and runs the event loop until it sends `signal`;
-// returns what the signal said (done or not, and its message).
+// Starts the planning of a USB burn with `start` and runs the event loop
+// until the job says whether the burn can go on, and why not.
 template <typename Job, typename Start>
-std::pair<bool, QString> await(Job& job, void (Job::*signal)(bool, const QString&), Start start)
+std::pair<bool, QString> awaitPlan(Job& job, Start start)
 {
     std::optional<std::pair<bool, QString>> said;
     QEventLoop loop;
-    QObject::connect(&job, signal, &loop, [&](bool ok, const QString& message) {
+    QObject::connect(&job, &Job::planned, &loop, [&](bool ok, const QString& message) {
         said.emplace(ok, message);
         loop.quit();
     });
@@ -633,40 +630,6 @@ std::pair<bool, QString> await(Job& job, void (Job::*signal)(bool, const QString
     if (!said)
         loop.exec();
     return *said;
-}
-
-// Runs a disc job to its end and reports it: 0, or 1 with its message. A
-// signal calls `stop`, which returns whether it stopped the job; a stopped
-// job ends the wait.
-template <typename Job, typename Start, typename Stop>
-int runDiscJob(Job& job, bool showProgress, Start start, Stop stop)
-{
-    std::optional<std::pair<bool, QString>> said;
-    QEventLoop loop;
-    QObject::connect(&job, &Job::finished, &loop, [&](bool ok, const QString& message) {
-        said.emplace(ok, message);
-        loop.quit();
-    });
-    int caught = 0;
-    const SignalCatcher catcher([&](int signal) {
-        if (caught == 0 && stop()) {
-            caught = signal;
-            loop.quit();
-        }
-    });
-    start();
-    if (!said)
-        loop.exec();
-    if (showProgress)
-        print(stderr, QStringLiteral("\r\033[K"));
-    if (caught != 0)
-        return stoppedBy(caught);
-    const auto [succeeded, message] = *said;
-    if (!succeeded) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
-        return 1;
-    }
-    return 0;
 }
 
 } // namespace
@@ -682,13 +645,13 @@ int RunBurnDisc(const Request& request)
     CDiscBurnJob job;
     const bool showProgress = progressWanted();
     if (showProgress) {
-        QObject::connect(&job, &CDiscBurnJob::progress, [](int percent) {
+        QObject::connect(&job, &CDiscBurnJob::progressed, [](int percent) {
             print(stderr, QStringLiteral("\r\033[KBurning %1%").arg(percent));
         });
     }
     // A burn cut short would ruin the disc: it goes on, and Brenta with it.
     bool told = false;
-    return runDiscJob(
+    return runJob(
         job, showProgress, [&] { job.Start(request.image, request.device); },
         [&told] {
             if (!told)
@@ -724,18 +687,18 @@ public:
     void Phase(CUsbBurnJob::Phase phase)
     {
         EndLine();
-        m_text = CUsbBurnJob::PhaseText(phase);
+        m_text = CUsbBurnJob::PhaseTitle(phase);
         m_percent = -1;
         m_transfer.clear();
         print(stderr, m_terminal ? m_text : m_text + QLatin1Char('\n'));
         m_open = m_terminal;
     }
 
-    void Progress(int value, int maximum)
+    // `percent` -1: the phase cannot tell it.
+    void Progress(int percent)
     {
-        if (!m_terminal || maximum <= 0)
+        if (!m_terminal || percent < 0)
             return;
-        const int percent = int(qint64(value) * 100 / maximum);
         if (percent == m_percent)
             return;
         m_percent = percent;
@@ -790,10 +753,9 @@ int burnUsb(const Request& request, Job& job, PlanStart plan)
     options.autoMode = !request.writeMode.has_value();
     options.mode = request.writeMode.value_or(UsbPlan::WriteMode::Files);
     QObject::connect(&job, &Job::phase, [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
-    QObject::connect(&job, &Job::progress,
-                     [&report](int value, int maximum) { report.Progress(value, maximum); });
+    QObject::connect(&job, &CJob::progressed, [&report](int percent) { report.Progress(percent); });
     QObject::connect(&job, &Job::transfer, [&report](const QString& text) { report.Transfer(text); });
-    const auto [plannedOk, refusal] = await(job, &Job::planned, [&] { plan(options); });
+    const auto [plannedOk, refusal] = awaitPlan(job, [&] { plan(options); });
     report.EndLine();
     // The mode, once it is known, also when the plan refuses the burn.
     const UsbPlan::Decision& decision = job.Decision();
@@ -830,8 +792,14 @@ int burnUsb(const Request& request, Job& job, PlanStart plan)
         return 1;
     }
 
-    const auto [succeeded, message] = await(job, &Job::finished, [&] { job.Burn(); });
+    const int caught = waitForJob(job, [&] { job.Burn(); });
     report.EndLine();
+    const bool succeeded = job.Succeeded();
+    const QString message = job.Message();
+    if (caught != 0 && !succeeded) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
+        return stoppedBy(caught);
+    }
     // Several sticks: one result line each, those that were burned too.
     if (!succeeded && request.moreDevices.isEmpty()) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(message));
@@ -888,15 +856,14 @@ int RunRestoreUsb(const Request& request)
     CUsbBurnJob job;
     QObject::connect(&job, &CUsbBurnJob::phase,
                      [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
-    const auto [succeeded, message] = await(job, &CUsbBurnJob::finished, [&] {
-        job.Restore(request.device, request.fileSystem, request.label);
-    });
+    const int caught =
+        waitForJob(job, [&] { job.Restore(request.device, request.fileSystem, request.label); });
     report.EndLine();
-    if (!succeeded) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
-        return 1;
+    if (!job.Succeeded()) {
+        print(stderr, QStringLiteral("brenta: %1\n").arg(job.Message()));
+        return caught != 0 ? stoppedBy(caught) : 1;
     }
-    print(stdout, message + QLatin1Char('\n'));
+    print(stdout, job.Message() + QLatin1Char('\n'));
     return 0;
 }
 
@@ -911,19 +878,11 @@ int RunCopyDisc(const Request& request)
     CDiscCopyJob job;
     const bool showProgress = progressWanted();
     if (showProgress) {
-        auto end = std::make_shared<qint64>(0);
-        QObject::connect(&job, &CDiscCopyJob::sectors, [end](qint64 sectors) { *end = sectors; });
-        QObject::connect(&job, &CDiscCopyJob::position, [end](qint64 sector) {
-            if (*end > 0)
-                print(stderr, QStringLiteral("\r\033[KReading %1%").arg(sector * 100 / *end));
+        QObject::connect(&job, &CDiscCopyJob::progressed, [](int percent) {
+            print(stderr, QStringLiteral("\r\033[KReading %1%").arg(percent));
         });
     }
-    return runDiscJob(
-        job, showProgress, [&] { job.Start(request.device, request.output); },
-        [&job] {
-            job.Stop();
-            return true;
-        });
+    return runJob(job, showProgress, [&] { job.Start(request.device, request.output); });
 }
 
 namespace {
@@ -989,48 +948,8 @@ int RunEdit(const Request& request)
     // process waits for before it exits (after the session, declared below).
     const auto waitForCopies = qScopeGuard([] { CFileCopy::WaitForRetired(); });
     CEditSession session;
-    QEventLoop loop;
-    bool succeeded = false;
-    QString message;
-    QObject::connect(&session, &CEditSession::listed, &loop, [&](bool ok) {
-        succeeded = ok;
-        loop.quit();
-    });
-    QObject::connect(&session, &CEditSession::saveFinished, &loop,
-                     [&](bool ok, const QString& said) {
-                         succeeded = ok;
-                         message = said;
-                         loop.quit();
-                     });
-    const bool showProgress = progressWanted();
-    if (showProgress) {
-        QObject::connect(&session, &CEditSession::progress,
-                         [](CEditSession::Phase phase, qint64 value, qint64 maximum) {
-                             const double percent =
-                                 maximum > 0 ? 100.0 * double(value) / double(maximum) : 0.0;
-                             print(stderr, QStringLiteral("\r\033[K%1 %2%")
-                                               .arg(phase == CEditSession::Phase::Saving
-                                                        ? QStringLiteral("Saving")
-                                                        : QStringLiteral("Reading"))
-                                               .arg(percent, 0, 'f', 1));
-                         });
-    }
-    int caught = 0;
-    const SignalCatcher catcher([&](int signal) {
-        if (caught != 0)
-            return;
-        caught = signal;
-        session.Stop();
-        loop.quit();
-    });
-    session.Load(request.image);
-    loop.exec();
-    if (caught != 0)
-        return stoppedBy(caught);
-    if (!succeeded) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(session.LoadProblem()));
-        return 1;
-    }
+    if (const int status = runJob(session.Loading(), false, [&] { session.Load(request.image); }))
+        return status;
     for (const QStringList& edit : request.edits) {
         const QString problem = applyEdit(session, edit);
         if (!problem.isEmpty()) {
@@ -1039,18 +958,17 @@ int RunEdit(const Request& request)
             return 1;
         }
     }
-    session.Save(request.output);
-    if (session.IsBusy())
-        loop.exec();
-    if (showProgress)
-        print(stderr, QStringLiteral("\r\033[K"));
-    if (caught != 0)
-        return stoppedBy(caught);
-    if (!succeeded) {
-        print(stderr, QStringLiteral("brenta: %1\n").arg(message));
-        return 1;
+    const bool showProgress = progressWanted();
+    if (showProgress) {
+        QObject::connect(&session.Saving(), &CJob::progressed, [&session](int percent) {
+            print(stderr, QStringLiteral("\r\033[K%1 %2%")
+                              .arg(session.CurrentPhase() == CEditSession::Phase::Saving
+                                       ? QStringLiteral("Saving")
+                                       : QStringLiteral("Reading"))
+                              .arg(percent));
+        });
     }
-    return 0;
+    return runJob(session.Saving(), showProgress, [&] { session.Save(request.output); });
 }
 
 QString VersionText()
