@@ -9,6 +9,7 @@
 #include <QMutex>
 #include <QMutexLocker>
 #include <QRandomGenerator>
+#include <QSet>
 #include <QStandardPaths>
 
 #include <cerrno>
@@ -28,10 +29,27 @@ namespace {
 
 constexpr auto kTimePattern = "yyyy-MM-dd hh:mm:ss";
 
-// Entries removed by RemoveDir: hidden entries are
+// Entries counted by DirSize and removed by RemoveDir: hidden entries are
 // deliberately left out, so a folder holding one keeps existing.
 constexpr QDir::Filters kListFilter =
     QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot;
+
+qint64 dirSize(const QString& path, QSet<QString>& chain, const std::atomic<bool>* abort)
+{
+    const QString canonical = QFileInfo(path).canonicalFilePath();
+    if (canonical.isEmpty() || chain.contains(canonical))
+        return 0;
+    chain.insert(canonical);
+    qint64 total = 0;
+    const QFileInfoList entries = QDir(path).entryInfoList(kListFilter, QDir::Unsorted);
+    for (const QFileInfo& entry : entries) {
+        if (abort && abort->load())
+            break;
+        total += entry.isDir() ? dirSize(entry.absoluteFilePath(), chain, abort) : entry.size();
+    }
+    chain.remove(canonical);
+    return total;
+}
 
 QMutex& logMutex()
 {
@@ -151,6 +169,12 @@ QString Util::FileSuffix(const QString& name)
 bool Util::FileExists(const QString& path)
 {
     return QFileInfo::exists(path);
+}
+
+qint64 Util::DirSize(QString path, const std::atomic<bool>* abort)
+{
+    QSet<QString> chain;
+    return dirSize(path, chain, abort);
 }
 
 void Util::RemovePath(const QString& path)

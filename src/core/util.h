@@ -2,6 +2,8 @@
 
 #include <QStringList>
 
+#include <atomic>
+
 class QDataStream;
 class QDateTime;
 class QWidget;
@@ -41,6 +43,11 @@ public:
 
     // Files
     static bool FileExists(const QString& path);
+    // Total size in bytes of the files below the folder, as a copy of it
+    // writes them: hidden entries left out, a link to a folder counted as
+    // that folder's files, a link back to a folder above counted as nothing.
+    // Stops early, with what it has, once *abort is set.
+    static qint64 DirSize(QString path, const std::atomic<bool>* abort = nullptr);
     static void RemovePath(const QString& path);
     static void RemoveDir(const QString& path, bool removeFiles);
     // Capacity in bytes: the size of the device for a device node ("/dev/sdb"),

@@ -159,23 +159,13 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir,
     return ok;
 }
 
-qint64 sourceSize(const QFileInfo& info, QSet<QString>& chain, const std::atomic<bool>* abort)
+// What copying `source` writes: a file's size, or what is below a folder.
+qint64 sourceSize(const QString& source, const std::atomic<bool>* abort)
 {
-    if (!info.exists() || (abort && abort->load()))
+    const QFileInfo info(source);
+    if (!info.exists())
         return 0;
-    if (!info.isDir())
-        return info.size();
-    const QString canonical = info.canonicalFilePath();
-    if (chain.contains(canonical))
-        return 0;
-    chain.insert(canonical);
-    qint64 total = 0;
-    const QFileInfoList entries =
-        QDir(info.filePath()).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
-    for (const QFileInfo& entry : entries)
-        total += sourceSize(entry, chain, abort);
-    chain.remove(canonical);
-    return total;
+    return info.isDir() ? Util::DirSize(source, abort) : info.size();
 }
 
 bool copyFile(const QString& source, const QString& target, std::atomic<qint64>* copied,
@@ -421,10 +411,8 @@ bool CFileCopy::SizeJobs()
     if (unsized.empty())
         return false;
     std::vector<qint64> sizes;
-    for (const auto& [id, source] : unsized) {
-        QSet<QString> chain;
-        sizes.push_back(sourceSize(QFileInfo(source), chain, &m_stop));
-    }
+    for (const auto& [id, source] : unsized)
+        sizes.push_back(sourceSize(source, &m_stop));
     {
         QMutexLocker locker(&m_lock);
         for (Job& queued : m_queue) {
@@ -527,6 +515,5 @@ void CFileCopy::CopyDirInto(const QString& sourceDir, const QString& targetDir,
 
 qint64 CFileCopy::SourceSize(const QString& source)
 {
-    QSet<QString> chain;
-    return sourceSize(QFileInfo(source), chain, nullptr);
+    return sourceSize(source, nullptr);
 }
