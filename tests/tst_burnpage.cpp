@@ -16,6 +16,7 @@
 #include "common/isofixture.h"
 #include "common/modal.h"
 #include "common/standins.h"
+#include "media/disctools.h"
 #include "media/drives.h"
 #include "media/usbburn.h"
 #include "pages/burndialog.h"
@@ -133,6 +134,12 @@ private:
     template <typename T = QWidget> T* Child(const char* name) const
     {
         return m_page->findChild<T*>(name);
+    }
+    // No burn or restore under way.
+    bool Idle() const
+    {
+        return !m_page->findChild<CDiscBurnJob*>()->IsRunning() && !m_page->findChild<CUsbBurnJob*>()->IsRunning() &&
+               !m_page->findChild<CUsbMultiBurnJob*>()->IsRunning();
     }
     // The page with the USB stick chosen and `image` to burn. The stick is a
     // folder: the page and the job take its file system's size for the
@@ -293,7 +300,7 @@ void TestBurnPage::refusals()
     // the test instead of blocking it.
     DialogAnswerer answers([](const QString&) { return false; });
     click(Child("burn"));
-    QTest::qWait(150);
+    QVERIFY(Idle());
     QCOMPARE(answers.seen, said.isEmpty() ? QStringList() : QStringList{said});
     QVERIFY(!m_page->Progress()->isVisible());
     QCOMPARE(Logged(m_log), QStringList());
@@ -493,8 +500,8 @@ void TestBurnPage::burnsTheStick()
                            !Child("browser")->isEnabled();
     });
     QStringList full;
-    connect(job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
-        if (maximum > 0 && value == maximum)
+    connect(job, &CUsbBurnJob::progressed, this, [&](int percent) {
+        if (percent == 100)
             full << m_page->Progress()->PercentText();
     });
     QSignalSpy finished(m_page.get(), &CBurnDialog::usbBurnFinished);
@@ -615,7 +622,7 @@ void TestBurnPage::restoresTheStick()
         QVERIFY2(answers.seen.last().startsWith("The stick is an ordinary stick again"),
                  qPrintable(answers.seen.last()));
     } else {
-        QTest::qWait(150);
+        QVERIFY(Idle());
     }
     QCOMPARE(answers.seen.first(), kFormatUsb);
     QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled() && Child("restore")->isEnabled());
@@ -750,7 +757,7 @@ void TestBurnPage::burnsSeveralSticks()
         QVERIFY2(answers.seen.size() == 3, qPrintable(answers.seen.join(" | ")));
         answers.seen.removeAt(1);
     } else {
-        QTest::qWait(150);
+        QVERIFY(Idle());
         QCOMPARE(answers.seen.size(), 1);
     }
     QVERIFY(!m_page->Progress()->isVisible() && ButtonsEnabled());

@@ -3,6 +3,7 @@
 #include "common/standins.h"
 #include "media/disctools.h"
 #include "media/drives.h"
+#include "media/usbburn.h"
 
 namespace {
 
@@ -40,6 +41,8 @@ private Q_SLOTS:
     void matchesDrives_data();
     void matchesDrives();
     void listsScannedDrivesThenTheRest();
+    void showsTheOpticalList_data();
+    void showsTheOpticalList();
     void parsesProgress_data();
     void parsesProgress();
     void burns_data();
@@ -47,6 +50,8 @@ private Q_SLOTS:
     void copies_data();
     void copies();
     void scanFillsTheListWithoutTheWriter();
+    void stopEndsOnceAfterTheTool_data();
+    void stopEndsOnceAfterTheTool();
 
 private:
     QTemporaryDir m_dir;
@@ -70,6 +75,7 @@ void TestDiscTools::cleanup()
 {
     qunsetenv("BRENTA_STANDIN_MODE");
     qunsetenv("BRENTA_STANDIN_SCAN");
+    qputenv("BRENTA_TOOLS_DIR", BRENTA_SOURCE_DIR "/tests/standins");
     DriveSeam::Reset();
 }
 
@@ -149,6 +155,38 @@ void TestDiscTools::listsScannedDrivesThenTheRest()
                                  "/dev/sr1 = /dev/sr1: ACMECORP DVDRW UNIT-100 R001"}));
 }
 
+void TestDiscTools::showsTheOpticalList_data()
+{
+    QTest::addColumn<QString>("kept");
+    QTest::addColumn<QStringList>("found");
+    QTest::addColumn<bool>("done");
+    QTest::addColumn<int>("selected");
+    QTest::addColumn<bool>("saysNone");
+    const QStringList two{"/dev/sr0", "/dev/sr1"};
+    QTest::newRow("kept drive found second") << "/dev/sr1" << two << false << 1 << false;
+    QTest::newRow("kept drive not found yet") << "/dev/sr1" << QStringList{"/dev/sr0"} << false << 0 << false;
+    QTest::newRow("nothing kept") << "" << two << true << 0 << false;
+    QTest::newRow("kept drive gone") << "/dev/sr7" << two << true << 0 << false;
+    QTest::newRow("empty while scanning") << "/dev/sr0" << QStringList() << false << -1 << false;
+    QTest::newRow("empty at the end") << "/dev/sr0" << QStringList() << true << -1 << true;
+}
+
+void TestDiscTools::showsTheOpticalList()
+{
+    QFETCH(QString, kept);
+    QFETCH(QStringList, found);
+    QFETCH(bool, done);
+    QFETCH(int, selected);
+    QFETCH(bool, saysNone);
+    QList<DiscTools::ListEntry> entries;
+    for (const QString& node : found)
+        entries.append({node + ": ACMECORP", node});
+    const DiscTools::OpticalView view = DiscTools::ShowOptical(kept, entries, done);
+    QCOMPARE(view.entries.size(), entries.size());
+    QCOMPARE(view.selected, selected);
+    QCOMPARE(view.placeholder, saysNone ? QString("No CD/DVD drive found") : QString());
+}
+
 void TestDiscTools::parsesProgress_data()
 {
     QTest::addColumn<QString>("kind");
@@ -203,7 +241,7 @@ void TestDiscTools::burns()
     const QString image = m_dir.filePath("disc.iso");
     QFile(image).open(QIODevice::WriteOnly);
     CDiscBurnJob job;
-    QSignalSpy progress(&job, &CDiscBurnJob::progress);
+    QSignalSpy progress(&job, &CDiscBurnJob::progressed);
     QSignalSpy finished(&job, &CDiscBurnJob::finished);
     job.Start(image, "/dev/sr0");
     QVERIFY(finished.wait(20000));
@@ -276,6 +314,98 @@ void TestDiscTools::scanFillsTheListWithoutTheWriter()
         QCOMPARE(nodes, (QStringList{"/dev/sr0", "/dev/sr1"}));
         QCOMPARE(entries.first().at(0).toString(), QString("/dev/sr0: ACMECORP DVDRW UNIT-100 R001"));
     }
+}
+
+void TestDiscTools::stopEndsOnceAfterTheTool_data()
+{
+    QTest::addColumn<QString>("job");
+    // The tools' calls by the time the job has ended, "ended" when one ended.
+    QTest::addColumn<QStringList>("calls");
+    QTest::newRow("disc copy") << "copy" << QStringList{"start -dev=/dev/sr0", "ended"};
+    QTest::newRow("bus scan") << "scan" << QStringList{"start -scanbus"};
+    QTest::newRow("eject") << "eject" << QStringList{"start dev=/dev/sr0"};
+    // The stick is unmounted once the helper that mounted it has ended.
+    QTest::newRow("USB restore") << "restore" << QStringList{"start prepare", "ended", "start unmount"};
+}
+
+// Stop() returns at once, and the job ends exactly once with finished(false),
+// having removed what its tool wrote only after the tool had ended. Each tool
+// here works until it is asked to end, and takes a moment to end.
+void TestDiscTools::stopEndsOnceAfterTheTool()
+{
+    QFETCH(QString, job);
+    QFETCH(QStringList, calls);
+    QTemporaryDir dir;
+    const QString log = dir.filePath("calls");
+    const QByteArray slow = "#!/bin/sh\n"
+                            "echo \"start $1\" >>\"$SLOW_LOG\"\n"
+                            "[ \"$1\" = unmount ] && exit 0\n"
+                            "for a in \"$@\"; do case \"$a\" in -f=*) echo part >\"${a#-f=}\" ;; esac; done\n"
+                            "[ \"$1\" = prepare ] && echo \"mounted: $SLOW_STICK\"\n"
+                            "trap 'sleep 0.3; echo ended >>\"$SLOW_LOG\"; exit 143' TERM\n"
+                            "sleep 0.3; echo ready >>\"$SLOW_LOG\"\n"
+                            "while :; do sleep 0.05; done\n";
+    for (const char* tool : {"cdrtools/readcd", "cdrtools/cdrecord", "usbhelper/brenta-usb-helper"})
+        QVERIFY(Standins::Write(dir.filePath(QString("tools/") + tool), slow));
+    qputenv("BRENTA_TOOLS_DIR", dir.filePath("tools").toUtf8());
+    qputenv("SLOW_LOG", log.toUtf8());
+    qputenv("SLOW_STICK", dir.filePath("stick").toUtf8());
+    const auto called = [&log] {
+        QFile file(log);
+        file.open(QIODevice::ReadOnly);
+        QStringList lines = QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
+        lines.removeAll("ready");
+        return lines;
+    };
+    const auto written = [&dir] { return QDir(dir.path()).entryList({".copy.iso.*"}, QDir::Files | QDir::Hidden); };
+
+    std::unique_ptr<CJob> running;
+    if (job == "copy") {
+        auto* copy = new CDiscCopyJob;
+        running.reset(copy);
+        copy->Start("/dev/sr0", dir.filePath("copy.iso"));
+    } else if (job == "scan") {
+        auto* scan = new COpticalScan;
+        running.reset(scan);
+        scan->Start();
+    } else if (job == "eject") {
+        auto* eject = new CEjectJob;
+        running.reset(eject);
+        eject->Start("/dev/sr0");
+    } else {
+        auto* usb = new CUsbBurnJob;
+        running.reset(usb);
+        usb->Restore("/dev/sdz", UsbPlan::FileSystem::Fat32, QString());
+    }
+    QSignalSpy finished(running.get(), &CJob::finished);
+    const auto ready = [&log] {
+        QFile file(log);
+        return file.open(QIODevice::ReadOnly) && file.readAll().contains("ready");
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(ready(), 10000);
+    QVERIFY(running->IsRunning());
+    if (job == "copy")
+        QCOMPARE(written().size(), 1);
+
+    QElapsedTimer clock;
+    clock.start();
+    running->Stop();
+    QVERIFY2(clock.elapsed() < 250, qPrintable(QString::number(clock.elapsed())));
+    // What the tool wrote stays while it may still write.
+    if (job == "copy")
+        QCOMPARE(written().size(), 1);
+
+    QVERIFY(finished.count() == 1 || finished.wait(10000));
+    QCOMPARE(finished.first().at(0).toBool(), false);
+    QVERIFY2(finished.first().at(1).toString().startsWith(CJob::StoppedMessage()),
+             qPrintable(finished.first().at(1).toString()));
+    QCOMPARE(called().mid(0, calls.size()), calls);
+    QCOMPARE(written(), QStringList());
+    // Every tool has ended and whatever its end set off has run: still one end.
+    QTRY_VERIFY_WITH_TIMEOUT(called().contains("ended"), 10000);
+    QCoreApplication::sendPostedEvents();
+    QCOMPARE(finished.count(), 1);
+    QVERIFY(!running->IsRunning());
 }
 
 QTEST_GUILESS_MAIN(TestDiscTools)

@@ -114,8 +114,8 @@ private:
         connect(&job, &CUsbBurnJob::phase, this, [&](Phase phase) { outcome.phases << phase; });
         connect(&job, &CUsbBurnJob::imageHashed, this,
                 [&](const QString& sha256) { outcome.imageSha256 = sha256; });
-        connect(&job, &CUsbBurnJob::progress, this, [&](int value, int maximum) {
-            if (outcome.phases.isEmpty() || maximum != 100)
+        connect(&job, &CUsbBurnJob::progressed, this, [&](int value) {
+            if (outcome.phases.isEmpty() || value < 0)
                 return;
             const Phase phase = outcome.phases.last();
             outcome.progressBack = outcome.progressBack || value < outcome.percent.value(phase, 0);
@@ -927,15 +927,13 @@ private Q_SLOTS:
             phases << phase;
             values.clear();
         });
-        connect(&job, &CUsbMultiBurnJob::progress, this, [&](int value, int maximum) {
-            backwards = backwards || (maximum > 0 && !values.isEmpty() && value < values.last());
-            if (maximum > 0)
+        connect(&job, &CUsbMultiBurnJob::progressed, this, [&](int value) {
+            backwards = backwards || (value >= 0 && !values.isEmpty() && value < values.last());
+            if (value >= 0)
                 values << value;
         });
         connect(&job, &CUsbMultiBurnJob::stickProgress, this,
-                [&](const QString& device, int value, int maximum) {
-                    stickValues[device] = maximum > 0 ? value : -1;
-                });
+                [&](const QString& device, int value) { stickValues[device] = value; });
         CUsbBurnJob::Options options;
         options.image = built;
         // The stand-in's image has no partition table; the real one goes as a disk image by itself.

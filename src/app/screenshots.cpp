@@ -229,8 +229,7 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
     CProgressDialog* progress = page->Progress();
     progress->DisableStop();
-    page->onUSBBurnPhase(CUsbBurnJob::Phase::Copying);
-    page->onUSBBurnProgress(45, 100);
+    page->onUSBBurnProgress(45, CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Copying));
     writer.SaveOver(QStringLiteral("page-burn-usb-progress"), host, *progress);
 
     for (const char* button : kBurnButtons)
@@ -254,14 +253,12 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
     writer.Save(QStringLiteral("page-burn-usb-image"), host);
     for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
-    page->onUSBBurnPhase(CUsbBurnJob::Phase::Writing);
-    page->onUSBBurnProgress(62, 100);
+    page->onUSBBurnProgress(62, CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Writing));
     page->onUSBBurnTransfer(
         UsbBurn::TransferText(qint64(1'890'000'000), qint64(3'050'000'000), 22'000));
     writer.SaveOver(QStringLiteral("page-burn-usb-image-progress"), host, *progress);
     page->onImageHashed(sha256);
-    page->onUSBBurnPhase(CUsbBurnJob::Phase::Verifying);
-    page->onUSBBurnProgress(30, 100);
+    page->onUSBBurnProgress(30, CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Verifying));
     page->onUSBBurnTransfer(
         UsbBurn::TransferText(qint64(915'000'000), qint64(3'050'000'000), 5'000));
     writer.SaveOver(QStringLiteral("page-burn-usb-image-verifying"), host, *progress);
@@ -289,13 +286,12 @@ void RenderUsbBurn(Writer& writer, QWidget& host, CBurnDialog* page)
     modes->hidePopup();
     for (const char* button : kBurnButtons)
         page->findChild<QWidget*>(QLatin1String(button))->setEnabled(false);
-    page->onUSBBurnPhase(CUsbBurnJob::Phase::Writing);
-    page->onUSBBurnProgress(48, 100);
+    page->onUSBBurnProgress(48, CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Writing));
     page->onUSBBurnTransfer(
         UsbBurn::TransferText(qint64(1'460'000'000), qint64(3'050'000'000), 19'000));
     const QStringList nodes = sticks->CheckedData();
-    page->onStickProgress(nodes.value(0), 71, 100);
-    page->onStickProgress(nodes.value(1), 48, 100);
+    page->onStickProgress(nodes.value(0), 71);
+    page->onStickProgress(nodes.value(1), 48);
     writer.SaveOver(QStringLiteral("page-burn-usb-several-progress"), host, *progress);
     progress->SetDetail(QString());
     for (const char* button : kBurnButtons)

@@ -38,11 +38,15 @@ std::optional<Progress> ParseProgress(const QString& line)
     return Progress{percent, name};
 }
 
-QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries)
+QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries,
+                      const QStringList& excluded)
 {
     QStringList arguments{QStringLiteral("x"),    QStringLiteral("-y"),  QStringLiteral("-bb3"),
                           QStringLiteral("-bsp2"), QStringLiteral("-spd"), QStringLiteral("-r-"),
-                          QStringLiteral("-o") + outputDir, QStringLiteral("--"), image};
+                          QStringLiteral("-o") + outputDir};
+    for (const QString& path : excluded)
+        arguments << QStringLiteral("-x!") + path;
+    arguments << QStringLiteral("--") << image;
     const qsizetype firstEntry = arguments.size();
     for (const QString& entry : entries) {
         if (!arguments.mid(firstEntry).contains(entry))

@@ -26,8 +26,10 @@ std::optional<Progress> ParseProgress(const QString& line);
 // components; none means the whole image. Names are matched literally (no
 // wildcards, no recursion into same-named files elsewhere) and "--" keeps an
 // image or entry whose name starts with "-" or "@" from being read as a switch
-// or a list file.
-QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries);
+// or a list file. `excluded` are paths inside the image left out, each with
+// everything in it.
+QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries,
+                      const QStringList& excluded = QStringList());
 
 // True when the tool's last words say the extraction went well.
 bool OutputSaysOk(const QStringList& lines);

@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QPointer>
 #include <QRegularExpression>
 
 #include <fcntl.h>
@@ -155,6 +156,21 @@ QList<ListEntry> OpticalEntries(const QList<ScanLine>& scanned, const QList<Opti
     return entries;
 }
 
+OpticalView ShowOptical(const QString& kept, const QList<ListEntry>& entries, bool done)
+{
+    OpticalView view;
+    view.entries = entries;
+    if (!entries.isEmpty())
+        view.selected = 0;
+    for (int i = 0; i < entries.size(); ++i) {
+        if (!kept.isEmpty() && entries.at(i).node == kept)
+            view.selected = i;
+    }
+    if (done && entries.isEmpty())
+        view.placeholder = QStringLiteral("No CD/DVD drive found");
+    return view;
+}
+
 std::optional<int> ParseBurnProgress(const QString& line)
 {
     if (line.indexOf(QLatin1String("written (")) <= 0 || line.indexOf(QLatin1String("of")) <= 0)
@@ -269,16 +285,17 @@ QString failureMessage(const QString& what, const QString& plain, const CRunComm
 
 } // namespace
 
-COpticalScan::COpticalScan(QObject* parent) : QObject(parent), m_inquiry(DiscTools::InquiryProduct) {}
+COpticalScan::COpticalScan(QObject* parent) : CJob(parent), m_inquiry(DiscTools::InquiryProduct) {}
 
 COpticalScan::~COpticalScan()
 {
-    Stop();
+    CRunCommandThread::Dispose(m_runner);
 }
 
 void COpticalScan::Start()
 {
     Stop();
+    Begin();
     m_scanned.clear();
     m_sent.clear();
     m_drives = Drives::Optical();
@@ -291,7 +308,9 @@ void COpticalScan::Start()
 
 void COpticalScan::Stop()
 {
+    // The scan writes nothing: it is done with as soon as it is let go.
     CRunCommandThread::Dispose(m_runner);
+    Finish(false, StoppedMessage());
 }
 
 void COpticalScan::OnLine(const QString& line)
@@ -308,7 +327,7 @@ void COpticalScan::OnFinished()
     m_runner->deleteLater();
     m_runner = nullptr;
     SendNew(true);
-    Q_EMIT finished();
+    Finish(true, QString());
 }
 
 void COpticalScan::SendNew(bool unscanned)
@@ -323,7 +342,7 @@ void COpticalScan::SendNew(bool unscanned)
     }
 }
 
-CDiscBurnJob::CDiscBurnJob(QObject* parent) : QObject(parent) {}
+CDiscBurnJob::CDiscBurnJob(QObject* parent) : CJob(parent) {}
 
 CDiscBurnJob::~CDiscBurnJob()
 {
@@ -332,14 +351,16 @@ CDiscBurnJob::~CDiscBurnJob()
 
 void CDiscBurnJob::Start(const QString& image, const QString& node)
 {
-    CRunCommandThread::Dispose(m_runner);
+    if (IsRunning())
+        return;
+    Begin();
     m_trackWritten = false;
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
         if (line.contains(QLatin1String("Total bytes read/written")))
             m_trackWritten = true;
         if (const std::optional<int> percent = DiscTools::ParseBurnProgress(line))
-            Q_EMIT progress(*percent);
+            Progress(*percent, QString());
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success && m_trackWritten;
@@ -350,22 +371,30 @@ void CDiscBurnJob::Start(const QString& image, const QString& node)
                                 writerName());
         m_runner->deleteLater();
         m_runner = nullptr;
-        Q_EMIT finished(ok, message);
+        Finish(ok, message);
     });
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter), DiscTools::BurnArguments(node, image));
     m_runner->StartCommand(QThread::InheritPriority);
 }
 
-CDiscCopyJob::CDiscCopyJob(QObject* parent) : QObject(parent) {}
+CDiscCopyJob::CDiscCopyJob(QObject* parent) : CJob(parent) {}
 
 CDiscCopyJob::~CDiscCopyJob()
 {
+    m_next.clear();
     Stop();
 }
 
 void CDiscCopyJob::Start(const QString& node, const QString& output)
 {
+    // A copy under way is stopped; its end is told first, and this copy
+    // follows once its reader has ended.
     Stop();
+    if (m_stopping) {
+        m_next = QStringList{node, output};
+        return;
+    }
+    Begin();
     m_output = QFileInfo(output).absoluteFilePath();
     // The disc is read into a part file that replaces the output only when
     // the copy is complete.
@@ -384,6 +413,8 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
         if (const std::optional<qint64> address = DiscTools::ParseReadAddress(line)) {
             m_last = *address;
             Q_EMIT position(m_last);
+            if (m_end > 0)
+                Progress(int(qMin(m_last, m_end) * 100 / m_end), QString());
         }
         // The reader ends with status 0 even when it could not read or write
         // everything; only its words tell.
@@ -411,7 +442,7 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
         }
         m_runner->deleteLater();
         m_runner = nullptr;
-        Q_EMIT finished(ok, message);
+        Finish(ok, message);
     });
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscReader),
                          DiscTools::CopyArguments(node, m_part));
@@ -422,12 +453,21 @@ void CDiscCopyJob::Stop()
 {
     if (m_runner == nullptr)
         return;
+    m_stopping = true;
     // The reader's file is removed once the reader has ended, so it cannot
-    // write the file again afterwards.
-    CRunCommandThread::StopThen(m_runner, [part = m_part] { QFile::remove(part); });
+    // write the file again afterwards; only then is the copy over.
+    CRunCommandThread::StopThen(m_runner, [self = QPointer<CDiscCopyJob>(this), part = m_part] {
+        QFile::remove(part);
+        if (self == nullptr)
+            return;
+        self->m_stopping = false;
+        self->Finish(false, StoppedMessage());
+        if (const QStringList next = std::exchange(self->m_next, QStringList()); !next.isEmpty())
+            self->Start(next.at(0), next.at(1));
+    });
 }
 
-CEjectJob::CEjectJob(QObject* parent) : QObject(parent) {}
+CEjectJob::CEjectJob(QObject* parent) : CJob(parent) {}
 
 CEjectJob::~CEjectJob()
 {
@@ -436,7 +476,8 @@ CEjectJob::~CEjectJob()
 
 void CEjectJob::Start(const QString& node)
 {
-    CRunCommandThread::Dispose(m_runner);
+    Stop();
+    Begin();
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
@@ -447,8 +488,14 @@ void CEjectJob::Start(const QString& node)
                                 writerName());
         m_runner->deleteLater();
         m_runner = nullptr;
-        Q_EMIT finished(ok, message);
+        Finish(ok, message);
     });
     m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter), DiscTools::EjectArguments(node));
     m_runner->StartCommand(QThread::InheritPriority);
+}
+
+void CEjectJob::Stop()
+{
+    CRunCommandThread::Dispose(m_runner);
+    Finish(false, StoppedMessage());
 }

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "media/drives.h"
+#include "tools/job.h"
 
 class CRunCommandThread;
 
@@ -55,6 +56,19 @@ struct ListEntry
 QList<ListEntry> OpticalEntries(const QList<ScanLine>& scanned, const QList<OpticalDrive>& drives,
                                 const InquiryFunction& inquiry, bool unscanned = true);
 
+// What an optical list shows while it is refilled: the entries found so far,
+// the one to select (-1: none) and, for an empty list once the refill has
+// ended, the text that says so.
+struct OpticalView
+{
+    QList<ListEntry> entries;
+    int selected = -1;
+    QString placeholder;
+};
+// The drive selected before the refill (`kept`, a node) is selected again as
+// soon as it is found; until then, and when it is not found, the first entry.
+OpticalView ShowOptical(const QString& kept, const QList<ListEntry>& entries, bool done);
+
 // "Track 01:   12 of  650 MB written (fifo 100%) ..." → 12 * 100 / 650; nothing
 // for other lines or a total of 0.
 std::optional<int> ParseBurnProgress(const QString& line);
@@ -79,9 +93,10 @@ QString EjectFailure(int exitCode, const QStringList& lines);
 
 // Fills an optical list: runs the bus scan and pairs its lines with the
 // drives udev knows, then adds those the scan did not name. entry() comes for
-// each drive as it is known; finished() once at the end. The scan runs on the
-// runner's thread, so the window never waits for it.
-class COpticalScan final : public QObject
+// each drive as it is known; finished(true) once at the end, whatever the
+// scan itself could open (the drives udev knows are listed all the same).
+// The scan runs on the runner's thread, so the window never waits for it.
+class COpticalScan final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(COpticalScan)
@@ -91,14 +106,12 @@ public:
     ~COpticalScan() override;
 
     void Start();
-    void Stop();
-    bool IsRunning() const { return m_runner != nullptr; }
+    void Stop() override;
     // Replaces the INQUIRY (tests).
     void SetInquiry(DiscTools::InquiryFunction inquiry) { m_inquiry = std::move(inquiry); }
 
 Q_SIGNALS:
     void entry(const QString& text, const QString& node);
-    void finished();
 
 private:
     void OnLine(const QString& line);
@@ -113,9 +126,11 @@ private:
     DiscTools::InquiryFunction m_inquiry;
 };
 
-// Burns an image to the disc in a drive with the disc writer; cannot be
-// stopped once started (that would ruin the disc).
-class CDiscBurnJob final : public QObject
+// Burns an image to the disc in a drive with the disc writer, telling the
+// share written; finished() says "Burning disc successfully." or what went
+// wrong. A burn cannot be stopped once started (that would ruin the disc):
+// Stop() leaves it going to its end.
+class CDiscBurnJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CDiscBurnJob)
@@ -124,12 +139,7 @@ public:
     explicit CDiscBurnJob(QObject* parent = nullptr);
     ~CDiscBurnJob() override;
     void Start(const QString& image, const QString& node);
-    bool IsRunning() const { return m_runner != nullptr; }
-
-Q_SIGNALS:
-    void progress(int percent);
-    // "Burning disc successfully." when it succeeded, else what went wrong.
-    void finished(bool succeeded, const QString& message);
+    void Stop() override {}
 
 private:
     CRunCommandThread* m_runner = nullptr;
@@ -137,9 +147,12 @@ private:
 };
 
 // Reads the disc in a drive into an image file with the disc reader, through
-// a part file that replaces the output only when the whole disc was read. Stop()
-// ends the reader and removes the part file; the output stays as it was.
-class CDiscCopyJob final : public QObject
+// a part file that replaces the output only when the whole disc was read;
+// finished() says "Copy CD/DVD successfully!" or what went wrong. Stop() ends
+// the reader and, once it has ended, removes the part file; the output stays
+// as it was. A Start() while a stopped reader is still ending begins once it
+// has.
+class CDiscCopyJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CDiscCopyJob)
@@ -148,18 +161,18 @@ public:
     explicit CDiscCopyJob(QObject* parent = nullptr);
     ~CDiscCopyJob() override;
     void Start(const QString& node, const QString& output);
-    void Stop();
-    bool IsRunning() const { return m_runner != nullptr; }
+    void Stop() override;
 
 Q_SIGNALS:
     // The sector count, once, when the reader announces it.
     void sectors(qint64 end);
     void position(qint64 sector);
-    // "Copy CD/DVD successfully!" when it succeeded, else what went wrong.
-    void finished(bool succeeded, const QString& message);
 
 private:
     CRunCommandThread* m_runner = nullptr;
+    bool m_stopping = false;
+    // A copy asked for while a stopped one was still ending: node and output.
+    QStringList m_next;
     QString m_output;
     QString m_part;
     qint64 m_end = -1;
@@ -167,8 +180,9 @@ private:
     bool m_readError = false;
 };
 
-// Opens a drive's tray with the disc writer.
-class CEjectJob final : public QObject
+// Opens a drive's tray with the disc writer. Stop() lets the writer go; the
+// tray may still open.
+class CEjectJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CEjectJob)
@@ -177,10 +191,7 @@ public:
     explicit CEjectJob(QObject* parent = nullptr);
     ~CEjectJob() override;
     void Start(const QString& node);
-    bool IsRunning() const { return m_runner != nullptr; }
-
-Q_SIGNALS:
-    void finished(bool succeeded, const QString& message);
+    void Stop() override;
 
 private:
     CRunCommandThread* m_runner = nullptr;

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QIODevice>
+#include <QPointer>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QStandardPaths>
@@ -320,15 +321,6 @@ private:
     QString m_error;
     QByteArray m_sha256;
 };
-
-QStringList CopyArguments(const QString& image, const QString& mountPoint, const QString& skipped)
-{
-    QStringList arguments{QStringLiteral("x"), QStringLiteral("-bsp1"), QStringLiteral("-y"),
-                          QStringLiteral("-o") + mountPoint, QStringLiteral("-x![BOOT]")};
-    if (!skipped.isEmpty())
-        arguments << QStringLiteral("-x!") + skipped;
-    return arguments << QStringLiteral("--") << QFileInfo(image).absoluteFilePath();
-}
 
 void TechnicalListing::Read(const QString& text)
 {
@@ -839,7 +831,7 @@ private:
 
 } // namespace
 
-CUsbBurnJob::CUsbBurnJob(QObject* parent) : QObject(parent) {}
+CUsbBurnJob::CUsbBurnJob(QObject* parent) : CJob(parent) {}
 
 CUsbBurnJob::~CUsbBurnJob()
 {
@@ -849,13 +841,13 @@ CUsbBurnJob::~CUsbBurnJob()
     m_feeder.reset();
     StopVerifier();
     // A burn cut short must not leave the stick mounted.
-    if (m_running && !m_mountPoint.isEmpty()) {
+    if (IsRunning() && !m_mountPoint.isEmpty()) {
         const QStringList command = HelperCommand({QStringLiteral("unmount"), m_options.device});
         QProcess::execute(command.first(), command.mid(1));
     }
 }
 
-QString CUsbBurnJob::PhaseText(Phase phase)
+QString CUsbBurnJob::PhaseTitle(Phase phase)
 {
     switch (phase) {
     case Phase::Checking:
@@ -941,8 +933,7 @@ void CUsbBurnJob::Plan(const Options& options)
         m_list->RecordFiles(&m_files);
         connect(m_list, &CListJob::finished, this, &CUsbBurnJob::OnListed);
     }
-    Q_EMIT phase(Phase::Checking);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Checking, -1);
     QFile image(m_options.image);
     if (!image.open(QIODevice::ReadOnly)) {
         Q_EMIT planned(
@@ -1056,10 +1047,11 @@ void CUsbBurnJob::OnListed()
 
 bool CUsbBurnJob::BeginBurn()
 {
-    if (!m_planned || m_running)
+    if (!m_planned || IsRunning())
         return false;
+    Begin();
     m_planned = false;
-    m_running = true;
+    m_stopping = false;
     m_restoring = false;
     m_failure.clear();
     m_mountPoint.clear();
@@ -1077,8 +1069,7 @@ void CUsbBurnJob::Burn()
         StartWrite();
         return;
     }
-    Q_EMIT phase(Phase::Formatting);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Formatting, -1);
     RunHelper(QStringLiteral("formatting"),
               UsbBurn::PrepareArguments(m_options.device, m_options.scheme, m_decision.fileSystem,
                                         m_options.label),
@@ -1097,9 +1088,11 @@ void CUsbBurnJob::BurnFrom(std::shared_ptr<UsbBurn::ImageFeeder> feeder, int out
 
 void CUsbBurnJob::Restore(const QString& device, UsbPlan::FileSystem fs, const QString& label)
 {
-    if (m_running)
+    if (IsRunning())
         return;
+    Begin();
     m_planned = false;
+    m_stopping = false;
     m_restoring = true;
     m_failure.clear();
     m_mountPoint.clear();
@@ -1114,14 +1107,12 @@ void CUsbBurnJob::Restore(const QString& device, UsbPlan::FileSystem fs, const Q
             "Brenta's USB helper (brenta-usb-helper) is not installed. Please reinstall "
             "Brenta.");
     if (!refusal.isEmpty()) {
-        Q_EMIT finished(false, QStringLiteral("Nothing was written to the stick. ") + refusal);
+        Finish(false, QStringLiteral("Nothing was written to the stick. ") + refusal);
         return;
     }
-    m_running = true;
     // The helper's prepare wipes the disk's first 2 MiB and last MiB, where
     // every table and file system signature an image leaves is found.
-    Q_EMIT phase(Phase::Formatting);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Formatting, -1);
     RunHelper(QStringLiteral("formatting"),
               UsbBurn::PrepareArguments(device, UsbPlan::Scheme::Mbr, fs, m_options.label),
               &CUsbBurnJob::StartRestoreUnmount);
@@ -1129,8 +1120,7 @@ void CUsbBurnJob::Restore(const QString& device, UsbPlan::FileSystem fs, const Q
 
 void CUsbBurnJob::StartRestoreUnmount()
 {
-    Q_EMIT phase(Phase::Finishing);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Finishing, -1);
     RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device},
               &CUsbBurnJob::Restored);
 }
@@ -1204,7 +1194,7 @@ void CUsbBurnJob::RunTool(const QString& step, const QString& program, const QSt
 {
     const auto read = [this](const QString& line) {
         if (const std::optional<Extraction::Progress> step = Extraction::ParseProgress(line))
-            Q_EMIT progress(step->percent, 100);
+            Step(step->percent);
     };
     StartRunner(program, arguments, read, [this, step, toolName, next] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
@@ -1234,8 +1224,7 @@ void CUsbBurnJob::StartRunner(const QString& program, const QStringList& argumen
 
 void CUsbBurnJob::StartWrite()
 {
-    Q_EMIT phase(Phase::Writing);
-    Q_EMIT progress(0, 100);
+    Enter(Phase::Writing, 0);
     m_phaseClock.start();
     m_imageSize = QFileInfo(m_options.image).size();
     m_imageSha256.clear();
@@ -1284,8 +1273,7 @@ void CUsbBurnJob::StartReadBack()
         return;
     }
     // The helper reads the stick itself, past the system's cache.
-    Q_EMIT phase(Phase::Verifying);
-    Q_EMIT progress(0, 100);
+    Enter(Phase::Verifying, 0);
     m_phaseClock.start();
     RunHelper(QStringLiteral("verifying"),
               {QStringLiteral("hash"), m_options.device, QStringLiteral("--size"),
@@ -1314,8 +1302,18 @@ void CUsbBurnJob::Transferred(qint64 done)
 {
     if (m_imageSize <= 0)
         return;
-    Q_EMIT progress(int(qMin(done, m_imageSize) * 100 / m_imageSize), 100);
+    Step(int(qMin(done, m_imageSize) * 100 / m_imageSize));
     Q_EMIT transfer(UsbBurn::TransferText(done, m_imageSize, m_phaseClock.elapsed()));
+}
+
+QStringList CUsbBurnJob::CopiedExclusions() const
+{
+    // The archive tool's "[BOOT]" pseudo-folder and, where it is split
+    // instead, the installer image.
+    QStringList excluded{QStringLiteral("[BOOT]")};
+    if (const QString wim = SplitWim(); !wim.isEmpty())
+        excluded << wim;
+    return excluded;
 }
 
 QString CUsbBurnJob::SplitWim() const
@@ -1334,16 +1332,14 @@ void CUsbBurnJob::StartBootCode()
         StartCopy();
         return;
     }
-    Q_EMIT phase(Phase::BootCode);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::BootCode, -1);
     RunHelper(QStringLiteral("boot code"), {QStringLiteral("bootcode"), m_options.device},
               &CUsbBurnJob::StartCopy);
 }
 
 void CUsbBurnJob::StartCopy()
 {
-    Q_EMIT phase(Phase::Copying);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Copying, -1);
     m_linkCopies.clear();
     m_linksLost = 0;
     m_entries = std::make_unique<UsbBurn::TechnicalListing>();
@@ -1367,9 +1363,10 @@ void CUsbBurnJob::StartCopy()
 
 void CUsbBurnJob::StartToolCopy()
 {
-    Q_EMIT progress(0, 100);
+    Step(0);
     RunTool(QStringLiteral("copying the files"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            UsbBurn::CopyArguments(m_options.image, m_mountPoint, SplitWim()), &CUsbBurnJob::StartSplit);
+            Extraction::Arguments(m_options.image, m_mountPoint, QStringList(), CopiedExclusions()),
+            &CUsbBurnJob::StartSplit);
 }
 
 void CUsbBurnJob::StartStreamCopy()
@@ -1377,7 +1374,7 @@ void CUsbBurnJob::StartStreamCopy()
     // The archive tool would set every file's Unix permissions from the
     // image's Rock Ridge records and make its symbolic links, which FAT and
     // the FUSE drivers cannot hold; Brenta writes names and contents only.
-    Q_EMIT progress(0, 100);
+    Step(0);
     m_stopVerify = false;
     auto* thread = new CopyThread(m_options.image, m_entries->Entries(), m_mountPoint, SplitWim(), m_stopVerify);
     thread->onProgress = [this, last = -1](qint64 done, qint64 total) mutable {
@@ -1385,7 +1382,7 @@ void CUsbBurnJob::StartStreamCopy()
         if (value == last)
             return;
         last = value;
-        QMetaObject::invokeMethod(this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(this, [this, value] { Step(value); }, Qt::QueuedConnection);
     };
     connect(thread, &QThread::finished, this, [this, thread] {
         const QString failure = thread->failure;
@@ -1393,6 +1390,10 @@ void CUsbBurnJob::StartStreamCopy()
         m_linksLost = thread->linksLost;
         m_verifier = nullptr;
         thread->deleteLater();
+        if (m_stopping) {
+            Fail(QString());
+            return;
+        }
         if (!failure.isEmpty()) {
             Fail(QStringLiteral("copying the files: ") + failure);
             return;
@@ -1406,13 +1407,12 @@ void CUsbBurnJob::StartStreamCopy()
 void CUsbBurnJob::StartSplit()
 {
     // The tool prints no percentages for a copy that takes no time.
-    Q_EMIT progress(100, 100);
+    Step(100);
     if (m_decision.splitWim.isEmpty()) {
         StartRemount();
         return;
     }
-    Q_EMIT phase(Phase::Splitting);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Splitting, -1);
     m_wimDir = std::make_unique<ScratchFolder>(QStringLiteral("wim"));
     if (!m_wimDir->IsValid()) {
         Fail(QStringLiteral("splitting install.wim: no temporary folder could be made in %1.")
@@ -1441,8 +1441,7 @@ void CUsbBurnJob::SplitExtracted()
 void CUsbBurnJob::StartEfiCopy()
 {
     m_efiCopied = true;
-    Q_EMIT phase(Phase::Copying);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Copying, -1);
     m_efiDir = std::make_unique<ScratchFolder>(QStringLiteral("efi"));
     const QString fatImage = EfiImage();
     QFile image(m_options.image);
@@ -1478,8 +1477,7 @@ void CUsbBurnJob::StartRemount()
     }
     // Reading back through a fresh mount reads the stick, not what the
     // system still holds in memory from the copy.
-    Q_EMIT phase(Phase::Verifying);
-    Q_EMIT progress(0, 0);
+    Enter(Phase::Verifying, -1);
     RunHelper(QStringLiteral("verifying"),
               {QStringLiteral("remount"), m_options.device, QStringLiteral("--fs"),
                UsbPlan::Name(m_decision.fileSystem).toLower()},
@@ -1548,9 +1546,9 @@ void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only,
                 return;
             last = value;
             QMetaObject::invokeMethod(
-                this, [this, value] { Q_EMIT progress(value, 100); }, Qt::QueuedConnection);
+                this, [this, value] { Step(value); }, Qt::QueuedConnection);
         };
-        Q_EMIT progress(0, 100);
+        Step(0);
     } else {
         thread->onProgress = [](qint64) {};
     }
@@ -1559,6 +1557,10 @@ void CUsbBurnJob::RunVerifier(const QString& archive, const QString& only,
         const QString toolFailure = thread->toolFailure;
         m_verifier = nullptr;
         thread->deleteLater();
+        if (m_stopping) {
+            Fail(QString());
+            return;
+        }
         QString reason;
         if (!toolFailure.isEmpty())
             reason = toolFailure;
@@ -1587,7 +1589,7 @@ void CUsbBurnJob::VerifySplit()
     // The parts carry SHA-1 checksums of every resource; wimlib reads them all.
     const QString wim = SplitWim();
     const QString folder = m_mountPoint + QLatin1Char('/') + QFileInfo(wim).path();
-    Q_EMIT progress(0, 0);
+    Step(-1);
     RunTool(QStringLiteral("verifying"), ToolLocator::Find(ToolLocator::Tool::WimTool),
             ToolLocator::DisplayName(ToolLocator::Tool::WimTool),
             {QStringLiteral("verify"), folder + QStringLiteral("/install.swm"),
@@ -1598,12 +1600,11 @@ void CUsbBurnJob::VerifySplit()
 void CUsbBurnJob::StartUnmount()
 {
     m_efiDir.reset();
-    Q_EMIT phase(Phase::Finishing);
-    Q_EMIT progress(0, 0);
-    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Succeeded);
+    Enter(Phase::Finishing, -1);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Burned);
 }
 
-void CUsbBurnJob::Succeeded()
+void CUsbBurnJob::Burned()
 {
     if (!m_failure.isEmpty()) {
         End(false, m_failure);
@@ -1625,9 +1626,11 @@ void CUsbBurnJob::Succeeded()
 void CUsbBurnJob::Fail(const QString& stepAndReason)
 {
     const QString message =
-        (m_restoring ? QStringLiteral("The USB stick was not restored. The step that failed: ")
-                     : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
-        stepAndReason;
+        m_stopping
+            ? StoppedMessage() + QStringLiteral(" What the stick holds is incomplete: burn or restore it again.")
+            : (m_restoring ? QStringLiteral("The USB stick was not restored. The step that failed: ")
+                           : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
+                  stepAndReason;
     m_wimDir.reset();
     m_efiDir.reset();
     m_feeder.reset();
@@ -1643,16 +1646,50 @@ void CUsbBurnJob::Fail(const QString& stepAndReason)
         End(false, m_failure);
         return;
     }
-    Q_EMIT phase(Phase::Finishing);
-    Q_EMIT progress(0, 0);
-    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Succeeded);
+    Enter(Phase::Finishing, -1);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Burned);
 }
 
 void CUsbBurnJob::End(bool succeeded, const QString& message)
 {
-    m_running = false;
     m_mountPoint.clear();
-    Q_EMIT finished(succeeded, message);
+    Finish(succeeded, message);
+}
+
+void CUsbBurnJob::Enter(Phase phase, int percent)
+{
+    m_phase = phase;
+    Q_EMIT this->phase(phase);
+    Step(percent);
+}
+
+void CUsbBurnJob::Step(int percent)
+{
+    Progress(percent, PhaseTitle(m_phase));
+}
+
+void CUsbBurnJob::Stop()
+{
+    // A burn that is ending already (unmounting after a failure, or at its
+    // end) goes on to its end.
+    if (!IsRunning() || m_stopping || !m_failure.isEmpty() || m_phase == Phase::Finishing)
+        return;
+    m_stopping = true;
+    // A verifier or a stream copy sees this and ends; its end goes on as a
+    // failure would, unmounting the stick.
+    m_stopVerify = true;
+    if (m_runner != nullptr) {
+        CRunCommandThread::StopThen(m_runner, [self = QPointer<CUsbBurnJob>(this)] {
+            if (self == nullptr)
+                return;
+            // A helper stopped after it mounted the stick has not said so at its end.
+            if (!self->m_report.mounted.isEmpty())
+                self->m_mountPoint = self->m_report.mounted;
+            self->Fail(QString());
+        });
+    } else if (m_verifier == nullptr) {
+        Fail(QString());
+    }
 }
 
 void CUsbBurnJob::StopVerifier()
@@ -1665,7 +1702,7 @@ void CUsbBurnJob::StopVerifier()
     m_verifier = nullptr;
 }
 
-CUsbMultiBurnJob::CUsbMultiBurnJob(QObject* parent) : QObject(parent) {}
+CUsbMultiBurnJob::CUsbMultiBurnJob(QObject* parent) : CJob(parent) {}
 
 CUsbMultiBurnJob::~CUsbMultiBurnJob()
 {
@@ -1710,22 +1747,19 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
             Follow();
             if (--m_pending == 0) {
                 m_feeder.reset();
-                Q_EMIT finished(m_allSucceeded, m_results.join(QLatin1Char('\n')));
+                Finish(m_allSucceeded, m_results.join(QLatin1Char('\n')));
             }
         });
         connect(raw, &CUsbBurnJob::phase, this, [this, i](CUsbBurnJob::Phase phase) {
             Stick& stick = m_sticks[size_t(i)];
             stick.phase = phase;
-            stick.value = 0;
-            stick.maximum = 0;
+            stick.percent = -1;
             stick.transfer.clear();
             Follow();
         });
-        connect(raw, &CUsbBurnJob::progress, this, [this, i](int value, int maximum) {
-            Stick& stick = m_sticks[size_t(i)];
-            stick.value = value;
-            stick.maximum = maximum;
-            Q_EMIT stickProgress(m_devices.at(i), value, maximum);
+        connect(raw, &CUsbBurnJob::progressed, this, [this, i](int percent) {
+            m_sticks[size_t(i)].percent = percent;
+            Q_EMIT stickProgress(m_devices.at(i), percent);
             Follow();
         });
         connect(raw, &CUsbBurnJob::imageHashed, this, [this](const QString& sha256) {
@@ -1749,9 +1783,7 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
 void CUsbMultiBurnJob::Follow()
 {
     // How far a stick is in its phase; a busy one counts as not begun.
-    const auto done = [](const Stick& stick) {
-        return stick.maximum > 0 ? double(stick.value) / stick.maximum : -1.0;
-    };
+    const auto done = [](const Stick& stick) { return stick.percent; };
     int behind = -1;
     for (int i = 0; i < int(m_sticks.size()); ++i) {
         const Stick& stick = m_sticks[size_t(i)];
@@ -1770,14 +1802,12 @@ void CUsbMultiBurnJob::Follow()
     const Stick& stick = m_sticks[size_t(behind)];
     if (m_shownPhase != stick.phase) {
         m_shownPhase = stick.phase;
-        m_shownValue = -1;
-        m_shownMaximum = -1;
+        m_shownPercent = -2;
         Q_EMIT phase(stick.phase);
     }
-    if (stick.value != m_shownValue || stick.maximum != m_shownMaximum) {
-        m_shownValue = stick.value;
-        m_shownMaximum = stick.maximum;
-        Q_EMIT progress(stick.value, stick.maximum);
+    if (stick.percent != m_shownPercent) {
+        m_shownPercent = stick.percent;
+        Progress(stick.percent, CUsbBurnJob::PhaseTitle(stick.phase));
     }
     if (behind != m_shown && !stick.transfer.isEmpty())
         Q_EMIT transfer(stick.transfer);
@@ -1792,14 +1822,15 @@ const UsbPlan::Decision& CUsbMultiBurnJob::Decision() const
 
 void CUsbMultiBurnJob::Burn()
 {
-    if (m_jobs.empty() || m_feeder != nullptr)
+    if (m_jobs.empty() || m_feeder != nullptr || IsRunning())
         return;
+    Begin();
     m_feeder = std::make_shared<UsbBurn::ImageFeeder>(QFileInfo(m_image).absoluteFilePath(),
                                                       QFileInfo(m_image).size(), int(m_jobs.size()));
     if (!m_feeder->Problem().isEmpty()) {
         const QString problem = m_feeder->Problem();
         m_feeder.reset();
-        Q_EMIT finished(false, QStringLiteral("No USB stick was burned: ") + problem);
+        Finish(false, QStringLiteral("No USB stick was burned: ") + problem);
         return;
     }
     m_pending = int(m_jobs.size());
@@ -1810,4 +1841,11 @@ void CUsbMultiBurnJob::Burn()
     for (size_t i = 0; i < m_jobs.size(); ++i)
         m_jobs[i]->BurnFrom(m_feeder, int(i));
     m_feeder->Start();
+}
+
+void CUsbMultiBurnJob::Stop()
+{
+    // Each stick's end is told as it comes; the last one ends this job.
+    for (const std::unique_ptr<CUsbBurnJob>& job : m_jobs)
+        job->Stop();
 }

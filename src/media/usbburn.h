@@ -16,6 +16,7 @@
 #include "iso/itemtree.h"
 #include "iso/listing.h"
 #include "media/usbplan.h"
+#include "tools/job.h"
 
 class CListJob;
 class CRunCommandThread;
@@ -26,10 +27,6 @@ class QThread;
 namespace UsbBurn {
 
 class ImageFeeder;
-
-// The extraction onto the stick: the whole image except the archive tool's
-// "[BOOT]" pseudo-folder and, where it is split instead, the installer image.
-QStringList CopyArguments(const QString& image, const QString& mountPoint, const QString& skipped);
 
 // One entry of the archive tool's technical listing ("l -slt"): its path,
 // whether it is a folder, its size, its Unix mode ("-rwxr-xr-x", empty where
@@ -154,7 +151,13 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
 // SHA-256), and the stick is unmounted and flushed. finished() comes once,
 // with the success text only when every step succeeded; a failed step leaves
 // the stick unmounted and its message names the step.
-class CUsbBurnJob final : public QObject
+//
+// Progress is told as the phase's title (PhaseTitle()) with its percentage,
+// -1 while a phase cannot tell it. Stop() ends the step under way and, once
+// its tool has ended, unmounts the stick where it is mounted; then
+// finished(false) says the stick holds an incomplete burn. A burn already
+// unmounting at its end goes on to it.
+class CUsbBurnJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CUsbBurnJob)
@@ -193,7 +196,7 @@ public:
     ~CUsbBurnJob() override;
 
     // The texts the progress dialog shows for each phase.
-    static QString PhaseText(Phase phase);
+    static QString PhaseTitle(Phase phase);
     // "Burning Successfully..." followed by what was verified.
     static QString SuccessText(int files, qint64 bytes);
     // `sha256`: the image's, in hex; `checksumFile`: the file whose published
@@ -217,7 +220,7 @@ public:
     // left unmounted. finished() comes once; a label `fs` cannot hold ends
     // the job before anything is written.
     void Restore(const QString& device, UsbPlan::FileSystem fs, const QString& label);
-    bool IsRunning() const { return m_running; }
+    void Stop() override;
     // Disk image mode: the SHA-256 of the image in lower-case hex, taken as
     // it was written; empty until all of it was read (imageHashed()).
     QString ImageSha256() const { return QString::fromLatin1(m_imageSha256); }
@@ -230,15 +233,14 @@ public:
 Q_SIGNALS:
     // ok false: the burn cannot go on, `message` says why (nothing written).
     void planned(bool ok, const QString& message);
+    // A new phase begins, before its first progressed(): for those that
+    // follow the phases in their order.
     void phase(CUsbBurnJob::Phase phase);
-    // Progress of the current phase; maximum 0 means busy.
-    void progress(int value, int maximum);
     // Bytes, speed and time left of a phase that moves the whole image
     // (UsbBurn::TransferText), along with its progress.
     void transfer(const QString& text);
     // Disk image mode: the whole image was read and hashed (ImageSha256()).
     void imageHashed(const QString& sha256);
-    void finished(bool succeeded, const QString& message);
 
 private:
     using Next = void (CUsbBurnJob::*)();
@@ -248,6 +250,8 @@ private:
     void PlanImage();
     // The installer image to split, as a path inside the image ("sources/install.wim"), or empty.
     QString SplitWim() const;
+    // What the copy onto the stick leaves out of the image.
+    QStringList CopiedExclusions() const;
     // `input`: a descriptor the helper reads its standard input from, taken over.
     void RunHelper(const QString& step, const QStringList& arguments, Next next, int input = -1);
     void RunTool(const QString& step, const QString& program, const QString& toolName, const QStringList& arguments,
@@ -285,7 +289,7 @@ private:
     QString EfiImage() const;
     void VerifySplit();
     void StartUnmount();
-    void Succeeded();
+    void Burned();
     void StartRestoreUnmount();
     void Restored();
     // Ends the burn with "The USB stick was not burned. The step that failed:
@@ -293,6 +297,9 @@ private:
     void Fail(const QString& stepAndReason);
     void End(bool succeeded, const QString& message);
     void StopVerifier();
+    // Tells a new phase with its first percentage (-1: cannot be told).
+    void Enter(Phase phase, int percent);
+    void Step(int percent);
 
     Options m_options;
     QByteArray m_head; // the image's first sectors
@@ -301,8 +308,9 @@ private:
     CListJob* m_list = nullptr;
     UsbPlan::Decision m_decision;
     bool m_planned = false;
-    bool m_running = false;
     bool m_restoring = false; // Restore() rather than Burn()
+    bool m_stopping = false;
+    Phase m_phase = Phase::Checking;
 
     CRunCommandThread* m_runner = nullptr;
     UsbBurn::HelperReport m_report;
@@ -338,7 +346,8 @@ private:
 // stick was burned. phase(), progress() and transfer() follow the stick
 // furthest behind: the earliest phase of any stick still at work and, in it,
 // the lowest progress; stickProgress() and stickFinished() tell of each.
-class CUsbMultiBurnJob final : public QObject
+// Stop() stops every stick's burn; finished() comes once all have ended.
+class CUsbMultiBurnJob final : public CJob
 {
     Q_OBJECT
     Q_DISABLE_COPY_MOVE(CUsbMultiBurnJob)
@@ -355,25 +364,24 @@ public:
     const UsbPlan::Decision& Decision() const;
     // Only after planned(true).
     void Burn();
+    void Stop() override;
 
 Q_SIGNALS:
     void planned(bool ok, const QString& message);
     void phase(CUsbBurnJob::Phase phase);
-    void progress(int value, int maximum);
     void transfer(const QString& text);
-    void stickProgress(const QString& device, int value, int maximum);
+    // `percent` -1: the stick's phase cannot tell it.
+    void stickProgress(const QString& device, int percent);
     void stickFinished(const QString& device, bool succeeded, const QString& message);
     // Once, when the first stick's helper has taken the whole image.
     void imageHashed(const QString& sha256);
-    void finished(bool succeeded, const QString& message);
 
 private:
     // Where one stick's burn is.
     struct Stick
     {
         CUsbBurnJob::Phase phase = CUsbBurnJob::Phase::Checking;
-        int value = 0;
-        int maximum = 0;
+        int percent = -1;
         QString transfer;
         bool running = false;
     };
@@ -384,8 +392,7 @@ private:
     std::vector<Stick> m_sticks;
     int m_shown = -1; // the stick whose progress is shown
     std::optional<CUsbBurnJob::Phase> m_shownPhase;
-    int m_shownValue = -1;
-    int m_shownMaximum = -1;
+    int m_shownPercent = -2;
     bool m_hashTold = false;
     std::vector<std::unique_ptr<CUsbBurnJob>> m_jobs;
     QStringList m_devices;

@@ -13,6 +13,7 @@
 #include "iso/isojobs.h"
 #include "media/disctools.h"
 #include "media/drives.h"
+#include "pages/opticallist.h"
 #include "ui/baseimagectrl.h"
 #include "ui/checkcombobox.h"
 #include "ui/gerneraldialog.h"
@@ -153,29 +154,21 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
     // Room for a second line under the phase: the bytes, speed and time left
     // of writing or reading back a disk image.
     m_progress->Label()->setGeometry(40, 56, 340, 40);
-    m_scan = new COpticalScan(this);
+    m_drives = new COpticalList(m_dvdlist);
     m_burnJob = new CDiscBurnJob(this);
     m_usbJob = new CUsbBurnJob(this);
     m_modeLister = new CListJob(m_modeTree, this);
     connect(m_modeLister, &CListJob::finished, this, &CBurnDialog::OnModeListed);
-    connect(m_scan, &COpticalScan::entry, this, &CBurnDialog::onLineOutput);
-    connect(m_scan, &COpticalScan::finished, this, [this] {
-        // An empty list says so itself.
-        if (m_dvdlist->count() == 0)
-            m_dvdlist->setPlaceholderText(QStringLiteral("No CD/DVD drive found"));
-        Q_EMIT opticalListFilled();
-    });
-    connect(m_burnJob, &CDiscBurnJob::progress, this, &CBurnDialog::onDVDBurnOutput);
+    connect(m_drives, &COpticalList::filled, this, &CBurnDialog::opticalListFilled);
+    connect(m_burnJob, &CDiscBurnJob::progressed, this, &CBurnDialog::onDVDBurnOutput);
     connect(m_burnJob, &CDiscBurnJob::finished, this, &CBurnDialog::onDVDBurnFinished);
     connect(m_usbJob, &CUsbBurnJob::planned, this, &CBurnDialog::onUSBPlanned);
-    connect(m_usbJob, &CUsbBurnJob::phase, this, &CBurnDialog::onUSBBurnPhase);
-    connect(m_usbJob, &CUsbBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
+    connect(m_usbJob, &CUsbBurnJob::progressed, this, &CBurnDialog::onUSBBurnProgress);
     connect(m_usbJob, &CUsbBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
     connect(m_usbJob, &CUsbBurnJob::transfer, this, &CBurnDialog::onUSBBurnTransfer);
     m_sticksJob = new CUsbMultiBurnJob(this);
     connect(m_sticksJob, &CUsbMultiBurnJob::planned, this, &CBurnDialog::onSticksPlanned);
-    connect(m_sticksJob, &CUsbMultiBurnJob::phase, this, &CBurnDialog::onUSBBurnPhase);
-    connect(m_sticksJob, &CUsbMultiBurnJob::progress, this, &CBurnDialog::onUSBBurnProgress);
+    connect(m_sticksJob, &CUsbMultiBurnJob::progressed, this, &CBurnDialog::onUSBBurnProgress);
     connect(m_sticksJob, &CUsbMultiBurnJob::transfer, this, &CBurnDialog::onUSBBurnTransfer);
     connect(m_sticksJob, &CUsbMultiBurnJob::finished, this, &CBurnDialog::onUSBBurnFinished);
     connect(m_sticksJob, &CUsbMultiBurnJob::stickProgress, this, &CBurnDialog::onStickProgress);
@@ -183,9 +176,6 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
     connect(m_usbJob, &CUsbBurnJob::imageHashed, this, &CBurnDialog::onImageHashed);
     connect(m_sticksJob, &CUsbMultiBurnJob::imageHashed, this, &CBurnDialog::onImageHashed);
     connect(m_usblist, &CCheckComboBox::checkedChanged, this, &CBurnDialog::OnSticksTicked);
-    // A drive the user picks while a scan is still running is the one to keep.
-    connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
-            [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
 
     connect(m_browser, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBrowser);
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CBurnDialog::onBack);
@@ -215,7 +205,7 @@ CBurnDialog::~CBurnDialog()
 
 bool CBurnDialog::IsScanning() const
 {
-    return m_scan->IsRunning();
+    return m_drives->IsScanning();
 }
 
 void CBurnDialog::onBrowser()
@@ -281,7 +271,7 @@ void CBurnDialog::BurnToUsb(const QString& image)
     }
     // Formatting half done leaves the stick unusable, so a USB burn cannot be
     // stopped either.
-    StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Checking), 0);
+    StartShowingBurn(CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Checking), 0);
     m_usbJob->Plan(options);
 }
 
@@ -305,7 +295,7 @@ void CBurnDialog::BurnToSticks(const QString& image, const QStringList& devices)
     m_stickStates.clear();
     m_stickFailures.clear();
     m_sticksDone.clear();
-    StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Checking), 0);
+    StartShowingBurn(CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Checking), 0);
     m_sticksJob->Plan(options, devices);
 }
 
@@ -328,7 +318,7 @@ void CBurnDialog::onRestore()
     }
     if (Util::ConfirmPicture(QStringLiteral(":/nwu/format_usb")) != QDialog::Accepted)
         return;
-    StartShowingBurn(CUsbBurnJob::PhaseText(CUsbBurnJob::Phase::Formatting), 0);
+    StartShowingBurn(CUsbBurnJob::PhaseTitle(CUsbBurnJob::Phase::Formatting), 0);
     m_usbJob->Restore(currentNode(m_usblist), fs, label);
 }
 
@@ -358,29 +348,27 @@ void CBurnDialog::onSticksPlanned(bool ok, const QString& message)
         m_sticksJob->Burn();
 }
 
-void CBurnDialog::onUSBBurnPhase(CUsbBurnJob::Phase phase)
-{
-    m_phaseText = CUsbBurnJob::PhaseText(phase);
-    m_progress->SetText(m_phaseText);
-}
-
 void CBurnDialog::onUSBBurnTransfer(const QString& text)
 {
     m_progress->SetText(m_phaseText + QLatin1Char('\n') + text);
 }
 
-void CBurnDialog::onUSBBurnProgress(int value, int maximum)
+void CBurnDialog::onUSBBurnProgress(int percent, const QString& phase)
 {
-    m_progress->SetRange(0, maximum);
-    m_progress->SetValue(value);
+    // A new phase's title replaces the line under it too.
+    if (phase != m_phaseText) {
+        m_phaseText = phase;
+        m_progress->SetText(m_phaseText);
+    }
+    m_progress->SetRange(0, percent < 0 ? 0 : 100);
+    m_progress->SetValue(qMax(percent, 0));
 }
 
-void CBurnDialog::onStickProgress(const QString& device, int value, int maximum)
+void CBurnDialog::onStickProgress(const QString& device, int percent)
 {
     if (!m_burnSticks.contains(device))
         m_burnSticks << device;
-    m_stickStates[device] = maximum > 0 ? QStringLiteral("%1%").arg(qint64(value) * 100 / maximum)
-                                        : QStringLiteral("working");
+    m_stickStates[device] = percent >= 0 ? QStringLiteral("%1%").arg(percent) : QStringLiteral("working");
     ShowStickLines();
 }
 
@@ -482,6 +470,7 @@ void CBurnDialog::StartShowingBurn(const QString& text, int maximum)
     m_progress->SetRange(0, maximum);
     m_progress->SetValue(0);
     m_progress->SetText(text);
+    m_phaseText.clear();
     SetButtonsEnabled(false);
 }
 
@@ -524,7 +513,7 @@ void CBurnDialog::InitializeUSBAndDVDComboBox(int type)
     if (type == kBothLists || type == kRemovableList)
         RefillRemovable();
     if (type == kBothLists || type == kOpticalList)
-        RefillOptical();
+        m_drives->Refill();
 }
 
 void CBurnDialog::InitializeUSBAndDVDComboBox()
@@ -540,25 +529,6 @@ void CBurnDialog::RefillRemovable()
         m_usblist->addItem(drive.text, drive.node);
     m_usblist->SetCheckedData(remembered);
     m_usblist->setPlaceholderText(m_usblist->count() == 0 ? QStringLiteral("No USB drive found") : QString());
-}
-
-void CBurnDialog::RefillOptical()
-{
-    // A refill that replaces one still under way keeps what that one was
-    // looking for: the list it left may not hold it yet.
-    if (!m_scan->IsRunning())
-        m_opticalNode = currentNode(m_dvdlist);
-    m_scan->Stop();
-    m_dvdlist->clear();
-    m_dvdlist->setPlaceholderText(QString());
-    m_scan->Start();
-}
-
-void CBurnDialog::onLineOutput(const QString& text, const QString& node)
-{
-    m_dvdlist->addItem(text, node);
-    if (node == m_opticalNode)
-        m_dvdlist->setCurrentIndex(m_dvdlist->count() - 1);
 }
 
 void CBurnDialog::ShowMode()

@@ -13,7 +13,7 @@ class CImageButton;
 class CListJob;
 class CCheckComboBox;
 class CMyComboBox;
-class COpticalScan;
+class COpticalList;
 class CProgressDialog;
 class QComboBox;
 class QLabel;
@@ -73,18 +73,16 @@ public Q_SLOTS:
     void OnRadioSelected();
     void OnVolumeLabTextChange(const QString& text);
     void OnMBRSelect();
-    // One optical drive found by the running refill.
-    void onLineOutput(const QString& text, const QString& node);
     void onDVDBurnFinished(bool succeeded, const QString& message);
     void onDVDBurnOutput(int percent);
     void onUSBPlanned(bool ok, const QString& message);
-    void onUSBBurnPhase(CUsbBurnJob::Phase phase);
-    void onUSBBurnProgress(int value, int maximum);
+    // `percent` -1: a busy bar.
+    void onUSBBurnProgress(int percent, const QString& phase);
     void onUSBBurnFinished(bool succeeded, const QString& message);
     void onUSBBurnTransfer(const QString& text);
     void onSticksPlanned(bool ok, const QString& message);
     // Several sticks: a line for each under the progress bar.
-    void onStickProgress(const QString& device, int value, int maximum);
+    void onStickProgress(const QString& device, int percent);
     void onStickFinished(const QString& device, bool succeeded, const QString& message);
     // The image's SHA-256 in the plan, once the burn has read all of it.
     void onImageHashed(const QString& sha256);
@@ -109,7 +107,6 @@ private:
     bool GoOn(bool ok, const QString& message, const UsbPlan::Decision& decision, bool several);
     UsbPlan::WriteMode ChosenMode() const;
     void RefillRemovable();
-    void RefillOptical();
     void BurnToUsb(const QString& image);
     void BurnToSticks(const QString& image, const QStringList& devices);
     void BurnToDisc(const QString& image);
@@ -137,7 +134,7 @@ private:
     CImageButton* m_back = nullptr;
     CImageButton* m_burn = nullptr;
     CProgressDialog* m_progress = nullptr;
-    COpticalScan* m_scan = nullptr;
+    COpticalList* m_drives = nullptr;
     CDiscBurnJob* m_burnJob = nullptr;
     CUsbBurnJob* m_usbJob = nullptr;
     CUsbMultiBurnJob* m_sticksJob = nullptr;
@@ -163,6 +160,4 @@ private:
     QHash<QString, QString> m_stickFailures;
     QStringList m_sticksDone;
     QString m_phaseText;
-    // The optical drive to select again when a refill finds it.
-    QString m_opticalNode;
 };

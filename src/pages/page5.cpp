@@ -10,6 +10,7 @@
 
 #include "core/util.h"
 #include "media/disctools.h"
+#include "pages/opticallist.h"
 #include "ui/baseimagectrl.h"
 #include "ui/progressdialog.h"
 
@@ -49,16 +50,10 @@ CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
     auto* start = MakePictureButton(this, "start", QStringLiteral(":/nwu/start"), 546, 417);
 
     m_progress = new CProgressDialog;
-    m_scan = new COpticalScan(this);
+    m_drives = new COpticalList(m_dvdlist);
     m_copy = new CDiscCopyJob(this);
     m_eject = new CEjectJob(this);
-    connect(m_scan, &COpticalScan::entry, this, &CPage5::onLineOutput);
-    connect(m_scan, &COpticalScan::finished, this, [this] {
-        // An empty list says so itself.
-        if (m_dvdlist->count() == 0)
-            m_dvdlist->setPlaceholderText(QStringLiteral("No CD/DVD drive found"));
-        Q_EMIT opticalListFilled();
-    });
+    connect(m_drives, &COpticalList::filled, this, &CPage5::opticalListFilled);
     connect(m_copy, &CDiscCopyJob::sectors, this, &CPage5::OnReadSectors);
     connect(m_copy, &CDiscCopyJob::position, this, &CPage5::OnReadPosition);
     connect(m_copy, &CDiscCopyJob::finished, this, &CPage5::OnReadFinished);
@@ -67,9 +62,6 @@ CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
             Util::ShowMessage(message);
         Q_EMIT ejectFinished(succeeded);
     });
-    // A drive the user picks while a scan is still running is the one to keep.
-    connect(m_dvdlist, qOverload<int>(&QComboBox::activated), this,
-            [this](int index) { m_opticalNode = m_dvdlist->itemData(index).toString(); });
 
     connect(browser, qOverload<>(&CImageButton::clicked), this, &CPage5::OnBrowser);
     connect(back, qOverload<>(&CImageButton::clicked), this, &CPage5::OnBack);
@@ -87,12 +79,12 @@ CPage5::~CPage5()
 
 bool CPage5::IsScanning() const
 {
-    return m_scan->IsRunning();
+    return m_drives->IsScanning();
 }
 
 bool CPage5::IsCopying() const
 {
-    return m_copy->IsRunning();
+    return m_copying;
 }
 
 void CPage5::OnBrowser()
@@ -116,6 +108,7 @@ void CPage5::OnStart()
     m_progress->SetRange(0, 100);
     m_progress->SetValue(0);
     m_progress->show();
+    m_copying = true;
     // Start() ends a reading still under way first.
     m_copy->Start(m_dvdlist->currentData().toString(), m_output);
 }
@@ -138,6 +131,10 @@ void CPage5::OnReadPosition(qint64 sector)
 
 void CPage5::OnReadFinished(bool succeeded, const QString& message)
 {
+    // A copy the user stopped ends without a word.
+    if (!succeeded && message == CJob::StoppedMessage())
+        return;
+    m_copying = false;
     m_progress->hide();
     if (succeeded)
         Util::ShowFinished(message, QFileInfo(m_output).absolutePath());
@@ -150,6 +147,7 @@ void CPage5::StopCreate()
 {
     // The job ends the reader and removes the incomplete image; the user
     // asked for it, so there is nothing to report.
+    m_copying = false;
     m_copy->Stop();
     m_progress->hide();
 }
@@ -163,22 +161,7 @@ void CPage5::OnEject()
 
 void CPage5::InitializeDVDComboBox()
 {
-    // A refill that replaces one still under way keeps what that one was
-    // looking for: the list it left may not hold it yet.
-    if (!m_scan->IsRunning())
-        m_opticalNode =
-            m_dvdlist->currentIndex() < 0 ? QString() : m_dvdlist->currentData().toString();
-    m_scan->Stop();
-    m_dvdlist->clear();
-    m_dvdlist->setPlaceholderText(QString());
-    m_scan->Start();
-}
-
-void CPage5::onLineOutput(const QString& text, const QString& node)
-{
-    m_dvdlist->addItem(text, node);
-    if (node == m_opticalNode)
-        m_dvdlist->setCurrentIndex(m_dvdlist->count() - 1);
+    m_drives->Refill();
 }
 
 void CPage5::OnBack()

@@ -7,7 +7,7 @@
 class CDiscCopyJob;
 class CEjectJob;
 class CImageButton;
-class COpticalScan;
+class COpticalList;
 class CProgressDialog;
 class QComboBox;
 class QLineEdit;
@@ -42,8 +42,6 @@ public Q_SLOTS:
     void OnStart();
     void OnEject();
     void InitializeDVDComboBox();
-    // One optical drive found by the running refill.
-    void onLineOutput(const QString& text, const QString& node);
     void OnReadSectors(qint64 end);
     void OnReadPosition(qint64 sector);
     void OnReadFinished(bool succeeded, const QString& message);
@@ -58,11 +56,11 @@ private:
     QComboBox* m_formatlist = nullptr;
     QLineEdit* m_lineEdit = nullptr;
     CProgressDialog* m_progress = nullptr;
-    COpticalScan* m_scan = nullptr;
+    COpticalList* m_drives = nullptr;
     CDiscCopyJob* m_copy = nullptr;
     CEjectJob* m_eject = nullptr;
-    // The optical drive to select again when a refill finds it.
-    QString m_opticalNode;
+    // A copy runs that the user has not stopped.
+    bool m_copying = false;
     QString m_output;
     int m_end = 0;
 };
