@@ -180,9 +180,13 @@ void TestPage3::stopWhileCopyingMakesNoImage()
     // Stop while the page is waiting for its copies.
     clickButton(m_page.get(), "create");
     QVERIFY(m_page->Progress()->isVisible());
+    CJob* job = m_page->findChild<CCreateJob*>();
+    QVERIFY(job);
+    QSignalSpy ended(job, &CJob::finished);
     QTest::mouseClick(m_page->Progress()->CancelButton(), Qt::LeftButton);
     QVERIFY(!m_page->Progress()->isVisible());
-    QTest::qWait(300);
+    // The stop is the user's own: it ends the job without a word from the page.
+    QVERIFY(ended.wait(30000));
     QCOMPARE(done.count(), 0);
     QVERIFY(!QFileInfo::exists(output));
 }

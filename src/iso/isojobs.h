@@ -190,7 +190,8 @@ public:
     void Start(ImageBuild::Type type, const QString& output, const QStringList& paths);
 
     // Makes the session's staging folder and starts its copy worker, unless
-    // done before; false when the folder cannot be made (Message() says why).
+    // done before; false when the folder cannot be made, which Build() then
+    // ends with.
     bool Prepare();
     QString StagingPath() const;
     // Copies `source` to `name`, a path inside the image with "/" between
@@ -205,8 +206,6 @@ public:
     // builder has ended. In one go the copies end too; in a session they go on.
     void Stop() override;
     Phase CurrentPhase() const { return m_phase; }
-    // Why Prepare() failed.
-    QString PrepareProblem() const { return m_prepareProblem; }
 
 private:
     bool PrepareStaging(const QString& stem);
@@ -219,7 +218,7 @@ private:
     bool m_oneGo = false;
     bool m_copying = false;
     Phase m_phase = Phase::Copying;
-    QString m_prepareProblem;
+    QString m_prepareProblem; // why the staging folder could not be made
     ImageBuild::Type m_type = ImageBuild::Type::Joliet;
     QString m_output;
     std::unique_ptr<ScratchFolder> m_staging;
