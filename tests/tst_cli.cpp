@@ -160,9 +160,6 @@ void TestCli::answersWithoutWindow_data()
     QTest::newRow("edit, rename without new name")
         << QStringList{"edit", "a.iso", "b.iso", "--rename", "x"} << 2 << ""
         << "brenta: --rename takes an entry and a new name.";
-    QTest::newRow("edit, missing image")
-        << QStringList{"edit", "/nonexistent.iso", "b.iso"} << 1 << ""
-        << "brenta: /nonexistent.iso does not exist.";
     // Refused before the question, so nothing is erased.
     QTest::newRow("restore-usb, label too long")
         << QStringList{"restore-usb", "/dev/sdz", "--label", "much too long"} << 1 << ""
