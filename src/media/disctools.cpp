@@ -404,15 +404,13 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
     m_readError = false;
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
+        // The reader tells the disc's sector count once, then each address it reads.
         if (m_end < 0) {
-            if (const std::optional<qint64> end = DiscTools::ParseReadEnd(line)) {
+            if (const std::optional<qint64> end = DiscTools::ParseReadEnd(line))
                 m_end = *end;
-                Q_EMIT sectors(m_end);
-            }
         }
         if (const std::optional<qint64> address = DiscTools::ParseReadAddress(line)) {
             m_last = *address;
-            Q_EMIT position(m_last);
             if (m_end > 0)
                 Progress(int(qMin(m_last, m_end) * 100 / m_end), QString());
         }

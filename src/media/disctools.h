@@ -163,11 +163,6 @@ public:
     void Start(const QString& node, const QString& output);
     void Stop() override;
 
-Q_SIGNALS:
-    // The sector count, once, when the reader announces it.
-    void sectors(qint64 end);
-    void position(qint64 sector);
-
 private:
     CRunCommandThread* m_runner = nullptr;
     bool m_stopping = false;

@@ -5,25 +5,11 @@
 #include <QKeyEvent>
 #include <QLineEdit>
 
-#include <algorithm>
-#include <limits>
-
 #include "core/util.h"
 #include "media/disctools.h"
 #include "pages/opticallist.h"
 #include "ui/baseimagectrl.h"
 #include "ui/progressdialog.h"
-
-namespace {
-
-// The progress bar counts in int; a disc has far fewer sectors than that,
-// but a reader that says otherwise must not make the bar wrap around.
-int barValue(qint64 sector)
-{
-    return int(std::clamp<qint64>(sector, 0, std::numeric_limits<int>::max()));
-}
-
-} // namespace
 
 CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
 {
@@ -54,8 +40,7 @@ CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
     m_copy = new CDiscCopyJob(this);
     m_eject = new CEjectJob(this);
     connect(m_drives, &COpticalList::filled, this, &CPage5::opticalListFilled);
-    connect(m_copy, &CDiscCopyJob::sectors, this, &CPage5::OnReadSectors);
-    connect(m_copy, &CDiscCopyJob::position, this, &CPage5::OnReadPosition);
+    connect(m_copy, &CJob::progressed, this, &CPage5::OnReadProgress);
     connect(m_copy, &CDiscCopyJob::finished, this, &CPage5::OnReadFinished);
     connect(m_eject, &CEjectJob::finished, this, [this](bool succeeded, const QString& message) {
         if (!succeeded)
@@ -103,7 +88,7 @@ void CPage5::OnStart()
         return;
     }
     m_output = m_lineEdit->text();
-    m_end = 0;
+    m_reading = false;
     m_progress->SetText(QStringLiteral("Start reading..."));
     m_progress->SetRange(0, 100);
     m_progress->SetValue(0);
@@ -113,20 +98,16 @@ void CPage5::OnStart()
     m_copy->Start(m_dvdlist->currentData().toString(), m_output);
 }
 
-void CPage5::OnReadSectors(qint64 end)
+void CPage5::OnReadProgress(int percent)
 {
-    m_end = barValue(end);
-    m_progress->SetRange(0, m_end);
-    m_progress->SetText(QStringLiteral("Reading Disc..."));
-    m_progress->SetValue(0);
-}
-
-void CPage5::OnReadPosition(qint64 sector)
-{
-    const int value = barValue(sector);
-    m_progress->SetValue(value);
-    if (m_end > 0 && value == m_end)
+    if (percent >= 100) {
         m_progress->SetText(QStringLiteral("Reading is completed,please wait a few seconds..."));
+    } else if (!m_reading) {
+        // The reader has told the disc's size and begun.
+        m_reading = true;
+        m_progress->SetText(QStringLiteral("Reading Disc..."));
+    }
+    m_progress->SetValue(percent);
 }
 
 void CPage5::OnReadFinished(bool succeeded, const QString& message)

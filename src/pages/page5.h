@@ -42,8 +42,7 @@ public Q_SLOTS:
     void OnStart();
     void OnEject();
     void InitializeDVDComboBox();
-    void OnReadSectors(qint64 end);
-    void OnReadPosition(qint64 sector);
+    void OnReadProgress(int percent);
     void OnReadFinished(bool succeeded, const QString& message);
     void StopCreate();
     void OnBack();
@@ -62,5 +61,6 @@ private:
     // A copy runs that the user has not stopped.
     bool m_copying = false;
     QString m_output;
-    int m_end = 0;
+    // The reader has begun reading the disc.
+    bool m_reading = false;
 };
