@@ -78,18 +78,6 @@ QByteArray randomBytes(qint64 size)
     return bytes;
 }
 
-bool mounted(const QString& folder)
-{
-    QFile file(QStringLiteral("/proc/self/mounts"));
-    file.open(QIODevice::ReadOnly);
-    for (const QByteArray& line : file.readAll().split('\n')) {
-        const QList<QByteArray> fields = line.split(' ');
-        if (fields.size() > 1 && QString::fromUtf8(fields[1]) == folder)
-            return true;
-    }
-    return false;
-}
-
 // The per-mount options of the top mount at `folder`; empty when nothing is mounted there.
 QStringList mountOptions(const QString& folder)
 {
@@ -102,6 +90,11 @@ QStringList mountOptions(const QString& folder)
             options = QString::fromUtf8(fields[5]).split(',');
     }
     return options;
+}
+
+bool mounted(const QString& folder)
+{
+    return !mountOptions(folder).isEmpty();
 }
 
 // Whether the mount at `folder` keeps device files, set-user-ID bits and
