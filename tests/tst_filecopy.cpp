@@ -1,5 +1,8 @@
 #include <QtTest>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include "common/isofixture.h"
 #include "common/slowdisk.h"
 #include "tools/filecopy.h"
@@ -57,6 +60,14 @@ void TestFileCopy::copiesAndSaysIdleOnce()
                                    {"docs/.hidden", "h"},
                                    {"dir/c", "c"}},
                                   {"docs/empty"}));
+    // Copies keep their sources' times: an image made from them dates each
+    // file and folder as the originals are dated.
+    const QDateTime old(QDate(2001, 2, 3), QTime(4, 5, 6), Qt::UTC);
+    const auto age = [&](const char* path) {
+        const struct timespec times[2] = {{old.toSecsSinceEpoch(), 0}, {old.toSecsSinceEpoch(), 0}};
+        return ::utimensat(AT_FDCWD, QFile::encodeName(m_root.filePath(path)).constData(), times, 0) == 0;
+    };
+    QVERIFY(age("src/f.txt") && age("src/docs/sub") && age("src/docs"));
     CFileCopy worker;
     QSignalSpy idle(&worker, &CFileCopy::idle);
     worker.AddJob(m_root.filePath("src/f.txt"), m_root.filePath("scratch/x/f.txt"), CFileCopy::Copy);
@@ -72,6 +83,8 @@ void TestFileCopy::copiesAndSaysIdleOnce()
     QVERIFY(QFileInfo(m_root.filePath("scratch/docs/empty")).isDir());
     QVERIFY(!QFileInfo::exists(m_root.filePath("scratch/docs/.hidden")));
     QCOMPARE(readAll(m_root.filePath("out/dir/c")), QByteArray("c"));
+    for (const char* copy : {"scratch/x/f.txt", "scratch/docs/sub", "scratch/docs", "out/f.txt"})
+        QCOMPARE(QFileInfo(m_root.filePath(copy)).lastModified().toUTC(), old);
     QVERIFY(worker.TakeFailures().isEmpty());
     // Whatever the worker emitted has arrived once it has been joined.
     worker.Stop();
