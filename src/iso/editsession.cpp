@@ -633,7 +633,7 @@ void CEditSession::SetLabel(const QString& label)
 
 void CEditSession::Export(const QList<const Item*>& items, const QString& destination)
 {
-    Stop();
+    StopTask();
     m_task = Task::Export;
     m_exporting->Begin();
     m_phase = Phase::Exporting;
@@ -760,7 +760,7 @@ void CEditSession::StartExportCopies()
 
 void CEditSession::Save(const QString& output)
 {
-    Stop();
+    StopTask();
     m_task = Task::Save;
     m_saving->Begin();
     m_output = QFileInfo(output).absoluteFilePath();
@@ -861,6 +861,11 @@ void CEditSession::Stop()
         CRunCommandThread::Dispose(m_count);
         m_loading->EndStopped()();
     }
+    StopTask();
+}
+
+void CEditSession::StopTask()
+{
     if (m_task == Task::None)
         return;
     CEditOperation* const operation = m_task == Task::Export ? m_exporting : m_saving;

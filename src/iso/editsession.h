@@ -156,6 +156,8 @@ private:
     QString LocalPath(const QString& name) const;
     int AddIndexOf(const Item* item) const;
     bool ReplayedAfter(size_t index) const;
+    // Ends an export or a save; see Stop().
+    void StopTask();
     // Moves a save or an export on as far as what it waits for allows: the
     // working copy, then the copies queued. Called whenever one of them has
     // news; it reads their state afresh, so a late or repeated call is harmless.
