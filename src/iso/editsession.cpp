@@ -115,7 +115,8 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
     connect(m_save, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
     connect(m_save, &CJob::finished, this, finishWith(Task::Save));
     m_build = new CBuildJob(this);
-    connect(m_build, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
+    connect(m_build, &CJob::progressed, this,
+            [this](int percent) { Tell(Phase::Saving, percent); });
     connect(m_build, &CJob::finished, this, finishWith(Task::Save));
     m_exportJob = new CExtractJob(this);
     connect(m_exportJob, &CJob::progressed, this,
@@ -927,12 +928,13 @@ void CEditSession::Tell(Phase phase, int percent)
         text = QStringLiteral("Extracting files (1 of 2)");
         break;
     case Phase::Copying:
-        text = m_task == Task::Save               ? QStringLiteral("Copying files (2 of 3)")
+        text = m_task == Task::Save        ? QStringLiteral("Copying files (2 of 3)")
                : m_exportEntries.isEmpty() ? QStringLiteral("Copying files")
                                            : QStringLiteral("Copying files (2 of 2)");
         break;
     case Phase::Saving:
-        text = udf ? QStringLiteral("Building the image (3 of 3)") : QStringLiteral("Saving the image");
+        text = udf ? QStringLiteral("Building the image (3 of 3)")
+                   : QStringLiteral("Saving the image");
         break;
     }
     operation->Progress(percent, text);

@@ -443,18 +443,22 @@ void CBuildJob::Stop()
 
 void CBuildJob::OnFinished()
 {
-    bool succeeded = m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_part).isFile();
+    bool succeeded =
+        m_runner->GetResult() == CRunCommandThread::Result::Success && QFileInfo(m_part).isFile();
     QString message;
     QString error;
     if (succeeded && !Util::CommitPart(m_part, m_output, &error)) {
         succeeded = false;
-        message = QStringLiteral("The image was built but could not be saved as %1 (%2).").arg(m_output, error);
+        message = QStringLiteral("The image was built but could not be saved as %1 (%2).")
+                      .arg(m_output, error);
     } else if (!succeeded) {
         message = QStringLiteral("The image could not be created. %1")
-                      .arg(m_runner->FailureText(ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
+                      .arg(m_runner->FailureText(
+                          ToolLocator::DisplayName(ToolLocator::Tool::ImageBuilder)));
         const QString said = m_runner->LastLines().join(QLatin1Char(' '));
         if (m_suggestUdf && said.contains(QLatin1String("larger than 4GiB"), Qt::CaseInsensitive))
-            message += QStringLiteral(" A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
+            message += QStringLiteral(
+                " A file of 4 GB or more fits only in a UDF image: choose UDF and try again.");
         QFile::remove(m_part);
     }
     CRunCommandThread::Dispose(m_runner);
@@ -513,8 +517,8 @@ bool CCreateJob::PrepareStaging(const QString& stem)
     m_prepareProblem.clear();
     m_staging = std::make_unique<ScratchFolder>(stem);
     if (!m_staging->IsValid()) {
-        m_prepareProblem =
-            QStringLiteral("Cannot prepare the files in %1 (%2).").arg(Util::ScratchDir(), m_staging->ErrorString());
+        m_prepareProblem = QStringLiteral("Cannot prepare the files in %1 (%2).")
+                               .arg(Util::ScratchDir(), m_staging->ErrorString());
         return false;
     }
     m_worker = std::make_unique<CFileCopy>();

@@ -148,8 +148,7 @@ public:
                const QString& phase = QString());
     // Runs the builder with the arguments `arguments` gives; `phase` is the
     // phase text its progress is told with.
-    void Run(const Arguments& arguments, const QString& output,
-             const QString& phase = QString());
+    void Run(const Arguments& arguments, const QString& output, const QString& phase = QString());
     // Ends the builder; its part file goes once it has ended.
     void Stop() override;
 
