@@ -84,20 +84,6 @@ QString missingFirmware(Firmware firmware)
     return QString();
 }
 
-QStringList toolsFor(UsbPlan::FileSystem fs)
-{
-    switch (fs) {
-    case UsbPlan::FileSystem::Fat32:
-    case UsbPlan::FileSystem::Fat:
-        return {"mkfs.vfat"};
-    case UsbPlan::FileSystem::Ntfs:
-        return {"mkfs.ntfs", "ntfs-3g"};
-    case UsbPlan::FileSystem::Exfat:
-        return {"mkfs.exfat"};
-    }
-    return {};
-}
-
 // A detached loop device lingers while anything still has it open, such as
 // a FUSE driver writing its last blocks after its mount went away. The stick
 // is complete once the kernel has let go of the backing file.
@@ -270,7 +256,10 @@ void TestBootSmoke::boot()
 
     if (const QString missing = missingFirmware(firmware); !missing.isEmpty())
         QSKIP(qPrintable(missing));
-    for (const QString& program : toolsFor(fs)) {
+    const QStringList tools = fs == UsbPlan::FileSystem::Ntfs    ? QStringList{"mkfs.ntfs", "ntfs-3g"}
+                              : fs == UsbPlan::FileSystem::Exfat ? QStringList{"mkfs.exfat"}
+                                                                 : QStringList{"mkfs.vfat"};
+    for (const QString& program : tools) {
         if (systemTool(program).isEmpty())
             QSKIP(qPrintable(program + " is not installed"));
     }
