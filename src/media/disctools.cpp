@@ -474,7 +474,9 @@ CEjectJob::~CEjectJob()
 
 void CEjectJob::Start(const QString& node)
 {
-    Stop();
+    // The tray is on its way already.
+    if (IsRunning())
+        return;
     Begin();
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {

@@ -129,7 +129,7 @@ private:
 // Burns an image to the disc in a drive with the disc writer, telling the
 // share written; finished() says "Burning disc successfully." or what went
 // wrong. A burn cannot be stopped once started (that would ruin the disc):
-// Stop() leaves it going to its end.
+// Stop() leaves it going to its end, and a Start() while it runs does nothing.
 class CDiscBurnJob final : public CJob
 {
     Q_OBJECT
@@ -175,8 +175,8 @@ private:
     bool m_readError = false;
 };
 
-// Opens a drive's tray with the disc writer. Stop() lets the writer go; the
-// tray may still open.
+// Opens a drive's tray with the disc writer; a Start() while one runs does
+// nothing. Stop() lets the writer go; the tray may still open.
 class CEjectJob final : public CJob
 {
     Q_OBJECT
