@@ -105,26 +105,25 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
     m_list = new CListJob(m_contents, this);
     connect(m_list, &CListJob::finished, this, &CEditSession::OnListed);
     // A tool's end after a stop is the stop's to report.
-    const auto finishWith = [this](Task task) {
-        return [this, task](bool ok, const QString& message) {
-            if (m_task == task)
-                Finish(ok, ok ? QString() : message);
-        };
-    };
     m_save = new CImageSaveJob(this);
-    connect(m_save, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
-    connect(m_save, &CJob::finished, this, finishWith(Task::Save));
     m_build = new CBuildJob(this);
-    connect(m_build, &CJob::progressed, this,
-            [this](int percent) { Tell(Phase::Saving, percent); });
-    connect(m_build, &CJob::finished, this, finishWith(Task::Save));
+    for (CJob* job : {static_cast<CJob*>(m_save), static_cast<CJob*>(m_build)}) {
+        connect(job, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
+        connect(job, &CJob::finished, this, [this, job](bool ok, const QString& message) {
+            if (m_step != job)
+                return; // a stopped save's, whose end is the stop's to report
+            m_step = nullptr;
+            Finish(ok, ok ? QString() : message);
+        });
+    }
     m_exportJob = new CExtractJob(this);
     connect(m_exportJob, &CJob::progressed, this,
             [this](int percent) { Tell(Phase::Exporting, percent); });
     connect(m_exportJob, &CExtractJob::extracting, this, &CEditSession::exporting);
     connect(m_exportJob, &CJob::finished, this, [this] {
-        if (m_task != Task::Export)
+        if (m_step != m_exportJob)
             return;
+        m_step = nullptr;
         if (!m_exportJob->Succeeded()) {
             Finish(false, m_exportJob->Message());
             return;
@@ -661,6 +660,7 @@ void CEditSession::Export(const QList<const Item*>& items, const QString& destin
         std::any_of(m_changes.cbegin(), m_changes.cend(),
                     [](const Change& change) { return change.kind == Change::Kind::Rename; });
     Tell(Phase::Exporting, 0);
+    m_step = m_exportJob;
     m_exportJob->Start(m_image, destination, m_exportEntries, renamed ? nullptr : &m_contents);
 }
 
@@ -772,6 +772,7 @@ void CEditSession::Save(const QString& output)
     }
     if (m_way == ImageSave::Way::Xorriso) {
         Tell(Phase::Saving, 0);
+        m_step = m_save;
         m_save->Start(m_image, m_changes, m_output);
         return;
     }
@@ -845,6 +846,7 @@ void CEditSession::StartBuild()
         hidden << catalog;
     for (const QString& name : std::as_const(hidden))
         bootOptions << QStringLiteral("-hide") << name << QStringLiteral("-hide-joliet") << name;
+    m_step = m_build;
     m_build->Run(
         [&](const QString& part) {
             return ImageBuild::EditArguments(m_label, bootOptions, part, m_workingCopy, rootFiles);
@@ -874,13 +876,8 @@ void CEditSession::StopTask()
     m_task = Task::None;
     // At most one tool or copy is under way; the operation ends once it has
     // ended and what it wrote is gone.
-    CJob* running = nullptr;
-    for (CJob* job : {static_cast<CJob*>(m_save), static_cast<CJob*>(m_build),
-                      static_cast<CJob*>(m_exportJob)}) {
-        if (job->IsRunning())
-            running = job;
-    }
-    if (running != nullptr) {
+    CJob* const running = std::exchange(m_step, nullptr);
+    if (running != nullptr && running->IsRunning()) {
         connect(running, &CJob::finished, this, end, Qt::SingleShotConnection);
         running->Stop();
         DropExporter({});

@@ -212,6 +212,7 @@ private:
 
     CImageSaveJob* m_save = nullptr;
     CExtractJob* m_exportJob = nullptr;
+    CJob* m_step = nullptr; // the tool job the export or save waits for
     std::unique_ptr<CFileCopy> m_exporter;
     Task m_task = Task::None;
     Phase m_phase = Phase::Reading;

@@ -469,13 +469,14 @@ CCreateJob::CCreateJob(QObject* parent) : CJob(parent)
 {
     m_build = new CBuildJob(this);
     connect(m_build, &CJob::progressed, this, [this](int percent, const QString& phase) {
-        if (!m_build->IsStopping())
+        if (m_building)
             Progress(percent, phase);
     });
     connect(m_build, &CJob::finished, this, [this](bool ok, const QString& message) {
-        // A stopped build ends this run through Stop(), once its part file is gone.
-        if (IsStopping())
+        // A stopped build ends its run through Stop(), once its part file is gone.
+        if (!m_building)
             return;
+        m_building = false;
         End(ok, message);
     });
 }
@@ -597,6 +598,7 @@ void CCreateJob::CheckCopies()
     m_phase = Phase::Building;
     const QString building = QStringLiteral("Building the image (2 of 2)");
     Progress(0, building);
+    m_building = true;
     m_build->Start(m_type, m_output, m_staging->Path(), building);
 }
 
@@ -606,7 +608,7 @@ void CCreateJob::Stop()
         return;
     m_copying = false;
     const std::function<void()> end = EndStopped();
-    const bool building = m_build->IsRunning();
+    const bool building = std::exchange(m_building, false);
     if (building) {
         // The half-built image goes before the build's end, and so before this run's.
         connect(m_build, &CJob::finished, this, end, Qt::SingleShotConnection);

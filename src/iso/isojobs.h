@@ -216,6 +216,7 @@ private:
 
     bool m_oneGo = false;
     bool m_copying = false;
+    bool m_building = false; // this run's build is under way
     Phase m_phase = Phase::Copying;
     QString m_prepareProblem; // why the staging folder could not be made
     ImageBuild::Type m_type = ImageBuild::Type::Joliet;
