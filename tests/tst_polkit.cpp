@@ -19,6 +19,7 @@
 #include <csignal>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -122,18 +123,6 @@ bool polkitOnBus()
                {"--system", "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
                 "org.freedesktop.DBus.NameHasOwner", "string:org.freedesktop.PolicyKit1"})
         .output.contains("boolean true");
-}
-
-// A daemon of the test's own, its output kept in a file (a pipe nobody reads
-// could fill up and stop it).
-std::unique_ptr<QProcess> startDaemon(const QString& program, const QStringList& arguments,
-                                      const QString& log)
-{
-    auto process = std::make_unique<QProcess>();
-    process->setProcessChannelMode(QProcess::MergedChannels);
-    process->setStandardOutputFile(log);
-    process->start(program, arguments);
-    return process;
 }
 
 void stopDaemon(std::unique_ptr<QProcess>& process)
@@ -290,6 +279,24 @@ private:
             run("userdel", {"--force", user});
     }
 
+    // Starts a daemon of this run, its output kept in a file (a pipe nobody
+    // reads could fill up and stop it), and waits until it answers; what it
+    // said when it does not.
+    std::optional<QString> startDaemon(std::unique_ptr<QProcess>& daemon, const QString& program,
+                                       const QStringList& arguments, bool (*answers)(), int timeoutMs)
+    {
+        const QString log = m_dir->filePath(QFileInfo(program).fileName() + ".log");
+        daemon = std::make_unique<QProcess>();
+        daemon->setProcessChannelMode(QProcess::MergedChannels);
+        daemon->setStandardOutputFile(log);
+        daemon->start(program, arguments);
+        recordDaemons();
+        waitUntil([&] { return answers() || daemon->state() == QProcess::NotRunning; }, timeoutMs);
+        if (answers())
+            return std::nullopt;
+        return QString::fromUtf8(readFile(log));
+    }
+
     // Why this machine cannot run pkexec with polkitd, or nothing.
     static QString cannotRunPolkit()
     {
@@ -387,26 +394,14 @@ private Q_SLOTS:
         if (!busAnswers()) {
             QFile::remove(kBusSocket); // left by a bus that is gone
             QVERIFY(QDir().mkpath("/run/dbus"));
-            const QString log = m_dir->filePath("dbus-daemon.log");
-            m_bus = startDaemon("dbus-daemon",
-                                {"--system", "--nofork", "--nopidfile", "--nosyslog"}, log);
-            recordDaemons();
-            if (!waitUntil(
-                    [this] { return busAnswers() || m_bus->state() == QProcess::NotRunning; },
-                    20000) ||
-                !busAnswers())
-                QSKIP(qPrintable("the system bus cannot be started: " +
-                                 QString::fromUtf8(readFile(log))));
+            if (const auto said = startDaemon(m_bus, "dbus-daemon",
+                                              {"--system", "--nofork", "--nopidfile", "--nosyslog"}, busAnswers,
+                                              20000))
+                QSKIP(qPrintable("the system bus cannot be started: " + *said));
         }
         if (!polkitOnBus()) {
-            const QString log = m_dir->filePath("polkitd.log");
-            m_polkitd = startDaemon(kPolkitd, {}, log);
-            recordDaemons();
-            QVERIFY(waitUntil(
-                [this] { return polkitOnBus() || m_polkitd->state() == QProcess::NotRunning; },
-                30000));
-            if (!polkitOnBus())
-                QSKIP(qPrintable("polkitd cannot run here: " + QString::fromUtf8(readFile(log))));
+            if (const auto said = startDaemon(m_polkitd, kPolkitd, {}, polkitOnBus, 30000))
+                QSKIP(qPrintable("polkitd cannot run here: " + *said));
         }
 
         m_user = QString("brenta-pk-%1").arg(::getpid());
