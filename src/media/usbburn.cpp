@@ -1421,9 +1421,7 @@ void CUsbBurnJob::StartSplit()
     }
     const QString wim = SplitWim();
     RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            {QStringLiteral("x"), QStringLiteral("-y"), QStringLiteral("-o") + m_wimDir->Path(), QStringLiteral("--"),
-             m_options.image, wim},
-            &CUsbBurnJob::SplitExtracted);
+            Extraction::Arguments(m_options.image, m_wimDir->Path(), {wim}), &CUsbBurnJob::SplitExtracted);
 }
 
 void CUsbBurnJob::SplitExtracted()
