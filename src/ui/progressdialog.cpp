@@ -125,11 +125,6 @@ void CProgressDialog::SetDetail(const QString& text)
     setFixedSize(kWidth, kHeight + grow);
 }
 
-bool CProgressDialog::IsComplete() const
-{
-    return m_bar->value() == m_maximum;
-}
-
 void CProgressDialog::OnBtnCancel()
 {
     hide();

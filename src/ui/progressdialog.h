@@ -19,7 +19,6 @@ public:
     void SetRange(int minimum, int maximum);
     void SetValue(int value);
     void DisableStop();
-    bool IsComplete() const;
     // Lines under the bar (one for each part of the work, say); the dialog
     // grows to hold them, and an empty text takes them away.
     void SetDetail(const QString& text);
