@@ -170,22 +170,17 @@ void TestRunner::logsCommandAndEveryLine()
 void TestRunner::terminateStopsToolAndSignals_data()
 {
     QTest::addColumn<QString>("mode");
-    QTest::addColumn<QString>("end"); // stop, destroy or dispose
+    QTest::addColumn<QString>("end"); // stop or destroy
     QTest::newRow("tool that ends when asked") << "hang"
                                                << "stop";
     QTest::newRow("tool that ignores the request") << "stubborn"
                                                    << "stop";
     QTest::newRow("runner destroyed while its tool runs") << "hang"
                                                           << "destroy";
-    QTest::newRow("runner disposed while its tool ignores the request") << "stubborn"
-                                                                        << "dispose";
 }
 
 // Stop must leave nothing behind: no more signals to a page that may already
-// be gone, and no tool (nor a tool's child) still running. Disposing of a
-// runner must not hold up the window while a stubborn tool gets its grace
-// period: the tool is still there when the window's loop goes on, and is
-// killed later.
+// be gone, and no tool (nor a tool's child) still running.
 void TestRunner::terminateStopsToolAndSignals()
 {
     QFETCH(QString, mode);
@@ -207,22 +202,6 @@ void TestRunner::terminateStopsToolAndSignals()
         delete runner;
         QVERIFY(!processAlive(tool));
         QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
-        return;
-    }
-    if (end == "dispose") {
-        QPointer<CRunCommandThread> gone(runner);
-        QElapsedTimer timer;
-        timer.start();
-        CRunCommandThread::Dispose(runner);
-        QCOMPARE(runner, nullptr);
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        QVERIFY2(timer.elapsed() < 500, qPrintable(QString::number(timer.elapsed())));
-        QVERIFY(processAlive(tool));
-        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool), 10000);
-        QTRY_VERIFY_WITH_TIMEOUT(!processAlive(grandchild), 10000);
-        QTRY_VERIFY_WITH_TIMEOUT(gone.isNull(), 10000);
-        QCOMPARE(seen.lines.count(), 1);
-        QCOMPARE(seen.finished.count(), 0);
         return;
     }
 
@@ -262,17 +241,21 @@ void TestRunner::stopThenRunsAfterTheToolHasEnded_data()
 {
     QTest::addColumn<QStringList>("arguments"); // empty: no runner
     QTest::addColumn<bool>("endFirst");         // the tool ends before the stop
-    QTest::newRow("tool that ignores the request") << QStringList{"stubborn"} << false;
-    QTest::newRow("tool that has already ended") << QStringList{"exit", "0"} << true;
-    QTest::newRow("no runner") << QStringList() << false;
+    QTest::addColumn<bool>("dispose");          // Dispose(), which calls nothing back, instead
+    QTest::newRow("tool that ignores the request") << QStringList{"stubborn"} << false << false;
+    QTest::newRow("tool that has already ended") << QStringList{"exit", "0"} << true << false;
+    QTest::newRow("no runner") << QStringList() << false << false;
+    QTest::newRow("disposed, tool that ignores the request") << QStringList{"stubborn"} << false << true;
 }
 
 // A job removes what its tool was writing only once the tool has ended, or the
-// tool could write it again; and the window must not wait for that end.
+// tool could write it again; and the window must not wait for that end, nor
+// for a stubborn tool's grace period when it disposes of the runner.
 void TestRunner::stopThenRunsAfterTheToolHasEnded()
 {
     QFETCH(QStringList, arguments);
     QFETCH(bool, endFirst);
+    QFETCH(bool, dispose);
     QTemporaryDir dir;
     const QString pidFile = dir.filePath("pid");
     const bool stubborn = arguments == QStringList{"stubborn"};
@@ -300,25 +283,30 @@ void TestRunner::stopThenRunsAfterTheToolHasEnded()
     bool toolGoneAtCall = false;
     QElapsedTimer timer;
     timer.start();
-    CRunCommandThread::StopThen(runner, [&] {
-        ++calls;
-        toolGoneAtCall = !stubborn || (!processAlive(tool) && !processAlive(grandchild));
-    });
-    QCOMPARE(runner, nullptr);
-    QVERIFY2(timer.elapsed() < 500, qPrintable(QString::number(timer.elapsed())));
-    if (stubborn) {
-        QCOMPARE(calls, 0);
-        QVERIFY(processAlive(tool));
+    if (dispose) {
+        CRunCommandThread::Dispose(runner);
     } else {
-        QCOMPARE(calls, 1);
+        CRunCommandThread::StopThen(runner, [&] {
+            ++calls;
+            toolGoneAtCall = !stubborn || (!processAlive(tool) && !processAlive(grandchild));
+        });
     }
-    QTRY_COMPARE_WITH_TIMEOUT(calls, 1, 10000);
-    QVERIFY(toolGoneAtCall);
-    QTRY_VERIFY(gone.isNull());
+    QCOMPARE(runner, nullptr);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QVERIFY2(timer.elapsed() < 500, qPrintable(QString::number(timer.elapsed())));
+    QCOMPARE(calls, stubborn || dispose ? 0 : 1);
+    if (stubborn)
+        QVERIFY(processAlive(tool));
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(tool) && !processAlive(grandchild), 10000);
+    QTRY_COMPARE_WITH_TIMEOUT(calls, dispose ? 0 : 1, 10000);
+    QVERIFY(dispose || toolGoneAtCall);
+    QTRY_VERIFY_WITH_TIMEOUT(gone.isNull(), 10000);
     QCoreApplication::sendPostedEvents();
-    QCOMPARE(calls, 1);
-    if (seen)
+    QCOMPARE(calls, dispose ? 0 : 1);
+    if (seen) {
+        QCOMPARE(seen->lines.count(), 1);
         QCOMPARE(seen->finished.count(), endFirst ? 1 : 0);
+    }
 }
 
 // Brenta killed outright runs no code of its own, yet the tool it started
