@@ -353,54 +353,43 @@ void TestDiscTools::stopEndsOnceAfterTheTool()
     const auto called = [&log] {
         QFile file(log);
         file.open(QIODevice::ReadOnly);
-        QStringList lines = QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
-        lines.removeAll("ready");
-        return lines;
+        return QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
     };
-    const auto written = [&dir] { return QDir(dir.path()).entryList({".copy.iso.*"}, QDir::Files | QDir::Hidden); };
+    const auto parts = [&dir] { return QDir(dir.path()).entryList({".copy.iso.*"}, QDir::Files | QDir::Hidden); };
 
     std::unique_ptr<CJob> running;
-    if (job == "copy") {
-        auto* copy = new CDiscCopyJob;
-        running.reset(copy);
-        copy->Start("/dev/sr0", dir.filePath("copy.iso"));
-    } else if (job == "scan") {
-        auto* scan = new COpticalScan;
-        running.reset(scan);
-        scan->Start();
-    } else if (job == "eject") {
-        auto* eject = new CEjectJob;
-        running.reset(eject);
-        eject->Start("/dev/sr0");
-    } else {
-        auto* usb = new CUsbBurnJob;
-        running.reset(usb);
-        usb->Restore("/dev/sdz", UsbPlan::FileSystem::Fat32, QString());
-    }
-    QSignalSpy finished(running.get(), &CJob::finished);
-    const auto ready = [&log] {
-        QFile file(log);
-        return file.open(QIODevice::ReadOnly) && file.readAll().contains("ready");
-    };
-    QTRY_VERIFY_WITH_TIMEOUT(ready(), 10000);
-    QVERIFY(running->IsRunning());
     if (job == "copy")
-        QCOMPARE(written().size(), 1);
+        running = std::make_unique<CDiscCopyJob>();
+    else if (job == "scan")
+        running = std::make_unique<COpticalScan>();
+    else if (job == "eject")
+        running = std::make_unique<CEjectJob>();
+    else
+        running = std::make_unique<CUsbBurnJob>();
+    if (auto* copy = qobject_cast<CDiscCopyJob*>(running.get()))
+        copy->Start("/dev/sr0", dir.filePath("copy.iso"));
+    else if (auto* scan = qobject_cast<COpticalScan*>(running.get()))
+        scan->Start();
+    else if (auto* eject = qobject_cast<CEjectJob*>(running.get()))
+        eject->Start("/dev/sr0");
+    else
+        qobject_cast<CUsbBurnJob*>(running.get())->Restore("/dev/sdz", UsbPlan::FileSystem::Fat32, QString());
+    QSignalSpy finished(running.get(), &CJob::finished);
+    QTRY_VERIFY_WITH_TIMEOUT(called().contains("ready"), 10000);
 
     QElapsedTimer clock;
     clock.start();
     running->Stop();
     QVERIFY2(clock.elapsed() < 250, qPrintable(QString::number(clock.elapsed())));
     // What the tool wrote stays while it may still write.
-    if (job == "copy")
-        QCOMPARE(written().size(), 1);
+    QCOMPARE(parts().size(), job == "copy" ? 1 : 0);
 
     QVERIFY(finished.count() == 1 || finished.wait(10000));
     QCOMPARE(finished.first().at(0).toBool(), false);
     QVERIFY2(finished.first().at(1).toString().startsWith(CJob::StoppedMessage()),
              qPrintable(finished.first().at(1).toString()));
-    QCOMPARE(called().mid(0, calls.size()), calls);
-    QCOMPARE(written(), QStringList());
+    QCOMPARE(called().filter(QRegularExpression("^(start|ended)")).mid(0, calls.size()), calls);
+    QCOMPARE(parts(), QStringList());
     // Every tool has ended and whatever its end set off has run: still one end.
     QTRY_VERIFY_WITH_TIMEOUT(called().contains("ended"), 10000);
     QCoreApplication::sendPostedEvents();
