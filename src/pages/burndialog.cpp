@@ -368,7 +368,8 @@ void CBurnDialog::onStickProgress(const QString& device, int percent)
 {
     if (!m_burnSticks.contains(device))
         m_burnSticks << device;
-    m_stickStates[device] = percent >= 0 ? QStringLiteral("%1%").arg(percent) : QStringLiteral("working");
+    m_stickStates[device] =
+        percent >= 0 ? QStringLiteral("%1%").arg(percent) : QStringLiteral("working");
     ShowStickLines();
 }
 

@@ -2,7 +2,8 @@
 
 #include <QComboBox>
 
-COpticalList::COpticalList(QComboBox* list) : QObject(list), m_list(list), m_scan(new COpticalScan(this))
+COpticalList::COpticalList(QComboBox* list)
+    : QObject(list), m_list(list), m_scan(new COpticalScan(this))
 {
     connect(m_scan, &COpticalScan::entry, this, [this](const QString& text, const QString& node) {
         m_entries.append({text, node});
