@@ -1623,8 +1623,9 @@ void CUsbBurnJob::Burned()
 
 void CUsbBurnJob::Fail(const QString& stepAndReason)
 {
+    // After a stop, only the unmount that follows can fail, and says so itself.
     const QString message =
-        m_stopping
+        m_stopping && m_failure.isEmpty()
             ? StoppedMessage() + QStringLiteral(" What the stick holds is incomplete: burn or restore it again.")
             : (m_restoring ? QStringLiteral("The USB stick was not restored. The step that failed: ")
                            : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
