@@ -95,11 +95,11 @@ struct Utf8
     QByteArray bytes;
 };
 
-QStringList nodes(const QList<RemovableDrive>& drives)
+QStringList texts(const QList<RemovableDrive>& drives)
 {
     QStringList list;
     for (const RemovableDrive& drive : drives)
-        list << drive.node;
+        list << drive.text;
     return list;
 }
 
@@ -119,7 +119,7 @@ private Q_SLOTS:
 
     void removable_data();
     void removable();
-    void removableTexts();
+    void removableWithoutNames();
     void optical();
     void deviceSize_data();
     void deviceSize();
@@ -222,7 +222,12 @@ void TestDrives::removable_data()
 
     const QString root = "/dev/sda1 / ext4 rw,relatime 0 0\n";
     const QString noSwap = "Filename\t\t\t\tType\t\tSize\t\tUsed\t\tPriority\n";
-    const QStringList all = {"/dev/sdb", "/dev/sdc", "/dev/sdd"};
+    // The names come from sysfs when udev has none, trimmed, and with udev's
+    // underscores turned back into blanks.
+    const QString sdb = "/dev/sdb  ACME Stick  16.0 GB";
+    const QString sdc = "/dev/sdc  Generic Card Reader  500 MB";
+    const QString sdd = "/dev/sdd  Big Box USB 3.0 Disk  1.0 TB";
+    const QStringList all = {sdb, sdc, sdd};
 
     QTest::newRow("user mounts keep their disks")
         << root + "/dev/sdb1 /media/user/STICK vfat rw 0 0\n/dev/sdc1 /home/user/card vfat rw 0 0\n"
@@ -230,24 +235,24 @@ void TestDrives::removable_data()
         << noSwap << all;
     QTest::newRow("no tables") << kMissing << kMissing << all;
     QTest::newRow("partition at /home") << root + "/dev/sdb1 /home ext4 rw 0 0\n" << noSwap
-                                        << QStringList{"/dev/sdc", "/dev/sdd"};
+                                        << QStringList{sdc, sdd};
     QTest::newRow("whole disk at /boot/efi") << root + "/dev/sdc /boot/efi vfat rw 0 0\n" << noSwap
-                                             << QStringList{"/dev/sdb", "/dev/sdd"};
+                                             << QStringList{sdb, sdd};
     QTest::newRow("swap partition") << root << noSwap + "/dev/sdb2  partition\t1048572\t0\t-2\n"
-                                    << QStringList{"/dev/sdc", "/dev/sdd"};
+                                    << QStringList{sdc, sdd};
     QTest::newRow("swap through an escaped link") << root
                                                   << noSwap + "/dev/disk/by-label/my\\040swap partition 1 0 -2\n"
-                                                  << QStringList{"/dev/sdc", "/dev/sdd"};
+                                                  << QStringList{sdc, sdd};
     QTest::newRow("root on device mapper") << "/dev/mapper/root / ext4 rw 0 0\n" << noSwap
-                                           << QStringList{"/dev/sdc", "/dev/sdd"};
+                                           << QStringList{sdc, sdd};
     QTest::newRow("/var through a uuid link") << root + "/dev/disk/by-uuid/1234-ABCD /var ext4 rw 0 0\n"
-                                              << noSwap << QStringList{"/dev/sdb", "/dev/sdd"};
+                                              << noSwap << QStringList{sdb, sdd};
     QTest::newRow("/var by UUID=") << root + "UUID=1234-ABCD /var ext4 rw 0 0\n" << noSwap
-                                   << QStringList{"/dev/sdb", "/dev/sdd"};
+                                   << QStringList{sdb, sdd};
     // Only the device number ties this node to the kernel's sdd1.
     QTest::newRow("node named apart from its device") << root + "/dev/enclosure/part1 /usr ext4 rw 0 0\n"
-                                                      << noSwap << QStringList{"/dev/sdb", "/dev/sdc"};
-    QTest::newRow("/usr on RAID") << root + "/dev/md0 /usr ext4 rw 0 0\n" << noSwap << QStringList{"/dev/sdb"};
+                                                      << noSwap << QStringList{sdb, sdc};
+    QTest::newRow("/usr on RAID") << root + "/dev/md0 /usr ext4 rw 0 0\n" << noSwap << QStringList{sdb};
 }
 
 void TestDrives::removable()
@@ -257,18 +262,11 @@ void TestDrives::removable()
     QFETCH(QStringList, expected);
     const QString mountsFile = mounts == kMissing ? m_dir.filePath("missing") : table("mounts", mounts);
     const QString swapsFile = swaps == kMissing ? m_dir.filePath("missing") : table("swaps", swaps);
-    QCOMPARE(nodes(Drives::Removable(mountsFile, swapsFile)), expected);
+    QCOMPARE(texts(Drives::Removable(mountsFile, swapsFile)), expected);
 }
 
-void TestDrives::removableTexts()
+void TestDrives::removableWithoutNames()
 {
-    // The names come from sysfs when udev has none, trimmed, and with udev's
-    // underscores turned back into blanks.
-    const QList<RemovableDrive> drives = Drives::Removable(table("mounts", ""), table("swaps", ""));
-    QCOMPARE(drives.size(), 3);
-    QCOMPARE(drives[1].text, "/dev/sdc  Generic Card Reader  500 MB");
-    QCOMPARE(drives[2].text, "/dev/sdd  Big Box USB 3.0 Disk  1.0 TB");
-
     // Without any identification the size follows the node directly.
     umockdev_testbed_set_property(m_bed, Utf8("/sys" + kStick), "ID_VENDOR", "");
     umockdev_testbed_set_property(m_bed, Utf8("/sys" + kStick), "ID_MODEL", "");
