@@ -840,10 +840,13 @@ CUsbBurnJob::~CUsbBurnJob()
     CRunCommandThread::Dispose(m_runner);
     m_feeder.reset();
     StopVerifier();
-    // A burn cut short must not leave the stick mounted.
+    // A burn cut short must not leave the stick mounted; the helper runs as
+    // every tool does (its own process group, English, UTF-8 names).
     if (IsRunning() && !m_mountPoint.isEmpty()) {
         const QStringList command = HelperCommand({QStringLiteral("unmount"), m_options.device});
-        QProcess::execute(command.first(), command.mid(1));
+        CProcess unmount;
+        unmount.start(command.first(), command.mid(1));
+        unmount.waitForFinished(-1);
     }
 }
 
