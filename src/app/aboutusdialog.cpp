@@ -10,17 +10,10 @@
 CAboutusDialog::CAboutusDialog(QWidget* /*parent*/) : ImageDialog(false)
 {
     setObjectName(QStringLiteral("CAboutusDialog"));
-    resize(400, 300);
     m_close = new CImageButton(this);
     m_close->setObjectName(QStringLiteral("close"));
-    m_close->move(360, 10);
     m_label = new QLabel(this);
     m_label->setObjectName(QStringLiteral("label"));
-    m_label->move(180, 160);
-    QFont labelFont = m_label->font();
-    labelFont.setPointSize(9);
-    m_label->setFont(labelFont);
-    m_label->setText(tr("TextLabel"));
 
     SetBackgroundImage(QStringLiteral(":/nwu/about_us"));
     SetMovable(true);
@@ -32,13 +25,11 @@ CAboutusDialog::CAboutusDialog(QWidget* /*parent*/) : ImageDialog(false)
     connect(m_close, qOverload<>(&CImageButton::clicked), this, &CAboutusDialog::close);
 
     const QString page = Links::ProductPage();
-    m_label->setFixedSize(186, 20);
     m_label->setStyleSheet(QStringLiteral("font-size:12px;"));
     m_label->setTextFormat(Qt::RichText);
     m_label->setText(QStringLiteral("<a style=\"color:#67d995;\" href=\"%1\">%1</a>").arg(page));
     m_label->move(192, 112);
     m_label->adjustSize();
-    m_label->setVisible(true);
     connect(m_label, &QLabel::linkActivated, this, &CAboutusDialog::openUrl);
 }
 

@@ -14,7 +14,6 @@ class CAboutusDialog final : public ImageDialog
 public:
     explicit CAboutusDialog(QWidget* parent = nullptr);
 
-    QLabel* LinkLabel() const { return m_label; }
     CImageButton* CloseButton() const { return m_close; }
 
 public Q_SLOTS:

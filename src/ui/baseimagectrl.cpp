@@ -50,21 +50,9 @@ void CBaseImageCtrl::SetSprite(const QString& path, int frames)
     update();
 }
 
-void CBaseImageCtrl::SetAutoSize(bool autoSize)
-{
-    m_autoSize = autoSize;
-    ApplySize();
-}
-
-void CBaseImageCtrl::SetAlignment(int alignment)
-{
-    m_alignment = alignment;
-    update();
-}
-
 void CBaseImageCtrl::ApplySize()
 {
-    if (!m_autoSize || m_normal.isEmpty())
+    if (m_normal.isEmpty())
         return;
     const QPixmap picture(m_normal);
     if (picture.isNull()) {
@@ -209,23 +197,7 @@ void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
         source = picture.rect();
     }
 
-    QPoint at((width() - source.width()) / 2, (height() - source.height()) / 2);
-    switch (m_alignment) {
-    case Left:
-        at.setX(0);
-        break;
-    case Top:
-        at.setY(0);
-        break;
-    case Right:
-        at.setX(width() - source.width());
-        break;
-    case Bottom:
-        at.setY(height() - source.height());
-        break;
-    default:
-        break;
-    }
+    const QPoint at((width() - source.width()) / 2, (height() - source.height()) / 2);
     QPainter painter(this);
     painter.drawPixmap(at, picture, source);
     if (hasFocus() && m_focusMark) {

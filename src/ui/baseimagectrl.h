@@ -13,8 +13,6 @@ class CBaseImageCtrl : public QWidget
     Q_OBJECT
 
 public:
-    // Where the picture sits inside the control.
-    enum Alignment { Centre = -1, Left = 0, Top = 1, Right = 2, Bottom = 3 };
     enum class State { Normal, Hover, Pressed, Disabled };
 
     explicit CBaseImageCtrl(QWidget* parent = nullptr);
@@ -27,8 +25,6 @@ public:
     // One picture holding `frames` frames side by side: normal, hover, pressed
     // and, with four frames or more, disabled.
     void SetSprite(const QString& path, int frames);
-    void SetAutoSize(bool autoSize);
-    void SetAlignment(int alignment);
 
     State CurrentState() const;
     int FrameCount() const { return m_frames; }
@@ -58,12 +54,10 @@ private:
     QString m_pressed;
     QString m_disabled;
     int m_frames = 0;
-    bool m_autoSize = true;
     bool m_hovered = false;
     bool m_armed = false;      // a press started inside and is not released yet
     bool m_inside = false;     // the cursor is inside the control
     bool m_focusMark = false;  // the keyboard brought the focus here
-    int m_alignment = Centre;
 };
 
 // The picture button used by every window and page.
