@@ -49,7 +49,7 @@ private Q_SLOTS:
 
     void startSaysWhatIsMissing();
     void copiesTheDisc();
-    void stopEndsTheReadingQuietly();
+    void stopConfirmsItself();
     void ejectFailureIsShown();
 
 private:
@@ -140,9 +140,9 @@ void TestPage5::copiesTheDisc()
     QVERIFY(QFileInfo::exists(output));
 }
 
-// Stop is the user's own choice: no message, and no half image (nor its part
-// file) once the copy has ended.
-void TestPage5::stopEndsTheReadingQuietly()
+// Stop ends the reading at once and, once the reader has ended and no half
+// image (nor its part file) is left, says so.
+void TestPage5::stopConfirmsItself()
 {
     qputenv("BRENTA_STANDIN_MODE", "hang");
     Open();
@@ -154,10 +154,14 @@ void TestPage5::stopEndsTheReadingQuietly()
     // The stand-in reports sector 32 of 300, then sleeps.
     QTRY_VERIFY_WITH_TIMEOUT(progress->Bar()->value() == 10, 10000);
     QSignalSpy ended(m_page->findChild<CDiscCopyJob*>(), &CJob::finished);
+    QString message;
+    answer(&message);
     click(progress->CancelButton());
     QVERIFY(!progress->isVisible() && !m_page->IsCopying());
     // The part file goes once the reader has ended, without the window waiting for it.
     QVERIFY(ended.count() == 1 || ended.wait(10000));
+    QTRY_VERIFY(!message.isEmpty());
+    QVERIFY2(CJob::IsStoppedMessage(message) && message.contains("removed"), qPrintable(message));
     QCOMPARE(QDir(m_dir.path()).entryList({"*stopped.iso*"}, QDir::Files | QDir::Hidden), QStringList());
     QCOMPARE(finished.count(), 0);
 }

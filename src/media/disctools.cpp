@@ -459,7 +459,7 @@ void CDiscCopyJob::Stop()
         if (self == nullptr)
             return;
         self->m_stopping = false;
-        self->Finish(false, StoppedMessage());
+        self->Finish(false, StoppedMessage() + QStringLiteral(" The unfinished image file was removed."));
         if (const QStringList next = std::exchange(self->m_next, QStringList()); !next.isEmpty())
             self->Start(next.at(0), next.at(1));
     });

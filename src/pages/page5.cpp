@@ -112,11 +112,14 @@ void CPage5::OnReadProgress(int percent)
 
 void CPage5::OnReadFinished(bool succeeded, const QString& message)
 {
-    // A copy the user stopped ends without a word.
-    if (!succeeded && message == CJob::StoppedMessage())
-        return;
     m_copying = false;
     m_progress->hide();
+    // A copy the user stopped confirms it, once the reader has ended and its
+    // file is gone, saying what was removed.
+    if (!succeeded && CJob::IsStoppedMessage(message)) {
+        Util::ShowMessage(message);
+        return;
+    }
     if (succeeded)
         Util::ShowFinished(message, QFileInfo(m_output).absolutePath());
     else
@@ -126,8 +129,8 @@ void CPage5::OnReadFinished(bool succeeded, const QString& message)
 
 void CPage5::StopCreate()
 {
-    // The job ends the reader and removes the incomplete image; the user
-    // asked for it, so there is nothing to report.
+    // The job ends the reader and removes the incomplete image; its end
+    // then says so.
     m_copying = false;
     m_copy->Stop();
     m_progress->hide();

@@ -10,6 +10,11 @@ QString CJob::StoppedMessage()
     return QStringLiteral("Stopped.");
 }
 
+bool CJob::IsStoppedMessage(const QString& message)
+{
+    return message.startsWith(StoppedMessage());
+}
+
 void CJob::Begin()
 {
     ++m_run;

@@ -36,7 +36,10 @@ public:
     int Percent() const { return m_percent; }
     QString PhaseText() const { return m_phase; }
 
+    // A stopped run ends with a message that starts with StoppedMessage(),
+    // followed by the job's account of what it removed, if anything.
     static QString StoppedMessage();
+    static bool IsStoppedMessage(const QString& message);
 
 Q_SIGNALS:
     // `percent` is 0 to 100, or -1 while it cannot be told; `phase` says what
