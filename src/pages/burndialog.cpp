@@ -16,6 +16,7 @@
 #include "pages/opticallist.h"
 #include "ui/baseimagectrl.h"
 #include "ui/checkcombobox.h"
+#include "ui/drops.h"
 #include "ui/gerneraldialog.h"
 #include "ui/messagedialogs.h"
 #include "ui/mycombobox.h"
@@ -196,6 +197,10 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
         ShowModeOptions();
     });
     OnRadioSelected();
+    // An image file dropped on the page is the image to burn.
+    Drops::Enable(
+        this, [](const QStringList& paths) { return !Drops::ImageOf(paths).isEmpty(); },
+        [this](const QStringList& paths) { m_isofile->setText(Drops::ImageOf(paths)); });
 }
 
 CBurnDialog::~CBurnDialog()
