@@ -144,7 +144,7 @@ void CPage2::OnExtractProgress(int percent)
 void CPage2::OnExtractFinished(bool succeeded, const QString& message)
 {
     // A stop was the user's own doing: nothing to tell.
-    if (!succeeded && message == CJob::StoppedMessage())
+    if (!succeeded && CJob::IsStoppedMessage(message))
         return;
     setEnabled(true);
     m_progress->hide();

@@ -354,7 +354,7 @@ void CPage3::OnCreateProgress(int percent)
 void CPage3::OnBuildFinished(bool succeeded, const QString& message)
 {
     // A stop was the user's own doing: nothing to tell.
-    if (!succeeded && message == CJob::StoppedMessage())
+    if (!succeeded && CJob::IsStoppedMessage(message))
         return;
     m_progress->hide();
     if (succeeded)

@@ -163,7 +163,7 @@ void CPage4::ResetContents()
 
 void CPage4::OnUnzipFinished(bool succeeded, const QString& message)
 {
-    if (!succeeded && message == CJob::StoppedMessage())
+    if (!succeeded && CJob::IsStoppedMessage(message))
         return;
     SetButtonsEnabled(true);
     if (!succeeded) {
@@ -373,7 +373,7 @@ void CPage4::ShowProgress(int percent)
 void CPage4::OnExported(bool succeeded, const QString& message)
 {
     // A stop was the user's own doing: StopCreate() has put the page back.
-    if (!succeeded && message == CJob::StoppedMessage())
+    if (!succeeded && CJob::IsStoppedMessage(message))
         return;
     m_progress->hide();
     SetButtonsEnabled(true);
@@ -386,7 +386,7 @@ void CPage4::OnExported(bool succeeded, const QString& message)
 
 void CPage4::OnSaved(bool succeeded, const QString& message)
 {
-    if (!succeeded && message == CJob::StoppedMessage())
+    if (!succeeded && CJob::IsStoppedMessage(message))
         return;
     m_progress->hide();
     SetButtonsEnabled(true);
