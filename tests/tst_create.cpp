@@ -171,7 +171,7 @@ void TestCreate::unfinishedBuildKeepsWhatWasThere()
         QVERIFY(progress.wait(60000));
         job.Stop();
         QVERIFY(!Jobs::Wait(job));
-        QCOMPARE(job.Message(), CJob::StoppedMessage());
+        QVERIFY2(CJob::IsStoppedMessage(job.Message()), qPrintable(job.Message()));
     } else {
         job.Start(ImageBuild::Type::Joliet, output, m_dir.filePath("huge"));
         QVERIFY(!Jobs::Wait(job));

@@ -431,7 +431,7 @@ void TestEditSession::stopEndsTheSaveAndKeepsTheOutput()
     QVERIFY(!session.IsBusy());
     QCOMPARE(saved.size(), 0);
     QVERIFY(!Jobs::Wait(session.Saving()));
-    QCOMPARE(session.Saving().Message(), CJob::StoppedMessage());
+    QVERIFY(CJob::IsStoppedMessage(session.Saving().Message()));
     QCOMPARE(saved.size(), 1);
     QCOMPARE(readFile(output), QByteArray("what was there"));
     // The part file is gone by the time the save has ended.

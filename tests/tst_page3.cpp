@@ -183,10 +183,17 @@ void TestPage3::stopWhileCopyingMakesNoImage()
     CJob* job = m_page->findChild<CCreateJob*>();
     QVERIFY(job);
     QSignalSpy ended(job, &CJob::finished);
+    QString said;
+    whenModal<CommDialog>([&said](CommDialog* dialog) {
+        said = dialog->Label()->text();
+        QTest::mouseClick(dialog->OkButton(), Qt::LeftButton);
+    });
     QTest::mouseClick(m_page->Progress()->CancelButton(), Qt::LeftButton);
     QVERIFY(!m_page->Progress()->isVisible());
-    // The stop is the user's own: it ends the job without a word from the page.
+    // The page confirms the stop once the job has ended, and it is no creation.
     QVERIFY(ended.wait(30000));
+    QTRY_VERIFY(!said.isEmpty());
+    QVERIFY2(CJob::IsStoppedMessage(said), qPrintable(said));
     QCOMPARE(done.count(), 0);
     QVERIFY(!QFileInfo::exists(output));
 }

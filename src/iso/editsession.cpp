@@ -872,7 +872,9 @@ void CEditSession::StopTask()
     if (m_task == Task::None)
         return;
     CEditOperation* const operation = m_task == Task::Export ? m_exporting : m_saving;
-    const std::function<void()> end = operation->EndStopped();
+    const std::function<void()> end = operation->EndStopped(
+        m_task == Task::Export ? CJob::StoppedMessage() + QStringLiteral(" The files exported so far were removed.")
+                               : CJob::UnfinishedImageRemoved());
     m_task = Task::None;
     // At most one tool or copy is under way; the operation ends once it has
     // ended and what it wrote is gone.

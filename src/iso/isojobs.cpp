@@ -294,7 +294,8 @@ void CExtractJob::Stop()
     m_listed.reset();
     // The staging folder goes once the tool has ended, or the tool could write
     // into it again after the removal; only then does the run end.
-    CRunCommandThread::StopThen(m_runner, [staging = m_staging, end = EndStopped()] {
+    const QString removed = QStringLiteral(" Nothing was extracted: the folder is as it was.");
+    CRunCommandThread::StopThen(m_runner, [staging = m_staging, end = EndStopped(StoppedMessage() + removed)] {
         if (!staging.isEmpty())
             Extraction::RemoveTree(staging);
         end();
@@ -435,7 +436,7 @@ void CBuildJob::Stop()
 {
     if (!IsRunning() || IsStopping())
         return;
-    CRunCommandThread::StopThen(m_runner, [part = m_part, end = EndStopped()] {
+    CRunCommandThread::StopThen(m_runner, [part = m_part, end = EndStopped(UnfinishedImageRemoved())] {
         QFile::remove(part);
         end();
     });
@@ -607,8 +608,9 @@ void CCreateJob::Stop()
     if (!IsRunning() || IsStopping())
         return;
     m_copying = false;
-    const std::function<void()> end = EndStopped();
     const bool building = std::exchange(m_building, false);
+    const std::function<void()> end =
+        EndStopped(building ? UnfinishedImageRemoved() : StoppedMessage() + QStringLiteral(" No image was made."));
     if (building) {
         // The half-built image goes before the build's end, and so before this run's.
         connect(m_build, &CJob::finished, this, end, Qt::SingleShotConnection);

@@ -143,11 +143,13 @@ void CPage2::OnExtractProgress(int percent)
 
 void CPage2::OnExtractFinished(bool succeeded, const QString& message)
 {
-    // A stop was the user's own doing: nothing to tell.
-    if (!succeeded && CJob::IsStoppedMessage(message))
-        return;
     setEnabled(true);
     m_progress->hide();
+    // A stop confirms itself once the tool has ended: nothing was placed.
+    if (!succeeded && CJob::IsStoppedMessage(message)) {
+        Util::ShowMessage(message);
+        return;
+    }
     if (succeeded) {
         Util::WriteLog(QStringLiteral("Extract files successfully :") + m_destination);
         Util::ShowFinished(QStringLiteral("Extract files successfully."), m_destination);

@@ -353,10 +353,13 @@ void CPage3::OnCreateProgress(int percent)
 
 void CPage3::OnBuildFinished(bool succeeded, const QString& message)
 {
-    // A stop was the user's own doing: nothing to tell.
-    if (!succeeded && CJob::IsStoppedMessage(message))
-        return;
     m_progress->hide();
+    // A stop confirms itself once the builder has ended and its half-built
+    // image is gone.
+    if (!succeeded && CJob::IsStoppedMessage(message)) {
+        Util::ShowMessage(message);
+        return;
+    }
     if (succeeded)
         Util::ShowFinished(QStringLiteral("Create ISO successfully!"), QFileInfo(m_output).absolutePath());
     else

@@ -372,11 +372,13 @@ void CPage4::ShowProgress(int percent)
 
 void CPage4::OnExported(bool succeeded, const QString& message)
 {
-    // A stop was the user's own doing: StopCreate() has put the page back.
-    if (!succeeded && CJob::IsStoppedMessage(message))
-        return;
     m_progress->hide();
     SetButtonsEnabled(true);
+    // A stop confirms itself once the copies have ended, saying what went.
+    if (!succeeded && CJob::IsStoppedMessage(message)) {
+        Util::ShowMessage(message);
+        return;
+    }
     if (succeeded)
         Util::ShowFinished(QStringLiteral("Export Successfully !"), m_destination);
     else
@@ -386,10 +388,12 @@ void CPage4::OnExported(bool succeeded, const QString& message)
 
 void CPage4::OnSaved(bool succeeded, const QString& message)
 {
-    if (!succeeded && CJob::IsStoppedMessage(message))
-        return;
     m_progress->hide();
     SetButtonsEnabled(true);
+    if (!succeeded && CJob::IsStoppedMessage(message)) {
+        Util::ShowMessage(message);
+        return;
+    }
     if (succeeded)
         Util::ShowFinished(QStringLiteral("Save ISO file successfully!"),
                            QFileInfo(m_session.OutputPath()).absolutePath());

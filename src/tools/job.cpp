@@ -10,6 +10,11 @@ QString CJob::StoppedMessage()
     return QStringLiteral("Stopped.");
 }
 
+QString CJob::UnfinishedImageRemoved()
+{
+    return StoppedMessage() + QStringLiteral(" The unfinished image was removed.");
+}
+
 bool CJob::IsStoppedMessage(const QString& message)
 {
     return message.startsWith(StoppedMessage());

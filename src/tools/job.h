@@ -40,6 +40,8 @@ public:
     // followed by the job's account of what it removed, if anything.
     static QString StoppedMessage();
     static bool IsStoppedMessage(const QString& message);
+    // What a stopped job that was writing an image says.
+    static QString UnfinishedImageRemoved();
 
 Q_SIGNALS:
     // `percent` is 0 to 100, or -1 while it cannot be told; `phase` says what
