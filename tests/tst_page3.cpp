@@ -182,6 +182,8 @@ void TestPage3::stopWhileCopyingMakesNoImage()
     QVERIFY(m_page->Progress()->isVisible());
     CJob* job = m_page->findChild<CCreateJob*>();
     QVERIFY(job);
+    // The dialog says which of the two steps is under way.
+    QTRY_COMPARE(m_page->Progress()->Detail()->text(), QStringLiteral("Copying files (1 of 2)"));
     QSignalSpy ended(job, &CJob::finished);
     QString said;
     whenModal<CommDialog>([&said](CommDialog* dialog) {

@@ -333,6 +333,7 @@ void CPage3::OnCreate()
     if (output.isEmpty())
         return;
     m_output = output;
+    m_progress->SetDetail(QString());
     m_progress->show();
     const ImageBuild::Type type = m_udf->isChecked()       ? ImageBuild::Type::Udf
                                   : m_iso9600->isChecked() ? ImageBuild::Type::Iso9660
@@ -347,6 +348,8 @@ void CPage3::OnCreateProgress(int percent)
     const bool copying = m_create->CurrentPhase() == CCreateJob::Phase::Copying;
     m_progress->SetText(copying ? QStringLiteral("Copy files and directories...")
                                 : QStringLiteral("Creating ISO file..."));
+    // Under the bar: which of the steps this is ("Copying files (1 of 2)").
+    m_progress->SetDetail(m_create->PhaseText());
     m_progress->SetRange(0, 100);
     m_progress->SetValue(percent);
 }

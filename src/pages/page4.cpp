@@ -259,6 +259,7 @@ void CPage4::OnExport()
     m_destination = destination;
     SetButtonsEnabled(false);
     m_progressPhase = -1;
+    m_progress->SetDetail(QString());
     m_progress->show();
     m_session.Export(items, destination);
 }
@@ -342,6 +343,7 @@ void CPage4::OnSave()
         return;
     SetButtonsEnabled(false);
     m_progressPhase = -1;
+    m_progress->SetDetail(QString());
     m_progress->show();
     m_session.Save(output);
 }
@@ -366,6 +368,9 @@ void CPage4::ShowProgress(int percent)
             break;
         }
     }
+    // Under the bar: which of the steps this is ("Building the image (3 of 3)").
+    const CJob* const job = m_session.Saving().IsRunning() ? &m_session.Saving() : &m_session.Exporting();
+    m_progress->SetDetail(job->PhaseText());
     m_progress->SetRange(0, 100);
     m_progress->SetValue(percent);
 }
