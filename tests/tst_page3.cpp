@@ -1,6 +1,7 @@
 #include <QtTest>
 
 #include <QLabel>
+#include <QMimeData>
 #include <QProgressBar>
 #include <QRadioButton>
 #include <QTreeWidget>
@@ -129,9 +130,15 @@ void TestPage3::addsIntoTheSelectedFolderAndBuilds()
 
 void TestPage3::removeTakesEntryOutOfListAndImage()
 {
-    m_answers << QStringList{m_dir.filePath("one.txt"), m_dir.filePath("two.txt")};
-    clickButton(m_page.get(), "addfile");
+    // Dropped from a file manager, they are added as Add Files adds them.
+    QMimeData data;
+    data.setUrls({QUrl::fromLocalFile(m_dir.filePath("one.txt")), QUrl::fromLocalFile(m_dir.filePath("two.txt"))});
+    QDragEnterEvent enter(QPoint(300, 200), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(m_page.get(), &enter);
+    QDropEvent drop(QPointF(300, 200), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(m_page.get(), &drop);
     QTreeWidget* list = m_page->List();
+    QCOMPARE(list->topLevelItemCount(), 2);
     list->setCurrentItem(list->topLevelItem(0));
     clickButton(m_page.get(), "remove");
     QCOMPARE(rows(list), QStringList{"two.txt | "});

@@ -10,6 +10,7 @@
 #include "iso/isojobs.h"
 #include "ui/baseimagectrl.h"
 #include "ui/contentsview.h"
+#include "ui/drops.h"
 #include "ui/filelistwidgets.h"
 #include "ui/foldermodel.h"
 #include "ui/messagedialogs.h"
@@ -32,6 +33,10 @@ CPage2::CPage2(QWidget* /*mainWindow*/)
     connect(m_extract, &CExtractJob::finished, this, &CPage2::OnExtractFinished);
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage2::OnStopExtract);
     InitializeUI();
+    // An image file dropped on the page is opened, as Open image would.
+    Drops::Enable(
+        this, [](const QStringList& paths) { return !Drops::ImageOf(paths).isEmpty(); },
+        [this](const QStringList& paths) { LoadImage(Drops::ImageOf(paths)); });
 }
 
 CPage2::~CPage2()

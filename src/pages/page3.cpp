@@ -14,6 +14,7 @@
 #include "core/util.h"
 #include "iso/isojobs.h"
 #include "ui/baseimagectrl.h"
+#include "ui/drops.h"
 #include "ui/fileicons.h"
 #include "ui/filelistwidgets.h"
 #include "ui/foldermodel.h"
@@ -152,6 +153,9 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     connect(m_create, &CJob::progressed, this, &CPage3::OnCreateProgress);
     connect(m_create, &CCreateJob::finished, this, &CPage3::OnBuildFinished);
     m_create->Prepare();
+    // Files and folders dropped on the page are added where Add would add them.
+    Drops::Enable(
+        this, [](const QStringList&) { return true; }, [this](const QStringList& paths) { AddDropped(paths); });
 }
 
 CPage3::~CPage3()
@@ -214,8 +218,27 @@ QTreeWidgetItem* CPage3::MakeRow(const Item& item, QTreeWidgetItem* parent)
 
 void CPage3::OnAddFile()
 {
+    AddFiles(Util::OpenFilesDialog(this));
+}
+
+void CPage3::OnAddDir()
+{
+    AddFolders(Util::SelectDirsDialog(this));
+}
+
+void CPage3::AddDropped(const QStringList& paths)
+{
+    QStringList files;
+    QStringList folders;
+    for (const QString& path : paths)
+        (QFileInfo(path).isDir() ? folders : files) << path;
+    AddFiles(files);
+    AddFolders(folders);
+}
+
+void CPage3::AddFiles(const QStringList& files)
+{
     QTreeWidgetItem* target = TargetRow();
-    const QStringList files = Util::OpenFilesDialog(this);
     const QString parent = SelectedParentPath();
     if (files.isEmpty() || !IsFolder(parent))
         return;
@@ -236,10 +259,9 @@ void CPage3::OnAddFile()
     QApplication::restoreOverrideCursor();
 }
 
-void CPage3::OnAddDir()
+void CPage3::AddFolders(const QStringList& folders)
 {
     QTreeWidgetItem* target = TargetRow();
-    const QStringList folders = Util::SelectDirsDialog(this);
     const QString parent = SelectedParentPath();
     if (folders.isEmpty() || !IsFolder(parent))
         return;

@@ -44,6 +44,8 @@ Q_SIGNALS:
 public Q_SLOTS:
     void OnAddFile();
     void OnAddDir();
+    // Files and folders dropped on the page, added as the two buttons add them.
+    void AddDropped(const QStringList& paths);
     void OnRemove();
     void OnCreate();
     void StopCreate();
@@ -54,6 +56,8 @@ protected:
     void keyPressEvent(QKeyEvent* event) override;
 
 private:
+    void AddFiles(const QStringList& files);
+    void AddFolders(const QStringList& folders);
     // True (and the user told why) when `item` holds a file of 4 GiB or more
     // and the image type is not UDF.
     bool RefusedForIso9660(const Item& item);

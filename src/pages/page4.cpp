@@ -13,6 +13,7 @@
 #include "core/util.h"
 #include "ui/baseimagectrl.h"
 #include "ui/contentsview.h"
+#include "ui/drops.h"
 #include "ui/filelistwidgets.h"
 #include "ui/foldermodel.h"
 #include "ui/inputdialog.h"
@@ -45,6 +46,17 @@ CPage4::CPage4(QWidget* mainWindow)
     connect(&m_session.Exporting(), &CJob::finished, this, &CPage4::OnExported);
     connect(&m_session.Saving(), &CJob::finished, this, &CPage4::OnSaved);
     InitializeUI();
+    // Dropped on the page: an image opens while none is open; files and
+    // folders are added to the folder shown once one is.
+    Drops::Enable(
+        this,
+        [this](const QStringList& paths) { return m_current != nullptr || !Drops::ImageOf(paths).isEmpty(); },
+        [this](const QStringList& paths) {
+            if (m_current == nullptr)
+                LoadImage(Drops::ImageOf(paths));
+            else
+                AddPaths(paths);
+        });
 }
 
 CPage4::~CPage4()
@@ -232,7 +244,11 @@ void CPage4::OnAdd()
 {
     if (m_current == nullptr)
         return;
-    const QStringList paths = Util::SelectFilesAndDirsDialog(this);
+    AddPaths(Util::SelectFilesAndDirsDialog(this));
+}
+
+void CPage4::AddPaths(const QStringList& paths)
+{
     if (paths.isEmpty() || m_current == nullptr)
         return;
     QApplication::setOverrideCursor(Qt::WaitCursor);

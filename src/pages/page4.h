@@ -48,6 +48,8 @@ Q_SIGNALS:
 public Q_SLOTS:
     void OnLoadISO();
     void OnAdd();
+    // Adds files and folders to the folder shown.
+    void AddPaths(const QStringList& paths);
     void OnExport();
     void OnRename();
     void OnDelete();
