@@ -393,34 +393,28 @@ void CPage4::ShowProgress(int percent)
 
 void CPage4::OnExported(bool succeeded, const QString& message)
 {
-    m_progress->hide();
-    SetButtonsEnabled(true);
-    // A stop confirms itself once the copies have ended, saying what went.
-    if (!succeeded && CJob::IsStoppedMessage(message)) {
-        Util::ShowMessage(message);
-        return;
-    }
-    if (succeeded)
-        Util::ShowFinished(QStringLiteral("Export Successfully !"), m_destination);
-    else
-        Util::ShowMessage(message);
-    Q_EMIT exportDone(succeeded);
+    if (ShowEnd(succeeded, message, QStringLiteral("Export Successfully !"), m_destination))
+        Q_EMIT exportDone(succeeded);
 }
 
 void CPage4::OnSaved(bool succeeded, const QString& message)
 {
+    if (ShowEnd(succeeded, message, QStringLiteral("Save ISO file successfully!"),
+                QFileInfo(m_session.OutputPath()).absolutePath()))
+        Q_EMIT saveDone(succeeded);
+}
+
+bool CPage4::ShowEnd(bool succeeded, const QString& message, const QString& done, const QString& folder)
+{
     m_progress->hide();
     SetButtonsEnabled(true);
-    if (!succeeded && CJob::IsStoppedMessage(message)) {
-        Util::ShowMessage(message);
-        return;
-    }
     if (succeeded)
-        Util::ShowFinished(QStringLiteral("Save ISO file successfully!"),
-                           QFileInfo(m_session.OutputPath()).absolutePath());
+        Util::ShowFinished(done, folder);
     else
         Util::ShowMessage(message);
-    Q_EMIT saveDone(succeeded);
+    // A stop confirms itself above, once the tool or the copies have ended,
+    // saying what was removed; it is no end of the work to report.
+    return succeeded || !CJob::IsStoppedMessage(message);
 }
 
 void CPage4::StopCreate()

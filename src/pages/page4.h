@@ -48,8 +48,6 @@ Q_SIGNALS:
 public Q_SLOTS:
     void OnLoadISO();
     void OnAdd();
-    // Adds files and folders to the folder shown.
-    void AddPaths(const QStringList& paths);
     void OnExport();
     void OnRename();
     void OnDelete();
@@ -70,6 +68,11 @@ private:
     void UpdateStatus();
     void OnExported(bool succeeded, const QString& message);
     void OnSaved(bool succeeded, const QString& message);
+    // Puts the page back after an export or a save and tells how it ended;
+    // false for a stop.
+    bool ShowEnd(bool succeeded, const QString& message, const QString& done, const QString& folder);
+    // Adds files and folders to the folder shown.
+    void AddPaths(const QStringList& paths);
 
     CEditSession m_session;
     QString m_destination;
