@@ -80,6 +80,7 @@ private Q_SLOTS:
     void nothingTickedIsSaid();
     void bootFileRefusedAndSaved();
     void backDestroysThePage();
+    void imageThatCannotBeOpenedKeepsThePage();
 
 private:
     void Open(const QString& image);
@@ -279,6 +280,29 @@ void TestPage4::backDestroysThePage()
     QPointer<CPage4> page = m_page.release();
     clickButton(page->findChild<CImageButton*>("back"));
     QTRY_VERIFY(page.isNull());
+}
+
+// Opening an image that cannot be read leaves the image that was open as it
+// was, with its tree and its table.
+void TestPage4::imageThatCannotBeOpenedKeepsThePage()
+{
+    Open(m_image);
+    const QStringList tree = treeTexts(m_page->Tree()->topLevelItem(0));
+    QFile broken(m_dir.filePath("broken.iso"));
+    QVERIFY(broken.open(QIODevice::WriteOnly) && broken.write(QByteArray(70000, 'x')) > 0);
+    broken.close();
+
+    QSignalSpy loaded(m_page.get(), &CPage4::loaded);
+    QString said;
+    answerMessage(&said);
+    m_answers << QStringList{broken.fileName()};
+    clickButton(m_page->findChild<CImageButton*>("loadiso"));
+    QVERIFY(loaded.wait(60000));
+    QCOMPARE(loaded.first().first().toBool(), false);
+    QTRY_VERIFY(said.startsWith("The image could not be opened."));
+    QCOMPARE(m_page->Tree()->topLevelItem(0)->text(0), QString("disc.iso"));
+    QCOMPARE(treeTexts(m_page->Tree()->topLevelItem(0)), tree);
+    QVERIFY(m_page->findChild<CImageButton*>("loadiso")->isEnabled());
 }
 
 QTEST_MAIN(TestPage4)

@@ -10,7 +10,11 @@
 #include <QTimer>
 #include <QTreeWidget>
 
+#include <memory>
+
 #include "core/util.h"
+#include "iso/isojobs.h"
+#include "iso/itemtree.h"
 #include "ui/baseimagectrl.h"
 #include "ui/contentsview.h"
 #include "ui/drops.h"
@@ -158,6 +162,31 @@ void CPage4::OnLoadISO()
 }
 
 void CPage4::LoadImage(const QString& path)
+{
+    if (m_current == nullptr) {
+        StartLoad(path);
+        return;
+    }
+    // An image is open: the new one takes its place only once it is known to
+    // open, so that one that cannot be opened leaves the page as it was.
+    SetButtonsEnabled(false);
+    auto probe = std::make_shared<ItemTree>();
+    auto* listing = new CListJob(*probe, this);
+    connect(listing, &CJob::finished, this, [this, listing, probe, path](bool ok, const QString& message) {
+        listing->deleteLater();
+        if (ok) {
+            StartLoad(path);
+            return;
+        }
+        SetButtonsEnabled(true);
+        if (!CJob::IsStoppedMessage(message))
+            Util::ShowMessage(message);
+        Q_EMIT loaded(false);
+    });
+    listing->Start(path);
+}
+
+void CPage4::StartLoad(const QString& path)
 {
     SetButtonsEnabled(false);
     ResetContents();

@@ -73,6 +73,8 @@ private:
     bool ShowEnd(bool succeeded, const QString& message, const QString& done, const QString& folder);
     // Adds files and folders to the folder shown.
     void AddPaths(const QStringList& paths);
+    // Replaces what the page shows with the image being loaded.
+    void StartLoad(const QString& path);
 
     CEditSession m_session;
     QString m_destination;
