@@ -29,6 +29,7 @@
 #include "pages/page3.h"
 #include "pages/page4.h"
 #include "pages/page5.h"
+#include "ui/baseimagectrl.h"
 #include "ui/checkcombobox.h"
 #include "ui/pickers.h"
 #include "ui/commdialog.h"
@@ -172,9 +173,24 @@ void RenderMainWindow(Writer& writer)
         MainWindow host;
         host.show();
         (host.*page.open)();
+        // The drive lists say that no drive was found once their scans end.
+        if (auto* burn = host.findChild<CBurnDialog*>())
+            waitForOpticalList(burn);
+        if (auto* copy = host.findChild<CPage5*>())
+            waitForOpticalList(copy);
         writer.Save(QLatin1String(page.name), host);
     }
     DriveSeam::Reset();
+
+    // Where the keyboard is: Tab from the window's start to the Burn tile.
+    MainWindow focused;
+    focused.show();
+    focused.activateWindow();
+    QApplication::setActiveWindow(&focused);
+    if (CImageButton* burn = focused.Button(QStringLiteral("burn"))) {
+        burn->setFocus(Qt::TabFocusReason);
+        writer.Save(QStringLiteral("main-focus"), focused);
+    }
 }
 
 QString makeSampleImage(const QTemporaryDir& scratch);

@@ -81,6 +81,10 @@ void CCheckComboBox::paintEvent(QPaintEvent* /*event*/)
     if (CheckedIndexes().size() > 1) {
         option.currentText = DisplayText();
         option.currentIcon = QIcon();
+    } else if (currentIndex() < 0 && !placeholderText().isEmpty()) {
+        // An empty list says so, as a plain combo box would.
+        option.currentText = placeholderText();
+        option.palette.setBrush(QPalette::ButtonText, option.palette.placeholderText());
     }
     painter.drawComplexControl(QStyle::CC_ComboBox, option);
     painter.drawControl(QStyle::CE_ComboBoxLabel, option);
