@@ -217,8 +217,7 @@ void MainWindow::onCreate()
 
 void MainWindow::onEdit()
 {
-    // The edit page covers the whole window below the header.
-    ShowPage(new CPage4(this), 3, kPageY, QStringLiteral("Open an image, change its files, then press Save."));
+    ShowPage(new CPage4(this), kPageX, kPageY, QStringLiteral("Open an image, change its files, then press Save."));
 }
 
 void MainWindow::onCopy()

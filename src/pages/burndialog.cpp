@@ -54,9 +54,9 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
 
     m_isofile = new QLineEdit(this);
     m_isofile->setObjectName(QStringLiteral("isofile"));
-    m_isofile->setGeometry(135, 26, 306, 23);
+    m_isofile->setGeometry(135, 90, 306, 23);
     m_isofile->setReadOnly(true);
-    m_browser = MakePictureButton(this, "browser", QStringLiteral(":/nwu/Broswe"), 462, 26);
+    m_browser = MakePictureButton(this, "browser", QStringLiteral(":/nwu/Broswe"), 462, 90);
 
     const QString radioStyle =
         QStringLiteral("QRadioButton::indicator:checked {\n    image: url(:/nwu/rchecked);\n}\n\n"
@@ -74,11 +74,11 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
         box->setGeometry(geometry);
         return box;
     };
-    m_rdvd = radio("rdvd", 113, 83);
+    m_rdvd = radio("rdvd", 113, 130);
     m_rdvd->setChecked(true);
-    m_dvdlist = list(new CMyComboBox(this), "dvdlist", QRect(135, 137, 371, 23));
-    m_rusb = radio("rusb", 113, 179);
-    m_usblist = list(new CCheckComboBox(this), "usblist", QRect(135, 222, 371, 23));
+    m_dvdlist = list(new CMyComboBox(this), "dvdlist", QRect(135, 167, 371, 23));
+    m_rusb = radio("rusb", 113, 207);
+    m_usblist = list(new CCheckComboBox(this), "usblist", QRect(135, 244, 371, 23));
     m_usblist->SetSummaryFormat(QStringLiteral("%1 USB sticks: %2"));
     m_usblist->setToolTip(
         QStringLiteral("Tick several sticks in the list to write the image to each of them"));
@@ -86,7 +86,7 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
     // the volume label's right edge.
     m_restore = new QPushButton(QStringLiteral("Restore stick"), this);
     m_restore->setObjectName(QStringLiteral("restore"));
-    m_restore->setGeometry(516, 222, 104, 23);
+    m_restore->setGeometry(516, 244, 104, 23);
     m_restore->setCursor(Qt::PointingHandCursor);
     m_restore->setToolTip(
         QStringLiteral("Erase the stick and give it one empty partition, as it came"));
@@ -107,31 +107,31 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
             QStringLiteral("color: #606060; font-family: \"Noto Sans\"; font-size: 13px;"));
         return caption;
     };
-    label(QStringLiteral("Write mode"), QRect(15, 256, 110, 23));
-    m_modelist = list(new QComboBox(this), "modelist", QRect(135, 256, 180, 23));
+    label(QStringLiteral("Write mode"), QRect(15, 274, 110, 23));
+    m_modelist = list(new QComboBox(this), "modelist", QRect(135, 274, 180, 23));
     m_modelist->addItem(QStringLiteral("Disk image"), int(UsbPlan::WriteMode::Image));
     m_modelist->addItem(QStringLiteral("Files"), int(UsbPlan::WriteMode::Files));
     m_modelist->setCurrentIndex(1);
     m_modereason = new QLabel(this);
     m_modereason->setObjectName(QStringLiteral("modereason"));
-    m_modereason->setGeometry(137, 281, 500, 32);
+    m_modereason->setGeometry(137, 298, 500, 33);
     m_modereason->setAlignment(Qt::AlignLeft | Qt::AlignTop);
     m_modereason->setWordWrap(true);
     m_modereason->setStyleSheet(
         QStringLiteral("color: #90A4AE; font-family: \"Noto Sans\"; font-size: 12px;"));
-    m_ptlist = list(new QComboBox(this), "ptlist", QRect(135, 316, 246, 23));
+    m_ptlist = list(new QComboBox(this), "ptlist", QRect(135, 334, 246, 23));
     m_ptlist->addItems({QStringLiteral("MBR(for legacy BIOS/CSM boot)"), kGpt});
-    m_sysfilelist = list(new QComboBox(this), "sysfilelist", QRect(135, 350, 180, 23));
+    m_sysfilelist = list(new QComboBox(this), "sysfilelist", QRect(135, 365, 180, 23));
     m_sysfilelist->addItems({QStringLiteral("FAT32"), QStringLiteral("NTFS"),
                              QStringLiteral("exFAT"), QStringLiteral("FAT")});
     m_volumelab = new QLineEdit(this);
     m_volumelab->setObjectName(QStringLiteral("volumelab"));
-    m_volumelab->setGeometry(430, 350, 190, 23);
+    m_volumelab->setGeometry(430, 365, 190, 23);
     m_volumelab->setMaxLength(11);
     m_filesOptions = {
-        label(QStringLiteral("Partition scheme"), QRect(15, 316, 110, 23)), m_ptlist,
-        label(QStringLiteral("File system"), QRect(15, 350, 110, 23)),      m_sysfilelist,
-        label(QStringLiteral("Volume label"), QRect(325, 350, 95, 23)),     m_volumelab};
+        label(QStringLiteral("Partition scheme"), QRect(15, 334, 110, 23)), m_ptlist,
+        label(QStringLiteral("File system"), QRect(15, 365, 110, 23)),      m_sysfilelist,
+        label(QStringLiteral("Volume label"), QRect(325, 365, 95, 23)),     m_volumelab};
     // Disk image mode has the files options' rows for the image's SHA-256,
     // once a burn has read the image, and the checksum file it is compared
     // with; both can be selected and copied.
@@ -142,14 +142,16 @@ CBurnDialog::CBurnDialog(QWidget* /*mainWindow*/) : ImageDialog(false)
         text->setTextInteractionFlags(Qt::TextSelectableByMouse);
         return text;
     };
-    m_imageHash = value("imagehash", QRect(137, 316, 483, 23));
-    m_checksumFile = value("checksumfile", QRect(137, 350, 483, 23));
-    m_imageOptions = {label(QStringLiteral("SHA-256"), QRect(15, 316, 110, 23)), m_imageHash};
-    m_checksumRow = {label(QStringLiteral("Checksum file"), QRect(15, 350, 110, 23)),
+    m_imageHash = value("imagehash", QRect(137, 334, 483, 23));
+    m_checksumFile = value("checksumfile", QRect(137, 365, 483, 23));
+    m_imageOptions = {label(QStringLiteral("SHA-256"), QRect(15, 334, 110, 23)), m_imageHash};
+    m_checksumRow = {label(QStringLiteral("Checksum file"), QRect(15, 365, 110, 23)),
                      m_checksumFile};
 
-    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 145, 405);
-    m_burn = MakePictureButton(this, "burn", QStringLiteral(":/nwu/burn"), 279, 405);
+    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 10, 417);
+    m_burn = MakePictureButton(this, "burn", QStringLiteral(":/nwu/burn"), 546, 417);
+    SetTabChain({m_isofile, m_browser, m_rdvd, m_dvdlist, m_rusb, m_usblist, m_restore, m_modelist,
+                 m_ptlist, m_sysfilelist, m_volumelab, m_back, m_burn});
 
     m_progress = new CProgressDialog;
     // Room for a second line under the phase: the bytes, speed and time left

@@ -50,8 +50,8 @@ void CPage2::InitializeUI()
 {
     SetBackgroundImage(QStringLiteral(":/nwu/page2"));
 
-    m_loadiso = MakePictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 567, 17);
-    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/Back"), 11, 417);
+    m_loadiso = MakePictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 564, 37);
+    m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 10, 417);
     m_extractButton = MakePictureButton(this, "extract", QStringLiteral(":/nwu/btnextract"), 546, 417);
     connect(m_loadiso, qOverload<>(&CImageButton::clicked), this, &CPage2::OnLoadISO);
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CPage2::OnBack);
@@ -59,8 +59,9 @@ void CPage2::InitializeUI()
 
     // Quarters of the width would cut the 19-character time text short; the
     // columns are sized to what they hold instead, together the same width.
-    MakeContentsViews(QRect(10, 54, 213, 350), FileListStyle::FolderTree(), QRect(223, 54, 431, 350),
+    MakeContentsViews(QRect(10, 112, 213, 282), FileListStyle::FolderTree(), QRect(223, 112, 431, 282),
                       {140, 72, 88, 129});
+    SetTabChain({m_loadiso, m_tree, m_table, m_back, m_extractButton});
     QAction* extract = m_menu->addAction(QStringLiteral("Extract(&E)"));
     connect(extract, &QAction::triggered, this, &CPage2::OnExtract);
 }

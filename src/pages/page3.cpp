@@ -72,8 +72,8 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
 
     m_list = new CMyTreeWidget(this);
     m_list->setObjectName(QStringLiteral("list"));
-    m_list->move(11, 48);
-    m_list->setFixedSize(643, 226);
+    m_list->move(10, 156);
+    m_list->setFixedSize(644, 184);
     m_list->setColumnCount(5);
     m_list->setHeaderLabels({QStringLiteral("File Name"), QStringLiteral("File Path"), QStringLiteral(" Size"),
                              QStringLiteral("Type"), QStringLiteral("Time")});
@@ -84,12 +84,17 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     headerFont.setWeight(QFont::Normal);
     m_list->header()->setFont(headerFont);
     m_list->header()->setHighlightSections(false);
+    // Headers and rows as in the extract and edit pages' tables.
+    m_list->header()->setDefaultAlignment(Qt::AlignCenter);
     m_list->setSelectionBehavior(QAbstractItemView::SelectRows);
     m_list->setSelectionMode(QAbstractItemView::SingleSelection);
     m_list->setEditTriggers(QAbstractItemView::NoEditTriggers);
     m_list->setItemDelegate(new NoFocusDelegate(m_list));
     m_list->setContextMenuPolicy(Qt::CustomContextMenu);
     m_list->setStyleSheet(FileListStyle::Table());
+    // The list's own style sheet has no room for a rule of its own; the page's
+    // gives its rows the tables' height.
+    setStyleSheet(QStringLiteral("QTreeView#list::item { height: 30px; }"));
     connect(m_list, &QTreeWidget::customContextMenuRequested, this, &CPage3::OnListContextMenuRequest);
 
     const QString radioStyle = QStringLiteral(
@@ -98,40 +103,41 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     const auto radio = [&](const char* name, const QString& text, int x) {
         auto* button = new QRadioButton(text, this);
         button->setObjectName(QLatin1String(name));
-        button->move(x, 298);
+        button->move(x, 363);
         button->setStyleSheet(radioStyle);
         button->adjustSize();
         return button;
     };
-    m_jolet = radio("jolet", QStringLiteral("ISO9660 Jolet"), 76);
-    m_iso9600 = radio("iso9600", QStringLiteral("ISO9660"), 196);
-    m_udf = radio("udf", QStringLiteral("UDF ISO"), 292);
+    m_jolet = radio("jolet", QStringLiteral("ISO9660 Jolet"), 80);
+    m_iso9600 = radio("iso9600", QStringLiteral("ISO9660"), 190);
+    m_udf = radio("udf", QStringLiteral("UDF ISO"), 272);
     m_jolet->setChecked(true);
 
     auto* gaugeFrame = new QWidget(this);
     gaugeFrame->setObjectName(QStringLiteral("widget"));
-    gaugeFrame->move(11, 333);
-    gaugeFrame->setFixedSize(643, 62);
+    gaugeFrame->move(360, 348);
+    gaugeFrame->setFixedSize(294, 46);
     gaugeFrame->setStyleSheet(QStringLiteral("#widget{border:1px solid #C2EFFD;;}"));
     m_totalsize = new QLabel(QStringLiteral("Total Size: 0KB"), gaugeFrame);
-    m_totalsize->setGeometry(10, 8, 161, 16);
+    m_totalsize->setGeometry(10, 5, 150, 16);
     auto* maxSize = new QLabel(QStringLiteral("Max Size: 5.00 GB"), gaugeFrame);
-    maxSize->setGeometry(643 - 10 - 121, 5, 121, 16);
+    maxSize->setGeometry(294 - 10 - 121, 5, 121, 16);
     maxSize->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     for (QLabel* label : {m_totalsize, maxSize})
         label->setStyleSheet(QStringLiteral("color:#606060; font-size:12px;"));
     m_gauge = new QProgressBar(gaugeFrame);
-    m_gauge->setGeometry(10, 26, 643 - 20, 27);
+    m_gauge->setGeometry(10, 24, 294 - 20, 16);
     m_gauge->setRange(0, 100);
     m_gauge->setValue(0);
     m_gauge->setTextVisible(false);
     m_gauge->setStyleSheet(gaugeStyle(false));
 
-    auto* addfile = MakePictureButton(this, "addfile", QStringLiteral(":/nwu/addfile"), 15, 419);
-    auto* adddir = MakePictureButton(this, "adddir", QStringLiteral(":/nwu/adddir"), 120, 419);
-    auto* remove = MakePictureButton(this, "remove", QStringLiteral(":/nwu/Remove"), 220, 419);
-    auto* back = MakePictureButton(this, "back", QStringLiteral(":/nwu/Back"), 435, 417);
+    auto* addfile = MakePictureButton(this, "addfile", QStringLiteral(":/nwu/addfile"), 10, 112);
+    auto* adddir = MakePictureButton(this, "adddir", QStringLiteral(":/nwu/adddir"), 114, 112);
+    auto* remove = MakePictureButton(this, "remove", QStringLiteral(":/nwu/Remove"), 218, 112);
+    auto* back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 10, 417);
     auto* create = MakePictureButton(this, "create", QStringLiteral(":/nwu/Create-IOS"), 546, 417);
+    SetTabChain({addfile, adddir, remove, m_list, m_jolet, m_iso9600, m_udf, back, create});
     connect(addfile, qOverload<>(&CImageButton::clicked), this, &CPage3::OnAddFile);
     connect(adddir, qOverload<>(&CImageButton::clicked), this, &CPage3::OnAddDir);
     connect(remove, qOverload<>(&CImageButton::clicked), this, &CPage3::OnRemove);

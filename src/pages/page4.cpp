@@ -23,21 +23,10 @@
 #include "ui/inputdialog.h"
 #include "ui/progressdialog.h"
 
-namespace {
-
-constexpr int kDefaultWidth = 854;
-constexpr int kDefaultHeight = 470;
-
-} // namespace
-
-CPage4::CPage4(QWidget* mainWindow)
+CPage4::CPage4(QWidget* /*mainWindow*/)
 {
     setObjectName(QStringLiteral("CPage4"));
     setWindowTitle(QStringLiteral("Dialog"));
-    // The page covers the main window below its header.
-    const QSize size = mainWindow ? QSize(mainWindow->width() - 6, mainWindow->height() - 110)
-                                  : QSize(kDefaultWidth, kDefaultHeight);
-    setFixedSize(size);
     m_progress = new CProgressDialog;
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage4::StopCreate);
     connect(&m_session.Loading(), &CJob::finished, this, &CPage4::OnUnzipFinished);
@@ -70,11 +59,7 @@ CPage4::~CPage4()
 
 void CPage4::InitializeUI()
 {
-    // The picture is drawn scaled to the page, which keeps its own size.
-    const QSize pageSize = size();
     SetBackgroundImage(QStringLiteral(":/nwu/page4"));
-    setFixedSize(pageSize);
-    SetBackgroundColor(Qt::white);
 
     const auto button = [this](const char* name, const char* stem, int x, int y, void (CPage4::*slot)()) {
         CImageButton* made = MakePictureButton(this, name, QLatin1String(stem), x, y);
@@ -82,19 +67,20 @@ void CPage4::InitializeUI()
         m_buttons << made;
         return made;
     };
-    button("loadiso", ":/nwu/loadiso", 11, 16, &CPage4::OnLoadISO);
-    button("add", ":/nwu/Add", 226, 24, &CPage4::OnAdd);
-    button("export_2", ":/nwu/Export", 303, 24, &CPage4::OnExport);
-    button("rename", ":/nwu/Rename", 399, 24, &CPage4::OnRename);
-    button("delete_2", ":/nwu/Delete", 509, 24, &CPage4::OnDelete);
-    button("new_2", ":/nwu/New", 609, 24, &CPage4::OnNew)->hide();
-    button("back", ":/nwu/backwhite", 11, 416, &CPage4::OnBack);
-    button("save", ":/nwu/save", 741, 416, &CPage4::OnSave);
+    button("loadiso", ":/nwu/loadiso", 564, 37, &CPage4::OnLoadISO);
+    button("add", ":/nwu/Add", 10, 112, &CPage4::OnAdd);
+    button("export_2", ":/nwu/Export", 88, 112, &CPage4::OnExport);
+    button("rename", ":/nwu/Rename", 182, 112, &CPage4::OnRename);
+    button("delete_2", ":/nwu/Delete", 284, 112, &CPage4::OnDelete);
+    button("new_2", ":/nwu/New", 378, 112, &CPage4::OnNew)->hide();
+    QList<QWidget*> tabChain(m_buttons.cbegin(), m_buttons.cend());
+    CImageButton* back = button("back", ":/nwu/backwhite", 10, 417, &CPage4::OnBack);
+    CImageButton* save = button("save", ":/nwu/save", 546, 417, &CPage4::OnSave);
 
     m_search = new QLineEdit(this);
     m_search->setObjectName(QStringLiteral("search"));
-    m_search->move(711, 16);
-    m_search->setFixedSize(136, 27);
+    m_search->move(518, 112);
+    m_search->setFixedSize(136, 28);
     m_search->setStyleSheet(QStringLiteral("padding-left:28px;"));
     m_search->setPlaceholderText(QStringLiteral("Search"));
     auto* zoom = new QLabel(m_search);
@@ -108,15 +94,18 @@ void CPage4::InitializeUI()
     zoom->setStyleSheet(QStringLiteral("padding:0px;"));
     connect(m_search, &QLineEdit::textChanged, this, &CPage4::OnSearch);
 
-    MakeContentsViews(QRect(11, 58, 179, 338), FileListStyle::Table(), QRect(190, 58, 658, 338),
-                      {236, 80, 164, 176});
+    MakeContentsViews(QRect(10, 148, 213, 246), FileListStyle::FolderTree(), QRect(223, 148, 431, 246),
+                      {140, 72, 88, 129});
+    tabChain << m_search << m_tree << m_table << back << save;
+    SetTabChain(tabChain);
 
     // A line between Back and Save says how the image will be saved, and
     // while a working copy is being filled, how far it is.
     m_status = new QLabel(this);
     m_status->setObjectName(QStringLiteral("status"));
-    m_status->setGeometry(130, 424, 590, 20);
+    m_status->setGeometry(120, 417, 416, 40);
     m_status->setAlignment(Qt::AlignCenter);
+    m_status->setWordWrap(true);
     m_status->setStyleSheet(QStringLiteral("color:#606060; font-size:12px;"));
     m_status->hide();
     m_statusTimer = new QTimer(this);

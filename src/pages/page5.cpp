@@ -34,6 +34,7 @@ CPage5::CPage5(QWidget* /*mainWindow*/) : ImageDialog(false)
         MakePictureButton(this, "browser", QStringLiteral(":/nwu/filedialog"), 508, 334);
     auto* back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 10, 417);
     auto* start = MakePictureButton(this, "start", QStringLiteral(":/nwu/start"), 546, 417);
+    SetTabChain({m_dvdlist, eject, m_formatlist, m_lineEdit, browser, back, start});
 
     m_progress = new CProgressDialog;
     m_drives = new COpticalList(m_dvdlist);

@@ -114,6 +114,12 @@ void ImageDialog::SetBackgroundColor(const QColor& color)
     setAutoFillBackground(true);
 }
 
+void ImageDialog::SetTabChain(const QList<QWidget*>& widgets)
+{
+    for (qsizetype i = 1; i < widgets.size(); ++i)
+        setTabOrder(widgets[i - 1], widgets[i]);
+}
+
 void ImageDialog::SetMovable(bool movable)
 {
     m_movable = movable;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDialog>
+#include <QList>
 #include <QPoint>
 #include <QRegion>
 #include <QString>
@@ -51,6 +52,9 @@ public:
     bool IsDragging() const { return m_dragging; }
 
 protected:
+    // Tab goes through `widgets` in the order given.
+    static void SetTabChain(const QList<QWidget*>& widgets);
+
     void mousePressEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void mouseMoveEvent(QMouseEvent* event) override;
