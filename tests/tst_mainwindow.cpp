@@ -1,5 +1,6 @@
 #include <QtTest>
 
+#include <QLabel>
 #include <QMenu>
 
 #include "app/application.h"
@@ -40,17 +41,42 @@ void TestMainWindow::featureButtonOpensFreshPage_data()
 {
     QTest::addColumn<QString>("button");
     QTest::addColumn<QString>("pageClass");
-    QTest::newRow("burn") << "burn" << "CBurnDialog";
-    QTest::newRow("extract") << "extract" << "CPage2";
-    QTest::newRow("create") << "create" << "CPage3";
-    QTest::newRow("edit") << "edit" << "CPage4";
-    QTest::newRow("copy") << "copy" << "CPage5";
+    QTest::addColumn<QString>("action");
+    QTest::newRow("burn") << "burn"
+                          << "CBurnDialog"
+                          << "burn";
+    QTest::newRow("extract") << "extract"
+                             << "CPage2"
+                             << "extract";
+    QTest::newRow("create") << "create"
+                            << "CPage3"
+                            << "create";
+    QTest::newRow("edit") << "edit"
+                          << "CPage4"
+                          << "save";
+    QTest::newRow("copy") << "copy"
+                          << "CPage5"
+                          << "start";
+}
+
+// The controls Tab visits on `page`, in the order it visits them.
+static QList<QWidget*> tabStops(QWidget* page)
+{
+    QList<QWidget*> stops;
+    for (QWidget* widget = page->nextInFocusChain(); widget != page;
+         widget = widget->nextInFocusChain()) {
+        if (page->isAncestorOf(widget) && widget->isVisibleTo(page) &&
+            (widget->focusPolicy() & Qt::TabFocus))
+            stops << widget;
+    }
+    return stops;
 }
 
 void TestMainWindow::featureButtonOpensFreshPage()
 {
     QFETCH(QString, button);
     QFETCH(QString, pageClass);
+    QFETCH(QString, action);
     MainWindow window;
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
@@ -70,6 +96,23 @@ void TestMainWindow::featureButtonOpensFreshPage()
     // The page lives inside the window; dragging it must not tear it out.
     QVERIFY(!first->isWindow());
     QVERIFY(!first->IsMovable());
+    // The side panel beside the page stays in view.
+    QVERIFY(!first->geometry().intersects(window.findChild<QLabel*>("hint")->geometry()));
+
+    // Tab reads the page as a person does, row by row and left to right
+    // within a row, and ends on Back and then the page's action.
+    const QList<QWidget*> stops = tabStops(first);
+    QVERIFY(stops.size() >= 3);
+    QCOMPARE(stops.at(stops.size() - 2)->objectName(), QStringLiteral("back"));
+    QCOMPARE(stops.constLast()->objectName(), action);
+    for (int i = 1; i < stops.size(); ++i) {
+        const QRect before = stops.at(i - 1)->geometry();
+        const QRect after = stops.at(i)->geometry();
+        const bool sameRow = before.top() <= after.bottom() && after.top() <= before.bottom();
+        QVERIFY2(
+            sameRow ? before.left() < after.left() : before.top() < after.top(),
+            qPrintable(stops.at(i - 1)->objectName() + " before " + stops.at(i)->objectName()));
+    }
 
     // Back takes the page away for good; a second click gives a fresh page.
     auto* back = first->findChild<CImageButton*>("back");

@@ -217,7 +217,8 @@ void MainWindow::onCreate()
 
 void MainWindow::onEdit()
 {
-    ShowPage(new CPage4(this), kPageX, kPageY, QStringLiteral("Open an image, change its files, then press Save."));
+    ShowPage(new CPage4(this), kPageX, kPageY,
+             QStringLiteral("Open an image, change its files, then press Save."));
 }
 
 void MainWindow::onCopy()

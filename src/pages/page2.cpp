@@ -59,8 +59,8 @@ void CPage2::InitializeUI()
 
     // Quarters of the width would cut the 19-character time text short; the
     // columns are sized to what they hold instead, together the same width.
-    MakeContentsViews(QRect(10, 112, 213, 282), FileListStyle::FolderTree(), QRect(223, 112, 431, 282),
-                      {140, 72, 88, 129});
+    MakeContentsViews(QRect(10, 112, 213, 282), FileListStyle::FolderTree(),
+                      QRect(223, 112, 431, 282), {140, 72, 88, 129});
     SetTabChain({m_loadiso, m_tree, m_table, m_back, m_extractButton});
     QAction* extract = m_menu->addAction(QStringLiteral("Extract(&E)"));
     connect(extract, &QAction::triggered, this, &CPage2::OnExtract);

@@ -94,8 +94,8 @@ void CPage4::InitializeUI()
     zoom->setStyleSheet(QStringLiteral("padding:0px;"));
     connect(m_search, &QLineEdit::textChanged, this, &CPage4::OnSearch);
 
-    MakeContentsViews(QRect(10, 148, 213, 246), FileListStyle::FolderTree(), QRect(223, 148, 431, 246),
-                      {140, 72, 88, 129});
+    MakeContentsViews(QRect(10, 148, 213, 246), FileListStyle::FolderTree(),
+                      QRect(223, 148, 431, 246), {140, 72, 88, 129});
     tabChain << m_search << m_tree << m_table << back << save;
     SetTabChain(tabChain);
 
