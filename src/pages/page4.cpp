@@ -72,7 +72,6 @@ void CPage4::InitializeUI()
     button("export_2", ":/nwu/Export", 88, 112, &CPage4::OnExport);
     button("rename", ":/nwu/Rename", 182, 112, &CPage4::OnRename);
     button("delete_2", ":/nwu/Delete", 284, 112, &CPage4::OnDelete);
-    button("new_2", ":/nwu/New", 378, 112, &CPage4::OnNew)->hide();
     QList<QWidget*> tabChain(m_buttons.cbegin(), m_buttons.cend());
     CImageButton* back = button("back", ":/nwu/backwhite", 10, 417, &CPage4::OnBack);
     CImageButton* save = button("save", ":/nwu/save", 546, 417, &CPage4::OnSave);
@@ -130,7 +129,6 @@ void CPage4::InitializeUI()
     action(QStringLiteral("Rename(&R)"), &CPage4::OnRename, QKeySequence(Qt::Key_F2));
     action(QStringLiteral("Delete(&D)"), &CPage4::OnDelete, QKeySequence(QKeySequence::Delete));
     // New has nothing to make: shown, but not offered.
-    action(QStringLiteral("New(&N)"), &CPage4::OnNew, QKeySequence())->setEnabled(false);
 }
 
 void CPage4::SetButtonsEnabled(bool enabled)
@@ -350,8 +348,6 @@ void CPage4::OnDelete()
     m_session.Remove(doomed);
     FillTable();
 }
-
-void CPage4::OnNew() {}
 
 void CPage4::OnBack()
 {

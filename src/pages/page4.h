@@ -51,7 +51,6 @@ public Q_SLOTS:
     void OnExport();
     void OnRename();
     void OnDelete();
-    void OnNew();
     void OnBack();
     void OnSave();
     void StopCreate();
