@@ -61,8 +61,9 @@ double timeWorker(const QString& source, const QString& target, bool isFile)
 void report(const char* what, qint64 bytes, double cp, double brenta)
 {
     const double mb = double(bytes) / (1024.0 * 1024.0);
-    std::printf("%-26s cp %7.2f s (%7.1f MiB/s)   worker %7.2f s (%7.1f MiB/s)   %5.1f%% of cp's speed\n", what,
-                cp, mb / cp, brenta, mb / brenta, 100.0 * cp / brenta);
+    std::printf(
+        "%-26s cp %7.2f s (%7.1f MiB/s)   worker %7.2f s (%7.1f MiB/s)   %5.1f%% of cp's speed\n",
+        what, cp, mb / cp, brenta, mb / brenta, 100.0 * cp / brenta);
     std::fflush(stdout);
 }
 
@@ -71,7 +72,8 @@ void report(const char* what, qint64 bytes, double cp, double brenta)
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
-    QTemporaryDir scratch(argc > 1 ? QString::fromLocal8Bit(argv[1]) + QStringLiteral("/bench-copy-XXXXXX")
+    QTemporaryDir scratch(argc > 1 ? QString::fromLocal8Bit(argv[1]) +
+                                         QStringLiteral("/bench-copy-XXXXXX")
                                    : QDir::tempPath() + QStringLiteral("/bench-copy-XXXXXX"));
     const QDir root(scratch.path());
 
@@ -95,11 +97,13 @@ int main(int argc, char** argv)
     for (int round = 0; round < 4; ++round) {
         // Alternate who goes first.
         if (round % 2 == 0) {
-            workerBig = qMin(workerBig, timeWorker(big, root.filePath(QStringLiteral("worker-big.bin")), true));
+            workerBig = qMin(
+                workerBig, timeWorker(big, root.filePath(QStringLiteral("worker-big.bin")), true));
             cpBig = qMin(cpBig, timeCp(big, root.filePath(QStringLiteral("cp-big.bin"))));
         } else {
             cpBig = qMin(cpBig, timeCp(big, root.filePath(QStringLiteral("cp-big.bin"))));
-            workerBig = qMin(workerBig, timeWorker(big, root.filePath(QStringLiteral("worker-big.bin")), true));
+            workerBig = qMin(
+                workerBig, timeWorker(big, root.filePath(QStringLiteral("worker-big.bin")), true));
         }
         QFile::remove(root.filePath(QStringLiteral("worker-big.bin")));
         QFile::remove(root.filePath(QStringLiteral("cp-big.bin")));
@@ -126,7 +130,8 @@ int main(int argc, char** argv)
         const QString target = root.filePath(QStringLiteral("worker%1").arg(round));
         QDir().mkpath(target);
         workerSmall = qMin(workerSmall, timeWorker(small, target, false));
-        cpSmall = qMin(cpSmall, timeCp(small, root.filePath(QStringLiteral("cp-small%1").arg(round))));
+        cpSmall =
+            qMin(cpSmall, timeCp(small, root.filePath(QStringLiteral("cp-small%1").arg(round))));
     }
     report("20,000 small files", smallSize, cpSmall, workerSmall);
 

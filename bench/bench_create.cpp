@@ -25,8 +25,7 @@ double seconds(const QElapsedTimer& timer)
     return double(timer.nsecsElapsed()) / 1e9;
 }
 
-template <typename Job>
-void waitFor(Job& job)
+template <typename Job> void waitFor(Job& job)
 {
     QEventLoop loop;
     QObject::connect(&job, &Job::finished, &loop, &QEventLoop::quit);
@@ -76,8 +75,9 @@ int main(int argc, char** argv)
     const QString direct = root.filePath(QStringLiteral("direct.iso"));
     const double directSeconds = timed([&] {
         QProcess::execute(QStandardPaths::findExecutable(QStringLiteral("genisoimage")),
-                          {QStringLiteral("-quiet"), QStringLiteral("-joliet"), QStringLiteral("-R"),
-                           QStringLiteral("-joliet-long"), QStringLiteral("-o"), direct, source});
+                          {QStringLiteral("-quiet"), QStringLiteral("-joliet"),
+                           QStringLiteral("-R"), QStringLiteral("-joliet-long"),
+                           QStringLiteral("-o"), direct, source});
     });
     QFile::remove(direct);
 
@@ -98,7 +98,9 @@ int main(int argc, char** argv)
     });
 
     std::printf("genisoimage directly:            %6.2f s\n", directSeconds);
-    std::printf("Brenta, build (copies done):     %6.2f s  (%.2f times)\n", buildSeconds, buildSeconds / directSeconds);
-    std::printf("Brenta, copy and build:          %6.2f s  (%.2f times)\n", wholeSeconds, wholeSeconds / directSeconds);
+    std::printf("Brenta, build (copies done):     %6.2f s  (%.2f times)\n", buildSeconds,
+                buildSeconds / directSeconds);
+    std::printf("Brenta, copy and build:          %6.2f s  (%.2f times)\n", wholeSeconds,
+                wholeSeconds / directSeconds);
     return 0;
 }

@@ -164,8 +164,8 @@ int main(int argc, char** argv)
     table.resize(431, 350);
     table.show();
     QTreeWidget tree;
-    std::printf("%-6s %8s %8s %10s %10s %7s %12s %10s %9s\n", "shape", "entries", "tool ms", "brenta ms",
-                "share %", "growth", "end-to-end", "table ms", "B/entry");
+    std::printf("%-6s %8s %8s %10s %10s %7s %12s %10s %9s\n", "shape", "entries", "tool ms",
+                "brenta ms", "share %", "growth", "end-to-end", "table ms", "B/entry");
     // The first pass pays for loading fonts, icons and the MIME database; it
     // runs on a small image and is not reported.
     bool warmUp = true;
@@ -183,20 +183,22 @@ int main(int argc, char** argv)
                            QStringLiteral("-joliet-long"),
                            // Level 4 keeps the builder from mangling 8.3 names,
                            // which takes it quadratic time in a wide folder.
-                           QStringLiteral("-iso-level"), QStringLiteral("4"), QStringLiteral("-o"), image,
-                           root});
+                           QStringLiteral("-iso-level"), QStringLiteral("4"), QStringLiteral("-o"),
+                           image, root});
             builder.waitForFinished(-1);
             if (builder.exitCode() != 0) {
-                std::fprintf(stderr, "genisoimage failed: %s\n", builder.readAllStandardError().constData());
+                std::fprintf(stderr, "genisoimage failed: %s\n",
+                             builder.readAllStandardError().constData());
                 return 1;
             }
             const Figures f = measure(image, table, model, tree);
             if (warmUp)
                 continue;
             const double growth = previous > 0 ? f.brentaMs / previous : 0;
-            std::printf("%-6s %8lld %8.0f %10.0f %9.1f%% %7.2f %12.0f %10.0f %9.0f\n", wide ? "wide" : "deep",
-                        static_cast<long long>(f.entries), f.toolMs, f.brentaMs, 100.0 * f.brentaMs / f.toolMs,
-                        growth, f.endToEndMs, f.tableMs, f.bytesPerEntry);
+            std::printf("%-6s %8lld %8.0f %10.0f %9.1f%% %7.2f %12.0f %10.0f %9.0f\n",
+                        wide ? "wide" : "deep", static_cast<long long>(f.entries), f.toolMs,
+                        f.brentaMs, 100.0 * f.brentaMs / f.toolMs, growth, f.endToEndMs, f.tableMs,
+                        f.bytesPerEntry);
             std::fflush(stdout);
             previous = f.brentaMs;
         }

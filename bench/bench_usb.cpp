@@ -50,7 +50,8 @@ QString shell(const QString& command, int* code = nullptr)
     if (code)
         *code = process.exitCode();
     else if (process.exitCode() != 0)
-        std::fprintf(stderr, "failed: %s\n%s\n", qPrintable(command), process.readAll().right(600).constData());
+        std::fprintf(stderr, "failed: %s\n%s\n", qPrintable(command),
+                     process.readAll().right(600).constData());
     return QString::fromUtf8(process.readAll());
 }
 
@@ -72,7 +73,9 @@ QString makeImage(const QString& folder)
     for (int i = 0; i < 2000; ++i) {
         const QString dir = source + QStringLiteral("/folder%1").arg(i % 40);
         QDir().mkpath(dir);
-        const qint64 size = i == 1999 ? total - written : qMin<qint64>(4096 + random.bounded(1 << 20), total - written);
+        const qint64 size = i == 1999
+                                ? total - written
+                                : qMin<qint64>(4096 + random.bounded(1 << 20), total - written);
         QFile file(dir + QStringLiteral("/file%1.bin").arg(i));
         file.open(QIODevice::WriteOnly);
         block[0] = char(i);
@@ -220,7 +223,8 @@ Steps imageWithBrenta(const QString& image, const QString& loop)
 {
     CUsbBurnJob job;
     StepClock clock;
-    QObject::connect(&job, &CUsbBurnJob::phase, [&](CUsbBurnJob::Phase phase) { clock.Enter(phase); });
+    QObject::connect(&job, &CUsbBurnJob::phase,
+                     [&](CUsbBurnJob::Phase phase) { clock.Enter(phase); });
     CUsbBurnJob::Options options;
     options.image = image;
     options.device = loop;
@@ -243,7 +247,8 @@ Steps imageToSeveral(const QString& image, const QStringList& loops)
     QSignalSpy finished(&job, &CUsbMultiBurnJob::finished);
     StepClock clock;
     // The job shows the stick furthest behind, so a phase ends for the last stick.
-    QObject::connect(&job, &CUsbMultiBurnJob::phase, [&](CUsbBurnJob::Phase phase) { clock.Enter(phase); });
+    QObject::connect(&job, &CUsbMultiBurnJob::phase,
+                     [&](CUsbBurnJob::Phase phase) { clock.Enter(phase); });
     CUsbBurnJob::Options options;
     options.image = image;
     options.autoMode = false;
@@ -312,38 +317,46 @@ Steps burnByHand(const QString& image, const QString& loop, const QString& fs, c
     const QString part = loop + QStringLiteral("p1");
     const QString mount = work + QStringLiteral("/hand-mount");
     QDir().mkpath(mount);
-    const QString mkfs = fs == QLatin1String("ntfs")    ? QStringLiteral("mkntfs -Q -L BENCH '%1'")
-                         : fs == QLatin1String("exfat") ? QStringLiteral("mkfs.exfat -L BENCH '%1'")
-                                                        : QStringLiteral("mkfs.vfat -F 32 -n BENCH '%1'");
+    const QString mkfs = fs == QLatin1String("ntfs") ? QStringLiteral("mkntfs -Q -L BENCH '%1'")
+                         : fs == QLatin1String("exfat")
+                             ? QStringLiteral("mkfs.exfat -L BENCH '%1'")
+                             : QStringLiteral("mkfs.vfat -F 32 -n BENCH '%1'");
     const QString mountCommand =
-        fs == QLatin1String("ntfs")    ? QStringLiteral("ntfs-3g '%1' '%2'")
-        : fs == QLatin1String("exfat") ? QStringLiteral("mount -t exfat '%1' '%2' 2>/dev/null || mount.exfat-fuse '%1' '%2'")
-                                       : QStringLiteral("mount -t vfat '%1' '%2' 2>/dev/null || fusefat -o rw+ '%1' '%2'");
+        fs == QLatin1String("ntfs") ? QStringLiteral("ntfs-3g '%1' '%2'")
+        : fs == QLatin1String("exfat")
+            ? QStringLiteral("mount -t exfat '%1' '%2' 2>/dev/null || mount.exfat-fuse '%1' '%2'")
+            : QStringLiteral("mount -t vfat '%1' '%2' 2>/dev/null || fusefat -o rw+ '%1' '%2'");
     const QString type = fs == QLatin1String("fat32") ? QStringLiteral("c") : QStringLiteral("7");
     ::sync();
     QElapsedTimer timer;
     timer.start();
-    shell(QStringLiteral("wipefs -a '%1' >/dev/null && printf 'label: dos\\nstart=1MiB, type=%2, bootable\\n' | "
-                         "sfdisk -q '%1' && partx -u '%1'; udevadm settle 2>/dev/null; ")
-              .arg(loop, type)
-          + mkfs.arg(part) + QStringLiteral(" >/dev/null && ") + mountCommand.arg(part, mount));
+    shell(
+        QStringLiteral(
+            "wipefs -a '%1' >/dev/null && printf 'label: dos\\nstart=1MiB, type=%2, bootable\\n' | "
+            "sfdisk -q '%1' && partx -u '%1'; udevadm settle 2>/dev/null; ")
+            .arg(loop, type) +
+        mkfs.arg(part) + QStringLiteral(" >/dev/null && ") + mountCommand.arg(part, mount));
     steps[QStringLiteral("1 format")] = seconds(timer);
     timer.restart();
-    shell(QStringLiteral("printf 'search --file --set=root /bootmgr\\nntldr /bootmgr\\nboot\\n' > '%1/early.cfg' && "
-                         "grub-mkimage -O i386-pc -o '%1/core.img' -c '%1/early.cfg' -p '(,msdos1)/boot/grub' "
-                         "biosdisk part_msdos fat exfat ntfs search search_fs_file ntldr && "
-                         "dd if='%1/core.img' of='%2' bs=512 seek=1 conv=notrunc,fsync status=none && "
-                         "dd if=/usr/lib/grub/i386-pc/boot.img of='%2' bs=440 count=1 conv=notrunc,fsync status=none")
+    shell(QStringLiteral(
+              "printf 'search --file --set=root /bootmgr\\nntldr /bootmgr\\nboot\\n' > "
+              "'%1/early.cfg' && "
+              "grub-mkimage -O i386-pc -o '%1/core.img' -c '%1/early.cfg' -p '(,msdos1)/boot/grub' "
+              "biosdisk part_msdos fat exfat ntfs search search_fs_file ntldr && "
+              "dd if='%1/core.img' of='%2' bs=512 seek=1 conv=notrunc,fsync status=none && "
+              "dd if=/usr/lib/grub/i386-pc/boot.img of='%2' bs=440 count=1 conv=notrunc,fsync "
+              "status=none")
               .arg(work, loop));
     steps[QStringLiteral("2 boot code")] = seconds(timer);
     timer.restart();
     shell(QStringLiteral("7z x -y -o'%1' -x'![BOOT]' -- '%2' >/dev/null").arg(mount, image));
     steps[QStringLiteral("3 contents")] = seconds(timer);
     timer.restart();
-    shell(QStringLiteral("sync; umount '%1' && ").arg(mount) + mountCommand.arg(part, mount)
-          + QStringLiteral(" && (cd '%1' && find . -type f -print0 | xargs -0 sha256sum > /dev/null) & "
-                           "7z x -so -- '%2' | sha256sum > /dev/null; wait")
-                .arg(mount, image));
+    shell(
+        QStringLiteral("sync; umount '%1' && ").arg(mount) + mountCommand.arg(part, mount) +
+        QStringLiteral(" && (cd '%1' && find . -type f -print0 | xargs -0 sha256sum > /dev/null) & "
+                       "7z x -so -- '%2' | sha256sum > /dev/null; wait")
+            .arg(mount, image));
     steps[QStringLiteral("4 verify")] = seconds(timer);
     timer.restart();
     shell(QStringLiteral("sync; umount '%1'; sync").arg(mount));
@@ -387,7 +400,8 @@ int main(int argc, char** argv)
     qputenv("BRENTA_TOOLS_DIR", tools.toUtf8());
 
     const QString image = imageMode ? makeRandomImage(folder) : makeImage(folder);
-    std::printf("image %s: %.2f GiB\n", qPrintable(image), double(QFileInfo(image).size()) / (1 << 30));
+    std::printf("image %s: %.2f GiB\n", qPrintable(image),
+                double(QFileInfo(image).size()) / (1 << 30));
     const QString backing = folder + QStringLiteral("/bench-stick.img");
 
     for (int run = 1; run <= runs; ++run) {

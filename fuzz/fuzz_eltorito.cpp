@@ -12,7 +12,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const auto read = [data, size](qint64 offset, int length, char* buffer) {
-        if (offset < 0 || length < 0 || quint64(offset) > size || size - quint64(offset) < quint64(length))
+        if (offset < 0 || length < 0 || quint64(offset) > size ||
+            size - quint64(offset) < quint64(length))
             return false;
         std::memcpy(buffer, data + offset, size_t(length));
         return true;
@@ -25,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         // And measure each boot image as a save does: never past the image.
         const auto measure = [&](const ElTorito::Entry& entry, bool efi) {
             const BootSetup::Measure m = BootSetup::MeasureEntry(entry, efi, read, qint64(size));
-            if (m.length < 0 || (m.length > 0 && qint64(entry.loadRba) * 2048 + m.length > qint64(size)))
+            if (m.length < 0 ||
+                (m.length > 0 && qint64(entry.loadRba) * 2048 + m.length > qint64(size)))
                 __builtin_trap();
         };
         measure(catalog->defaultEntry, false);

@@ -107,24 +107,31 @@ void TestBootSetup::measures_data()
     QTest::addColumn<bool>("infoTable");
 
     const QByteArray plain(kSector, 'x');
-    QTest::newRow("no emulation, self-contained") << plain << 64 << 0 << 4 << false << qint64(2048) << false;
+    QTest::newRow("no emulation, self-contained")
+        << plain << 64 << 0 << 4 << false << qint64(2048) << false;
     QTest::newRow("no emulation, count 0") << plain << 64 << 0 << 0 << false << qint64(0) << false;
-    QTest::newRow("boot-info table") << infoTableLoader(9000, kBootRba, true) << 64 << 0 << 4 << false
-                                     << qint64(9000) << true;
+    QTest::newRow("boot-info table")
+        << infoTableLoader(9000, kBootRba, true) << 64 << 0 << 4 << false << qint64(9000) << true;
     QTest::newRow("boot-info table, wrong checksum: the load size counts")
         << infoTableLoader(9000, kBootRba, false) << 64 << 0 << 4 << false << qint64(2048) << false;
     QTest::newRow("boot-info table naming another sector")
-        << infoTableLoader(9000, kBootRba + 1, true) << 64 << 0 << 4 << false << qint64(2048) << false;
+        << infoTableLoader(9000, kBootRba + 1, true) << 64 << 0 << 4 << false << qint64(2048)
+        << false;
     QTest::newRow("1.44M diskette") << plain << 1000 << 2 << 1 << false << qint64(1474560) << false;
     QTest::newRow("diskette past the end") << plain << 64 << 2 << 1 << false << qint64(0) << false;
-    QTest::newRow("hard disk ends with its partition") << mbrHead(1, 255) << 200 << 4 << 1 << false
-                                                       << qint64(256 * 512) << false;
-    QTest::newRow("hard disk without partition table") << plain << 200 << 4 << 1 << false << qint64(0) << false;
-    QTest::newRow("EFI FAT, small count") << fatHead(512, 200, 0) << 64 << 0 << 1 << true << qint64(102400) << false;
-    QTest::newRow("EFI FAT, large count") << fatHead(2048, 0, 40) << 64 << 0 << 0 << true << qint64(81920) << false;
-    QTest::newRow("EFI, not FAT: the count counts") << plain << 64 << 0 << 8 << true << qint64(4096) << false;
+    QTest::newRow("hard disk ends with its partition")
+        << mbrHead(1, 255) << 200 << 4 << 1 << false << qint64(256 * 512) << false;
+    QTest::newRow("hard disk without partition table")
+        << plain << 200 << 4 << 1 << false << qint64(0) << false;
+    QTest::newRow("EFI FAT, small count")
+        << fatHead(512, 200, 0) << 64 << 0 << 1 << true << qint64(102400) << false;
+    QTest::newRow("EFI FAT, large count")
+        << fatHead(2048, 0, 40) << 64 << 0 << 0 << true << qint64(81920) << false;
+    QTest::newRow("EFI, not FAT: the count counts")
+        << plain << 64 << 0 << 8 << true << qint64(4096) << false;
     QTest::newRow("unknown emulation") << plain << 64 << 7 << 4 << false << qint64(0) << false;
-    QTest::newRow("boot image beyond the end") << plain << 4 << 0 << 4 << false << qint64(0) << false;
+    QTest::newRow("boot image beyond the end")
+        << plain << 4 << 0 << 4 << false << qint64(0) << false;
 }
 
 void TestBootSetup::measures()
@@ -153,14 +160,18 @@ void TestBootSetup::measures()
 void TestBootSetup::carriesEveryEntryOver_data()
 {
     QTest::addColumn<QStringList>("options");
-    QTest::addColumn<QStringList>("images");  // "NAME=FILE": the boot image's name and the file it is
+    QTest::addColumn<QStringList>(
+        "images"); // "NAME=FILE": the boot image's name and the file it is
     QTest::addColumn<int>("problems");
-    QTest::addColumn<QStringList>("rebuilt"); // "PLATFORM FILE" of the saved image, in catalogue order
+    QTest::addColumn<QStringList>(
+        "rebuilt"); // "PLATFORM FILE" of the saved image, in catalogue order
     using namespace BootCatalogs;
-    QTest::newRow("two BIOS entries") << kTwoBios << QStringList{"boot.bin=a.bin", "boot2.bin=b.bin"} << 0
-                                      << QStringList{"BIOS a.bin", "BIOS b.bin"};
-    QTest::newRow("UEFI default entry") << kUefiDefault << QStringList{"efiboot.img=efi.img", "boot.bin=a.bin"} << 0
-                                        << QStringList{"EFI efi.img", "BIOS a.bin"};
+    QTest::newRow("two BIOS entries")
+        << kTwoBios << QStringList{"boot.bin=a.bin", "boot2.bin=b.bin"} << 0
+        << QStringList{"BIOS a.bin", "BIOS b.bin"};
+    QTest::newRow("UEFI default entry")
+        << kUefiDefault << QStringList{"efiboot.img=efi.img", "boot.bin=a.bin"} << 0
+        << QStringList{"EFI efi.img", "BIOS a.bin"};
     // The builder makes no PowerPC or Mac entries: the save says so.
     QTest::newRow("PowerPC and Mac sections")
         << kPowerPcAndMac << QStringList{"boot.bin=a.bin"} << 2 << QStringList{"BIOS a.bin"};
@@ -207,15 +218,16 @@ void TestBootSetup::carriesEveryEntryOver()
     QProcess builder;
     builder.setProcessChannelMode(QProcess::MergedChannels);
     builder.start(ToolLocator::Find(ToolLocator::Tool::ImageBuilder),
-                  ImageBuild::EditArguments("SAVED", BootSetup::Arguments(plan, "boot.catalog"), output,
-                                            dir.filePath("boot-tree/docs"), rootFiles));
+                  ImageBuild::EditArguments("SAVED", BootSetup::Arguments(plan, "boot.catalog"),
+                                            output, dir.filePath("boot-tree/docs"), rootFiles));
     QVERIFY(builder.waitForFinished(120000));
     QVERIFY2(builder.exitCode() == 0, builder.readAll().constData());
     const std::optional<ElTorito::Catalog> catalog = ElTorito::ReadFile(output);
     QVERIFY(catalog);
     QStringList saved;
     for (const ElTorito::Entry& entry : catalog->entries)
-        saved << ElTorito::PlatformName(entry.platform) + ' ' + BootCatalogs::FileAt(tree, output, entry.loadRba);
+        saved << ElTorito::PlatformName(entry.platform) + ' ' +
+                     BootCatalogs::FileAt(tree, output, entry.loadRba);
     QCOMPARE(saved, rebuilt);
 }
 
@@ -241,8 +253,18 @@ void TestBootSetup::infoTableOfAnyLength()
     const QString tree = dir.filePath("tree");
     QVERIFY(IsoFixture::WriteTree(tree, {{"boot/loader.bin", BootCatalogs::pattern(length, 4)}}));
     const QString image = dir.filePath("image.iso");
-    QStringList arguments{"-quiet", "-o", image, "-b", "boot/loader.bin", "-no-emul-boot", "-boot-load-size", "4",
-                          "-boot-info-table", "-c", "boot/boot.cat", tree};
+    QStringList arguments{"-quiet",
+                          "-o",
+                          image,
+                          "-b",
+                          "boot/loader.bin",
+                          "-no-emul-boot",
+                          "-boot-load-size",
+                          "4",
+                          "-boot-info-table",
+                          "-c",
+                          "boot/boot.cat",
+                          tree};
     if (builder == "xorriso")
         arguments = QStringList{"-as", "mkisofs"} + arguments;
     QString error;
@@ -259,11 +281,13 @@ void TestBootSetup::infoTableOfAnyLength()
 // must the backslash that escapes it.
 void TestBootSetup::editArgumentsEscapeGraftPoints()
 {
-    const QStringList arguments = ImageBuild::EditArguments(
-        "-MY DISC", {"-b", "boot.bin"}, "/out/-new.iso", "/tmp/a=b", {{"boot.bin", "/tmp/x\\y=z/boot.bin"}});
+    const QStringList arguments =
+        ImageBuild::EditArguments("-MY DISC", {"-b", "boot.bin"}, "/out/-new.iso", "/tmp/a=b",
+                                  {{"boot.bin", "/tmp/x\\y=z/boot.bin"}});
     QCOMPARE(arguments.mid(arguments.indexOf("-graft-points") + 1),
              (QStringList{"/=/tmp/a\\=b", "boot.bin=/tmp/x\\\\y\\=z/boot.bin"}));
-    QCOMPARE(ImageBuild::ParseProgress(" 45.67% done, estimate finish Mon", true), std::optional<int>(4567));
+    QCOMPARE(ImageBuild::ParseProgress(" 45.67% done, estimate finish Mon", true),
+             std::optional<int>(4567));
 }
 
 QTEST_GUILESS_MAIN(TestBootSetup)

@@ -38,7 +38,11 @@ namespace {
 using BootLoaders::kBiosMarker;
 using BootLoaders::kUefiMarker;
 
-enum class Firmware { Bios, Uefi };
+enum class Firmware
+{
+    Bios,
+    Uefi
+};
 
 // Debian's OVMF: the firmware and the template of its variable store.
 const QString kOvmfCode = QStringLiteral("/usr/share/OVMF/OVMF_CODE.fd");
@@ -121,19 +125,24 @@ struct Boot
 };
 
 // The firmware's and GRUB's ways of saying they found nothing to start.
-const QList<QByteArray> kFailures{"grub rescue>", "Boot failed", "EFI Internal Shell", "No bootable option"};
+const QList<QByteArray> kFailures{"grub rescue>", "Boot failed", "EFI Internal Shell",
+                                  "No bootable option"};
 
 // Boots `disk` and collects what reaches COM1 until `expected` or one of the
 // failures appears, QEMU stops, or the time is up.
-Boot bootStick(Firmware firmware, const QString& disk, const QString& work, const QByteArray& expected,
-               bool cdrom = false)
+Boot bootStick(Firmware firmware, const QString& disk, const QString& work,
+               const QByteArray& expected, bool cdrom = false)
 {
     const QList<QByteArray> ends = QList<QByteArray>{expected} + kFailures;
     const int timeoutMs = firmware == Firmware::Bios ? 30000 : 60000;
     // Plain emulation: these boots take a second or a few either way, and a
     // /dev/kvm under nested virtualisation may hang in GRUB or crash OVMF.
-    QStringList arguments{"-accel", "tcg", "-nodefaults", "-display", "none", "-no-reboot", "-serial", "stdio",
-                          "-drive", "file=" + disk + ",format=raw,if=ide" + (cdrom ? ",media=cdrom" : "")};
+    QStringList arguments{
+        "-accel",      "tcg",
+        "-nodefaults", "-display",
+        "none",        "-no-reboot",
+        "-serial",     "stdio",
+        "-drive",      "file=" + disk + ",format=raw,if=ide" + (cdrom ? ",media=cdrom" : "")};
     QString program;
     if (firmware == Firmware::Bios) {
         program = systemTool("qemu-system-i386");
@@ -143,16 +152,23 @@ Boot bootStick(Firmware firmware, const QString& disk, const QString& work, cons
         port.open(QIODevice::WriteOnly);
         port.write(QByteArray("\xf8\x03\0\0", 4));
         port.close();
-        arguments << "-m" << "64" << "-fw_cfg" << "name=etc/sercon-port,file=" + port.fileName();
+        arguments << "-m"
+                  << "64"
+                  << "-fw_cfg"
+                  << "name=etc/sercon-port,file=" + port.fileName();
         if (cdrom)
-            arguments << "-boot" << "d";
+            arguments << "-boot"
+                      << "d";
     } else {
         program = systemTool("qemu-system-x86_64");
         const QString vars = work + "/ovmf-vars.fd";
         QFile::remove(vars);
         QFile::copy(kOvmfVars, vars);
         QFile::setPermissions(vars, QFile::ReadOwner | QFile::WriteOwner);
-        arguments << "-m" << "128" << "-drive" << "if=pflash,format=raw,readonly=on,file=" + kOvmfCode << "-drive"
+        arguments << "-m"
+                  << "128"
+                  << "-drive"
+                  << "if=pflash,format=raw,readonly=on,file=" + kOvmfCode << "-drive"
                   << "if=pflash,format=raw,file=" + vars;
     }
 
@@ -211,7 +227,8 @@ void TestBootSmoke::initTestCase()
 {
     if (::geteuid() != 0)
         QSKIP("needs root: loop devices, partitioning and mounting");
-    for (const char* program : {"qemu-system-i386", "losetup", "genisoimage", "7z", "grub-mkimage"}) {
+    for (const char* program :
+         {"qemu-system-i386", "losetup", "genisoimage", "7z", "grub-mkimage"}) {
         if (systemTool(program).isEmpty())
             QSKIP(qPrintable(QString("%1 is not installed").arg(program)));
     }
@@ -236,14 +253,14 @@ void TestBootSmoke::boot_data()
     QTest::newRow("bios mbr exfat") << Firmware::Bios << S::Mbr << F::Exfat << true << kBiosMarker;
     // Without /bootmgr GRUB gives up at its prompt: the marker comes only
     // from the loader it found.
-    QTest::newRow("bios without bootmgr") << Firmware::Bios << S::Mbr << F::Fat32 << false
-                                          << QByteArray("grub rescue>");
+    QTest::newRow("bios without bootmgr")
+        << Firmware::Bios << S::Mbr << F::Fat32 << false << QByteArray("grub rescue>");
     // The firmware reads FAT itself; the MBR stick keeps GRUB in its first
     // sectors, which UEFI ignores.
     QTest::newRow("uefi gpt fat32") << Firmware::Uefi << S::Gpt << F::Fat32 << true << kUefiMarker;
     QTest::newRow("uefi mbr fat32") << Firmware::Uefi << S::Mbr << F::Fat32 << true << kUefiMarker;
-    QTest::newRow("uefi without loader") << Firmware::Uefi << S::Gpt << F::Fat32 << false
-                                         << QByteArray("EFI Internal Shell");
+    QTest::newRow("uefi without loader")
+        << Firmware::Uefi << S::Gpt << F::Fat32 << false << QByteArray("EFI Internal Shell");
 }
 
 void TestBootSmoke::boot()
@@ -256,7 +273,7 @@ void TestBootSmoke::boot()
 
     if (const QString missing = missingFirmware(firmware); !missing.isEmpty())
         QSKIP(qPrintable(missing));
-    const QStringList tools = fs == UsbPlan::FileSystem::Ntfs    ? QStringList{"mkfs.ntfs", "ntfs-3g"}
+    const QStringList tools = fs == UsbPlan::FileSystem::Ntfs ? QStringList{"mkfs.ntfs", "ntfs-3g"}
                               : fs == UsbPlan::FileSystem::Exfat ? QStringList{"mkfs.exfat"}
                                                                  : QStringList{"mkfs.vfat"};
     for (const QString& program : tools) {
@@ -274,7 +291,8 @@ void TestBootSmoke::boot()
     }
     QVERIFY(IsoFixture::WriteTree(dir.filePath("tree"), files));
     QString error;
-    const QString iso = IsoFixture::Build(dir.filePath("tree"), dir.filePath("image.iso"), "joliet", &error);
+    const QString iso =
+        IsoFixture::Build(dir.filePath("tree"), dir.filePath("image.iso"), "joliet", &error);
     QVERIFY2(!iso.isEmpty(), qPrintable(error));
 
     const QString stick = IsoFixture::SparseFile(dir.filePath("stick.img"), 96);
@@ -336,7 +354,8 @@ void TestBootSmoke::imageMode_data()
     QTest::newRow("grub-mkrescue uefi")
         << Firmware::Uefi << "grub" << HybridImage::kGrubMarker + " efi";
     // Files mode chosen: the loader comes from the image's EFI boot image.
-    QTest::newRow("isohybrid files uefi") << Firmware::Uefi << "isolinux files" << HybridImage::kEfiImageMarker;
+    QTest::newRow("isohybrid files uefi")
+        << Firmware::Uefi << "isolinux files" << HybridImage::kEfiImageMarker;
 }
 
 // Images built the way Linux distributions build theirs go onto the stick in
@@ -409,10 +428,14 @@ void TestBootSmoke::savedImage_data()
 
     const QByteArray grubPc = HybridImage::kGrubMarker + " pc";
     const QByteArray grubEfi = HybridImage::kGrubMarker + " efi";
-    QTest::newRow("isohybrid cd bios") << "isolinux" << Firmware::Bios << true << HybridImage::kIsolinuxMarker;
-    QTest::newRow("isohybrid disk bios") << "isolinux" << Firmware::Bios << false << HybridImage::kIsolinuxMarker;
-    QTest::newRow("isohybrid cd uefi") << "isolinux" << Firmware::Uefi << true << HybridImage::kEfiImageMarker;
-    QTest::newRow("isohybrid disk uefi") << "isolinux" << Firmware::Uefi << false << HybridImage::kEfiImageMarker;
+    QTest::newRow("isohybrid cd bios")
+        << "isolinux" << Firmware::Bios << true << HybridImage::kIsolinuxMarker;
+    QTest::newRow("isohybrid disk bios")
+        << "isolinux" << Firmware::Bios << false << HybridImage::kIsolinuxMarker;
+    QTest::newRow("isohybrid cd uefi")
+        << "isolinux" << Firmware::Uefi << true << HybridImage::kEfiImageMarker;
+    QTest::newRow("isohybrid disk uefi")
+        << "isolinux" << Firmware::Uefi << false << HybridImage::kEfiImageMarker;
     QTest::newRow("grub-mkrescue cd bios") << "grub" << Firmware::Bios << true << grubPc;
     QTest::newRow("grub-mkrescue disk bios") << "grub" << Firmware::Bios << false << grubPc;
     QTest::newRow("grub-mkrescue cd uefi") << "grub" << Firmware::Uefi << true << grubEfi;
@@ -435,8 +458,8 @@ void TestBootSmoke::savedImage()
         const QString dir = m_saved.filePath(shape);
         QVERIFY(QDir().mkpath(dir));
         QString error;
-        const QString iso =
-            shape == "grub" ? HybridImage::GrubRescue(dir, &error) : HybridImage::Isolinux(dir, &error);
+        const QString iso = shape == "grub" ? HybridImage::GrubRescue(dir, &error)
+                                            : HybridImage::Isolinux(dir, &error);
         QVERIFY2(!iso.isEmpty(), qPrintable(error));
         QVERIFY(IsoFixture::WriteTree(dir, {{"added.txt", "added by the save\n"}}));
         ImageSave::Change add;
@@ -457,7 +480,8 @@ void TestBootSmoke::savedImage()
         m_savedImages.insert(shape, dir + "/saved.iso");
     }
 
-    const Boot result = bootStick(firmware, m_savedImages.value(shape), m_saved.filePath(shape), expected, cdrom);
+    const Boot result =
+        bootStick(firmware, m_savedImages.value(shape), m_saved.filePath(shape), expected, cdrom);
     QVERIFY2(result.error.isEmpty(), qPrintable(result.error));
     QVERIFY2(plain(result.serial).contains(expected), qPrintable(readable(result.serial)));
 }

@@ -65,8 +65,8 @@ private:
     void Answer()
     {
         auto* modal = qobject_cast<QDialog*>(QApplication::activeModalWidget());
-        if (modal == nullptr || qobject_cast<CProgressDialog*>(modal) || qobject_cast<CBurnDialog*>(modal) ||
-            !modal->isVisible())
+        if (modal == nullptr || qobject_cast<CProgressDialog*>(modal) ||
+            qobject_cast<CBurnDialog*>(modal) || !modal->isVisible())
             return;
         QString said;
         if (auto* notice = qobject_cast<GerneralDialog*>(modal))
@@ -138,7 +138,8 @@ private:
     // No burn or restore under way.
     bool Idle() const
     {
-        return !m_page->findChild<CDiscBurnJob*>()->IsRunning() && !m_page->findChild<CUsbBurnJob*>()->IsRunning() &&
+        return !m_page->findChild<CDiscBurnJob*>()->IsRunning() &&
+               !m_page->findChild<CUsbBurnJob*>()->IsRunning() &&
                !m_page->findChild<CUsbMultiBurnJob*>()->IsRunning();
     }
     // The page with the USB stick chosen and `image` to burn. The stick is a
@@ -273,8 +274,9 @@ void TestBurnPage::refusals_data()
     QTest::newRow("missing image") << "gone.iso" << false << true << ":/nwu/burn-fails";
     QTest::newRow("not an image") << "disc.img" << false << true << ":/nwu/burn-fails";
     QTest::newRow("folder named .iso") << "folder.iso" << true << true << ":/nwu/burn-fails";
-    QTest::newRow("no optical drive") << "" << false << false
-                                      << "No CD/DVD drive found. Connect a drive and insert a blank disc.";
+    QTest::newRow("no optical drive")
+        << "" << false << false
+        << "No CD/DVD drive found. Connect a drive and insert a blank disc.";
     QTest::newRow("no USB drive") << "" << true << false << ":/nwu/insert_usb";
 }
 
@@ -458,9 +460,11 @@ void TestBurnPage::burnsTheStick_data()
     QTest::addColumn<int>("scheme");         // index in the list
     QTest::addColumn<QString>("fileSystem"); // chosen before the scheme
     QTest::addColumn<QString>("prepare");    // the helper's options
-    QTest::newRow("MBR, exFAT") << "success" << 0 << "exFAT" << "--scheme mbr --fs exfat --label ACME STICK";
+    QTest::newRow("MBR, exFAT") << "success" << 0 << "exFAT"
+                                << "--scheme mbr --fs exfat --label ACME STICK";
     QTest::newRow("GPT keeps FAT32, formatting fails")
-        << "failformat" << 1 << "NTFS" << "--scheme gpt --fs fat32 --label ACME STICK";
+        << "failformat" << 1 << "NTFS"
+        << "--scheme gpt --fs fat32 --label ACME STICK";
 }
 
 // Whole burns with the real archive tool and a stand-in helper whose "stick"

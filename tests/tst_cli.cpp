@@ -100,8 +100,10 @@ void TestCli::answersWithoutWindow_data()
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("stdoutStart");
     QTest::addColumn<QString>("stderrStart");
-    QTest::newRow("version") << QStringList{"--version"} << 0 << "Brenta " BRENTA_VERSION "\n" << "";
-    QTest::newRow("help") << QStringList{"--help"} << 0 << "Usage: brenta" << "";
+    QTest::newRow("version") << QStringList{"--version"} << 0 << "Brenta " BRENTA_VERSION "\n"
+                             << "";
+    QTest::newRow("help") << QStringList{"--help"} << 0 << "Usage: brenta"
+                          << "";
     QTest::newRow("wrong usage") << QStringList{"--nonsense"} << 2 << ""
                                  << "brenta: Unknown argument: --nonsense";
     QTest::newRow("screenshots without folder") << QStringList{"--screenshots"} << 2 << ""
@@ -109,15 +111,18 @@ void TestCli::answersWithoutWindow_data()
     QTest::newRow("version with extra") << QStringList{"--version", "now"} << 2 << ""
                                         << "brenta: --version takes no arguments.";
     QTest::newRow("command help") << QStringList{"extract", "--help"} << 0
-                                  << "Usage: brenta extract IMAGE DEST" << "";
+                                  << "Usage: brenta extract IMAGE DEST"
+                                  << "";
     QTest::newRow("command help among its words")
         << QStringList{"burn-usb", "a.iso", "/dev/sdz", "-h", "--fs", "ext4"} << 0
-        << "Usage: brenta burn-usb IMAGE DEVICE" << "";
+        << "Usage: brenta burn-usb IMAGE DEVICE"
+        << "";
     // After "--" every word is an operand, "--help" too.
     QTest::newRow("help after --") << QStringList{"list", "--", "--help"} << 1 << ""
                                    << "brenta: The image could not be opened.";
-    QTest::newRow("image after --") << QStringList{"burn-usb", "--", "--yes.iso", "/dev/sdz"} << 1
-                                    << "" << "brenta: --yes.iso is not an image file.";
+    QTest::newRow("image after --")
+        << QStringList{"burn-usb", "--", "--yes.iso", "/dev/sdz"} << 1 << ""
+        << "brenta: --yes.iso is not an image file.";
     QTest::newRow("edit, output after --")
         << QStringList{"edit", "/nonexistent.iso", "--delete", "x", "--", "--b.iso"} << 1 << ""
         << "brenta: /nonexistent.iso does not exist.";
@@ -189,10 +194,14 @@ void TestCli::screenshotsRenderEveryWindow()
     QCOMPARE(run.exitCode, 0);
 
     const QList<QPair<QString, QSize>> expected = {
-        {"main", {860, 580}},           {"about", {420, 188}},
-        {"dialog-message", {420, 188}}, {"dialog-finished", {420, 188}},
-        {"dialog-progress", {420, 188}}, {"dialog-input", {420, 188}},
-        {"dialog-confirm-format-usb", {420, 188}}, {"notice-insert_usb", {420, 160}},
+        {"main", {860, 580}},
+        {"about", {420, 188}},
+        {"dialog-message", {420, 188}},
+        {"dialog-finished", {420, 188}},
+        {"dialog-progress", {420, 188}},
+        {"dialog-input", {420, 188}},
+        {"dialog-confirm-format-usb", {420, 188}},
+        {"notice-insert_usb", {420, 160}},
         {"page-extract", {860, 580}},
     };
     for (const auto& [name, size] : expected) {
@@ -211,11 +220,16 @@ void TestCli::discCommands_data()
     QTest::addColumn<QString>("mode");
     QTest::addColumn<int>("exitCode");
     QTest::addColumn<QString>("said");
-    QTest::newRow("burn") << "burn-disc" << "success" << 0 << "";
-    QTest::newRow("burn, no disc") << "burn-disc" << "nodisc" << 1
-                                   << "brenta: The disc was not burned. There is no writable disc";
-    QTest::newRow("copy") << "copy-disc" << "success" << 0 << "";
-    QTest::newRow("copy, unreadable sector") << "copy-disc" << "readerror" << 1 << "brenta: The disc was not copied.";
+    QTest::newRow("burn") << "burn-disc"
+                          << "success" << 0 << "";
+    QTest::newRow("burn, no disc")
+        << "burn-disc"
+        << "nodisc" << 1 << "brenta: The disc was not burned. There is no writable disc";
+    QTest::newRow("copy") << "copy-disc"
+                          << "success" << 0 << "";
+    QTest::newRow("copy, unreadable sector")
+        << "copy-disc"
+        << "readerror" << 1 << "brenta: The disc was not copied.";
 }
 
 // The disc commands with stand-in disc tools; any block device of this
@@ -227,7 +241,8 @@ void TestCli::discCommands()
     QFETCH(int, exitCode);
     QFETCH(QString, said);
     QString device;
-    for (const QString& name : QDir("/sys/class/block").entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::System)) {
+    for (const QString& name :
+         QDir("/sys/class/block").entryList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::System)) {
         if (QFileInfo::exists("/dev/" + name)) {
             device = "/dev/" + name;
             break;
@@ -240,10 +255,12 @@ void TestCli::discCommands()
     QFile(image).open(QIODevice::WriteOnly);
     // A failed copy keeps the image it would have replaced.
     QVERIFY(IsoFixture::WriteTree(dir.path(), {{"copy.iso", "an older image"}}));
-    const QStringList arguments = command == "burn-disc" ? QStringList{command, image, device}
-                                                         : QStringList{command, device, dir.filePath("copy.iso")};
-    const Run run = runBrenta(arguments, 60000,
-                              {"BRENTA_TOOLS_DIR=" BRENTA_SOURCE_DIR "/tests/standins", "BRENTA_STANDIN_MODE=" + mode});
+    const QStringList arguments = command == "burn-disc"
+                                      ? QStringList{command, image, device}
+                                      : QStringList{command, device, dir.filePath("copy.iso")};
+    const Run run = runBrenta(
+        arguments, 60000,
+        {"BRENTA_TOOLS_DIR=" BRENTA_SOURCE_DIR "/tests/standins", "BRENTA_STANDIN_MODE=" + mode});
     QCOMPARE(run.exitCode, exitCode);
     QVERIFY2(said.isEmpty() ? run.err.isEmpty() : run.err.startsWith(said), qPrintable(run.err));
     QCOMPARE(run.out, QString());
@@ -335,8 +352,10 @@ void TestCli::signalStopsAndCleansUp()
     QTRY_VERIFY_WITH_TIMEOUT(QFileInfo::exists(ready), 30000);
     // The disc reader writes its first sectors into a part file, then hangs.
     if (command == "copy-disc")
-        QTRY_VERIFY_WITH_TIMEOUT(QDir(out).entryInfoList({".image.iso.*"}, QDir::Files | QDir::Hidden).value(0).size() > 0,
-                                 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            QDir(out).entryInfoList({".image.iso.*"}, QDir::Files | QDir::Hidden).value(0).size() >
+                0,
+            10000);
     QCOMPARE(brenta.state(), QProcess::Running);
     QVERIFY(::kill(pid_t(brenta.processId()), signal) == 0);
     QVERIFY(brenta.waitForFinished(20000));
@@ -598,19 +617,20 @@ void TestCli::burnUsb()
     }
     QCOMPARE(QFileInfo(mount + "/docs/a.txt").size(), qint64(1));
     if (options.contains("--label"))
-        QVERIFY2(Standins::Logged(log).first().contains(
-                     " --scheme gpt --fs fat32 --label My Stick"),
-                 qPrintable(Standins::Logged(log).first()));
+        QVERIFY2(
+            Standins::Logged(log).first().contains(" --scheme gpt --fs fat32 --label My Stick"),
+            qPrintable(Standins::Logged(log).first()));
 }
 
 void TestCli::burnUsbAsDesktopUser_data()
 {
     QTest::addColumn<QString>("answer"); // how the stand-in pkexec answers
     QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("said");            // on standard error
+    QTest::addColumn<QString>("said");           // on standard error
     QTest::addColumn<QStringList>("authorised"); // the helper commands pkexec ran, by command
 
-    QTest::newRow("password given") << "grant" << 0 << "" << QStringList{"prepare", "remount", "unmount"};
+    QTest::newRow("password given")
+        << "grant" << 0 << "" << QStringList{"prepare", "remount", "unmount"};
     QTest::newRow("password dialog dismissed")
         << "dismiss" << 1
         << "brenta: The USB stick was not burned. The step that failed: formatting: Brenta is not "
@@ -633,8 +653,8 @@ void TestCli::burnUsbAsDesktopUser()
 
     QTemporaryDir dir;
     QVERIFY(dir.isValid());
-    const auto readable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup |
-                          QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther;
+    const auto readable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                          QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther;
     QVERIFY(QFile::setPermissions(dir.path(), readable));
     for (const char* folder : {"app", "bin", "home"})
         QVERIFY(QDir(dir.path()).mkdir(folder));
@@ -655,11 +675,13 @@ void TestCli::burnUsbAsDesktopUser()
                  "fi\n"
                  "exec \"$@\"\n");
     pkexec.close();
-    for (const QString& program : {dir.filePath("app/brenta"), dir.filePath("app/brenta-usb-helper"), pkexec.fileName()})
+    for (const QString& program :
+         {dir.filePath("app/brenta"), dir.filePath("app/brenta-usb-helper"), pkexec.fileName()})
         QVERIFY(QFile::setPermissions(program, readable));
     QString error;
     QVERIFY(IsoFixture::WriteTree(dir.filePath("files"), {{"docs/a.txt", "a"}, {"b.txt", "b"}}));
-    const QString image = IsoFixture::Build(dir.filePath("files"), dir.filePath("image.iso"), "joliet", &error);
+    const QString image =
+        IsoFixture::Build(dir.filePath("files"), dir.filePath("image.iso"), "joliet", &error);
     QVERIFY2(!image.isEmpty(), qPrintable(error));
     QVERIFY(QFile::setPermissions(image, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
 

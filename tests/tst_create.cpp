@@ -55,9 +55,11 @@ private:
 void TestCreate::initTestCase()
 {
     QStandardPaths::setTestModeEnabled(true);
-    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("docs"), {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}, {kLongName, "long"}},
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("docs"),
+                                  {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}, {kLongName, "long"}},
                                   {"empty"}));
-    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"single.bin", QByteArray(3000, 's')}, {"withbroken/ok.txt", "ok"}}));
+    QVERIFY(IsoFixture::WriteTree(
+        m_dir.path(), {{"single.bin", QByteArray(3000, 's')}, {"withbroken/ok.txt", "ok"}}));
     QVERIFY(QFile::link(m_dir.filePath("nowhere"), m_dir.filePath("withbroken/broken.txt")));
     // Joliet cannot hold a file of 4 GiB or more, so the builder refuses it at
     // once; a large UDF build runs long enough to be stopped. (Sparse files:
@@ -72,7 +74,8 @@ void TestCreate::progress_data()
     QTest::addColumn<int>("value");
     QTest::newRow("typical") << " 45.61% done, estimate finish Mon Nov 23 10:00:00 2026" << 4561;
     // Cut, not rounded.
-    QTest::newRow("cut toward zero") << "  0.29% done, estimate finish Mon Nov 23 10:00:00 2026" << 28;
+    QTest::newRow("cut toward zero")
+        << "  0.29% done, estimate finish Mon Nov 23 10:00:00 2026" << 28;
     QTest::newRow("not a number") << "abc% done, estimate finish x" << 0;
     QTest::newRow("other line") << "Total translation table size: 0" << -1;
     QTest::newRow("marker at the start") << "% done, estimate finish" << -1;
@@ -106,13 +109,15 @@ void TestCreate::buildsEachType()
     const QString output = folder.filePath("-out " + type + ".iso");
     QVERIFY(IsoFixture::WriteTree(folder.path(), {{"-out " + type + ".iso", "an older image"}}));
     CCreateJob job;
-    job.Start(*ImageBuild::TypeFromName(type), output, {m_dir.filePath("docs"), m_dir.filePath("single.bin")});
+    job.Start(*ImageBuild::TypeFromName(type), output,
+              {m_dir.filePath("docs"), m_dir.filePath("single.bin")});
     QVERIFY2(Jobs::Wait(job), qPrintable(job.Message()));
 
     const QStringList lines = listed(output);
-    for (const QString& expected : {QString("D docs "), QString("F docs\\a.txt 5"), QString("F docs\\sub\\b.txt 3"),
-                                    QString("D docs\\empty "), QString("F single.bin 3000"),
-                                    QString("F docs\\%1 4").arg(kLongName)})
+    for (const QString& expected :
+         {QString("D docs "), QString("F docs\\a.txt 5"), QString("F docs\\sub\\b.txt 3"),
+          QString("D docs\\empty "), QString("F single.bin 3000"),
+          QString("F docs\\%1 4").arg(kLongName)})
         QVERIFY2(lines.contains(expected), qPrintable(expected + " not in\n" + lines.join('\n')));
     QCOMPARE(lines.size(), 7);
     QCOMPARE(entries(folder.path()), QStringList{"-out " + type + ".iso"});
@@ -127,8 +132,12 @@ void TestCreate::failuresSayWhy_data()
     QTest::addColumn<QString>("source");
     QTest::addColumn<QString>("output");
     QTest::addColumn<QString>("said"); // what the message must name
-    QTest::newRow("a file that cannot be read") << "withbroken" << "broken.iso" << "broken.txt";
-    QTest::newRow("refused by the builder") << "single.bin" << "no such folder/out.iso" << "It said";
+    QTest::newRow("a file that cannot be read") << "withbroken"
+                                                << "broken.iso"
+                                                << "broken.txt";
+    QTest::newRow("refused by the builder") << "single.bin"
+                                            << "no such folder/out.iso"
+                                            << "It said";
 }
 
 // A job that cannot make the image says why, and leaves no image.

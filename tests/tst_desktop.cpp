@@ -33,7 +33,8 @@ public:
 
 public Q_SLOTS:
     uint Notify(const QString& app, uint replaces, const QString& icon, const QString& summary,
-                const QString& body, const QStringList& actions, const QVariantMap& hints, int timeout)
+                const QString& body, const QStringList& actions, const QVariantMap& hints,
+                int timeout)
     {
         bodies << body;
         return uint(bodies.size());
@@ -78,7 +79,8 @@ void TestDesktop::initTestCase()
 
     // A session bus of the test's own, set before anything asks for one.
     m_bus.start(QStringLiteral("dbus-daemon"),
-                {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+                {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                 QStringLiteral("--print-address=1")});
     if (!m_bus.waitForStarted())
         QSKIP("dbus-daemon is not installed");
     QVERIFY(m_bus.waitForReadyRead(10000));
@@ -182,8 +184,7 @@ void TestDesktop::hoverGoesWhenTheClickTookThePointerAway()
     window.resize(200, 200);
     CImageButton button(&window);
     button.SetImages(QStringLiteral(":/nwu/close_small_1"), QStringLiteral(":/nwu/close_small_2"),
-                     QStringLiteral(":/nwu/close_small_3"),
-                     QString());
+                     QStringLiteral(":/nwu/close_small_3"), QString());
     button.move(10, 10);
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
@@ -201,8 +202,10 @@ void TestDesktop::keyboardReachesAndPressesPictureButtons()
 {
     QWidget window;
     window.resize(200, 100);
-    CImageButton* first = MakePictureButton(&window, "first", QStringLiteral(":/nwu/close_small_"), 10, 10);
-    CImageButton* second = MakePictureButton(&window, "second", QStringLiteral(":/nwu/close_small_"), 60, 10);
+    CImageButton* first =
+        MakePictureButton(&window, "first", QStringLiteral(":/nwu/close_small_"), 10, 10);
+    CImageButton* second =
+        MakePictureButton(&window, "second", QStringLiteral(":/nwu/close_small_"), 60, 10);
     window.show();
     QApplication::setActiveWindow(&window);
     QVERIFY(QTest::qWaitForWindowActive(&window));
@@ -241,7 +244,8 @@ void TestDesktop::onlyTheHeaderBoxTicksRows()
     QCOMPARE(ticked.count(), 0);
     QVERIFY(header->sectionSize(0) > 200);
     // Nor does a click elsewhere in the section.
-    QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, QPoint(header->sectionSize(0) / 2, middle));
+    QTest::mouseClick(header->viewport(), Qt::LeftButton, {},
+                      QPoint(header->sectionSize(0) / 2, middle));
     QCOMPARE(ticked.count(), 0);
 
     QTest::mouseClick(header->viewport(), Qt::LeftButton, {}, header->BoxRect().center());
@@ -286,13 +290,15 @@ void TestDesktop::pagesTakeDroppedFiles_data()
     QTest::addColumn<QList<QUrl>>("urls");
     QTest::addColumn<QString>("text");
     QTest::addColumn<QStringList>("taken");
-    const QString here = QFileInfo(QStringLiteral(BRENTA_SOURCE_DIR "/README.md")).absoluteFilePath();
+    const QString here =
+        QFileInfo(QStringLiteral(BRENTA_SOURCE_DIR "/README.md")).absoluteFilePath();
     const QString folder = QFileInfo(QStringLiteral(BRENTA_SOURCE_DIR "/tests")).absoluteFilePath();
-    QTest::newRow("a file and a folder") << QList<QUrl>{QUrl::fromLocalFile(here), QUrl::fromLocalFile(folder)}
-                                         << QString() << QStringList{here, folder};
+    QTest::newRow("a file and a folder")
+        << QList<QUrl>{QUrl::fromLocalFile(here), QUrl::fromLocalFile(folder)} << QString()
+        << QStringList{here, folder};
     QTest::newRow("a web address among them")
-        << QList<QUrl>{QUrl::fromLocalFile(here), QUrl(QStringLiteral("https://example.org/a.iso"))} << QString()
-        << QStringList();
+        << QList<QUrl>{QUrl::fromLocalFile(here), QUrl(QStringLiteral("https://example.org/a.iso"))}
+        << QString() << QStringList();
     QTest::newRow("text") << QList<QUrl>() << QStringLiteral("/etc/passwd") << QStringList();
 }
 
@@ -304,8 +310,9 @@ void TestDesktop::pagesTakeDroppedFiles()
     QWidget page;
     auto* field = new QLineEdit(&page);
     QStringList dropped;
-    Drops::Enable(&page, [](const QStringList&) { return true; },
-                  [&](const QStringList& paths) { dropped = paths; });
+    Drops::Enable(
+        &page, [](const QStringList&) { return true; },
+        [&](const QStringList& paths) { dropped = paths; });
     // A drop on the image field reaches the page instead of pasting an address.
     QVERIFY(!field->acceptDrops());
     QVERIFY(page.acceptDrops());

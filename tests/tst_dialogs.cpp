@@ -20,7 +20,8 @@ void click(QWidget* button)
 {
     QVERIFY(button != nullptr);
     QVERIFY(button->isVisible());
-    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+    QTest::mouseClick(button, Qt::LeftButton, {},
+                      QPoint(button->width() / 2, button->height() / 2));
 }
 
 } // namespace
@@ -95,7 +96,8 @@ void TestDialogs::stop()
     if (disabled)
         dialog.DisableStop();
     QList<bool> visibleAtCancel;
-    connect(&dialog, &CProgressDialog::SigCancel, this, [&] { visibleAtCancel << dialog.isVisible(); });
+    connect(&dialog, &CProgressDialog::SigCancel, this,
+            [&] { visibleAtCancel << dialog.isVisible(); });
     QTest::mouseClick(dialog.CancelButton(), Qt::LeftButton);
     QCOMPARE(visibleAtCancel, disabled ? QList<bool>{} : QList<bool>{false});
     QCOMPARE(dialog.isVisible(), disabled);
@@ -105,7 +107,8 @@ void TestDialogs::stop()
 // being cut off, the button staying below the whole text.
 void TestDialogs::longMessageIsNotCutOff()
 {
-    const QString text = "The image could not be opened because the archive tool said it is not an image. ";
+    const QString text =
+        "The image could not be opened because the archive tool said it is not an image. ";
     auto dialog = MessageDialogs::Message(text.repeated(12));
     QVERIFY(dialog->Label()->geometry().bottom() < dialog->OkButton()->y());
     QVERIFY(dialog->Label()->height() >= dialog->Label()->heightForWidth(dialog->Label()->width()));
@@ -119,10 +122,14 @@ void TestDialogs::buttonsAnswer_data()
     QTest::addColumn<QString>("button");
     QTest::addColumn<int>("result");
     QTest::newRow("confirm, OK") << ":/nwu/format_usb" << -1 << "ok" << int(QDialog::Accepted);
-    QTest::newRow("confirm, Cancel") << ":/nwu/format_usb" << -1 << "cancel" << int(QDialog::Rejected);
-    QTest::newRow("confirm, close") << ":/nwu/format_usb" << -1 << "close" << int(QDialog::Rejected);
-    QTest::newRow("notice, close") << ":/nwu/burn-fails" << 123 << "close" << int(QDialog::Rejected);
-    QTest::newRow("notice, OK") << ":/nwu/select_files_extract" << 120 << "ok" << int(QDialog::Accepted);
+    QTest::newRow("confirm, Cancel")
+        << ":/nwu/format_usb" << -1 << "cancel" << int(QDialog::Rejected);
+    QTest::newRow("confirm, close")
+        << ":/nwu/format_usb" << -1 << "close" << int(QDialog::Rejected);
+    QTest::newRow("notice, close")
+        << ":/nwu/burn-fails" << 123 << "close" << int(QDialog::Rejected);
+    QTest::newRow("notice, OK") << ":/nwu/select_files_extract" << 120 << "ok"
+                                << int(QDialog::Accepted);
 }
 
 void TestDialogs::buttonsAnswer()
@@ -172,10 +179,14 @@ void TestDialogs::enterPressesTheDefaultButton_data()
     QTest::addColumn<int>("key");
     QTest::addColumn<int>("result");
     QTest::newRow("question, Enter") << "question" << int(Qt::Key_Return) << int(QDialog::Accepted);
-    QTest::newRow("question, keypad Enter") << "question" << int(Qt::Key_Enter) << int(QDialog::Accepted);
-    QTest::newRow("question, Escape") << "question" << int(Qt::Key_Escape) << int(QDialog::Rejected);
-    QTest::newRow("name prompt, Enter after typing") << "input" << int(Qt::Key_Return) << int(QDialog::Accepted);
-    QTest::newRow("notice with OK, Enter") << "notice" << int(Qt::Key_Return) << int(QDialog::Accepted);
+    QTest::newRow("question, keypad Enter")
+        << "question" << int(Qt::Key_Enter) << int(QDialog::Accepted);
+    QTest::newRow("question, Escape")
+        << "question" << int(Qt::Key_Escape) << int(QDialog::Rejected);
+    QTest::newRow("name prompt, Enter after typing")
+        << "input" << int(Qt::Key_Return) << int(QDialog::Accepted);
+    QTest::newRow("notice with OK, Enter")
+        << "notice" << int(Qt::Key_Return) << int(QDialog::Accepted);
 }
 
 // Enter presses OK (Yes) of a message, a question, the name prompt and a

@@ -86,14 +86,20 @@ void TestDiscTools::parsesScanLines_data()
     QTest::addColumn<QString>("address");
     QTest::addColumn<QString>("name");
     QTest::addColumn<bool>("optical");
-    QTest::newRow("optical drive") << kOptical << true << "1,0,0" << "ACMECORP DVDRW UNIT-100 R001" << true;
-    QTest::newRow("disk") << "\t0,0,0\t  0) 'ATA     ' 'ACMEDISK SSD 860' '4B6Q' Disk" << true << "0,0,0"
+    QTest::newRow("optical drive") << kOptical << true << "1,0,0"
+                                   << "ACMECORP DVDRW UNIT-100 R001" << true;
+    QTest::newRow("disk") << "\t0,0,0\t  0) 'ATA     ' 'ACMEDISK SSD 860' '4B6Q' Disk" << true
+                          << "0,0,0"
                           << "ATA ACMEDISK SSD 860 4B6Q" << false;
-    QTest::newRow("writer of once-only discs") << "\t2,1,0\t201) 'OLD' 'WRITER' '1' Removable WORM" << true
-                                               << "2,1,0" << "OLD WRITER 1" << true;
-    QTest::newRow("empty slot") << "\t1,1,0\t101) *" << false << "" << "" << false;
-    QTest::newRow("bus header") << "scsibus1:" << false << "" << "" << false;
-    QTest::newRow("two numbers") << "\t1,0\t100) 'A' 'B' 'C' CD-ROM" << false << "" << "" << false;
+    QTest::newRow("writer of once-only discs")
+        << "\t2,1,0\t201) 'OLD' 'WRITER' '1' Removable WORM" << true << "2,1,0"
+        << "OLD WRITER 1" << true;
+    QTest::newRow("empty slot") << "\t1,1,0\t101) *" << false << ""
+                                << "" << false;
+    QTest::newRow("bus header") << "scsibus1:" << false << ""
+                                << "" << false;
+    QTest::newRow("two numbers") << "\t1,0\t100) 'A' 'B' 'C' CD-ROM" << false << ""
+                                 << "" << false;
 }
 
 void TestDiscTools::parsesScanLines()
@@ -117,15 +123,22 @@ void TestDiscTools::matchesDrives_data()
     QTest::addColumn<QList<OpticalDrive>>("drives");
     QTest::addColumn<QString>("product"); // what INQUIRY answers; empty: it cannot be asked
     QTest::addColumn<QString>("node");
-    QTest::newRow("same address") << QList<OpticalDrive>{drive("/dev/sr0", 0, 0, 0), drive("/dev/sr1", 1, 0, 0)}
-                                  << "" << "/dev/sr1";
-    QTest::newRow("other host, same target and lun") << QList<OpticalDrive>{drive("/dev/sr0", 2, 0, 0)} << ""
-                                                     << "";
+    QTest::newRow("same address") << QList<OpticalDrive>{drive("/dev/sr0", 0, 0, 0),
+                                                         drive("/dev/sr1", 1, 0, 0)}
+                                  << ""
+                                  << "/dev/sr1";
+    QTest::newRow("other host, same target and lun")
+        << QList<OpticalDrive>{drive("/dev/sr0", 2, 0, 0)} << ""
+        << "";
     QTest::newRow("address unknown, product matches")
-        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "DVDRW  UNIT-100  " << "/dev/sr3";
+        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "DVDRW  UNIT-100  "
+        << "/dev/sr3";
     QTest::newRow("address unknown, other product")
-        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "BLURAY X" << "";
-    QTest::newRow("address unknown, no answer") << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "" << "";
+        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << "BLURAY X"
+        << "";
+    QTest::newRow("address unknown, no answer")
+        << QList<OpticalDrive>{drive("/dev/sr3", -1, -1, -1)} << ""
+        << "";
 }
 
 void TestDiscTools::matchesDrives()
@@ -141,9 +154,10 @@ void TestDiscTools::matchesDrives()
 
 void TestDiscTools::listsScannedDrivesThenTheRest()
 {
-    const QList<DiscTools::ScanLine> scanned{*DiscTools::ParseScanLine("\t3,0,0\t300) 'B' 'SECOND' '2' CD-ROM"),
-                                             *DiscTools::ParseScanLine(kOptical),
-                                             *DiscTools::ParseScanLine("\t9,0,0\t900) 'X' 'NOWHERE' '1' CD-ROM")};
+    const QList<DiscTools::ScanLine> scanned{
+        *DiscTools::ParseScanLine("\t3,0,0\t300) 'B' 'SECOND' '2' CD-ROM"),
+        *DiscTools::ParseScanLine(kOptical),
+        *DiscTools::ParseScanLine("\t9,0,0\t900) 'X' 'NOWHERE' '1' CD-ROM")};
     const QList<OpticalDrive> drives{drive("/dev/sr0", 1, 0, 0), drive("/dev/sr1", 5, 0, 0),
                                      drive("/dev/sr2", 3, 0, 0)};
     const QList<DiscTools::ListEntry> entries = DiscTools::OpticalEntries(scanned, drives, {});
@@ -164,7 +178,8 @@ void TestDiscTools::showsTheOpticalList_data()
     QTest::addColumn<bool>("saysNone");
     const QStringList two{"/dev/sr0", "/dev/sr1"};
     QTest::newRow("kept drive found second") << "/dev/sr1" << two << false << 1 << false;
-    QTest::newRow("kept drive not found yet") << "/dev/sr1" << QStringList{"/dev/sr0"} << false << 0 << false;
+    QTest::newRow("kept drive not found yet")
+        << "/dev/sr1" << QStringList{"/dev/sr0"} << false << 0 << false;
     QTest::newRow("nothing kept") << "" << two << true << 0 << false;
     QTest::newRow("kept drive gone") << "/dev/sr7" << two << true << 0 << false;
     QTest::newRow("empty while scanning") << "/dev/sr0" << QStringList() << false << -1 << false;
@@ -192,15 +207,27 @@ void TestDiscTools::parsesProgress_data()
     QTest::addColumn<QString>("kind");
     QTest::addColumn<QString>("line");
     QTest::addColumn<qint64>("value"); // -1: nothing
-    QTest::newRow("burn") << "burn" << "Track 01:   12 of  650 MB written (fifo 100%) [buf  99%]   4.0x." << qint64(1);
-    QTest::newRow("burn, first figure") << "burn" << "Track 01:    0 of    3 MB written." << qint64(-1);
-    QTest::newRow("burn, total 0") << "burn" << "Track 01:    0 of    0 MB written (fifo   0%)" << qint64(-1);
-    QTest::newRow("burn, marker first") << "burn" << "written (fifo) of" << qint64(-1);
-    QTest::newRow("burn, summary") << "burn" << "Track 01: Total bytes read/written: 3145728/3145728" << qint64(-1);
-    QTest::newRow("end with line end") << "end" << "end:       300\r\n" << qint64(300);
-    QTest::newRow("not end") << "end" << "addr:  1000000 cnt: 32" << qint64(-1);
-    QTest::newRow("address") << "addr" << "addr:  1000000 cnt: 32" << qint64(1000000);
-    QTest::newRow("not an address") << "addr" << "Time total: 0.000sec" << qint64(-1);
+    QTest::newRow("burn") << "burn"
+                          << "Track 01:   12 of  650 MB written (fifo 100%) [buf  99%]   4.0x."
+                          << qint64(1);
+    QTest::newRow("burn, first figure") << "burn"
+                                        << "Track 01:    0 of    3 MB written." << qint64(-1);
+    QTest::newRow("burn, total 0") << "burn"
+                                   << "Track 01:    0 of    0 MB written (fifo   0%)" << qint64(-1);
+    QTest::newRow("burn, marker first") << "burn"
+                                        << "written (fifo) of" << qint64(-1);
+    QTest::newRow("burn, summary")
+        << "burn"
+        << "Track 01: Total bytes read/written: 3145728/3145728" << qint64(-1);
+    QTest::newRow("end with line end") << "end"
+                                       << "end:       300\r\n"
+                                       << qint64(300);
+    QTest::newRow("not end") << "end"
+                             << "addr:  1000000 cnt: 32" << qint64(-1);
+    QTest::newRow("address") << "addr"
+                             << "addr:  1000000 cnt: 32" << qint64(1000000);
+    QTest::newRow("not an address") << "addr"
+                                    << "Time total: 0.000sec" << qint64(-1);
 }
 
 void TestDiscTools::parsesProgress()
@@ -246,8 +273,10 @@ void TestDiscTools::burns()
     job.Start(image, "/dev/sr0");
     QVERIFY(finished.wait(20000));
     QCOMPARE(finished.first().at(0).toBool(), succeeded);
-    QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
-    QCOMPARE(Logged(m_log), QStringList{"-v -eject dev=/dev/sr0 -sao driveropts=burnfree " + image});
+    QVERIFY2(finished.first().at(1).toString().contains(said),
+             qPrintable(finished.first().at(1).toString()));
+    QCOMPARE(Logged(m_log),
+             QStringList{"-v -eject dev=/dev/sr0 -sao driveropts=burnfree " + image});
     if (mode == "success") {
         QList<int> values;
         for (const QList<QVariant>& signal : progress)
@@ -280,7 +309,8 @@ void TestDiscTools::copies()
     job.Start("/dev/sr0", output);
     QVERIFY(finished.wait(20000));
     QCOMPARE(finished.first().at(0).toBool(), succeeded);
-    QVERIFY2(finished.first().at(1).toString().contains(said), qPrintable(finished.first().at(1).toString()));
+    QVERIFY2(finished.first().at(1).toString().contains(said),
+             qPrintable(finished.first().at(1).toString()));
     // The reader writes a part file beside the output, never the output itself.
     QCOMPARE(Logged(m_log).size(), 1);
     QVERIFY(Logged(m_log).first().startsWith("-dev=/dev/sr0 -f=" +
@@ -298,7 +328,9 @@ void TestDiscTools::copies()
 
 void TestDiscTools::scanFillsTheListWithoutTheWriter()
 {
-    DriveSeam::SetOptical([] { return QList<OpticalDrive>{drive("/dev/sr0", 1, 0, 0), drive("/dev/sr1", 4, 0, 0)}; });
+    DriveSeam::SetOptical([] {
+        return QList<OpticalDrive>{drive("/dev/sr0", 1, 0, 0), drive("/dev/sr1", 4, 0, 0)};
+    });
     for (const char* scanResult : {"found", "none"}) {
         qputenv("BRENTA_STANDIN_SCAN", scanResult);
         COpticalScan scan;
@@ -312,7 +344,8 @@ void TestDiscTools::scanFillsTheListWithoutTheWriter()
         // The drive the scan names first, then the one only the system knows;
         // with a scan that cannot open anything, both from the system.
         QCOMPARE(nodes, (QStringList{"/dev/sr0", "/dev/sr1"}));
-        QCOMPARE(entries.first().at(0).toString(), QString("/dev/sr0: ACMECORP DVDRW UNIT-100 R001"));
+        QCOMPARE(entries.first().at(0).toString(),
+                 QString("/dev/sr0: ACMECORP DVDRW UNIT-100 R001"));
     }
 }
 
@@ -325,7 +358,8 @@ void TestDiscTools::stopEndsOnceAfterTheTool_data()
     QTest::newRow("bus scan") << "scan" << QStringList{"start -scanbus"};
     QTest::newRow("eject") << "eject" << QStringList{"start dev=/dev/sr0"};
     // The stick is unmounted once the helper that mounted it has ended.
-    QTest::newRow("USB restore") << "restore" << QStringList{"start prepare", "ended", "start unmount"};
+    QTest::newRow("USB restore") << "restore"
+                                 << QStringList{"start prepare", "ended", "start unmount"};
 }
 
 // Stop() returns at once, and the job ends exactly once with finished(false),
@@ -337,14 +371,15 @@ void TestDiscTools::stopEndsOnceAfterTheTool()
     QFETCH(QStringList, calls);
     QTemporaryDir dir;
     const QString log = dir.filePath("calls");
-    const QByteArray slow = "#!/bin/sh\n"
-                            "echo \"start $1\" >>\"$SLOW_LOG\"\n"
-                            "[ \"$1\" = unmount ] && exit 0\n"
-                            "for a in \"$@\"; do case \"$a\" in -f=*) echo part >\"${a#-f=}\" ;; esac; done\n"
-                            "[ \"$1\" = prepare ] && echo \"mounted: $SLOW_STICK\"\n"
-                            "trap 'sleep 0.3; echo ended >>\"$SLOW_LOG\"; exit 143' TERM\n"
-                            "sleep 0.3; echo ready >>\"$SLOW_LOG\"\n"
-                            "while :; do sleep 0.05; done\n";
+    const QByteArray slow =
+        "#!/bin/sh\n"
+        "echo \"start $1\" >>\"$SLOW_LOG\"\n"
+        "[ \"$1\" = unmount ] && exit 0\n"
+        "for a in \"$@\"; do case \"$a\" in -f=*) echo part >\"${a#-f=}\" ;; esac; done\n"
+        "[ \"$1\" = prepare ] && echo \"mounted: $SLOW_STICK\"\n"
+        "trap 'sleep 0.3; echo ended >>\"$SLOW_LOG\"; exit 143' TERM\n"
+        "sleep 0.3; echo ready >>\"$SLOW_LOG\"\n"
+        "while :; do sleep 0.05; done\n";
     for (const char* tool : {"cdrtools/readcd", "cdrtools/cdrecord", "usbhelper/brenta-usb-helper"})
         QVERIFY(Standins::Write(dir.filePath(QString("tools/") + tool), slow));
     qputenv("BRENTA_TOOLS_DIR", dir.filePath("tools").toUtf8());
@@ -355,7 +390,9 @@ void TestDiscTools::stopEndsOnceAfterTheTool()
         file.open(QIODevice::ReadOnly);
         return QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
     };
-    const auto parts = [&dir] { return QDir(dir.path()).entryList({".copy.iso.*"}, QDir::Files | QDir::Hidden); };
+    const auto parts = [&dir] {
+        return QDir(dir.path()).entryList({".copy.iso.*"}, QDir::Files | QDir::Hidden);
+    };
 
     std::unique_ptr<CJob> running;
     if (job == "copy")
@@ -373,7 +410,8 @@ void TestDiscTools::stopEndsOnceAfterTheTool()
     else if (auto* eject = qobject_cast<CEjectJob*>(running.get()))
         eject->Start("/dev/sr0");
     else
-        qobject_cast<CUsbBurnJob*>(running.get())->Restore("/dev/sdz", UsbPlan::FileSystem::Fat32, QString());
+        qobject_cast<CUsbBurnJob*>(running.get())
+            ->Restore("/dev/sdz", UsbPlan::FileSystem::Fat32, QString());
     QSignalSpy finished(running.get(), &CJob::finished);
     QTRY_VERIFY_WITH_TIMEOUT(called().contains("ready"), 10000);
 

@@ -23,8 +23,10 @@
 namespace {
 
 const QString kAta = "/devices/pci0000:00/0000:00:1f.2/ata1/host0/target0:0:0/0:0:0:0";
-const QString kStickScsi = "/devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host6/target6:0:0/6:0:0:0";
-const QString kReaderScsi = "/devices/pci0000:00/0000:00:1c.0/0000:03:00.0/host7/target7:0:0/7:0:0:0";
+const QString kStickScsi =
+    "/devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host6/target6:0:0/6:0:0:0";
+const QString kReaderScsi =
+    "/devices/pci0000:00/0000:00:1c.0/0000:03:00.0/host7/target7:0:0/7:0:0:0";
 const QString kEnclosureUsb = "/devices/pci0000:00/0000:00:14.0/usb2/2-2";
 const QString kSr0Scsi = "/devices/pci0000:00/0000:00:1f.2/ata2/host1/target1:0:0/1:0:0:0";
 const QString kSr2Scsi = "/devices/pci0000:00/0000:00:1f.2/ata3/host2/target2:0:0/2:0:0:0";
@@ -47,8 +49,8 @@ QString block(const QString& path, const QString& type, const QString& node, con
 {
     return record(path, QStringList{"N: " + node, "E: DEVNAME=/dev/" + node, "E: SUBSYSTEM=block",
                                     "E: DEVTYPE=" + type, "A: dev=" + number,
-                                    "A: size=" + QString::number(sectors)}
-                            + more);
+                                    "A: size=" + QString::number(sectors)} +
+                            more);
 }
 
 QString disk(const QString& path, const QString& number, qint64 sectors, const QStringList& more)
@@ -59,32 +61,41 @@ QString disk(const QString& path, const QString& number, qint64 sectors, const Q
 QString machine()
 {
     const QStringList writableStick = {"A: removable=1", "A: ro=0", "E: ID_BUS=usb"};
-    return record(kAta, {"E: SUBSYSTEM=scsi"})
-           + disk(kAta + "/block/sda", "8:0", 976773168, {"A: removable=0", "A: ro=0", "E: ID_MODEL=Fast_Disk"})
-           + block(kAta + "/block/sda/sda1", "partition", "sda1", "8:1", 976771072, {"A: partition=1"})
-           + record("/devices/pci0000:00/0000:00:14.0/usb2/2-1", {"E: SUBSYSTEM=usb", "E: DEVTYPE=usb_device"})
-           + record(kStickScsi, {"E: SUBSYSTEM=scsi"})
-           + disk(kStick, "8:16", 31266816, writableStick + QStringList{"E: ID_VENDOR=ACME", "E: ID_MODEL=Stick"})
-           + block(kStick + "/sdb1", "partition", "sdb1", "8:17", 2048000, {"A: partition=1"})
-           + block(kStick + "/sdb2", "partition", "sdb2", "8:18", 29216768, {"A: partition=2"})
-           + record(kReaderScsi, {"E: SUBSYSTEM=scsi"})
-           + disk(kReader, "8:32", 976562, {"A: removable=1", "A: ro=0"})
-           + block(kReader + "/sdc1", "partition", "sdc1", "8:33", 974848, {"A: partition=1"})
-           + record(kEnclosureUsb, {"E: SUBSYSTEM=usb", "E: DEVTYPE=usb_device"})
-           + disk(kEnclosure, "8:48", 1953525168,
-                  {"A: removable=0", "A: ro=0", "E: ID_VENDOR=Big_Box", "E: ID_MODEL=USB_3.0__Disk_"})
-           + block(kEnclosure + "/sdd1", "partition", "enclosure/part1", "8:49", 1953523120, {"A: partition=1"})
-           + disk(kEnclosureUsb + "/2-2:1.0/host9/target9:0:0/9:0:0:0/block/sde", "8:64", 0, writableStick)
-           + disk(kEnclosureUsb + "/2-2:1.0/host9/target9:0:1/9:0:1:0/block/sdf", "8:80", 31266816,
-                  {"A: removable=1", "A: ro=1", "E: ID_BUS=usb"})
-           + disk("/devices/virtual/block/loop0", "7:0", 2048, {"A: removable=1", "A: ro=0"})
-           + disk("/devices/virtual/block/dm-0", "254:0", 29212672, {"A: removable=0", "A: ro=0"})
-           + disk("/devices/virtual/block/md0", "9:0", 974720, {"A: removable=0", "A: ro=0"})
-           + record(kSr0Scsi, {"E: SUBSYSTEM=scsi", "A: vendor=ACMECORP", "A: rev=R001"})
-           + disk(kSr0Scsi + "/block/sr0", "11:0", 2097151, {"A: removable=1", "A: ro=0", "E: ID_CDROM=1"})
-           + record(kSr2Scsi, {"E: SUBSYSTEM=scsi", "A: vendor=OTHER", "A: model=BD   DRIVE", "A: rev=2.00"})
-           + disk(kSr2Scsi + "/block/sr2", "11:2", 0, {"A: removable=1"})
-           + disk(kSr10, "11:10", 0, {"A: removable=1", "E: ID_CDROM=1"});
+    return record(kAta, {"E: SUBSYSTEM=scsi"}) +
+           disk(kAta + "/block/sda", "8:0", 976773168,
+                {"A: removable=0", "A: ro=0", "E: ID_MODEL=Fast_Disk"}) +
+           block(kAta + "/block/sda/sda1", "partition", "sda1", "8:1", 976771072,
+                 {"A: partition=1"}) +
+           record("/devices/pci0000:00/0000:00:14.0/usb2/2-1",
+                  {"E: SUBSYSTEM=usb", "E: DEVTYPE=usb_device"}) +
+           record(kStickScsi, {"E: SUBSYSTEM=scsi"}) +
+           disk(kStick, "8:16", 31266816,
+                writableStick + QStringList{"E: ID_VENDOR=ACME", "E: ID_MODEL=Stick"}) +
+           block(kStick + "/sdb1", "partition", "sdb1", "8:17", 2048000, {"A: partition=1"}) +
+           block(kStick + "/sdb2", "partition", "sdb2", "8:18", 29216768, {"A: partition=2"}) +
+           record(kReaderScsi, {"E: SUBSYSTEM=scsi"}) +
+           disk(kReader, "8:32", 976562, {"A: removable=1", "A: ro=0"}) +
+           block(kReader + "/sdc1", "partition", "sdc1", "8:33", 974848, {"A: partition=1"}) +
+           record(kEnclosureUsb, {"E: SUBSYSTEM=usb", "E: DEVTYPE=usb_device"}) +
+           disk(kEnclosure, "8:48", 1953525168,
+                {"A: removable=0", "A: ro=0", "E: ID_VENDOR=Big_Box",
+                 "E: ID_MODEL=USB_3.0__Disk_"}) +
+           block(kEnclosure + "/sdd1", "partition", "enclosure/part1", "8:49", 1953523120,
+                 {"A: partition=1"}) +
+           disk(kEnclosureUsb + "/2-2:1.0/host9/target9:0:0/9:0:0:0/block/sde", "8:64", 0,
+                writableStick) +
+           disk(kEnclosureUsb + "/2-2:1.0/host9/target9:0:1/9:0:1:0/block/sdf", "8:80", 31266816,
+                {"A: removable=1", "A: ro=1", "E: ID_BUS=usb"}) +
+           disk("/devices/virtual/block/loop0", "7:0", 2048, {"A: removable=1", "A: ro=0"}) +
+           disk("/devices/virtual/block/dm-0", "254:0", 29212672, {"A: removable=0", "A: ro=0"}) +
+           disk("/devices/virtual/block/md0", "9:0", 974720, {"A: removable=0", "A: ro=0"}) +
+           record(kSr0Scsi, {"E: SUBSYSTEM=scsi", "A: vendor=ACMECORP", "A: rev=R001"}) +
+           disk(kSr0Scsi + "/block/sr0", "11:0", 2097151,
+                {"A: removable=1", "A: ro=0", "E: ID_CDROM=1"}) +
+           record(kSr2Scsi,
+                  {"E: SUBSYSTEM=scsi", "A: vendor=OTHER", "A: model=BD   DRIVE", "A: rev=2.00"}) +
+           disk(kSr2Scsi + "/block/sr2", "11:2", 0, {"A: removable=1"}) +
+           disk(kSr10, "11:10", 0, {"A: removable=1", "E: ID_CDROM=1"});
 }
 
 // Qt text where umockdev takes a C string.
@@ -151,7 +162,8 @@ void TestDrives::init()
 {
     m_bed = umockdev_testbed_new();
     GError* error = nullptr;
-    QVERIFY2(umockdev_testbed_add_from_string(m_bed, Utf8(machine()), &error), error ? error->message : "");
+    QVERIFY2(umockdev_testbed_add_from_string(m_bed, Utf8(machine()), &error),
+             error ? error->message : "");
     // Values with blanks at the ends, as drives report them.
     umockdev_testbed_set_attribute(m_bed, Utf8("/sys" + kSr0Scsi), "model", "DVDRW UNIT-100  ");
     umockdev_testbed_set_attribute(m_bed, Utf8("/sys" + kReaderScsi), "vendor", "Generic ");
@@ -177,7 +189,8 @@ void TestDrives::cleanup()
 void TestDrives::link(const QString& from, const QString& name, const QString& to)
 {
     const QString dir = QFileInfo(from + '/' + name).path();
-    umockdev_testbed_set_attribute_link(m_bed, Utf8("/sys" + from), Utf8(name), Utf8(QDir(dir).relativeFilePath(to)));
+    umockdev_testbed_set_attribute_link(m_bed, Utf8("/sys" + from), Utf8(name),
+                                        Utf8(QDir(dir).relativeFilePath(to)));
 }
 
 void TestDrives::devLink(const QString& name, const QString& target)
@@ -234,25 +247,28 @@ void TestDrives::removable_data()
                   "/dev/enclosure/part1 /var/tmp/x ext4 rw 0 0\ntmpfs /tmp tmpfs rw 0 0\n"
         << noSwap << all;
     QTest::newRow("no tables") << kMissing << kMissing << all;
-    QTest::newRow("partition at /home") << root + "/dev/sdb1 /home ext4 rw 0 0\n" << noSwap
-                                        << QStringList{sdc, sdd};
-    QTest::newRow("whole disk at /boot/efi") << root + "/dev/sdc /boot/efi vfat rw 0 0\n" << noSwap
-                                             << QStringList{sdb, sdd};
+    QTest::newRow("partition at /home") << root + "/dev/sdb1 /home ext4 rw 0 0\n"
+                                        << noSwap << QStringList{sdc, sdd};
+    QTest::newRow("whole disk at /boot/efi") << root + "/dev/sdc /boot/efi vfat rw 0 0\n"
+                                             << noSwap << QStringList{sdb, sdd};
     QTest::newRow("swap partition") << root << noSwap + "/dev/sdb2  partition\t1048572\t0\t-2\n"
                                     << QStringList{sdc, sdd};
-    QTest::newRow("swap through an escaped link") << root
-                                                  << noSwap + "/dev/disk/by-label/my\\040swap partition 1 0 -2\n"
-                                                  << QStringList{sdc, sdd};
-    QTest::newRow("root on device mapper") << "/dev/mapper/root / ext4 rw 0 0\n" << noSwap
-                                           << QStringList{sdc, sdd};
-    QTest::newRow("/var through a uuid link") << root + "/dev/disk/by-uuid/1234-ABCD /var ext4 rw 0 0\n"
-                                              << noSwap << QStringList{sdb, sdd};
-    QTest::newRow("/var by UUID=") << root + "UUID=1234-ABCD /var ext4 rw 0 0\n" << noSwap
-                                   << QStringList{sdb, sdd};
+    QTest::newRow("swap through an escaped link")
+        << root << noSwap + "/dev/disk/by-label/my\\040swap partition 1 0 -2\n"
+        << QStringList{sdc, sdd};
+    QTest::newRow("root on device mapper") << "/dev/mapper/root / ext4 rw 0 0\n"
+                                           << noSwap << QStringList{sdc, sdd};
+    QTest::newRow("/var through a uuid link")
+        << root + "/dev/disk/by-uuid/1234-ABCD /var ext4 rw 0 0\n"
+        << noSwap << QStringList{sdb, sdd};
+    QTest::newRow("/var by UUID=") << root + "UUID=1234-ABCD /var ext4 rw 0 0\n"
+                                   << noSwap << QStringList{sdb, sdd};
     // Only the device number ties this node to the kernel's sdd1.
-    QTest::newRow("node named apart from its device") << root + "/dev/enclosure/part1 /usr ext4 rw 0 0\n"
-                                                      << noSwap << QStringList{sdb, sdc};
-    QTest::newRow("/usr on RAID") << root + "/dev/md0 /usr ext4 rw 0 0\n" << noSwap << QStringList{sdb};
+    QTest::newRow("node named apart from its device")
+        << root + "/dev/enclosure/part1 /usr ext4 rw 0 0\n"
+        << noSwap << QStringList{sdb, sdc};
+    QTest::newRow("/usr on RAID") << root + "/dev/md0 /usr ext4 rw 0 0\n"
+                                  << noSwap << QStringList{sdb};
 }
 
 void TestDrives::removable()
@@ -260,7 +276,8 @@ void TestDrives::removable()
     QFETCH(QString, mounts);
     QFETCH(QString, swaps);
     QFETCH(QStringList, expected);
-    const QString mountsFile = mounts == kMissing ? m_dir.filePath("missing") : table("mounts", mounts);
+    const QString mountsFile =
+        mounts == kMissing ? m_dir.filePath("missing") : table("mounts", mounts);
     const QString swapsFile = swaps == kMissing ? m_dir.filePath("missing") : table("swaps", swaps);
     QCOMPARE(texts(Drives::Removable(mountsFile, swapsFile)), expected);
 }
@@ -270,7 +287,8 @@ void TestDrives::removableWithoutNames()
     // Without any identification the size follows the node directly.
     umockdev_testbed_set_property(m_bed, Utf8("/sys" + kStick), "ID_VENDOR", "");
     umockdev_testbed_set_property(m_bed, Utf8("/sys" + kStick), "ID_MODEL", "");
-    QCOMPARE(Drives::Removable(table("mounts", ""), table("swaps", "")).value(0).text, "/dev/sdb  16.0 GB");
+    QCOMPARE(Drives::Removable(table("mounts", ""), table("swaps", "")).value(0).text,
+             "/dev/sdb  16.0 GB");
 }
 
 void TestDrives::optical()
@@ -328,7 +346,8 @@ void TestDrives::monitor_data()
     QTest::newRow("stick and its partitions arrive")
         << QStringList{"add", kStick, "add", kStick + "/sdb1", "add", kStick + "/sdb2"} << 1;
     QTest::newRow("stick pulled out")
-        << QStringList{"remove", kStick + "/sdb2", "remove", kStick + "/sdb1", "remove", kStick} << 1;
+        << QStringList{"remove", kStick + "/sdb2", "remove", kStick + "/sdb1", "remove", kStick}
+        << 1;
     QTest::newRow("disc inserted and other actions")
         << QStringList{"change", kSr10, "bind", kStick, "move", kStick, "online", kStick} << 0;
 }

@@ -25,7 +25,8 @@ bool runTool(const QString& program, const QStringList& arguments, QString* outp
     QProcess tool;
     tool.setProcessChannelMode(QProcess::MergedChannels);
     tool.start(program, arguments);
-    const bool ok = tool.waitForFinished(120000) && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
+    const bool ok = tool.waitForFinished(120000) && tool.exitStatus() == QProcess::NormalExit &&
+                    tool.exitCode() == 0;
     if (output)
         *output = QString::fromUtf8(tool.readAll());
     return ok;
@@ -48,7 +49,8 @@ QStringList treeNames(const Item& root)
 
 QStringList listImage(const QString& image)
 {
-    QStringList names = ListedImage(image, [](const Item& item) { return item.name + (item.isDir ? "\\" : ""); });
+    QStringList names =
+        ListedImage(image, [](const Item& item) { return item.name + (item.isDir ? "\\" : ""); });
     names.sort();
     return names;
 }
@@ -496,7 +498,8 @@ void TestEditSession::droppingASessionNeverWaitsForItsCopy()
     QCOMPARE(session->Add(session->Contents().Root(), {disk.Path("slow.bin")}).size(), 1);
     bool copying = false;
     connect(&session->Saving(), &CJob::progressed, this, [&](int percent) {
-        copying = copying || (session->CurrentPhase() == CEditSession::Phase::Copying && percent > 0);
+        copying =
+            copying || (session->CurrentPhase() == CEditSession::Phase::Copying && percent > 0);
     });
     session->Save(m_dir.filePath("never-saved.iso"));
     QTRY_VERIFY_WITH_TIMEOUT(copying, 60000);

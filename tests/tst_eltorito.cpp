@@ -147,10 +147,10 @@ void TestElTorito::parses_data()
     QTest::addColumn<bool>("bootable");
     QTest::addColumn<QString>("entries"); // empty: not compared
     using E = ElTorito::Error;
-    const auto row = [](const char* name, const Layout& layout, E error, const char* media = "", qint64 length = 0,
-                        bool bootable = true, const char* entries = "") {
-        QTest::newRow(name) << makeImage(layout) << int(error) << QString(media) << length << bootable
-                            << QString(entries);
+    const auto row = [](const char* name, const Layout& layout, E error, const char* media = "",
+                        qint64 length = 0, bool bootable = true, const char* entries = "") {
+        QTest::newRow(name) << makeImage(layout) << int(error) << QString(media) << length
+                            << bootable << QString(entries);
     };
     Layout layout;
     row("no emulation, 4 sectors", layout, E::None, "no-emulation", 2048);
@@ -170,8 +170,8 @@ void TestElTorito::parses_data()
     row("wrong checksum is accepted", layout, E::None, "no-emulation", 2048);
     layout = {};
     layout.sectors = 17; // ends before sector 17 is complete
-    QTest::newRow("truncated file") << makeImage(layout).left(36863) << int(E::SectorUnreadable) << "" << qint64(0)
-                                    << true << "";
+    QTest::newRow("truncated file") << makeImage(layout).left(36863) << int(E::SectorUnreadable)
+                                    << "" << qint64(0) << true << "";
     layout = {};
     layout.type = 1;
     row("not a boot record", layout, E::NotBootRecord);
@@ -193,7 +193,8 @@ void TestElTorito::parses_data()
     // A header that promises more entries than follow: empty records are no
     // entries.
     layout.sections = section(0x91, 0xEF, 5, {22});
-    row("section count beyond its entries", layout, E::None, "no-emulation", 2048, true, "BIOS@20 EFI@22");
+    row("section count beyond its entries", layout, E::None, "no-emulation", 2048, true,
+        "BIOS@20 EFI@22");
 }
 
 void TestElTorito::parses()
@@ -230,11 +231,13 @@ void TestElTorito::readsSystemArea_data()
     Put32(gpt4k, 4096 + 72, 2);
     Put32(gpt4k, 4096 + 80, 4);
     Put32(gpt4k, 4096 + 84, 128);
-    gpt4k.replace(8192, 16, QByteArray("\x28\x73\x2A\xC1\x1F\xF8\xD2\x11\xBA\x4B\x00\xA0\xC9\x3E\xC9\x3B", 16));
+    gpt4k.replace(
+        8192, 16,
+        QByteArray("\x28\x73\x2A\xC1\x1F\xF8\xD2\x11\xBA\x4B\x00\xA0\xC9\x3E\xC9\x3B", 16));
     Put32(gpt4k, 8192 + 32, 6);
     Put32(gpt4k, 8192 + 40, 9);
-    QTest::newRow("GPT of 4096-byte sectors") << gpt4k
-                                              << "GPT of 4096-byte sectors (1: EFI system, start 6, 4 sectors)";
+    QTest::newRow("GPT of 4096-byte sectors")
+        << gpt4k << "GPT of 4096-byte sectors (1: EFI system, start 6, 4 sectors)";
     // Entry array far beyond the image and four thousand million entries:
     // read within bounds, and said so.
     QByteArray hostile = gpt4k;
@@ -269,17 +272,20 @@ void TestElTorito::showsEveryEntry_data()
     QTest::addColumn<QStringList>("entries"); // "PLATFORM FILE LOAD-SIZE", in catalogue order
     QTest::addColumn<QString>("systemArea");  // a pattern for the whole line
     using namespace BootCatalogs;
-    QTest::newRow("two BIOS entries") << kTwoBios << QStringList{"BIOS a.bin 4", "BIOS b.bin 8"} << "none";
-    QTest::newRow("UEFI default entry") << kUefiDefault << QStringList{"EFI efi.img 2880", "BIOS a.bin 4"}
-                                        << "none";
+    QTest::newRow("two BIOS entries")
+        << kTwoBios << QStringList{"BIOS a.bin 4", "BIOS b.bin 8"} << "none";
+    QTest::newRow("UEFI default entry")
+        << kUefiDefault << QStringList{"EFI efi.img 2880", "BIOS a.bin 4"} << "none";
     QTest::newRow("PowerPC and Mac sections")
-        << kPowerPcAndMac << QStringList{"BIOS a.bin 4", "PowerPC b.bin 8", "Mac b.bin 8"} << "none";
+        << kPowerPcAndMac << QStringList{"BIOS a.bin 4", "PowerPC b.bin 8", "Mac b.bin 8"}
+        << "none";
     QTest::newRow("isohybrid MBR and GPT")
         << kIsohybrid << QStringList{"BIOS a.bin 4", "EFI efi.img 2880"}
         << R"(isohybrid MBR \(1: 0x00 active, start 0, \d+ sectors; 2: 0xEF, start \d+, 2880 sectors\) \+ )"
            R"(GPT \(1: basic data, start 0, \d+ sectors; 2: basic data, start \d+, 2880 sectors\))";
     QTest::newRow("isohybrid with an Apple partition map")
-        << kIsohybrid + QStringList{"-isohybrid-apm-hfsplus"} << QStringList{"BIOS a.bin 4", "EFI efi.img 2880"}
+        << kIsohybrid + QStringList{"-isohybrid-apm-hfsplus"}
+        << QStringList{"BIOS a.bin 4", "EFI efi.img 2880"}
         << R"(isohybrid MBR \(.*\) \+ GPT \(.*\) \+ )"
            R"(APM of 2048-byte blocks \(1: Apple_partition_map, start 1, \d+ blocks; 2: Apple_HFS, .*\))";
     QTest::newRow("GPT behind a protective MBR")
@@ -304,19 +310,22 @@ void TestElTorito::showsEveryEntry()
     QVERIFY(brenta.waitForFinished(60000));
     QCOMPARE(brenta.exitCode(), 0);
     const QString text = QString::fromUtf8(brenta.readAllStandardOutput());
-    static const QRegularExpression block(R"(entry (\d+): (?:default|section \d+)\n)"
-                                          R"(  platform: (\S+) \(0x[0-9A-F]{2}\)\n)"
-                                          R"(  bootable: yes\n  media: no-emulation\n)"
-                                          R"(  load-size: (\d+) sectors? \(\d+ bytes\)\n  load-sector: (\d+)\n)");
+    static const QRegularExpression block(
+        R"(entry (\d+): (?:default|section \d+)\n)"
+        R"(  platform: (\S+) \(0x[0-9A-F]{2}\)\n)"
+        R"(  bootable: yes\n  media: no-emulation\n)"
+        R"(  load-size: (\d+) sectors? \(\d+ bytes\)\n  load-sector: (\d+)\n)");
     QStringList found;
     for (auto it = block.globalMatch(text); it.hasNext();) {
         const QRegularExpressionMatch match = it.next();
         QCOMPARE(match.captured(1).toInt(), found.size() + 1);
-        found << match.captured(2) + ' ' + BootCatalogs::FileAt(m_tree, image, match.captured(4).toUInt()) + ' ' +
+        found << match.captured(2) + ' ' +
+                     BootCatalogs::FileAt(m_tree, image, match.captured(4).toUInt()) + ' ' +
                      match.captured(3);
     }
     QCOMPARE(found, entries);
-    QCOMPARE(text.count(QRegularExpression(QStringLiteral("^entry "), QRegularExpression::MultilineOption)),
+    QCOMPARE(text.count(QRegularExpression(QStringLiteral("^entry "),
+                                           QRegularExpression::MultilineOption)),
              entries.size());
     const QRegularExpression area(QStringLiteral("^system-area: %1\n\\z").arg(systemArea),
                                   QRegularExpression::MultilineOption);
@@ -343,9 +352,11 @@ void TestElTorito::corpusReplaysCleanly()
         const BootSetup::ReadFunction read = bytesReader(bytes);
         for (const ElTorito::Entry& entry : catalog->entries) {
             const bool efi = entry.platform == ElTorito::kPlatformEfi;
-            const BootSetup::Measure measure = BootSetup::MeasureEntry(entry, efi, read, bytes.size());
+            const BootSetup::Measure measure =
+                BootSetup::MeasureEntry(entry, efi, read, bytes.size());
             QVERIFY(measure.length >= 0);
-            QVERIFY(measure.length == 0 || qint64(entry.loadRba) * 2048 + measure.length <= bytes.size());
+            QVERIFY(measure.length == 0 ||
+                    qint64(entry.loadRba) * 2048 + measure.length <= bytes.size());
         }
     }
 }

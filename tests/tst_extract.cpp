@@ -472,7 +472,8 @@ void TestExtract::stopRemovesPartialOutput()
     QVERIFY(progress.wait(60000));
     QStringList left;
     connect(&job, &CJob::finished, this, [&] {
-        left = QDir(destination.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
+        left = QDir(destination.path())
+                   .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
     });
     job.Stop();
     QVERIFY(!Jobs::Wait(job));

@@ -65,17 +65,19 @@ void TestFileCopy::copiesAndSaysIdleOnce()
     const QDateTime old(QDate(2001, 2, 3), QTime(4, 5, 6), Qt::UTC);
     const auto age = [&](const char* path) {
         const struct timespec times[2] = {{old.toSecsSinceEpoch(), 0}, {old.toSecsSinceEpoch(), 0}};
-        return ::utimensat(AT_FDCWD, QFile::encodeName(m_root.filePath(path)).constData(), times, 0) == 0;
+        return ::utimensat(AT_FDCWD, QFile::encodeName(m_root.filePath(path)).constData(), times,
+                           0) == 0;
     };
     QVERIFY(age("src/f.txt") && age("src/docs/sub") && age("src/docs"));
     CFileCopy worker;
     QSignalSpy idle(&worker, &CFileCopy::idle);
-    worker.AddJob(m_root.filePath("src/f.txt"), m_root.filePath("scratch/x/f.txt"), CFileCopy::Copy);
+    worker.AddJob(m_root.filePath("src/f.txt"), m_root.filePath("scratch/x/f.txt"),
+                  CFileCopy::Copy);
     QVERIFY(worker.RemainingBytes() <= 5000);
     worker.AddJob(m_root.filePath("src/docs"), m_root.filePath("scratch"), CFileCopy::Copy);
     for (const char* name : {"f.txt", "dir"})
-        worker.AddJob(m_root.filePath(QString("src/") + name), m_root.filePath(QString("out/") + name),
-                      CFileCopy::CopyAs);
+        worker.AddJob(m_root.filePath(QString("src/") + name),
+                      m_root.filePath(QString("out/") + name), CFileCopy::CopyAs);
     QVERIFY(idle.wait(30000));
     QVERIFY(worker.RemainingBytes() <= 0);
     QCOMPARE(readAll(m_root.filePath("scratch/x/f.txt")), QByteArray(5000, 'f'));
@@ -109,23 +111,27 @@ void TestFileCopy::replacesReadOnlyTarget()
 
 void TestFileCopy::queueBehindALargeCopy_data()
 {
-    QTest::addColumn<QStringList>("jobs");    // "copy|move|delete source [target]", below the test's folder
-    QTest::addColumn<QString>("change");      // then done to the queue: "remove <source>", "stop" or "clear"
+    QTest::addColumn<QStringList>(
+        "jobs"); // "copy|move|delete source [target]", below the test's folder
+    QTest::addColumn<QString>(
+        "change"); // then done to the queue: "remove <source>", "stop" or "clear"
     QTest::addColumn<QStringList>("present"); // in out/ at the end
     QTest::addColumn<QStringList>("absent");
     // A delete queued after a copy of the same path must happen after it.
-    QTest::newRow("jobs run in order") << QStringList{"copy a.txt out/a.txt", "move out/a.txt out/b.txt",
-                                                      "delete out/big.bin"}
-                                       << "" << QStringList{"b.txt"} << QStringList{"a.txt", "big.bin"};
+    QTest::newRow("jobs run in order")
+        << QStringList{"copy a.txt out/a.txt", "move out/a.txt out/b.txt", "delete out/big.bin"}
+        << "" << QStringList{"b.txt"} << QStringList{"a.txt", "big.bin"};
     QTest::newRow("removing a job takes only the first of its source")
         << QStringList{"copy a.txt out/first.txt", "copy a.txt out/second.txt"} << "remove a.txt"
         << QStringList{"second.txt"} << QStringList{"first.txt"};
     QTest::newRow("removing the running job loses no other")
-        << QStringList{"copy a.txt out/a.txt"} << "remove big.bin" << QStringList{"a.txt"} << QStringList{};
-    QTest::newRow("stop drops the queue") << QStringList{"copy a.txt out/a.txt", "copy a.txt out/b.txt"} << "stop"
-                                          << QStringList{} << QStringList{"a.txt", "b.txt"};
-    QTest::newRow("clear drops the queue") << QStringList{"copy a.txt out/a.txt"} << "clear" << QStringList{}
-                                           << QStringList{"a.txt"};
+        << QStringList{"copy a.txt out/a.txt"} << "remove big.bin" << QStringList{"a.txt"}
+        << QStringList{};
+    QTest::newRow("stop drops the queue")
+        << QStringList{"copy a.txt out/a.txt", "copy a.txt out/b.txt"} << "stop" << QStringList{}
+        << QStringList{"a.txt", "b.txt"};
+    QTest::newRow("clear drops the queue")
+        << QStringList{"copy a.txt out/a.txt"} << "clear" << QStringList{} << QStringList{"a.txt"};
 }
 
 // Jobs queued while the worker copies a large file.
@@ -141,8 +147,11 @@ void TestFileCopy::queueBehindALargeCopy()
     worker.AddJob(bigFile(m_root), m_root.filePath("out/big.bin"), CFileCopy::Copy);
     for (const QString& job : jobs) {
         const QStringList parts = job.split(' ');
-        const auto kind = parts[0] == "copy" ? CFileCopy::Copy : parts[0] == "move" ? CFileCopy::Move : CFileCopy::Delete;
-        worker.AddJob(m_root.filePath(parts[1]), parts.size() > 2 ? m_root.filePath(parts[2]) : QString(), kind);
+        const auto kind = parts[0] == "copy"   ? CFileCopy::Copy
+                          : parts[0] == "move" ? CFileCopy::Move
+                                               : CFileCopy::Delete;
+        worker.AddJob(m_root.filePath(parts[1]),
+                      parts.size() > 2 ? m_root.filePath(parts[2]) : QString(), kind);
     }
     if (change == "stop") {
         worker.Stop();
@@ -178,7 +187,8 @@ void TestFileCopy::loopingLinksAndMissingFilesAreReported()
     QCOMPARE(failures.size(), 2);
     QVERIFY(failures.filter("own folders").size() == 1);
     QVERIFY(failures.filter("broken").size() == 1);
-    QCOMPARE(readAll(m_root.filePath("out/tree/a/same.txt")), QByteArray("x")); // a file link is followed
+    QCOMPARE(readAll(m_root.filePath("out/tree/a/same.txt")),
+             QByteArray("x")); // a file link is followed
     QVERIFY(!QFileInfo::exists(m_root.filePath("out/tree/a/up")));
 }
 

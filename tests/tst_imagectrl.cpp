@@ -112,17 +112,25 @@ void TestImageCtrl::clickNeedsPressAndReleaseInside()
 
 void TestImageCtrl::pictureOfEachState_data()
 {
-    QTest::addColumn<QString>("pictures"); // "sprite4", "sprite3", or separate files: "files4", "files3"
+    QTest::addColumn<QString>(
+        "pictures"); // "sprite4", "sprite3", or separate files: "files4", "files3"
     QTest::addColumn<QString>("state");
     QTest::addColumn<QColor>("colour");
-    QTest::newRow("sprite, hover") << "sprite4" << "hover" << kHover;
-    QTest::newRow("sprite, pressed") << "sprite4" << "pressed" << kPressed;
-    QTest::newRow("sprite, disabled") << "sprite4" << "disabled" << kDisabled;
-    QTest::newRow("files, pressed") << "files4" << "pressed" << kPressed;
-    QTest::newRow("files, disabled") << "files4" << "disabled" << kDisabled;
+    QTest::newRow("sprite, hover") << "sprite4"
+                                   << "hover" << kHover;
+    QTest::newRow("sprite, pressed") << "sprite4"
+                                     << "pressed" << kPressed;
+    QTest::newRow("sprite, disabled") << "sprite4"
+                                      << "disabled" << kDisabled;
+    QTest::newRow("files, pressed") << "files4"
+                                    << "pressed" << kPressed;
+    QTest::newRow("files, disabled") << "files4"
+                                     << "disabled" << kDisabled;
     // Without a disabled frame or picture a disabled button shows its normal one.
-    QTest::newRow("sprite of 3 frames, disabled") << "sprite3" << "disabled" << kNormal;
-    QTest::newRow("files without disabled, disabled") << "files3" << "disabled" << kNormal;
+    QTest::newRow("sprite of 3 frames, disabled") << "sprite3"
+                                                  << "disabled" << kNormal;
+    QTest::newRow("files without disabled, disabled") << "files3"
+                                                      << "disabled" << kNormal;
 }
 
 void TestImageCtrl::pictureOfEachState()
@@ -134,9 +142,11 @@ void TestImageCtrl::pictureOfEachState()
     const QDir dir(m_dir.path());
     CImageButton control;
     if (pictures.startsWith("sprite"))
-        control.SetSprite(pictures == "sprite4" ? m_sprite4 : m_sprite3, pictures == "sprite4" ? 4 : 3);
+        control.SetSprite(pictures == "sprite4" ? m_sprite4 : m_sprite3,
+                          pictures == "sprite4" ? 4 : 3);
     else
-        control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"), dir.filePath("pressed.png"),
+        control.SetImages(dir.filePath("normal.png"), dir.filePath("hover.png"),
+                          dir.filePath("pressed.png"),
                           pictures == "files4" ? dir.filePath("disabled.png") : QString());
     QCOMPARE(centreColour(control), kNormal);
     if (state == "disabled") {
@@ -155,10 +165,13 @@ void TestImageCtrl::mismatchedPicturesAreRejected_data()
     QTest::addColumn<QString>("normal");
     QTest::addColumn<QString>("hover");
     QTest::addColumn<bool>("accepted");
-    QTest::newRow("same sizes") << "normal.png" << "hover.png" << true;
+    QTest::newRow("same sizes") << "normal.png"
+                                << "hover.png" << true;
     // A set of another size would leave the control with pictures that do not fit it.
-    QTest::newRow("hover one pixel wider") << "normal.png" << "wide.png" << false;
-    QTest::newRow("normal does not load") << "missing.png" << "hover.png" << false;
+    QTest::newRow("hover one pixel wider") << "normal.png"
+                                           << "wide.png" << false;
+    QTest::newRow("normal does not load") << "missing.png"
+                                          << "hover.png" << false;
 }
 
 void TestImageCtrl::mismatchedPicturesAreRejected()
@@ -209,7 +222,8 @@ void TestImageCtrl::dragMovesOnlyMovableWindows()
     const auto send = [&](QEvent::Type type, Qt::MouseButtons buttons) {
         QWidget* receiver = (onButton || type == QEvent::MouseButtonPress) ? target : &dialog;
         const QPoint local = receiver->mapFromGlobal(global);
-        QMouseEvent event(type, QPointF(local), QPointF(global), Qt::LeftButton, buttons, Qt::NoModifier);
+        QMouseEvent event(type, QPointF(local), QPointF(global), Qt::LeftButton, buttons,
+                          Qt::NoModifier);
         QApplication::sendEvent(receiver, &event);
     };
     send(QEvent::MouseButtonPress, Qt::LeftButton);

@@ -70,14 +70,19 @@ void TestListing::parseLine_data()
     QTest::addColumn<bool>("isDir");
     QTest::addColumn<QString>("size");
     QTest::addColumn<QString>("name");
-    QTest::newRow("file") << row(".....", "1536", "boot/bcd") << true << false << "1536" << "boot/bcd";
-    QTest::newRow("folder") << row("D....", "", "boot") << true << true << "" << "boot";
+    QTest::newRow("file") << row(".....", "1536", "boot/bcd") << true << false << "1536"
+                          << "boot/bcd";
+    QTest::newRow("folder") << row("D....", "", "boot") << true << true << ""
+                            << "boot";
     QTest::newRow("huge size") << row(".....", "123456789012", "big.wim") << true << false
-                               << "123456789012" << "big.wim";
+                               << "123456789012"
+                               << "big.wim";
     // 53 characters or fewer carry no name.
     QTest::newRow("no name") << QString("2024-05-06 07:08:09 D....").leftJustified(53) + "\n"
-                             << false << false << "" << "";
-    QTest::newRow("carriage return only") << QString("\r\n") << false << false << "" << "";
+                             << false << false << ""
+                             << "";
+    QTest::newRow("carriage return only") << QString("\r\n") << false << false << ""
+                                          << "";
 }
 
 void TestListing::parseLine()
@@ -127,12 +132,17 @@ void TestListing::readerKeepsOnlyTheTable()
     Listing::Reader reader(tree);
     const QString separator = "------------------- ----- ------------ ------------  ------------\n";
     const QStringList lines = {
-        "Path = x.iso\n", row(".....", "1", "banner-looking line"), separator,
-        row(".....", "5", "a.txt"), row("D....", "", "dir"),
+        "Path = x.iso\n",
+        row(".....", "1", "banner-looking line"),
+        separator,
+        row(".....", "5", "a.txt"),
+        row("D....", "", "dir"),
         // A name made of hyphens is an entry, not the end of the table.
         row(".....", "2", "-------------------.txt"),
         // Names a crafted image can list stay out of the tree.
-        row(".....", "3", "../../notes.txt"), row(".....", "4", "/home/me/notes.txt"), separator,
+        row(".....", "3", "../../notes.txt"),
+        row(".....", "4", "/home/me/notes.txt"),
+        separator,
         row(".....", "9", "totals-looking line"),
     };
     std::vector<Listing::FileSpan> files;
@@ -140,7 +150,8 @@ void TestListing::readerKeepsOnlyTheTable()
     QList<bool> ends;
     for (const QString& line : lines)
         ends << reader.Feed(line);
-    QCOMPARE(ends, (QList<bool>{false, false, false, false, false, false, false, false, true, false}));
+    QCOMPARE(ends,
+             (QList<bool>{false, false, false, false, false, false, false, false, true, false}));
     QVERIFY(reader.Finished());
     QCOMPARE(childNames(tree.Root()), (QStringList{"a.txt", "dir", "-------------------.txt"}));
     QCOMPARE(reader.LeftOut(), (QStringList{"../../notes.txt", "/home/me/notes.txt"}));
@@ -226,17 +237,26 @@ void TestListing::reasons_data()
 {
     QTest::addColumn<QStringList>("lines");
     QTest::addColumn<QStringList>("reasons");
-    QTest::newRow("full disk") << QStringList{"- r.bin\n", "System ERROR:\n", "errno=28 : No space left on device\n"}
+    QTest::newRow("full disk") << QStringList{"- r.bin\n", "System ERROR:\n",
+                                              "errno=28 : No space left on device\n"}
                                << QStringList{"No space left on device"};
-    QTest::newRow("missing image") << QStringList{"ERROR: errno=2 : No such file or directory", "missing.iso",
-                                                  "System ERROR:", "errno=2 : No such file or directory"}
-                                   << QStringList{"No such file or directory: missing.iso"};
+    QTest::newRow("missing image")
+        << QStringList{"ERROR: errno=2 : No such file or directory", "missing.iso",
+                       "System ERROR:", "errno=2 : No such file or directory"}
+        << QStringList{"No such file or directory: missing.iso"};
     QTest::newRow("truncated image, refused link")
-        << QStringList{"Type = Iso", "ERRORS:", "Unexpected end of archive", "Physical Size = 362496", "- d/f.txt",
-                       "ERROR: Dangerous link path was ignored : d/up : ../../x", "Sub items Errors: 1",
+        << QStringList{"Type = Iso",
+                       "ERRORS:",
+                       "Unexpected end of archive",
+                       "Physical Size = 362496",
+                       "- d/f.txt",
+                       "ERROR: Dangerous link path was ignored : d/up : ../../x",
+                       "Sub items Errors: 1",
                        "Archives with Errors: 1"}
-        << QStringList{"Unexpected end of archive", "Dangerous link path was ignored : d/up : ../../x"};
-    QTest::newRow("success") << QStringList{"- a.txt", "Everything is Ok", "Files: 3"} << QStringList{};
+        << QStringList{"Unexpected end of archive",
+                       "Dangerous link path was ignored : d/up : ../../x"};
+    QTest::newRow("success") << QStringList{"- a.txt", "Everything is Ok", "Files: 3"}
+                             << QStringList{};
 }
 
 void TestListing::reasons()
@@ -252,8 +272,8 @@ void TestListing::moveUpNamesWhatIsMissing()
     QTemporaryDir dir;
     const QDir root(dir.path());
     QVERIFY(root.mkpath("dest/.stage/docs/x/sub"));
-    const Extraction::MoveResult result =
-        Extraction::MoveUp(root.filePath("dest/.stage"), {"docs/x/sub", "docs/x/gone"}, root.filePath("dest"));
+    const Extraction::MoveResult result = Extraction::MoveUp(
+        root.filePath("dest/.stage"), {"docs/x/sub", "docs/x/gone"}, root.filePath("dest"));
     QVERIFY(!result.ok);
     QVERIFY2(result.message.contains("docs/x/gone"), qPrintable(result.message));
     QCOMPARE(result.placed, QStringList{root.filePath("dest/sub")});
@@ -275,8 +295,8 @@ void TestListing::moveUpTakesNothingFromOutside()
     QVERIFY(QFile::link(root.filePath("elsewhere"), root.filePath("dest/.stage/out")));
     QVERIFY(QFile::link("../elsewhere/notes.txt", root.filePath("dest/.stage/inside/link")));
 
-    const QStringList entries{"out/notes.txt", "../../elsewhere/notes.txt", root.filePath("elsewhere/notes.txt"),
-                              "inside/link"};
+    const QStringList entries{"out/notes.txt", "../../elsewhere/notes.txt",
+                              root.filePath("elsewhere/notes.txt"), "inside/link"};
     const Extraction::MoveResult result =
         Extraction::MoveUp(root.filePath("dest/.stage"), entries, root.filePath("dest"));
     QVERIFY(!result.ok);
@@ -285,9 +305,11 @@ void TestListing::moveUpTakesNothingFromOutside()
     QVERIFY(QFileInfo::exists(root.filePath("elsewhere/notes.txt")));
     QCOMPARE(result.placed, QStringList{root.filePath("dest/link")});
     QCOMPARE(linkText(root.filePath("dest/link")), QByteArray("../elsewhere/notes.txt"));
-    QCOMPARE(root.entryList(QStringList{"*"}, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-             (QStringList{"dest", "elsewhere"}));
-    QCOMPARE(QDir(root.filePath("dest")).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
+    QCOMPARE(
+        root.entryList(QStringList{"*"}, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+        (QStringList{"dest", "elsewhere"}));
+    QCOMPARE(QDir(root.filePath("dest"))
+                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot),
              QStringList{"link"});
 }
 

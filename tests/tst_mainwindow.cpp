@@ -80,7 +80,9 @@ void TestMainWindow::featureButtonOpensFreshPage()
     MainWindow window;
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
-    const auto pages = [&] { return window.findChildren<ImageDialog*>(Qt::FindDirectChildrenOnly); };
+    const auto pages = [&] {
+        return window.findChildren<ImageDialog*>(Qt::FindDirectChildrenOnly);
+    };
     const QString homeHint = window.Hint();
     // Escape would reject the underlying dialog and end Brenta by accident.
     QTest::keyClick(&window, Qt::Key_Escape);

@@ -19,26 +19,27 @@ void TestOutputSplitter::splits_data()
 
     // Progress redrawn in place: three figures in one read give three lines,
     // and the line feed left alone after the last "\r" is dropped as blank.
-    QTest::newRow("carriage returns") << QByteArray(" 10%\r 20%\r 30%\r\n")
-                                      << QStringList{" 10%", " 20%", " 30%"};
+    QTest::newRow("carriage returns")
+        << QByteArray(" 10%\r 20%\r 30%\r\n") << QStringList{" 10%", " 20%", " 30%"};
     // A plain line keeps its line feed, as the page receives it.
-    QTest::newRow("plain line keeps line feed") << QByteArray("Scanning\n")
-                                                << QStringList{"Scanning\n"};
+    QTest::newRow("plain line keeps line feed")
+        << QByteArray("Scanning\n") << QStringList{"Scanning\n"};
     // The archive tool erases each figure with a run of backspaces and blanks
     // and writes no line end between figures.
     QTest::newRow("backspace runs") << QByteArray("  5% 3 - a.txt\b\b\b\b\b\b\b\b\b\b\b\b\b\b"
                                                   "              \b\b\b\b\b\b\b\b\b\b\b\b\b\b"
                                                   " 40% 7 - b.txt\b\b\b\b")
                                     << QStringList{"  5% 3 - a.txt", " 40% 7 - b.txt"};
-    QTest::newRow("blank lines dropped") << QByteArray("\n\n   \n\t\nend\n\n")
-                                         << QStringList{"end\n"};
+    QTest::newRow("blank lines dropped")
+        << QByteArray("\n\n   \n\t\nend\n\n") << QStringList{"end\n"};
     QTest::newRow("crlf") << QByteArray("one\r\ntwo\r\n") << QStringList{"one", "two"};
-    QTest::newRow("leading blanks kept") << QByteArray("   indented\n")
-                                         << QStringList{"   indented\n"};
-    QTest::newRow("unterminated tail waits for the end") << QByteArray("done\npartial")
-                                                         << QStringList{"done\n"};
-    QTest::newRow("figures and a tail") << QByteArray("Writing:  12.5%\rWriting:  50%\r\nTotal 4096 bytes\nlast words")
-                                        << QStringList{"Writing:  12.5%", "Writing:  50%", "Total 4096 bytes\n"};
+    QTest::newRow("leading blanks kept")
+        << QByteArray("   indented\n") << QStringList{"   indented\n"};
+    QTest::newRow("unterminated tail waits for the end")
+        << QByteArray("done\npartial") << QStringList{"done\n"};
+    QTest::newRow("figures and a tail")
+        << QByteArray("Writing:  12.5%\rWriting:  50%\r\nTotal 4096 bytes\nlast words")
+        << QStringList{"Writing:  12.5%", "Writing:  50%", "Total 4096 bytes\n"};
 }
 
 // Pipes deliver output in arbitrary pieces: a line or a figure cut by a read

@@ -30,7 +30,8 @@ void doubleClick(QTableView* table, QPoint at)
 
 void clickButton(CImageButton* button)
 {
-    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+    QTest::mouseClick(button, Qt::LeftButton, {},
+                      QPoint(button->width() / 2, button->height() / 2));
 }
 
 // What the table shows, as a person reads it.
@@ -96,7 +97,8 @@ void TestPage2::initTestCase()
     QString error;
     m_image = IsoFixture::Build(source, m_dir.filePath("disc.iso"), "joliet", &error);
     QVERIFY2(!m_image.isEmpty(), qPrintable(error));
-    m_crafted = CraftedImage::Build(m_dir.path(), {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
+    m_crafted = CraftedImage::Build(m_dir.path(),
+                                    {{"../../notes.txt", "from the image"}, {"plain.txt", "plain"}},
                                     m_dir.filePath("crafted.iso"), &error);
     QVERIFY2(!m_crafted.isEmpty(), qPrintable(error));
 }
@@ -179,7 +181,8 @@ void TestPage2::rowClicksAndHeaderTick()
     QCOMPARE(ticks(table), (QList<bool>{false, false}));
     // A click on the box itself ticks the row once, not twice.
     const QRect box = table->visualRect(table->model()->index(0, 0));
-    QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, QPoint(box.left() + 10, box.center().y()));
+    QTest::mouseClick(table->viewport(), Qt::LeftButton, {},
+                      QPoint(box.left() + 10, box.center().y()));
     QCOMPARE(ticks(table), (QList<bool>{true, false}));
     m_page->slotSelectAll(false);
 
@@ -264,7 +267,8 @@ void TestPage2::imageThatCannotBeReadGivesThePageBack()
         QVERIFY(m_page->findChild<CImageButton*>("back")->isEnabled());
         QVERIFY(QApplication::overrideCursor() == nullptr);
         QCOMPARE(m_page->Tree()->topLevelItemCount(), opened ? 1 : 0);
-        QCOMPARE(column(m_page->Table(), 0), opened ? QStringList({"docs", "setup.exe"}) : QStringList());
+        QCOMPARE(column(m_page->Table(), 0),
+                 opened ? QStringList({"docs", "setup.exe"}) : QStringList());
     }
 }
 
@@ -295,7 +299,8 @@ void TestPage2::craftedNamesStayOutOfReach()
     QVERIFY(extracted.first().at(0).toBool());
     QCOMPARE(QDir(box.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              (QStringList{"dest", "notes.txt"}));
-    QCOMPARE(QDir(box.filePath("dest")).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+    QCOMPARE(QDir(box.filePath("dest"))
+                 .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              QStringList{"plain.txt"});
 }
 
@@ -319,7 +324,8 @@ void TestPage2::folderPickerSelectsSeveralFolders()
     QCOMPARE(dialog.exec(), 1);
     QStringList chosen = dialog.SelectedPaths();
     chosen.sort();
-    QCOMPARE(chosen, (QStringList{dir.filePath("one"), dir.filePath("three"), dir.filePath("two")}));
+    QCOMPARE(chosen,
+             (QStringList{dir.filePath("one"), dir.filePath("three"), dir.filePath("two")}));
 }
 
 QTEST_MAIN(TestPage2)

@@ -23,7 +23,8 @@ void clickButton(QWidget* page, const char* name)
 {
     auto* button = page->findChild<CImageButton*>(name);
     QVERIFY(button);
-    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+    QTest::mouseClick(button, Qt::LeftButton, {},
+                      QPoint(button->width() / 2, button->height() / 2));
 }
 
 QStringList rows(QTreeWidget* list)
@@ -73,8 +74,10 @@ private:
 void TestPage3::initTestCase()
 {
     QStandardPaths::setTestModeEnabled(true);
-    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("docs"), {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}}));
-    QVERIFY(IsoFixture::WriteTree(m_dir.path(), {{"one.txt", QByteArray(1536, '1')}, {"two.txt", "2"}}));
+    QVERIFY(
+        IsoFixture::WriteTree(m_dir.filePath("docs"), {{"a.txt", "alpha"}, {"sub/b.txt", "bee"}}));
+    QVERIFY(IsoFixture::WriteTree(m_dir.path(),
+                                  {{"one.txt", QByteArray(1536, '1')}, {"two.txt", "2"}}));
 }
 
 void TestPage3::init()
@@ -101,7 +104,8 @@ void TestPage3::addsIntoTheSelectedFolderAndBuilds()
     m_answers << QStringList{m_dir.filePath("docs")};
     clickButton(m_page.get(), "adddir");
     QTreeWidget* list = m_page->List();
-    QCOMPARE(rows(list), (QStringList{"docs | ", "  a.txt | docs", "  sub | docs", "    b.txt | docs\\sub"}));
+    QCOMPARE(rows(list),
+             (QStringList{"docs | ", "  a.txt | docs", "  sub | docs", "    b.txt | docs\\sub"}));
 
     // With the folder "sub" selected, new files go into it.
     list->setCurrentItem(list->topLevelItem(0)->child(1));
@@ -120,19 +124,21 @@ void TestPage3::addsIntoTheSelectedFolderAndBuilds()
     const QString output = m_dir.filePath("made.iso");
     m_answers << QStringList{output};
     QSignalSpy done(m_page.get(), &CPage3::createFinished);
-    whenModal<CommDialog>([](CommDialog* dialog) { QTest::mouseClick(dialog->OkButton(), Qt::LeftButton); });
+    whenModal<CommDialog>(
+        [](CommDialog* dialog) { QTest::mouseClick(dialog->OkButton(), Qt::LeftButton); });
     clickButton(m_page.get(), "create");
     QVERIFY(done.count() == 1 || done.wait(120000));
     QVERIFY(done.first().first().toBool());
-    QCOMPARE(imageEntries(output), (QStringList{"docs", "docs\\a.txt", "docs\\sub", "docs\\sub\\b.txt",
-                                                "docs\\sub\\one.txt"}));
+    QCOMPARE(imageEntries(output), (QStringList{"docs", "docs\\a.txt", "docs\\sub",
+                                                "docs\\sub\\b.txt", "docs\\sub\\one.txt"}));
 }
 
 void TestPage3::removeTakesEntryOutOfListAndImage()
 {
     // Dropped from a file manager, they are added as Add Files adds them.
     QMimeData data;
-    data.setUrls({QUrl::fromLocalFile(m_dir.filePath("one.txt")), QUrl::fromLocalFile(m_dir.filePath("two.txt"))});
+    data.setUrls({QUrl::fromLocalFile(m_dir.filePath("one.txt")),
+                  QUrl::fromLocalFile(m_dir.filePath("two.txt"))});
     QDragEnterEvent enter(QPoint(300, 200), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
     QApplication::sendEvent(m_page.get(), &enter);
     QDropEvent drop(QPointF(300, 200), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
@@ -147,7 +153,8 @@ void TestPage3::removeTakesEntryOutOfListAndImage()
     const QString output = m_dir.filePath("removed.iso");
     m_answers << QStringList{output};
     QSignalSpy done(m_page.get(), &CPage3::createFinished);
-    whenModal<CommDialog>([](CommDialog* dialog) { QTest::mouseClick(dialog->OkButton(), Qt::LeftButton); });
+    whenModal<CommDialog>(
+        [](CommDialog* dialog) { QTest::mouseClick(dialog->OkButton(), Qt::LeftButton); });
     clickButton(m_page.get(), "create");
     QVERIFY(done.count() == 1 || done.wait(120000));
     QCOMPARE(imageEntries(output), QStringList{"two.txt"});

@@ -20,7 +20,8 @@ namespace {
 
 void clickButton(CImageButton* button)
 {
-    QTest::mouseClick(button, Qt::LeftButton, {}, QPoint(button->width() / 2, button->height() / 2));
+    QTest::mouseClick(button, Qt::LeftButton, {},
+                      QPoint(button->width() / 2, button->height() / 2));
 }
 
 QStringList names(QTableView* table)
@@ -40,7 +41,8 @@ int rowOf(QTableView* table, const QString& name)
 void tick(QTableView* table, const QString& name)
 {
     const QRect cell = table->visualRect(table->model()->index(rowOf(table, name), 0));
-    QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, QPoint(cell.left() + 80, cell.center().y()));
+    QTest::mouseClick(table->viewport(), Qt::LeftButton, {},
+                      QPoint(cell.left() + 80, cell.center().y()));
 }
 
 QStringList treeTexts(const QTreeWidgetItem* item)
@@ -103,7 +105,8 @@ void TestPage4::initTestCase()
                                                           {"docs/one.txt", "1"},
                                                           {"docs/two.txt", "2"}}));
     QString error;
-    m_image = IsoFixture::Build(m_dir.filePath("src"), m_dir.filePath("disc.iso"), "joliet", &error);
+    m_image =
+        IsoFixture::Build(m_dir.filePath("src"), m_dir.filePath("disc.iso"), "joliet", &error);
     QVERIFY2(!m_image.isEmpty(), qPrintable(error));
 }
 
@@ -140,7 +143,8 @@ void TestPage4::searchFiltersAndActsOnTheRowShown()
     Open(m_image);
     QTableView* table = m_page->Table();
     // A person's double click: two clicks in quick succession.
-    const QPoint setup = table->visualRect(table->model()->index(rowOf(table, "setup"), 1)).center();
+    const QPoint setup =
+        table->visualRect(table->model()->index(rowOf(table, "setup"), 1)).center();
     QTest::mouseClick(table->viewport(), Qt::LeftButton, {}, setup);
     QTest::mouseDClick(table->viewport(), Qt::LeftButton, {}, setup);
     QCOMPARE(m_page->CurrentFolder()->name, QString("setup"));
@@ -180,7 +184,8 @@ void TestPage4::renameDeleteAndAddThroughTheControls()
     QCOMPARE(treeTexts(m_page->Tree()->topLevelItem(0)), (QStringList{"setup", "setup/boot"}));
 
     // Add a file and a folder with a subfolder from the picker.
-    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("local"), {{"new.txt", "n"}, {"pack/inner/deep.txt", "d"}}));
+    QVERIFY(IsoFixture::WriteTree(m_dir.filePath("local"),
+                                  {{"new.txt", "n"}, {"pack/inner/deep.txt", "d"}}));
     m_answers << QStringList{m_dir.filePath("local/new.txt"), m_dir.filePath("local/pack")};
     clickButton(m_page->findChild<CImageButton*>("add"));
     QCOMPARE(names(table), (QStringList{"setup", "new.txt", "pack"}));

@@ -162,7 +162,8 @@ void TestPage5::stopConfirmsItself()
     QVERIFY(ended.count() == 1 || ended.wait(10000));
     QTRY_VERIFY(!message.isEmpty());
     QVERIFY2(CJob::IsStoppedMessage(message) && message.contains("removed"), qPrintable(message));
-    QCOMPARE(QDir(m_dir.path()).entryList({"*stopped.iso*"}, QDir::Files | QDir::Hidden), QStringList());
+    QCOMPARE(QDir(m_dir.path()).entryList({"*stopped.iso*"}, QDir::Files | QDir::Hidden),
+             QStringList());
     QCOMPARE(finished.count(), 0);
 }
 

@@ -58,7 +58,8 @@ const QString kMark = QStringLiteral("Brenta polkit test");
 // can reach it.
 const QString kWorkFolder = QStringLiteral("brenta-polkit-test-");
 // What Brenta says when pkexec refuses to start the helper.
-const QString kRefused = QStringLiteral("Brenta is not authorised to change the stick: the system's policy refused it");
+const QString kRefused =
+    QStringLiteral("Brenta is not authorised to change the stick: the system's policy refused it");
 
 struct Ran
 {
@@ -112,8 +113,8 @@ bool waitUntil(const std::function<bool()>& condition, int timeoutMs)
 // Whether the system bus answers on its socket.
 bool busAnswers()
 {
-    return run("dbus-send", {"--system", "--print-reply", "--dest=org.freedesktop.DBus", "/org/freedesktop/DBus",
-                             "org.freedesktop.DBus.GetId"})
+    return run("dbus-send", {"--system", "--print-reply", "--dest=org.freedesktop.DBus",
+                             "/org/freedesktop/DBus", "org.freedesktop.DBus.GetId"})
                .exitCode == 0;
 }
 
@@ -283,7 +284,8 @@ private:
     // reads could fill up and stop it), and waits until it answers; what it
     // said when it does not.
     std::optional<QString> startDaemon(std::unique_ptr<QProcess>& daemon, const QString& program,
-                                       const QStringList& arguments, bool (*answers)(), int timeoutMs)
+                                       const QStringList& arguments, bool (*answers)(),
+                                       int timeoutMs)
     {
         const QString log = m_dir->filePath(QFileInfo(program).fileName() + ".log");
         daemon = std::make_unique<QProcess>();
@@ -395,8 +397,8 @@ private Q_SLOTS:
             QFile::remove(kBusSocket); // left by a bus that is gone
             QVERIFY(QDir().mkpath("/run/dbus"));
             if (const auto said = startDaemon(m_bus, "dbus-daemon",
-                                              {"--system", "--nofork", "--nopidfile", "--nosyslog"}, busAnswers,
-                                              20000))
+                                              {"--system", "--nofork", "--nopidfile", "--nosyslog"},
+                                              busAnswers, 20000))
                 QSKIP(qPrintable("the system bus cannot be started: " + *said));
         }
         if (!polkitOnBus()) {

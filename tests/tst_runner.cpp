@@ -93,27 +93,28 @@ void TestRunner::reportsTheRun_data()
     using R = CRunCommandThread::Result;
     // How output is cut into lines is the splitter's own test; here the runner
     // must feed it both streams and hand over the tail when the tool ends.
-    QTest::newRow("last line without line feed") << kChild << QStringList{"print-raw", "first\\nlast"}
-                                                 << int(R::Success) << 0 << QStringList{"first\n", "last"};
-    QTest::newRow("error output is merged") << kChild << QStringList{"stderr"} << int(R::Success) << 0
-                                            << QStringList{"to stdout\n", "to stderr\n"};
+    QTest::newRow("last line without line feed")
+        << kChild << QStringList{"print-raw", "first\\nlast"} << int(R::Success) << 0
+        << QStringList{"first\n", "last"};
+    QTest::newRow("error output is merged") << kChild << QStringList{"stderr"} << int(R::Success)
+                                            << 0 << QStringList{"to stdout\n", "to stderr\n"};
     QStringList many;
     for (int i = 0; i < 1500; ++i)
         many << QStringLiteral("line %1\n").arg(i);
-    QTest::newRow("many lines, in order") << kChild << QStringList{"stream", "1500"} << int(R::Success) << 0
-                                          << many;
-    QTest::newRow("exit status 254") << kChild << QStringList{"exit", "254"} << int(R::Failed) << 254
-                                     << QStringList{"bye\n"};
+    QTest::newRow("many lines, in order")
+        << kChild << QStringList{"stream", "1500"} << int(R::Success) << 0 << many;
+    QTest::newRow("exit status 254")
+        << kChild << QStringList{"exit", "254"} << int(R::Failed) << 254 << QStringList{"bye\n"};
     QTest::newRow("crash") << kChild << QStringList{"crash"} << int(R::Crashed) << -1
                            << QStringList{"about to crash\n"};
     // A page waits for sigfinished() before it goes on: a tool that never
     // starts must still end the run, or the page hangs for ever.
-    QTest::newRow("missing file") << "/nonexistent/brenta-no-such-tool" << QStringList() << int(R::StartFailed)
-                                  << -1 << QStringList();
+    QTest::newRow("missing file") << "/nonexistent/brenta-no-such-tool" << QStringList()
+                                  << int(R::StartFailed) << -1 << QStringList();
     QTest::newRow("not executable") << QString(BRENTA_SOURCE_DIR "/CMakeLists.txt") << QStringList()
                                     << int(R::StartFailed) << -1 << QStringList();
-    QTest::newRow("no program (tool not found)") << QString() << QStringList() << int(R::StartFailed) << -1
-                                                 << QStringList();
+    QTest::newRow("no program (tool not found)")
+        << QString() << QStringList() << int(R::StartFailed) << -1 << QStringList();
 }
 
 void TestRunner::reportsTheRun()
@@ -245,7 +246,8 @@ void TestRunner::stopThenRunsAfterTheToolHasEnded_data()
     QTest::newRow("tool that ignores the request") << QStringList{"stubborn"} << false << false;
     QTest::newRow("tool that has already ended") << QStringList{"exit", "0"} << true << false;
     QTest::newRow("no runner") << QStringList() << false << false;
-    QTest::newRow("disposed, tool that ignores the request") << QStringList{"stubborn"} << false << true;
+    QTest::newRow("disposed, tool that ignores the request")
+        << QStringList{"stubborn"} << false << true;
 }
 
 // A job removes what its tool was writing only once the tool has ended, or the
@@ -272,8 +274,7 @@ void TestRunner::stopThenRunsAfterTheToolHasEnded()
         if (endFirst) {
             QVERIFY(seen->finished.wait(10000));
             QTRY_VERIFY(runner->isFinished());
-        }
-        else
+        } else
             QTRY_VERIFY(readPid(pidFile + ".child") > 0);
     }
     const qint64 tool = readPid(pidFile);

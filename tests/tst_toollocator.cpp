@@ -63,19 +63,29 @@ void TestToolLocator::cleanup()
 void TestToolLocator::lookupOrder_data()
 {
     QTest::addColumn<int>("tool");
-    QTest::addColumn<QString>("relative");  // below BRENTA_TOOLS_DIR and the app folder
-    QTest::addColumn<QString>("pathName");  // a name found on PATH
-    QTest::addColumn<QString>("where");     // which one must win
+    QTest::addColumn<QString>("relative"); // below BRENTA_TOOLS_DIR and the app folder
+    QTest::addColumn<QString>("pathName"); // a name found on PATH
+    QTest::addColumn<QString>("where");    // which one must win
 
     const int archive = int(Tool::Archive);
     const int builder = int(Tool::ImageBuilder);
     const int writer = int(Tool::DiscWriter);
     const int reader = int(Tool::DiscReader);
-    QTest::newRow("tools dir beats everything") << archive << "7z/7z" << "7z" << "toolsdir";
-    QTest::newRow("app folder beats PATH") << builder << "cdrtools/mkisofs" << "genisoimage" << "appdir";
-    QTest::newRow("PATH alternative name") << writer << "" << "wodim" << "path";
-    QTest::newRow("not executable is skipped") << reader << "cdrtools/readcd" << "readom" << "path-noexec";
-    QTest::newRow("found nowhere") << reader << "" << "" << "nowhere";
+    QTest::newRow("tools dir beats everything") << archive << "7z/7z"
+                                                << "7z"
+                                                << "toolsdir";
+    QTest::newRow("app folder beats PATH") << builder << "cdrtools/mkisofs"
+                                           << "genisoimage"
+                                           << "appdir";
+    QTest::newRow("PATH alternative name") << writer << ""
+                                           << "wodim"
+                                           << "path";
+    QTest::newRow("not executable is skipped") << reader << "cdrtools/readcd"
+                                               << "readom"
+                                               << "path-noexec";
+    QTest::newRow("found nowhere") << reader << ""
+                                   << ""
+                                   << "nowhere";
 }
 
 void TestToolLocator::lookupOrder()
@@ -85,7 +95,8 @@ void TestToolLocator::lookupOrder()
     QFETCH(QString, pathName);
     QFETCH(QString, where);
 
-    const QString onPath = pathName.isEmpty() ? QString() : makeExecutable(m_path.filePath(pathName));
+    const QString onPath =
+        pathName.isEmpty() ? QString() : makeExecutable(m_path.filePath(pathName));
     QString expected = onPath;
     if (where == "path-noexec") {
         qputenv("BRENTA_TOOLS_DIR", m_tools.path().toLocal8Bit());

@@ -77,7 +77,7 @@ struct Outcome
     QString message;
     QString imageSha256; // as the job told it once the image was read
     QList<Phase> phases;
-    QMap<Phase, int> percent; // the last progress of each phase that counts to 100
+    QMap<Phase, int> percent;  // the last progress of each phase that counts to 100
     bool progressBack = false; // some phase's progress went back
 };
 
@@ -94,7 +94,8 @@ private:
     QString m_log;
 
     // Builds an image from files (path → content) under the temporary folder.
-    QString image(const QString& name, const QMap<QString, QByteArray>& files, const QStringList& extra = {})
+    QString image(const QString& name, const QMap<QString, QByteArray>& files,
+                  const QStringList& extra = {})
     {
         const QString source = m_dir.filePath("src-" + name);
         QDir(source).removeRecursively();
@@ -162,8 +163,9 @@ private:
         while (it.hasNext()) {
             QFile file(it.next());
             file.open(QIODevice::ReadOnly);
-            lines << QDir(root).relativeFilePath(file.fileName()) + " "
-                         + QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
+            lines
+                << QDir(root).relativeFilePath(file.fileName()) + " " +
+                       QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256).toHex();
         }
         lines.sort();
         return lines;
@@ -173,13 +175,15 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_dir.isValid());
-        if (QStandardPaths::findExecutable("7z").isEmpty() || QStandardPaths::findExecutable("genisoimage").isEmpty())
+        if (QStandardPaths::findExecutable("7z").isEmpty() ||
+            QStandardPaths::findExecutable("genisoimage").isEmpty())
             QSKIP("7z and genisoimage are needed");
         m_tools = m_dir.filePath("tools");
         m_stick = m_dir.filePath("stick");
         m_log = m_dir.filePath("helper.log");
         const QString standins = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins";
-        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", standins + "/usbhelper/brenta-usb-helper"));
+        QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper",
+                         standins + "/usbhelper/brenta-usb-helper"));
         QVERIFY(linkTool(m_tools, "7z/7z", standins + "/7z/7z"));
         qputenv("BRENTA_TOOLS_DIR", m_tools.toUtf8());
         qputenv("BRENTA_STANDIN_MOUNT", m_stick.toUtf8());
@@ -197,18 +201,21 @@ private Q_SLOTS:
     void verify_data()
     {
         QTest::addColumn<QByteArray>("stream");
-        QTest::addColumn<QStringList>("onStick"); // "name=content"; a missing name is a missing file
+        QTest::addColumn<QStringList>(
+            "onStick"); // "name=content"; a missing name is a missing file
         QTest::addColumn<bool>("ok");
         QTest::addColumn<QString>("problem");
 
         // A changed byte is found by the stand-in burn whose copy is spoilt.
         const QStringList good{"a.txt=hello", "d/b.bin=12345"};
         QTest::newRow("match") << QByteArray("hello12345BOOTIMG") << good << true << "";
-        QTest::newRow("short file") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello", "d/b.bin=1234"}
-                                    << false << "/d/b.bin has 4 bytes instead of 5";
-        QTest::newRow("missing") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello"} << false
-                                 << "/d/b.bin is missing";
-        QTest::newRow("stream ends early") << QByteArray("hello12") << good << false << "the image ended before /d/b.bin";
+        QTest::newRow("short file")
+            << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello", "d/b.bin=1234"}
+            << false << "/d/b.bin has 4 bytes instead of 5";
+        QTest::newRow("missing") << QByteArray("hello12345BOOTIMG") << QStringList{"a.txt=hello"}
+                                 << false << "/d/b.bin is missing";
+        QTest::newRow("stream ends early")
+            << QByteArray("hello12") << good << false << "the image ended before /d/b.bin";
     }
 
     void verify()
@@ -227,21 +234,24 @@ private Q_SLOTS:
             file.write(entry.section('=', 1).toUtf8());
         }
         // The split installer image and the pseudo-folder are read, not compared.
-        const std::vector<Listing::FileSpan> files{
-            {"a.txt", 5}, {"sources/install.wim", 0}, {"d/b.bin", 5}, {"[BOOT]/Boot-NoEmul.img", 7}};
+        const std::vector<Listing::FileSpan> files{{"a.txt", 5},
+                                                   {"sources/install.wim", 0},
+                                                   {"d/b.bin", 5},
+                                                   {"[BOOT]/Boot-NoEmul.img", 7}};
         QBuffer buffer(&stream);
         buffer.open(QIODevice::ReadOnly);
         std::atomic<bool> stop{false};
         qint64 read = 0;
-        const UsbBurn::VerifyResult result =
-            UsbBurn::Verify(buffer, files, root.path(), {"sources/install.wim"}, [&](qint64 r) { read = r; }, stop);
+        const UsbBurn::VerifyResult result = UsbBurn::Verify(
+            buffer, files, root.path(), {"sources/install.wim"}, [&](qint64 r) { read = r; }, stop);
         QCOMPARE(result.ok, ok);
         if (ok) {
             QCOMPARE(result.files, 2);
             QCOMPARE(result.bytes, 10);
             QCOMPARE(read, 17);
         } else {
-            QVERIFY2(result.problems.join(' ').contains(problem), qPrintable(result.problems.join(' ')));
+            QVERIFY2(result.problems.join(' ').contains(problem),
+                     qPrintable(result.problems.join(' ')));
         }
     }
 
@@ -253,15 +263,33 @@ private Q_SLOTS:
         QTest::addColumn<QString>("target");
         QTest::addColumn<QString>("resolved"); // empty: not in the image
 
-        QTest::newRow("same folder") << "docs/latest.txt" << "readme.txt" << "docs/readme.txt";
-        QTest::newRow("up and down") << "docs/data" << "../data/./" << "data";
-        QTest::newRow("through another link") << "top.txt" << "docs/latest.txt" << "docs/readme.txt";
-        QTest::newRow("out of the image") << "docs/up" << "../../etc/passwd" << "";
-        QTest::newRow("absolute") << "docs/hostname" << "/etc/hostname" << "";
-        QTest::newRow("nothing there") << "docs/gone" << "missing.txt" << "";
-        QTest::newRow("circle") << "loop/a" << "b" << "";
-        QTest::newRow("folder holding the link") << "docs/self" << "." << "";
-        QTest::newRow("the image's root") << "docs/root" << ".." << "";
+        QTest::newRow("same folder") << "docs/latest.txt"
+                                     << "readme.txt"
+                                     << "docs/readme.txt";
+        QTest::newRow("up and down") << "docs/data"
+                                     << "../data/./"
+                                     << "data";
+        QTest::newRow("through another link") << "top.txt"
+                                              << "docs/latest.txt"
+                                              << "docs/readme.txt";
+        QTest::newRow("out of the image") << "docs/up"
+                                          << "../../etc/passwd"
+                                          << "";
+        QTest::newRow("absolute") << "docs/hostname"
+                                  << "/etc/hostname"
+                                  << "";
+        QTest::newRow("nothing there") << "docs/gone"
+                                       << "missing.txt"
+                                       << "";
+        QTest::newRow("circle") << "loop/a"
+                                << "b"
+                                << "";
+        QTest::newRow("folder holding the link") << "docs/self"
+                                                 << "."
+                                                 << "";
+        QTest::newRow("the image's root") << "docs/root"
+                                          << ".."
+                                          << "";
     }
 
     void resolveLink()
@@ -270,7 +298,8 @@ private Q_SLOTS:
         QFETCH(QString, target);
         QFETCH(QString, resolved);
 
-        const QHash<QString, QString> links{{"docs/latest.txt", "readme.txt"}, {"loop/a", "b"}, {"loop/b", "a"}};
+        const QHash<QString, QString> links{
+            {"docs/latest.txt", "readme.txt"}, {"loop/a", "b"}, {"loop/b", "a"}};
         const QSet<QString> present{"docs", "docs/readme.txt", "data", "data/blocks.bin", "loop"};
         QCOMPARE(UsbBurn::ResolveLink(link, target, links, present), resolved);
     }
@@ -286,16 +315,24 @@ private Q_SLOTS:
 
         const int fat32 = int(UsbPlan::FileSystem::Fat32);
         const qint64 noLimit = UsbPlan::kFatFileLimit;
-        QTest::newRow("file too large for FAT")
-            << "plain" << "stick" << qint64(4) << fat32 << "" << "The file /bootmgr";
-        QTest::newRow("stick too small") << "plain" << "/dev/null" << noLimit << fat32 << "" << "cannot hold";
-        QTest::newRow("unreadable image") << "broken" << "stick" << noLimit << fat32 << "" << "could not be opened";
+        QTest::newRow("file too large for FAT") << "plain"
+                                                << "stick" << qint64(4) << fat32 << ""
+                                                << "The file /bootmgr";
+        QTest::newRow("stick too small") << "plain"
+                                         << "/dev/null" << noLimit << fat32 << ""
+                                         << "cannot hold";
+        QTest::newRow("unreadable image") << "broken"
+                                          << "stick" << noLimit << fat32 << ""
+                                          << "could not be opened";
         // The page and "brenta burn-usb" both plan: neither wipes a stick for a
         // label that mkfs would then refuse.
-        QTest::newRow("label too long for exFAT") << "plain" << "stick" << noLimit << int(UsbPlan::FileSystem::Exfat)
-                                                  << "Brenta Stick" << "An exFAT label holds at most 11 characters";
-        QTest::newRow("label FAT cannot hold") << "plain" << "stick" << noLimit << fat32 << QString("Données")
-                                               << "A FAT32 label can hold only";
+        QTest::newRow("label too long for exFAT")
+            << "plain"
+            << "stick" << noLimit << int(UsbPlan::FileSystem::Exfat) << "Brenta Stick"
+            << "An exFAT label holds at most 11 characters";
+        QTest::newRow("label FAT cannot hold")
+            << "plain"
+            << "stick" << noLimit << fat32 << QString("Données") << "A FAT32 label can hold only";
     }
 
     void planRefusals()
@@ -326,7 +363,8 @@ private Q_SLOTS:
         job.Plan(options);
         QVERIFY(planned.wait(60000));
         QCOMPARE(planned.first().at(0).toBool(), message.isEmpty());
-        QVERIFY2(planned.first().at(1).toString().contains(message), qPrintable(planned.first().at(1).toString()));
+        QVERIFY2(planned.first().at(1).toString().contains(message),
+                 qPrintable(planned.first().at(1).toString()));
         // Planning never calls the helper.
         QVERIFY(!QFileInfo::exists(m_log));
     }
@@ -335,14 +373,16 @@ private Q_SLOTS:
     // not refused. The file is sparse; the image is built in memory where it can.
     void planLargeInstallerImage()
     {
-        QTemporaryDir scratch(QDir("/dev/shm").exists() ? "/dev/shm/brenta-test-XXXXXX" : QString());
+        QTemporaryDir scratch(QDir("/dev/shm").exists() ? "/dev/shm/brenta-test-XXXXXX"
+                                                        : QString());
         QVERIFY(scratch.isValid());
         const QString source = scratch.filePath("src");
         QVERIFY(IsoFixture::WriteTree(source, {{"bootmgr", "loader"}}));
         QVERIFY(!IsoFixture::SparseFile(source + "/sources/install.wim", 4097).isEmpty());
         int code = 0;
-        const QString output = run("genisoimage", {"-quiet", "-J", "-R", "-allow-limited-size", "-o",
-                                                   scratch.filePath("big.iso"), source},
+        const QString output = run("genisoimage",
+                                   {"-quiet", "-J", "-R", "-allow-limited-size", "-o",
+                                    scratch.filePath("big.iso"), source},
                                    &code);
         QVERIFY2(code == 0, qPrintable(output));
         QFile::remove(source + "/sources/install.wim");
@@ -365,25 +405,37 @@ private Q_SLOTS:
         QTest::addColumn<QString>("archiveMode");
         QTest::addColumn<bool>("gpt");
         QTest::addColumn<bool>("succeeds");
-        QTest::addColumn<QStringList>("calls");   // the helper's commands, in order
-        QTest::addColumn<QString>("message");      // contained in the final message
+        QTest::addColumn<QStringList>("calls"); // the helper's commands, in order
+        QTest::addColumn<QString>("message");   // contained in the final message
 
         const QStringList full{"prepare", "bootcode", "remount", "unmount"};
-        QTest::newRow("mbr") << "" << "" << false << true << full << "All 4 files";
+        QTest::newRow("mbr") << ""
+                             << "" << false << true << full << "All 4 files";
         QTest::newRow("gpt has no boot code")
-            << "" << "" << true << true << QStringList{"prepare", "remount", "unmount"} << "Burning Successfully...";
-        QTest::newRow("formatting fails") << "failformat" << "" << false << false << QStringList{"prepare"}
-                                          << "formatting: mkfs.fat failed";
-        QTest::newRow("stick refused") << "refuse" << "" << false << false << QStringList{"prepare"}
-                                       << "the stick was refused: " + m_dir.path() + " is not a removable or USB disk";
-        QTest::newRow("boot code fails") << "failbootcode" << "" << false << false
-                                         << QStringList{"prepare", "bootcode", "unmount"} << "grub-bios-setup failed";
-        QTest::newRow("copy fails") << "" << "nospace" << false << false
-                                    << QStringList{"prepare", "bootcode", "unmount"}
-                                    << "copying the files: 7-Zip failed (exit status 2). It said: \"ERROR:";
+            << ""
+            << "" << true << true << QStringList{"prepare", "remount", "unmount"}
+            << "Burning Successfully...";
+        QTest::newRow("formatting fails")
+            << "failformat"
+            << "" << false << false << QStringList{"prepare"} << "formatting: mkfs.fat failed";
+        QTest::newRow("stick refused")
+            << "refuse"
+            << "" << false << false << QStringList{"prepare"}
+            << "the stick was refused: " + m_dir.path() + " is not a removable or USB disk";
+        QTest::newRow("boot code fails")
+            << "failbootcode"
+            << "" << false << false << QStringList{"prepare", "bootcode", "unmount"}
+            << "grub-bios-setup failed";
+        QTest::newRow("copy fails")
+            << ""
+            << "nospace" << false << false << QStringList{"prepare", "bootcode", "unmount"}
+            << "copying the files: 7-Zip failed (exit status 2). It said: \"ERROR:";
         QTest::newRow("verify finds a change")
-            << "" << "corrupt" << false << false << full << "verifying: what was written differs from the image: /z.txt";
-        QTest::newRow("unmount fails") << "failunmount" << "" << false << false << full << "target is busy";
+            << ""
+            << "corrupt" << false << false << full
+            << "verifying: what was written differs from the image: /z.txt";
+        QTest::newRow("unmount fails") << "failunmount"
+                                       << "" << false << false << full << "target is busy";
     }
 
     void burnWithStandIns()
@@ -399,7 +451,8 @@ private Q_SLOTS:
         qputenv("BRENTA_STANDIN_7Z", archiveMode.toUtf8());
         const QByteArray big(3 << 20, 'b');
         CUsbBurnJob::Options options;
-        options.image = image("boot", {{"bootmgr", "loader"}, {"z.txt", "zzz"}, {"d/e/big.bin", big}, {"empty", ""}});
+        options.image = image(
+            "boot", {{"bootmgr", "loader"}, {"z.txt", "zzz"}, {"d/e/big.bin", big}, {"empty", ""}});
         options.scheme = gpt ? UsbPlan::Scheme::Gpt : UsbPlan::Scheme::Mbr;
         options.fileSystem = UsbPlan::FileSystem::Ntfs; // GPT makes it FAT32
         options.label = "myusb";
@@ -413,19 +466,21 @@ private Q_SLOTS:
 
         QCOMPARE(Standins::LoggedCommands(m_log), calls);
         const QString prepare = Standins::Logged(m_log).first();
-        QVERIFY2(prepare.contains(gpt ? "--scheme gpt --fs fat32" : "--scheme mbr --fs ntfs"), qPrintable(prepare));
+        QVERIFY2(prepare.contains(gpt ? "--scheme gpt --fs fat32" : "--scheme mbr --fs ntfs"),
+                 qPrintable(prepare));
         QVERIFY2(prepare.endsWith("--label myusb"), qPrintable(prepare));
 
         if (succeeds) {
-            QList<Phase> expected{Phase::Checking, Phase::Formatting, Phase::BootCode, Phase::Copying,
-                                  Phase::Verifying, Phase::Finishing};
+            QList<Phase> expected{Phase::Checking, Phase::Formatting, Phase::BootCode,
+                                  Phase::Copying,  Phase::Verifying,  Phase::Finishing};
             if (gpt)
                 expected.removeAll(Phase::BootCode);
             QCOMPARE(outcome.phases, expected);
             QCOMPARE(outcome.percent.value(Phase::Copying), 100);
             QCOMPARE(hashes(m_stick), hashes(m_dir.filePath("src-boot")));
         } else {
-            QCOMPARE(outcome.phases.last(), calls.last() == "unmount" ? Phase::Finishing : Phase::Formatting);
+            QCOMPARE(outcome.phases.last(),
+                     calls.last() == "unmount" ? Phase::Finishing : Phase::Formatting);
         }
     }
 
@@ -436,7 +491,8 @@ private Q_SLOTS:
         const QString wim = makeWim(m_dir.filePath("wim"), 5 << 20);
         QVERIFY(!wim.isEmpty());
         CUsbBurnJob::Options options;
-        options.image = image("installer", {{"bootmgr", "loader"}, {"sources/boot.wim", "small"}}, {wim});
+        options.image =
+            image("installer", {{"bootmgr", "loader"}, {"sources/boot.wim", "small"}}, {wim});
         options.device = m_dir.path();
         // FAT takes files up to 2 MiB here, so the 5 MiB image goes in parts of 1 MiB.
         options.fatFileLimit = 2 << 20;
@@ -444,15 +500,18 @@ private Q_SLOTS:
         QVERIFY2(outcome.succeeded, qPrintable(outcome.planMessage + outcome.message));
         QVERIFY(outcome.phases.contains(Phase::Splitting));
         QVERIFY(!QFileInfo::exists(m_stick + "/sources/install.wim"));
-        const QStringList parts = QDir(m_stick + "/sources").entryList({"install*.swm"}, QDir::Files);
+        const QStringList parts =
+            QDir(m_stick + "/sources").entryList({"install*.swm"}, QDir::Files);
         QVERIFY2(parts.size() >= 3, qPrintable(parts.join(' ')));
         for (const QString& part : parts)
             QVERIFY(QFileInfo(m_stick + "/sources/" + part).size() <= options.fatFileLimit);
         // The parts are one image again for wimlib.
         int code = 0;
-        const QString info = run("wimlib-imagex", {"info", m_stick + "/sources/install.swm"}, &code);
+        const QString info =
+            run("wimlib-imagex", {"info", m_stick + "/sources/install.swm"}, &code);
         QCOMPARE(code, 0);
-        QVERIFY2(info.contains("Part Number:") && info.contains(QString("/%1").arg(parts.size())), qPrintable(info));
+        QVERIFY2(info.contains("Part Number:") && info.contains(QString("/%1").arg(parts.size())),
+                 qPrintable(info));
         QCOMPARE(QFile(m_stick + "/sources/boot.wim").size(), 5);
     }
 
@@ -466,14 +525,26 @@ private Q_SLOTS:
         QTest::addColumn<QString>("fs");
         QTest::addColumn<QString>("failure"); // mkfs fails with these words; empty: it works
 
-        QTest::newRow("mbr fat32") << "mbr" << "fat32" << "";
-        QTest::newRow("mbr fat") << "mbr" << "fat" << "";
-        QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << "";
-        QTest::newRow("mbr exfat") << "mbr" << "exfat" << "";
-        QTest::newRow("gpt fat32") << "gpt" << "fat32" << "";
+        QTest::newRow("mbr fat32") << "mbr"
+                                   << "fat32"
+                                   << "";
+        QTest::newRow("mbr fat") << "mbr"
+                                 << "fat"
+                                 << "";
+        QTest::newRow("mbr ntfs") << "mbr"
+                                  << "ntfs"
+                                  << "";
+        QTest::newRow("mbr exfat") << "mbr"
+                                   << "exfat"
+                                   << "";
+        QTest::newRow("gpt fat32") << "gpt"
+                                   << "fat32"
+                                   << "";
         // A tool stood in through BRENTA_TOOLS_DIR.
-        QTest::newRow("mkfs fails") << "mbr" << "fat32"
-                                    << "formatting: mkfs.vfat failed (exit status 1). mkfs.fat: unable to open";
+        QTest::newRow("mkfs fails")
+            << "mbr"
+            << "fat32"
+            << "formatting: mkfs.vfat failed (exit status 1). mkfs.fat: unable to open";
     }
 
     void realStick()
@@ -486,15 +557,17 @@ private Q_SLOTS:
             QSKIP("needs root for loop devices");
         const QString failing = m_tools + "/system/mkfs.vfat";
         if (!failure.isEmpty()) {
-            QVERIFY(Standins::Write(failing, "#!/bin/sh\necho 'mkfs.fat: unable to open the device: "
-                                             "Input/output error' >&2\nexit 1\n"));
+            QVERIFY(Standins::Write(failing,
+                                    "#!/bin/sh\necho 'mkfs.fat: unable to open the device: "
+                                    "Input/output error' >&2\nexit 1\n"));
         }
         QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
         QVERIFY(linkTool(m_tools, "7z/7z", QStandardPaths::findExecutable("7z")));
         const auto restore = qScopeGuard([&] {
             const QString standins = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins";
             QFile::remove(failing);
-            linkTool(m_tools, "usbhelper/brenta-usb-helper", standins + "/usbhelper/brenta-usb-helper");
+            linkTool(m_tools, "usbhelper/brenta-usb-helper",
+                     standins + "/usbhelper/brenta-usb-helper");
             linkTool(m_tools, "7z/7z", standins + "/7z/7z");
         });
         const QString backing = IsoFixture::SparseFile(m_dir.filePath("stick.img"), 96);
@@ -600,7 +673,8 @@ private Q_SLOTS:
         QTest::newRow("stick pulled out before the read-back")
             << "grub" << true << false
             << QByteArray("[ \"$1\" != hash ] || {\n"
-                          "  losetup -d \"$2\"; while losetup \"$2\" >/dev/null 2>&1; do sleep 0.1; done; }\n")
+                          "  losetup -d \"$2\"; while losetup \"$2\" >/dev/null 2>&1; do sleep "
+                          "0.1; done; }\n")
             << "" << Phase::Verifying << "removed";
         // The files of the image's EFI boot image are read back too, whether
         // it names them in capitals (isolinux) or not (grub-mkrescue).
@@ -682,12 +756,17 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("expected");
         const QByteArray a(64, 'a');
         const QByteArray b(64, 'b');
-        QTest::newRow("GNU line among others") << a + "  other.iso\n" + b + "  my.iso\n" << false << b;
+        QTest::newRow("GNU line among others") << a + "  other.iso\n" + b + "  my.iso\n"
+                                               << false << b;
         QTest::newRow("binary marker, ./, CRLF, upper case")
-            << QByteArray(64, 'B') + " *./my.iso\r\n" << false << b;
-        QTest::newRow("BSD line") << "SHA256 (other.iso) = " + a + "\nSHA256 (my.iso) = " + b << false << b;
-        QTest::newRow("a longer name is another file") << a + "  my.iso.old\n" << false << QByteArray();
-        QTest::newRow("lone hash only in the image's own file") << a + "\n" << false << QByteArray();
+            << QByteArray(64, 'B') + " *./my.iso\r\n"
+            << false << b;
+        QTest::newRow("BSD line") << "SHA256 (other.iso) = " + a + "\nSHA256 (my.iso) = " + b
+                                  << false << b;
+        QTest::newRow("a longer name is another file") << a + "  my.iso.old\n"
+                                                       << false << QByteArray();
+        QTest::newRow("lone hash only in the image's own file") << a + "\n"
+                                                                << false << QByteArray();
         QTest::newRow("lone hash in the image's own file") << a + "\n" << true << a;
         QTest::newRow("not a SHA-256") << a.left(63) + "  my.iso\n" << true << QByteArray();
     }
@@ -710,13 +789,15 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         const QByteArray other(64, 'c');
         QTest::newRow("SHA256SUMS matches")
-            << "SHA256SUMS" << other + "  other.iso\n%1  published.iso\n" << true
-            << "The image matches the published checksum in SHA256SUMS.";
-        QTest::newRow("own file differs")
-            << "published.iso.sha256" << other + "\n" << false
-            << "writing: the image does not match the published checksum in published.iso.sha256: expected " +
-                   QString::fromLatin1(other) + ", got %1.";
-        QTest::newRow("SHA256SUMS names other images") << "SHA256SUMS" << other + "  other.iso\n" << true << "";
+            << "SHA256SUMS" << other + "  other.iso\n%1  published.iso\n"
+            << true << "The image matches the published checksum in SHA256SUMS.";
+        QTest::newRow("own file differs") << "published.iso.sha256" << other + "\n"
+                                          << false
+                                          << "writing: the image does not match the published "
+                                             "checksum in published.iso.sha256: expected " +
+                                                 QString::fromLatin1(other) + ", got %1.";
+        QTest::newRow("SHA256SUMS names other images") << "SHA256SUMS" << other + "  other.iso\n"
+                                                       << true << "";
     }
 
     void publishedChecksum()
@@ -726,15 +807,18 @@ private Q_SLOTS:
         QFETCH(bool, succeeded);
         QFETCH(QString, message);
 
-        const QString source = image("checksum", {{"a.txt", "a"}, {"big.bin", QByteArray(2 << 20, 'b')}});
-        const QString folder = m_dir.filePath(QStringLiteral("published-%1").arg(QTest::currentDataTag()));
+        const QString source =
+            image("checksum", {{"a.txt", "a"}, {"big.bin", QByteArray(2 << 20, 'b')}});
+        const QString folder =
+            m_dir.filePath(QStringLiteral("published-%1").arg(QTest::currentDataTag()));
         QDir(folder).removeRecursively();
         QVERIFY(QDir().mkpath(folder));
         const QString published = folder + "/published.iso";
         QVERIFY(QFile::copy(source, published));
         QFile image(published);
         QVERIFY(image.open(QIODevice::ReadOnly));
-        const QByteArray sha256 = QCryptographicHash::hash(image.readAll(), QCryptographicHash::Sha256).toHex();
+        const QByteArray sha256 =
+            QCryptographicHash::hash(image.readAll(), QCryptographicHash::Sha256).toHex();
         QFile sums(folder + "/" + file);
         QVERIFY(sums.open(QIODevice::WriteOnly));
         sums.write(text.replace("%1", sha256));
@@ -823,15 +907,20 @@ private Q_SLOTS:
             // The EFI boot image's loader, copied so that the stick starts through UEFI.
             const qint64 loader = QFileInfo(folder + "/" + shape + "-bootx64.efi").size();
             QVERIFY(loader > 0);
-            expected << "EFI " << "EFI\\BOOT " << QString("EFI\\BOOT\\BOOTX64.EFI %1").arg(loader);
+            expected << "EFI "
+                     << "EFI\\BOOT " << QString("EFI\\BOOT\\BOOTX64.EFI %1").arg(loader);
             if (shape == "isolinux-rr") {
                 // Links to a file and a folder of the image are copies of
                 // them; the one to /etc/hostname is left out.
-                QVERIFY2(outcome.message.contains("2 symbolic links") && outcome.message.contains("1 symbolic links could not be kept"),
+                QVERIFY2(outcome.message.contains("2 symbolic links") &&
+                             outcome.message.contains("1 symbolic links could not be kept"),
                          qPrintable(outcome.message));
-                QVERIFY(expected.removeOne("docs\\hostname 0") && expected.removeOne("docs\\latest.txt 0")
-                        && expected.removeOne("docs\\data 0"));
-                expected << "docs\\latest.txt 18" << "docs\\data " << "docs\\data\\blocks.bin 300000";
+                QVERIFY(expected.removeOne("docs\\hostname 0") &&
+                        expected.removeOne("docs\\latest.txt 0") &&
+                        expected.removeOne("docs\\data 0"));
+                expected << "docs\\latest.txt 18"
+                         << "docs\\data "
+                         << "docs\\data\\blocks.bin 300000";
             }
             onStick.sort(Qt::CaseInsensitive);
             expected.sort(Qt::CaseInsensitive);
@@ -871,7 +960,8 @@ private Q_SLOTS:
         QString built;
         QStringList devices;
         QStringList disks; // what each stick holds, to compare with the image
-        const QString standIn = QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper";
+        const QString standIn =
+            QStringLiteral(BRENTA_SOURCE_DIR) + "/tests/standins/usbhelper/brenta-usb-helper";
         const QString helper = m_tools + "/usbhelper/brenta-usb-helper";
         QList<std::function<void()>> tidy;
         const auto tidyUp = qScopeGuard([&] {
@@ -887,9 +977,11 @@ private Q_SLOTS:
             QVERIFY2(!built.isEmpty(), qPrintable(error));
             QVERIFY(linkTool(m_tools, "usbhelper/brenta-usb-helper", BRENTA_USB_HELPER));
             for (int i = 0; i < sticks; ++i) {
-                const QString backing = IsoFixture::SparseFile(m_dir.filePath(QString("sticks-%1.img").arg(i)), 64);
+                const QString backing =
+                    IsoFixture::SparseFile(m_dir.filePath(QString("sticks-%1.img").arg(i)), 64);
                 int code = 0;
-                const QString loop = run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
+                const QString loop =
+                    run("losetup", {"-f", "--show", "-P", backing}, &code).trimmed();
                 if (code != 0 || !loop.startsWith("/dev/loop"))
                     QSKIP("no loop device can be set up here");
                 tidy << [this, loop] { run("losetup", {"-d", loop}); };
@@ -897,7 +989,8 @@ private Q_SLOTS:
                 disks << loop;
             }
         } else {
-            built = image("several", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
+            built =
+                image("several", {{"a.txt", "a"}, {"big.bin", QByteArray(3 << 20, 'b') + "end"}});
             QByteArray before = "export BRENTA_STANDIN_DISK=\"$2.disk\"\n";
             for (int i = 0; i < sticks; ++i) {
                 const QString device = m_dir.filePath(QString("several-%1").arg(i));
@@ -906,9 +999,11 @@ private Q_SLOTS:
                 devices << device;
                 disks << device + ".disk";
             }
-            before += "[ \"$2\" != '" + devices.value(failing).toUtf8() + "' ] || export BRENTA_STANDIN_MODE=failwrite\n";
+            before += "[ \"$2\" != '" + devices.value(failing).toUtf8() +
+                      "' ] || export BRENTA_STANDIN_MODE=failwrite\n";
             QFile::remove(helper);
-            QVERIFY(Standins::Write(helper, "#!/bin/sh\n" + before + "exec '" + standIn.toUtf8() + "' \"$@\"\n"));
+            QVERIFY(Standins::Write(helper, "#!/bin/sh\n" + before + "exec '" + standIn.toUtf8() +
+                                                "' \"$@\"\n"));
             qputenv("BRENTA_STANDIN_MODE", "");
         }
 

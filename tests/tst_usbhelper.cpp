@@ -119,7 +119,9 @@ public:
         file.close();
         int code = 0;
         const QString node =
-            tool("losetup", {"-f", "--show", "-P", "--sector-size", QString::number(sectorSize), Image()}, &code)
+            tool("losetup",
+                 {"-f", "--show", "-P", "--sector-size", QString::number(sectorSize), Image()},
+                 &code)
                 .trimmed();
         if (code == 0 && node.startsWith("/dev/loop"))
             m_node = node;
@@ -283,17 +285,20 @@ void TestUsbHelper::mountOfDisk_data()
 
     QTest::newRow("kernel mount of the partition")
         << "40 27 8:17 / /media/u/STICK rw,nosuid - vfat /dev/sdb1 rw" << true;
-    QTest::newRow("kernel mount of the whole disk") << "40 27 8:16 / /media/u/STICK rw - vfat /dev/sdb rw" << true;
-    QTest::newRow("another disk named like the stick") << "40 27 8:33 / /mnt rw - vfat /dev/sdb1 rw" << false;
-    QTest::newRow("the helper's FUSE mount") << "40 27 0:52 / /run/brenta/sdb1 rw - fuse /dev/sdb1 rw" << true;
-    QTest::newRow("FUSE elsewhere, named like the stick") << "40 27 0:52 / /home/u/m rw - fuse /dev/sdb1 rw"
-                                                          << false;
+    QTest::newRow("kernel mount of the whole disk")
+        << "40 27 8:16 / /media/u/STICK rw - vfat /dev/sdb rw" << true;
+    QTest::newRow("another disk named like the stick")
+        << "40 27 8:33 / /mnt rw - vfat /dev/sdb1 rw" << false;
+    QTest::newRow("the helper's FUSE mount")
+        << "40 27 0:52 / /run/brenta/sdb1 rw - fuse /dev/sdb1 rw" << true;
+    QTest::newRow("FUSE elsewhere, named like the stick")
+        << "40 27 0:52 / /home/u/m rw - fuse /dev/sdb1 rw" << false;
     QTest::newRow("FUSE in the helper's folder of another partition")
         << "40 27 0:52 / /run/brenta/sdb1 rw - fuse /dev/sdc1 rw" << false;
-    QTest::newRow("not FUSE in the helper's folder") << "40 27 0:52 / /run/brenta/sdb1 rw - tmpfs /dev/sdb1 rw"
-                                                     << false;
-    QTest::newRow("below the helper's folder") << "40 27 0:52 / /run/brenta/sdb1/x rw - fuse /dev/sdb1 rw"
-                                               << false;
+    QTest::newRow("not FUSE in the helper's folder")
+        << "40 27 0:52 / /run/brenta/sdb1 rw - tmpfs /dev/sdb1 rw" << false;
+    QTest::newRow("below the helper's folder")
+        << "40 27 0:52 / /run/brenta/sdb1/x rw - fuse /dev/sdb1 rw" << false;
 }
 
 void TestUsbHelper::mountOfDisk()
@@ -326,8 +331,9 @@ void TestUsbHelper::sizeArguments_data()
         << QStringList{"write", "/dev/sdb", "--size", "18446744073709551617"} << qint64(0);
     QTest::newRow("another option")
         << QStringList{"write", "/dev/sdb", "--fs", "fat32"} << qint64(0);
-    QTest::newRow("size twice")
-        << QStringList{"hash", "/dev/sdb", "--size", "512", "--size", "1024"} << qint64(0);
+    QTest::newRow("size twice") << QStringList{"hash", "/dev/sdb", "--size",
+                                               "512",  "--size",   "1024"}
+                                << qint64(0);
 }
 
 void TestUsbHelper::sizeArguments()
@@ -348,27 +354,33 @@ void TestUsbHelper::usageAndRefusalsOfTheProgram_data()
     QTest::addColumn<QString>("output");
 
     QTest::newRow("usage") << QStringList{"prepare", "/dev/null"} << 2 << "usage:";
-    QTest::newRow("not a device") << QStringList{"check", "/dev/null"} << 3 << "refused: /dev/null is not a block";
+    QTest::newRow("not a device") << QStringList{"check", "/dev/null"} << 3
+                                  << "refused: /dev/null is not a block";
     // A stick pulled out takes its node with it.
     QTest::newRow("no such device")
         << QStringList{"hash", "/dev/brenta-no-stick", "--size", "1"} << 3
         << "refused: /dev/brenta-no-stick is not there: the stick was removed";
-    QTest::newRow("escape from dev") << QStringList{"unmount", "/dev/../etc/passwd"} << 3 << "refused: ";
+    QTest::newRow("escape from dev")
+        << QStringList{"unmount", "/dev/../etc/passwd"} << 3 << "refused: ";
     QTest::newRow("prepare refused before writing")
-        << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32"} << 3 << "refused: ";
+        << QStringList{"prepare", "/dev/zero", "--scheme", "mbr", "--fs", "fat32"} << 3
+        << "refused: ";
     // The user the stick is mounted for comes from pkexec, never from the caller.
-    QTest::newRow("owner given") << QStringList{"remount", "/dev/sdb", "--fs", "fat32", "--owner", "0:0"} << 2
-                                 << "unknown option \"--owner\"";
+    QTest::newRow("owner given") << QStringList{"remount", "/dev/sdb", "--fs",
+                                                "fat32",   "--owner",  "0:0"}
+                                 << 2 << "unknown option \"--owner\"";
     QTest::newRow("label with a line feed")
-        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--label", "a\nb"} << 2
-        << "control characters";
+        << QStringList{"prepare", "/dev/sdb", "--scheme", "mbr", "--fs", "fat32", "--label", "a\nb"}
+        << 2 << "control characters";
     // The disk holding "/", whatever it is on this machine, when it has a node.
     struct stat info;
     QVERIFY(::stat("/", &info) == 0);
     const QString link =
-        QFileInfo(QString("/sys/dev/block/%1:%2").arg(major(info.st_dev)).arg(minor(info.st_dev))).canonicalFilePath();
-    const QString disk = "/dev/" + QFileInfo(QFileInfo::exists(link + "/partition") ? QFileInfo(link).path() : link)
-                                       .fileName();
+        QFileInfo(QString("/sys/dev/block/%1:%2").arg(major(info.st_dev)).arg(minor(info.st_dev)))
+            .canonicalFilePath();
+    const QString disk =
+        "/dev/" + QFileInfo(QFileInfo::exists(link + "/partition") ? QFileInfo(link).path() : link)
+                      .fileName();
     if (!link.isEmpty() && QFileInfo::exists(disk))
         QTest::newRow("the system's disk") << QStringList{"check", disk} << 3 << "refused: ";
 }
@@ -392,7 +404,7 @@ void TestUsbHelper::endToEnd_data()
 {
     QTest::addColumn<QString>("scheme");
     QTest::addColumn<QString>("fs");
-    QTest::addColumn<bool>("fuse");      // the kernel's driver is kept out
+    QTest::addColumn<bool>("fuse"); // the kernel's driver is kept out
     QTest::addColumn<int>("sectorSize");
     QTest::addColumn<QString>("type");   // as sfdisk --dump prints it
     QTest::addColumn<QString>("fsType"); // as blkid -p prints it
@@ -400,18 +412,31 @@ void TestUsbHelper::endToEnd_data()
     QTest::addColumn<QString>("label");  // as blkid -p prints it
 
     const QString basicData = "type=EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
-    QTest::newRow("mbr fat32") << "mbr" << "fat32" << false << 512 << "type=c, bootable" << "vfat" << "brenta"
+    QTest::newRow("mbr fat32") << "mbr"
+                               << "fat32" << false << 512 << "type=c, bootable"
+                               << "vfat"
+                               << "brenta"
                                << "BRENTA";
-    QTest::newRow("mbr fat through FUSE") << "mbr" << "fat" << true << 512 << "type=6, bootable" << "vfat"
-                                          << "Brenta" << "BRENTA";
-    QTest::newRow("mbr ntfs") << "mbr" << "ntfs" << false << 512 << "type=7, bootable" << "ntfs"
-                              << QString("Données") << QString("Données");
-    QTest::newRow("gpt exfat") << "gpt" << "exfat" << false << 512 << basicData << "exfat" << QString("Données")
-                               << QString("Données");
-    QTest::newRow("mbr exfat through FUSE") << "mbr" << "exfat" << true << 512 << "type=7, bootable" << "exfat"
-                                            << "Brenta" << "Brenta";
-    QTest::newRow("gpt fat32, 4096-byte sectors") << "gpt" << "fat32" << false << 4096 << basicData << "vfat"
-                                                  << "brenta" << "BRENTA";
+    QTest::newRow("mbr fat through FUSE") << "mbr"
+                                          << "fat" << true << 512 << "type=6, bootable"
+                                          << "vfat"
+                                          << "Brenta"
+                                          << "BRENTA";
+    QTest::newRow("mbr ntfs") << "mbr"
+                              << "ntfs" << false << 512 << "type=7, bootable"
+                              << "ntfs" << QString("Données") << QString("Données");
+    QTest::newRow("gpt exfat") << "gpt"
+                               << "exfat" << false << 512 << basicData << "exfat"
+                               << QString("Données") << QString("Données");
+    QTest::newRow("mbr exfat through FUSE") << "mbr"
+                                            << "exfat" << true << 512 << "type=7, bootable"
+                                            << "exfat"
+                                            << "Brenta"
+                                            << "Brenta";
+    QTest::newRow("gpt fat32, 4096-byte sectors") << "gpt"
+                                                  << "fat32" << false << 4096 << basicData << "vfat"
+                                                  << "brenta"
+                                                  << "BRENTA";
 }
 
 void TestUsbHelper::endToEnd()
@@ -425,8 +450,10 @@ void TestUsbHelper::endToEnd()
     QFETCH(QString, given);
     QFETCH(QString, label);
 
-    for (const char* program : {"losetup", "sfdisk", "wipefs", "blkid", "mkfs.vfat", "mkfs.exfat", "mkfs.ntfs"}) {
-        if (QStandardPaths::findExecutable(program, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"}).isEmpty())
+    for (const char* program :
+         {"losetup", "sfdisk", "wipefs", "blkid", "mkfs.vfat", "mkfs.exfat", "mkfs.ntfs"}) {
+        if (QStandardPaths::findExecutable(program, {"/usr/sbin", "/usr/bin", "/sbin", "/bin"})
+                .isEmpty())
             QSKIP(qPrintable(QString("%1 is not installed").arg(program)));
     }
     const LoopDevice stick(96, sectorSize);
@@ -439,8 +466,9 @@ void TestUsbHelper::endToEnd()
     // A "mount" that fails leaves the FUSE driver to do the work.
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     if (fuse) {
-        QVERIFY(Standins::Write(stick.FilePath("tools/system/mount"),
-                                "#!/bin/sh\necho \"mount: unknown filesystem type\" >&2\nexit 32\n"));
+        QVERIFY(
+            Standins::Write(stick.FilePath("tools/system/mount"),
+                            "#!/bin/sh\necho \"mount: unknown filesystem type\" >&2\nexit 32\n"));
         environment.insert("BRENTA_TOOLS_DIR", stick.FilePath("tools"));
     }
     // Through pkexec, the stick is mounted for the user it names, who owns
@@ -451,16 +479,18 @@ void TestUsbHelper::endToEnd()
         environment.insert("PKEXEC_UID", QString::number(kNobody));
     QVERIFY(::chown(QFile::encodeName(stick.Image()).constData(), kNobody, kNobody) == 0);
 
-    Run run = helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", given}, environment);
+    Run run =
+        helper({"prepare", loop, "--scheme", scheme, "--fs", fs, "--label", given}, environment);
     QVERIFY2(run.exitCode == 0, qPrintable(run.Text()));
-    QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting", "step: mounting",
-                                     "mounted: " + folder}));
+    QCOMPARE(run.lines, (QStringList{"step: wiping", "step: partitioning", "step: formatting",
+                                     "step: mounting", "mounted: " + folder}));
     QVERIFY2(hardened(folder), qPrintable(mountOptions(folder).join(',')));
 
     // Writable by its owner.
     QCOMPARE(QFileInfo(folder).ownerId(), owner);
-    tool("setpriv", {QString("--reuid=%1").arg(owner), QString("--regid=%1").arg(owner), "--clear-groups", "sh",
-                     "-c", "echo written > '" + folder + "/by-owner.txt'"},
+    tool("setpriv",
+         {QString("--reuid=%1").arg(owner), QString("--regid=%1").arg(owner), "--clear-groups",
+          "sh", "-c", "echo written > '" + folder + "/by-owner.txt'"},
          &code);
     QCOMPARE(code, 0);
     const auto written = [&] {
@@ -474,7 +504,8 @@ void TestUsbHelper::endToEnd()
     const QString verified = tool("sfdisk", {"--verify", loop}, &code);
     QVERIFY2(code == 0 && verified.contains("No errors detected"), qPrintable(verified));
     const QString dump = tool("sfdisk", {"--dump", loop});
-    QVERIFY2(dump.contains(QString("start=%1").arg((1 << 20) / sectorSize, 12)) && dump.contains(type),
+    QVERIFY2(dump.contains(QString("start=%1").arg((1 << 20) / sectorSize, 12)) &&
+                 dump.contains(type),
              qPrintable(dump));
     const QString probe = tool("blkid", {"-p", "-o", "export", "/dev/" + partName});
     QVERIFY2(probe.contains("TYPE=" + fsType + "\n"), qPrintable(probe));
@@ -514,7 +545,8 @@ void TestUsbHelper::endToEnd()
 // to swap for a link to somewhere else.
 void TestUsbHelper::otherFileSystemsAreLeftMounted_data()
 {
-    QTest::addColumn<QString>("source"); // "link": a link to the stick; "node": the stick's own path
+    QTest::addColumn<QString>(
+        "source"); // "link": a link to the stick; "node": the stick's own path
 
     QTest::newRow("named by a link to the stick") << "link";
     QTest::newRow("named like the stick") << "node";
@@ -531,8 +563,9 @@ void TestUsbHelper::otherFileSystemsAreLeftMounted()
     const QString folder = stick.FilePath("theirs");
     QVERIFY(QDir().mkpath(folder));
     int code = -1;
-    const QString said = tool("mount", {"-t", "tmpfs", "-o", "size=1m", source == "link" ? link : stick.Node(), folder},
-                              &code);
+    const QString said = tool(
+        "mount", {"-t", "tmpfs", "-o", "size=1m", source == "link" ? link : stick.Node(), folder},
+        &code);
     QVERIFY2(code == 0, qPrintable(said));
     const auto unmountTheirs = qScopeGuard([&] {
         while (mounted(folder))
@@ -553,7 +586,8 @@ void TestUsbHelper::refusedBeforeWriting_data()
     QTest::addColumn<QString>("setup");
     QTest::addColumn<QString>("pkexecUid"); // empty: root itself calls
     QTest::addColumn<int>("exitCode");
-    QTest::addColumn<QString>("reason"); // in the refusal; "%1" is the stick, "%2" the test's folder
+    QTest::addColumn<QString>(
+        "reason"); // in the refusal; "%1" is the stick, "%2" the test's folder
 
     const QStringList prepare{"prepare", "%1", "--scheme", "mbr", "--fs", "fat32"};
     const QStringList unmount{"unmount", "%1"};
@@ -562,33 +596,42 @@ void TestUsbHelper::refusedBeforeWriting_data()
     // A disk that something else uses: mounted where the desktop does not
     // mount removable media (a server's data, a container's root), or held
     // open by another program.
-    QTest::newRow("whole disk mounted elsewhere") << prepare << "mount disk" << "" << 3 << "is mounted at %2/data";
-    QTest::newRow("partition mounted elsewhere") << prepare << "mount partition" << "" << 3
-                                                 << "is mounted at %2/data";
-    QTest::newRow("held open exclusively") << prepare << "exclusive" << "" << 3 << "in use";
-    QTest::newRow("held open by a program") << prepare << "open" << "" << 3 << "in use by sleep";
-    QTest::newRow("image write, partition mounted elsewhere") << write << "mount partition" << "" << 3
-                                                              << "is mounted at %2/data";
-    QTest::newRow("hash, whole disk mounted elsewhere") << hash << "mount disk" << "" << 3
-                                                        << "is mounted at %2/data";
+    QTest::newRow("whole disk mounted elsewhere") << prepare << "mount disk"
+                                                  << "" << 3 << "is mounted at %2/data";
+    QTest::newRow("partition mounted elsewhere") << prepare << "mount partition"
+                                                 << "" << 3 << "is mounted at %2/data";
+    QTest::newRow("held open exclusively") << prepare << "exclusive"
+                                           << "" << 3 << "in use";
+    QTest::newRow("held open by a program") << prepare << "open"
+                                            << "" << 3 << "in use by sleep";
+    QTest::newRow("image write, partition mounted elsewhere") << write << "mount partition"
+                                                              << "" << 3 << "is mounted at %2/data";
+    QTest::newRow("hash, whole disk mounted elsewhere") << hash << "mount disk"
+                                                        << "" << 3 << "is mounted at %2/data";
     // Any user polkit lets through may name any loop device, and a loop
     // device can read any file, the system's own images too: through pkexec
     // the helper takes only a loop device over a file of the user pkexec
     // names, as the kernel holds it (a file put in its place later does not
     // count; the kernel names a deleted file "<path> (deleted)").
-    QTest::newRow("another user's file") << prepare << "" << "65534" << 3 << "belongs to another user";
-    QTest::newRow("unmount, another user's file") << unmount << "" << "65534" << 3 << "belongs to another user";
-    QTest::newRow("own file named like another's") << prepare << "swapped" << "65534" << 3 << "cannot be found";
-    QTest::newRow("unmount, own file named like another's") << unmount << "swapped" << "65534" << 3
-                                                            << "cannot be found";
-    QTest::newRow("not a user id") << prepare << "" << "65534x" << 3 << "PKEXEC_UID is not a user id";
-    QTest::newRow("unknown user") << unmount << "" << "4000000000" << 3 << "unknown to the system";
+    QTest::newRow("another user's file") << prepare << ""
+                                         << "65534" << 3 << "belongs to another user";
+    QTest::newRow("unmount, another user's file") << unmount << ""
+                                                  << "65534" << 3 << "belongs to another user";
+    QTest::newRow("own file named like another's") << prepare << "swapped"
+                                                   << "65534" << 3 << "cannot be found";
+    QTest::newRow("unmount, own file named like another's") << unmount << "swapped"
+                                                            << "65534" << 3 << "cannot be found";
+    QTest::newRow("not a user id") << prepare << ""
+                                   << "65534x" << 3 << "PKEXEC_UID is not a user id";
+    QTest::newRow("unknown user") << unmount << ""
+                                  << "4000000000" << 3 << "unknown to the system";
     // A label the file system cannot take (which labels those are is the
     // plan's test): mkfs refusing it after the wipe would leave the stick empty.
-    QTest::newRow("FAT32 label with a dot") << prepare + QStringList{"--label", "V1.0"} << "" << "" << 2
-                                            << "can hold only";
-    QTest::newRow("image larger than the stick") << QStringList{"write", "%1", "--size", "16777728"} << "" << "" << 3
-                                                 << "refused: %1 holds 16777216 bytes, fewer than the image's 16777728";
+    QTest::newRow("FAT32 label with a dot") << prepare + QStringList{"--label", "V1.0"} << ""
+                                            << "" << 2 << "can hold only";
+    QTest::newRow("image larger than the stick")
+        << QStringList{"write", "%1", "--size", "16777728"} << ""
+        << "" << 3 << "refused: %1 holds 16777216 bytes, fewer than the image's 16777728";
 }
 
 void TestUsbHelper::refusedBeforeWriting()
@@ -598,7 +641,8 @@ void TestUsbHelper::refusedBeforeWriting()
     QFETCH(QString, pkexecUid);
     QFETCH(int, exitCode);
     QFETCH(QString, reason);
-    if (setup.startsWith("mount") && QStandardPaths::findExecutable("mkfs.ext2", {"/usr/sbin", "/sbin"}).isEmpty())
+    if (setup.startsWith("mount") &&
+        QStandardPaths::findExecutable("mkfs.ext2", {"/usr/sbin", "/sbin"}).isEmpty())
         QSKIP("mkfs.ext2 is not installed");
     const LoopDevice stick(16);
     if (!stick.IsValid())
@@ -637,7 +681,8 @@ void TestUsbHelper::refusedBeforeWriting()
         const QString said = tool("mount", {node, folder}, &code);
         QVERIFY2(code == 0, qPrintable(said));
     } else if (setup == "exclusive") {
-        exclusive = ::open(QFile::encodeName(stick.Node()).constData(), O_RDONLY | O_EXCL | O_CLOEXEC);
+        exclusive =
+            ::open(QFile::encodeName(stick.Node()).constData(), O_RDONLY | O_EXCL | O_CLOEXEC);
         QVERIFY(exclusive >= 0);
     } else if (setup == "open") {
         holder.setStandardInputFile(stick.Node());
@@ -657,12 +702,14 @@ void TestUsbHelper::refusedBeforeWriting()
 
     arguments.replaceInStrings("%1", stick.Node());
     const Run run = helper(arguments, environment,
-                           arguments.first() == "write" ? QByteArray(arguments.at(3).toInt(), 'x') : QByteArray());
+                           arguments.first() == "write" ? QByteArray(arguments.at(3).toInt(), 'x')
+                                                        : QByteArray());
     QCOMPARE(run.exitCode, exitCode);
     reason.replace("%1", stick.Node()).replace("%2", stick.DirPath());
     QVERIFY2(run.Text().contains(reason), qPrintable(run.Text()));
     if (exitCode == 3)
-        QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(reason), qPrintable(run.Text()));
+        QVERIFY2(run.lines.last().startsWith("refused: ") && run.lines.last().contains(reason),
+                 qPrintable(run.Text()));
     QCOMPARE(mounted(folder), setup.startsWith("mount"));
     QCOMPARE(sha256Of(stick.Node()), before);
 }

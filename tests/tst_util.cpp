@@ -87,10 +87,14 @@ void TestUtil::fileSuffix_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("suffix");
-    QTest::newRow("last dot wins") << "a.tar.gz" << ".gz";
-    QTest::newRow("hidden file has none") << ".profile" << "";
-    QTest::newRow("no dot") << "README" << "";
-    QTest::newRow("trailing dot") << "name." << ".";
+    QTest::newRow("last dot wins") << "a.tar.gz"
+                                   << ".gz";
+    QTest::newRow("hidden file has none") << ".profile"
+                                          << "";
+    QTest::newRow("no dot") << "README"
+                            << "";
+    QTest::newRow("trailing dot") << "name."
+                                  << ".";
 }
 
 void TestUtil::fileSuffix()

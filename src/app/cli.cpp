@@ -396,8 +396,8 @@ void printTree(const Item& folder)
         QString path = child->name;
         path.replace(QLatin1Char('\\'), QLatin1Char('/'));
         print(stdout, QStringLiteral("%1\t%2\t%3\t%4\n")
-                          .arg(child->isDir ? QStringLiteral("D") : QStringLiteral("F"), child->size,
-                               child->time, path));
+                          .arg(child->isDir ? QStringLiteral("D") : QStringLiteral("F"),
+                               child->size, child->time, path));
         printTree(*child);
     }
 }
@@ -478,7 +478,8 @@ bool progressWanted()
 // where it says so, stops the job; the wait goes on until the job has ended,
 // so what it made is removed before Brenta exits. Returns the signal that
 // stopped the job, or 0.
-int waitForJob(CJob& job, const std::function<void()>& start, const std::function<bool()>& stopOnSignal = {})
+int waitForJob(CJob& job, const std::function<void()>& start,
+               const std::function<bool()>& stopOnSignal = {})
 {
     int caught = 0;
     const SignalCatcher catcher([&](int signal) {
@@ -523,7 +524,10 @@ int RunList(const Request& request)
     if (!job.Warning().isEmpty())
         print(stderr, QStringLiteral("brenta: warning: %1\n").arg(job.Warning()));
     for (const QString& name : job.LeftOut())
-        print(stderr, QStringLiteral("brenta: warning: left out %1: the name leads outside the image's folders.\n").arg(name));
+        print(stderr,
+              QStringLiteral(
+                  "brenta: warning: left out %1: the name leads outside the image's folders.\n")
+                  .arg(name));
     printTree(tree.Root());
     std::fflush(stdout);
     return 0;
@@ -555,8 +559,9 @@ int RunCreate(const Request& request)
     if (showProgress) {
         QObject::connect(&job, &CJob::progressed, [&job](int percent) {
             print(stderr, QStringLiteral("\r\033[K%1 %2%")
-                              .arg(job.CurrentPhase() == CCreateJob::Phase::Copying ? QStringLiteral("Copying")
-                                                                                   : QStringLiteral("Building"))
+                              .arg(job.CurrentPhase() == CCreateJob::Phase::Copying
+                                       ? QStringLiteral("Copying")
+                                       : QStringLiteral("Building"))
                               .arg(percent));
         });
     }
@@ -575,11 +580,12 @@ int RunExtract(const Request& request)
     const bool showProgress = progressWanted();
     if (showProgress) {
         QObject::connect(&job, &CExtractJob::extracting, [&job](const QString& entry) {
-            print(stderr, QStringLiteral("\r\033[K%1% %2").arg(qMax(job.Percent(), 0), 3).arg(entry));
+            print(stderr,
+                  QStringLiteral("\r\033[K%1% %2").arg(qMax(job.Percent(), 0), 3).arg(entry));
         });
     }
-    const int status =
-        runJob(job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
+    const int status = runJob(
+        job, showProgress, [&] { job.Start(request.image, request.directory, request.entries); });
     if (status == 0 && !job.Message().isEmpty())
         print(stderr, QStringLiteral("brenta: warning: %1\n").arg(job.Message()));
     return status;
@@ -591,9 +597,10 @@ int RunDrives(const Request& /*request*/)
     for (const RemovableDrive& drive : Drives::Removable())
         text += QStringLiteral("usb\t%1\t%2\n").arg(drive.node, drive.text);
     COpticalScan scan;
-    QObject::connect(&scan, &COpticalScan::entry, [&text](const QString& entry, const QString& node) {
-        text += QStringLiteral("optical\t%1\t%2\n").arg(node, entry);
-    });
+    QObject::connect(&scan, &COpticalScan::entry,
+                     [&text](const QString& entry, const QString& node) {
+                         text += QStringLiteral("optical\t%1\t%2\n").arg(node, entry);
+                     });
     scan.Start();
     Jobs::Wait(scan);
     print(stdout, text);
@@ -607,9 +614,11 @@ namespace {
 bool checkDevice(const QString& device)
 {
     struct stat info;
-    if (!device.startsWith(QLatin1Char('/')) || ::stat(QFile::encodeName(device).constData(), &info) != 0 ||
-        !S_ISBLK(info.st_mode)) {
-        print(stderr, QStringLiteral("brenta: %1 is not a drive's device node (such as /dev/sr0).\n").arg(device));
+    if (!device.startsWith(QLatin1Char('/')) ||
+        ::stat(QFile::encodeName(device).constData(), &info) != 0 || !S_ISBLK(info.st_mode)) {
+        print(stderr,
+              QStringLiteral("brenta: %1 is not a drive's device node (such as /dev/sr0).\n")
+                  .arg(device));
         return false;
     }
     return true;
@@ -617,8 +626,7 @@ bool checkDevice(const QString& device)
 
 // Starts the planning of a USB burn with `start` and runs the event loop
 // until the job says whether the burn can go on, and why not.
-template <typename Job, typename Start>
-std::pair<bool, QString> awaitPlan(Job& job, Start start)
+template <typename Job, typename Start> std::pair<bool, QString> awaitPlan(Job& job, Start start)
 {
     std::optional<std::pair<bool, QString>> said;
     QEventLoop loop;
@@ -752,9 +760,11 @@ int burnUsb(const Request& request, Job& job, PlanStart plan)
     options.label = request.label;
     options.autoMode = !request.writeMode.has_value();
     options.mode = request.writeMode.value_or(UsbPlan::WriteMode::Files);
-    QObject::connect(&job, &Job::phase, [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
+    QObject::connect(&job, &Job::phase,
+                     [&report](CUsbBurnJob::Phase phase) { report.Phase(phase); });
     QObject::connect(&job, &CJob::progressed, [&report](int percent) { report.Progress(percent); });
-    QObject::connect(&job, &Job::transfer, [&report](const QString& text) { report.Transfer(text); });
+    QObject::connect(&job, &Job::transfer,
+                     [&report](const QString& text) { report.Transfer(text); });
     const auto [plannedOk, refusal] = awaitPlan(job, [&] { plan(options); });
     report.EndLine();
     // The mode, once it is known, also when the plan refuses the burn.
@@ -766,9 +776,10 @@ int burnUsb(const Request& request, Job& job, PlanStart plan)
                                decision.modeReason));
     }
     if (!decision.checksumFile.isEmpty()) {
-        print(stderr, QStringLiteral("Checksum: %1 names the image; its SHA-256 is compared with the "
-                                     "image's as the image is written.\n")
-                          .arg(decision.checksumFile));
+        print(stderr,
+              QStringLiteral("Checksum: %1 names the image; its SHA-256 is compared with the "
+                             "image's as the image is written.\n")
+                  .arg(decision.checksumFile));
     }
     if (!plannedOk) {
         print(stderr, QStringLiteral("brenta: %1\n").arg(refusal));
@@ -787,7 +798,8 @@ int burnUsb(const Request& request, Job& job, PlanStart plan)
     for (const QString& warning : decision.warnings)
         print(stderr, QStringLiteral("brenta: warning: %1\n").arg(warning));
     if (!request.yes &&
-        !agreesToErase((QStringList{request.device} + request.moreDevices).join(QStringLiteral(", ")))) {
+        !agreesToErase(
+            (QStringList{request.device} + request.moreDevices).join(QStringLiteral(", ")))) {
         print(stderr, QStringLiteral("Nothing was written.\n"));
         return 1;
     }
@@ -821,14 +833,15 @@ int RunBurnUsb(const Request& request)
     // What each device really is, the helper checks before it touches it.
     for (const QString& device : devices) {
         if (!device.startsWith(QLatin1Char('/'))) {
-            print(stderr,
-                  QStringLiteral("brenta: %1 is not a device node (such as /dev/sdb).\n").arg(device));
+            print(stderr, QStringLiteral("brenta: %1 is not a device node (such as /dev/sdb).\n")
+                              .arg(device));
             return 1;
         }
     }
     if (devices.size() > 1) {
         CUsbMultiBurnJob job;
-        return burnUsb(request, job, [&](const CUsbBurnJob::Options& options) { job.Plan(options, devices); });
+        return burnUsb(request, job,
+                       [&](const CUsbBurnJob::Options& options) { job.Plan(options, devices); });
     }
     CUsbBurnJob job;
     return burnUsb(request, job, [&](const CUsbBurnJob::Options& options) { job.Plan(options); });
@@ -872,7 +885,8 @@ int RunCopyDisc(const Request& request)
     if (!checkDevice(request.device))
         return 1;
     if (!QFileInfo(QFileInfo(request.output).absolutePath()).isDir()) {
-        print(stderr, QStringLiteral("brenta: the folder of %1 does not exist.\n").arg(request.output));
+        print(stderr,
+              QStringLiteral("brenta: the folder of %1 does not exist.\n").arg(request.output));
         return 1;
     }
     CDiscCopyJob job;
@@ -1076,8 +1090,8 @@ QString synopsisLines(const QString& lead, const CommandUsage& usage)
 {
     QString text;
     for (const QString& line : usage.synopsis) {
-        const QString start =
-            text.isEmpty() ? lead + QStringLiteral("brenta ") : QString(lead.size(), QLatin1Char(' '));
+        const QString start = text.isEmpty() ? lead + QStringLiteral("brenta ")
+                                             : QString(lead.size(), QLatin1Char(' '));
         text += start + line + QLatin1Char('\n');
     }
     return text;

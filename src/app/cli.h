@@ -13,15 +13,31 @@ namespace Cli {
 
 struct Request
 {
-    enum class Mode { Gui, Version, Help, Screenshots, List, Extract, Create, BootInfo, Drives, BurnDisc, BurnUsb,
-                      RestoreUsb, CopyDisc, Edit, UsageError };
+    enum class Mode
+    {
+        Gui,
+        Version,
+        Help,
+        Screenshots,
+        List,
+        Extract,
+        Create,
+        BootInfo,
+        Drives,
+        BurnDisc,
+        BurnUsb,
+        RestoreUsb,
+        CopyDisc,
+        Edit,
+        UsageError
+    };
     Mode mode = Mode::Gui;
-    QString directory; // Screenshots: where the PNG files go; Extract: the destination
-    QString image;     // List, Extract
+    QString directory;   // Screenshots: where the PNG files go; Extract: the destination
+    QString image;       // List, Extract
     QStringList entries; // Extract: paths inside the image, "/" separated; Create: local paths
     QString type = QStringLiteral("joliet"); // Create: joliet, iso9660 or udf
-    QString device;    // BurnDisc, BurnUsb, RestoreUsb, CopyDisc: the drive's device node
-    QString output;    // CopyDisc, Edit: the image to write
+    QString device; // BurnDisc, BurnUsb, RestoreUsb, CopyDisc: the drive's device node
+    QString output; // CopyDisc, Edit: the image to write
     // Edit: the changes in the order given, each its option and values: {"--add", PATH,
     // FOLDER}, {"--rename", ENTRY, NEWNAME}, {"--delete", ENTRY}, {"--label", LABEL}
     QList<QStringList> edits;
@@ -36,8 +52,8 @@ struct Request
     std::optional<UsbPlan::WriteMode> writeMode;
     QStringList filesOptions;
     QStringList moreDevices; // BurnUsb: further sticks, written at once in image mode
-    QString error;     // UsageError: what was wrong
-    QString command;   // Help: the command whose usage was asked for, or none for all
+    QString error;           // UsageError: what was wrong
+    QString command;         // Help: the command whose usage was asked for, or none for all
 };
 
 // Arguments without the program name.

@@ -16,7 +16,8 @@ QString HelpPage()
 {
     const QString beside = Util::AppDir() + QStringLiteral("/help/index.html");
     const QString installed = Util::AppDir() + QStringLiteral("/../share/brenta/help/index.html");
-    const QString guide = QFileInfo::exists(beside) ? beside : QFileInfo(installed).absoluteFilePath();
+    const QString guide =
+        QFileInfo::exists(beside) ? beside : QFileInfo(installed).absoluteFilePath();
     return QUrl::fromLocalFile(guide).toString();
 }
 

@@ -62,7 +62,8 @@ int main(int argc, char** argv)
         print(stdout, Cli::VersionText());
         return 0;
     case Cli::Request::Mode::Help:
-        print(stdout, request.command.isEmpty() ? Cli::HelpText() : Cli::UsageText(request.command));
+        print(stdout,
+              request.command.isEmpty() ? Cli::HelpText() : Cli::UsageText(request.command));
         return 0;
     case Cli::Request::Mode::UsageError:
         print(stderr, QStringLiteral("brenta: %1\n\n").arg(request.error) + Cli::HelpText());

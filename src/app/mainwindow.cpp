@@ -67,7 +67,9 @@ MainWindow::MainWindow(QWidget* /*parent*/) : ImageDialog(false)
     m_hint->setFont(hintFont);
     m_hint->setStyleSheet(QStringLiteral("color: #606060; background: transparent;"));
 
-    const auto picture = [](const char* name) { return QStringLiteral(":/nwu/") + QLatin1String(name); };
+    const auto picture = [](const char* name) {
+        return QStringLiteral(":/nwu/") + QLatin1String(name);
+    };
     const auto feature = [&](CImageButton* button, const char* stem) {
         const QString base = picture(stem);
         button->SetImages(base + QLatin1Char('1'), base + QLatin1Char('2'), base + QLatin1Char('3'),
@@ -199,8 +201,10 @@ void MainWindow::onBurn()
 {
     auto* page = new CBurnDialog(this);
     // The drive lists follow drives plugged in and out.
-    connect(this, &MainWindow::sigdrivechange, page, qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
-    ShowPage(page, kPageX, kPageY, QStringLiteral("Choose an image and where to burn it, then press Burn."));
+    connect(this, &MainWindow::sigdrivechange, page,
+            qOverload<>(&CBurnDialog::InitializeUSBAndDVDComboBox));
+    ShowPage(page, kPageX, kPageY,
+             QStringLiteral("Choose an image and where to burn it, then press Burn."));
 }
 
 void MainWindow::onExtract()
@@ -226,7 +230,8 @@ void MainWindow::onCopy()
     auto* page = new CPage5(this);
     connect(this, &MainWindow::sigdrivechange, page, &CPage5::InitializeDVDComboBox);
     ShowPage(page, kPageX, kPageY,
-             QStringLiteral("Put the disc in its drive, choose where the image goes, then press Start."));
+             QStringLiteral(
+                 "Put the disc in its drive, choose where the image goes, then press Start."));
 }
 
 void MainWindow::onHome()

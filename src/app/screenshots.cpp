@@ -138,8 +138,7 @@ void SetNoDrives()
 }
 
 // Waits until the page's optical list holds every drive its scan found.
-template <typename Page>
-void waitForOpticalList(Page* page)
+template <typename Page> void waitForOpticalList(Page* page)
 {
     if (!page->IsScanning())
         return;
@@ -333,7 +332,8 @@ void RenderDrivePages(Writer& writer, const QString& folder)
             waitForOpticalList(page);
             page->findChild<QLineEdit*>(QStringLiteral("isofile"))
                 ->setText(folder + QStringLiteral("/Sample Disc.iso"));
-            page->findChild<QLineEdit*>(QStringLiteral("volumelab"))->setText(QStringLiteral("SAMPLE"));
+            page->findChild<QLineEdit*>(QStringLiteral("volumelab"))
+                ->setText(QStringLiteral("SAMPLE"));
             writer.Save(QStringLiteral("page-burn-drives"), host);
             RenderUsbBurn(writer, host, page);
         }
@@ -359,9 +359,9 @@ QString makeSampleImage(const QTemporaryDir& scratch)
     const QDir root(scratch.filePath(QStringLiteral("sample")));
     const QStringList files = {
         QStringLiteral("boot/grub/grub.cfg"), QStringLiteral("boot/grub/fonts/unicode.pf2"),
-        QStringLiteral("docs/Read Me.txt"),    QStringLiteral("docs/manual.pdf"),
-        QStringLiteral("setup.exe"),           QStringLiteral("autorun.inf"),
-        QStringLiteral("photos/holiday.jpg"),  QStringLiteral("install/packages.tar.gz"),
+        QStringLiteral("docs/Read Me.txt"),   QStringLiteral("docs/manual.pdf"),
+        QStringLiteral("setup.exe"),          QStringLiteral("autorun.inf"),
+        QStringLiteral("photos/holiday.jpg"), QStringLiteral("install/packages.tar.gz"),
     };
     for (const QString& file : files) {
         root.mkpath(QFileInfo(root.filePath(file)).path());
@@ -375,8 +375,8 @@ QString makeSampleImage(const QTemporaryDir& scratch)
         return QString();
     QProcess process;
     process.start(builder, {QStringLiteral("-quiet"), QStringLiteral("-J"), QStringLiteral("-R"),
-                            QStringLiteral("-V"), QStringLiteral("SAMPLE"), QStringLiteral("-o"), image,
-                            root.path()});
+                            QStringLiteral("-V"), QStringLiteral("SAMPLE"), QStringLiteral("-o"),
+                            image, root.path()});
     process.waitForFinished(60000);
     return process.exitCode() == 0 ? image : QString();
 }
@@ -410,8 +410,9 @@ void RenderCreatePage(Writer& writer)
     if (page == nullptr)
         return;
     // The pickers are answered as a person would answer them.
-    QList<QStringList> answers = {{sample + QStringLiteral("/docs"), sample + QStringLiteral("/boot")},
-                                  {sample + QStringLiteral("/setup.exe"), sample + QStringLiteral("/autorun.inf")}};
+    QList<QStringList> answers = {
+        {sample + QStringLiteral("/docs"), sample + QStringLiteral("/boot")},
+        {sample + QStringLiteral("/setup.exe"), sample + QStringLiteral("/autorun.inf")}};
     PickerSeam::Set([&answers](PickerSeam::Kind, const QString&) {
         return answers.isEmpty() ? QStringList() : answers.takeFirst();
     });
@@ -464,8 +465,8 @@ void RenderDialogs(Writer& writer)
         "Please choose another image."));
     writer.Save(QStringLiteral("dialog-message"), *message);
 
-    auto finished = MessageDialogs::Finished(QStringLiteral("Extract files successfully."),
-                                             QDir::homePath());
+    auto finished =
+        MessageDialogs::Finished(QStringLiteral("Extract files successfully."), QDir::homePath());
     writer.Save(QStringLiteral("dialog-finished"), *finished);
 
     auto confirm = MessageDialogs::Confirm(QStringLiteral(":/nwu/format_usb"));
@@ -484,14 +485,16 @@ void RenderDialogs(Writer& writer)
     burning.DisableStop();
     writer.Save(QStringLiteral("dialog-progress-no-stop"), burning);
 
-    auto question = MessageDialogs::Question(QStringLiteral(
-        "The boot setup of this image cannot be carried over (BIOS boot image: its catalogue entry does not "
-        "say how long it is). The saved image will hold the files but will not boot. Save it anyway?"));
+    auto question = MessageDialogs::Question(
+        QStringLiteral("The boot setup of this image cannot be carried over (BIOS boot image: its "
+                       "catalogue entry does not "
+                       "say how long it is). The saved image will hold the files but will not "
+                       "boot. Save it anyway?"));
     writer.Save(QStringLiteral("dialog-question"), *question);
 
-    auto usbWarning = MessageDialogs::Question(
-        QStringLiteral("This image has no /bootmgr, so the stick cannot start through the legacy "
-                       "BIOS; it will start through UEFI only.\n\nErase the stick and burn anyway?"));
+    auto usbWarning = MessageDialogs::Question(QStringLiteral(
+        "This image has no /bootmgr, so the stick cannot start through the legacy "
+        "BIOS; it will start through UEFI only.\n\nErase the stick and burn anyway?"));
     writer.Save(QStringLiteral("dialog-usb-warning"), *usbWarning);
 
     auto usbFailed = MessageDialogs::Message(QStringLiteral(
@@ -514,8 +517,8 @@ void RenderDialogs(Writer& writer)
         {"select_files_extract", 120},
     };
     for (const auto& notice : notices) {
-        auto dialog = MessageDialogs::Notice(QStringLiteral(":/nwu/") + QLatin1String(notice.picture),
-                                             notice.y);
+        auto dialog = MessageDialogs::Notice(
+            QStringLiteral(":/nwu/") + QLatin1String(notice.picture), notice.y);
         writer.Save(QStringLiteral("notice-") + QLatin1String(notice.picture), *dialog);
     }
 }
@@ -539,7 +542,8 @@ QStringList RenderAll(const QString& directory, QString* error)
     RenderDialogs(writer);
     if (!writer.Failed().isEmpty()) {
         if (error)
-            *error = QStringLiteral("Cannot write %1.").arg(writer.Failed().join(QStringLiteral(", ")));
+            *error =
+                QStringLiteral("Cannot write %1.").arg(writer.Failed().join(QStringLiteral(", ")));
         return {};
     }
     return writer.Written();

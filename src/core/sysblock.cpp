@@ -46,7 +46,8 @@ QString SysBlock::NameOfDevice(dev_t number)
     const QString linked = QFileInfo(kDevBlock + id).canonicalFilePath();
     if (!linked.isEmpty())
         return QFileInfo(linked).fileName();
-    const QStringList names = QDir(kClassBlock).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    const QStringList names =
+        QDir(kClassBlock).entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
     for (const QString& name : names) {
         if (ReadAttribute(kClassBlock + name + QLatin1String("/dev")) == id)
             return name;
@@ -85,6 +86,7 @@ qint64 SysBlock::SizeOf(const QString& name)
     if (KernelName(name) != name || !IsBlockName(name))
         return 0;
     bool ok = false;
-    const qint64 sectors = ReadAttribute(kClassBlock + name + QLatin1String("/size")).toLongLong(&ok);
+    const qint64 sectors =
+        ReadAttribute(kClassBlock + name + QLatin1String("/size")).toLongLong(&ok);
     return ok && sectors > 0 ? sectors * 512 : 0;
 }

@@ -116,8 +116,9 @@ void Util::WriteLog(const QString& message)
         return;
 
     const QString path = LogFilePath();
-    const QByteArray record = QDateTime::currentDateTime().toString(QLatin1String(kTimePattern)).toUtf8()
-                              + ' ' + message.toUtf8() + '\n';
+    const QByteArray record =
+        QDateTime::currentDateTime().toString(QLatin1String(kTimePattern)).toUtf8() + ' ' +
+        message.toUtf8() + '\n';
 
     // One lock keeps records of runner threads and the GUI thread whole and in
     // call order; the file is opened and closed per record so that each record

@@ -64,9 +64,13 @@ public:
 
     // Positioned raw read: 0 on success, ReadNoDevice when the stream has no
     // device or cannot be positioned, ReadShort when fewer bytes were read.
-    enum ReadResult { ReadOk = 0, ReadNoDevice = 25, ReadShort = 232 };
+    enum ReadResult
+    {
+        ReadOk = 0,
+        ReadNoDevice = 25,
+        ReadShort = 232
+    };
     static int Read(QDataStream& stream, qint64 offset, int length, char* buffer);
-
 
     // Widgets (defined in the GUI library)
     static void OpenFolder(QString path);

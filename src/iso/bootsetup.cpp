@@ -24,8 +24,8 @@ quint16 le16(const unsigned char* p)
 
 quint32 le32(const unsigned char* p)
 {
-    return static_cast<quint32>(p[0]) | (static_cast<quint32>(p[1]) << 8) | (static_cast<quint32>(p[2]) << 16) |
-           (static_cast<quint32>(p[3]) << 24);
+    return static_cast<quint32>(p[0]) | (static_cast<quint32>(p[1]) << 8) |
+           (static_cast<quint32>(p[2]) << 16) | (static_cast<quint32>(p[3]) << 24);
 }
 
 bool isDiskette(ElTorito::Media media)
@@ -38,7 +38,8 @@ bool isDiskette(ElTorito::Media media)
 // boot-info table stores at byte 20. A last word cut short by the end of the
 // loader counts as padded with zeros, as the builders that write the table
 // sum it (GRUB's eltorito.img, for one, is 29,541 bytes long).
-bool infoTableChecksumMatches(const ReadFunction& read, qint64 start, qint64 length, quint32 expected)
+bool infoTableChecksumMatches(const ReadFunction& read, qint64 start, qint64 length,
+                              quint32 expected)
 {
     quint32 sum = 0;
     QByteArray chunk;
@@ -62,7 +63,8 @@ qint64 fatLength(const unsigned char* head)
     if (head[510] != 0x55 || head[511] != 0xAA)
         return 0;
     const quint16 bytesPerSector = le16(head + 11);
-    if (bytesPerSector != 512 && bytesPerSector != 1024 && bytesPerSector != 2048 && bytesPerSector != 4096)
+    if (bytesPerSector != 512 && bytesPerSector != 1024 && bytesPerSector != 2048 &&
+        bytesPerSector != 4096)
         return 0;
     const quint16 small = le16(head + 19);
     const quint32 total = small != 0 ? small : le32(head + 32);
@@ -124,7 +126,8 @@ QString fileName(bool efi, int index)
 
 } // namespace
 
-Measure MeasureEntry(const ElTorito::Entry& entry, bool efi, const ReadFunction& read, qint64 imageSize)
+Measure MeasureEntry(const ElTorito::Entry& entry, bool efi, const ReadFunction& read,
+                     qint64 imageSize)
 {
     const qint64 start = qint64(entry.loadRba) * kSector;
     unsigned char head[kSector];
@@ -165,11 +168,13 @@ QString Plan::Warning() const
 {
     const QString why = problems.join(QStringLiteral("; "));
     if (images.empty())
-        return QStringLiteral("The boot setup of this image cannot be carried over (%1). "
-                              "The saved image will hold the files but will not boot. Save it anyway?")
+        return QStringLiteral(
+                   "The boot setup of this image cannot be carried over (%1). "
+                   "The saved image will hold the files but will not boot. Save it anyway?")
             .arg(why);
-    return QStringLiteral("Part of the boot setup of this image cannot be carried over (%1). "
-                          "The saved image will boot only through its other boot entries. Save it anyway?")
+    return QStringLiteral(
+               "Part of the boot setup of this image cannot be carried over (%1). "
+               "The saved image will boot only through its other boot entries. Save it anyway?")
         .arg(why);
 }
 
@@ -199,8 +204,9 @@ Plan Prepare(const QString& image, const QString& dir)
             continue;
         plan.originalBoots = true;
         if (entry.platform != ElTorito::kPlatformBios && entry.platform != ElTorito::kPlatformEfi) {
-            plan.problems << QStringLiteral("%1 boot image: the image builder makes boot entries for BIOS and "
-                                            "EFI only")
+            plan.problems << QStringLiteral(
+                                 "%1 boot image: the image builder makes boot entries for BIOS and "
+                                 "EFI only")
                                  .arg(ElTorito::PlatformName(entry.platform));
             continue;
         }
@@ -245,7 +251,8 @@ QStringList Arguments(const Plan& plan, const QString& catalog)
             case ElTorito::Media::NoEmulation:
                 arguments << QStringLiteral("-no-emul-boot");
                 if (boot.entry.sectorCount > 0)
-                    arguments << QStringLiteral("-boot-load-size") << QString::number(boot.entry.sectorCount);
+                    arguments << QStringLiteral("-boot-load-size")
+                              << QString::number(boot.entry.sectorCount);
                 if (boot.infoTable)
                     arguments << QStringLiteral("-boot-info-table");
                 break;
@@ -256,7 +263,8 @@ QStringList Arguments(const Plan& plan, const QString& catalog)
                 break; // a diskette's kind follows from its size
             }
             if (boot.entry.loadSegment != 0 && boot.entry.loadSegment != 0x7C0)
-                arguments << QStringLiteral("-boot-load-seg") << QString::number(boot.entry.loadSegment);
+                arguments << QStringLiteral("-boot-load-seg")
+                          << QString::number(boot.entry.loadSegment);
         }
         if (first)
             arguments << QStringLiteral("-c") << catalog;
@@ -276,7 +284,8 @@ QString VolumeLabel(const QString& image)
     unsigned char sector[kSector];
     // Volume descriptors run from sector 16 to a terminator (type 255).
     for (qint64 index = 16; index < 16 + 64; ++index) {
-        if (Util::Read(stream, index * kSector, int(kSector), reinterpret_cast<char*>(sector)) != Util::ReadOk ||
+        if (Util::Read(stream, index * kSector, int(kSector), reinterpret_cast<char*>(sector)) !=
+                Util::ReadOk ||
             std::memcmp(sector + 1, "CD001", 5) != 0 || sector[0] == 255)
             break;
         const char* id = reinterpret_cast<const char*>(sector + 40);

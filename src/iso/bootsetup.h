@@ -32,7 +32,8 @@ using ReadFunction = ElTorito::ReadFunction;
 
 // How long the boot image of `entry` is, reading the image through `read`
 // (whose size is `imageSize` bytes). `efi` is set for the EFI platform's entries.
-Measure MeasureEntry(const ElTorito::Entry& entry, bool efi, const ReadFunction& read, qint64 imageSize);
+Measure MeasureEntry(const ElTorito::Entry& entry, bool efi, const ReadFunction& read,
+                     qint64 imageSize);
 
 struct BootImage
 {
@@ -45,10 +46,10 @@ struct BootImage
 
 struct Plan
 {
-    bool hasCatalog = false;        // the image has a valid El Torito record
-    std::vector<BootImage> images;  // the bootable BIOS and EFI entries, in catalogue order
-    QStringList problems;           // entries that cannot be carried over, and why
-    bool originalBoots = false;     // the original has at least one bootable entry
+    bool hasCatalog = false;       // the image has a valid El Torito record
+    std::vector<BootImage> images; // the bootable BIOS and EFI entries, in catalogue order
+    QStringList problems;          // entries that cannot be carried over, and why
+    bool originalBoots = false;    // the original has at least one bootable entry
     bool Reproducible() const { return problems.isEmpty(); }
     bool Bootable() const { return !images.empty(); }
     // What the user is told before a save that loses (part of) the boot setup.

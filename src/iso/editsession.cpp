@@ -65,7 +65,8 @@ bool sameBytes(const QString& a, const QString& b)
 {
     QFile left(a);
     QFile right(b);
-    if (left.size() != right.size() || !left.open(QIODevice::ReadOnly) || !right.open(QIODevice::ReadOnly))
+    if (left.size() != right.size() || !left.open(QIODevice::ReadOnly) ||
+        !right.open(QIODevice::ReadOnly))
         return false;
     while (!left.atEnd()) {
         if (left.read(1 << 20) != right.read(1 << 20))
@@ -108,7 +109,8 @@ CEditSession::CEditSession(QObject* parent) : QObject(parent)
     m_save = new CImageSaveJob(this);
     m_build = new CBuildJob(this);
     for (CJob* job : {static_cast<CJob*>(m_save), static_cast<CJob*>(m_build)}) {
-        connect(job, &CJob::progressed, this, [this](int percent) { Tell(Phase::Saving, percent); });
+        connect(job, &CJob::progressed, this,
+                [this](int percent) { Tell(Phase::Saving, percent); });
         connect(job, &CJob::finished, this, [this, job](bool ok, const QString& message) {
             if (m_step != job)
                 return; // a stopped save's, whose end is the stop's to report
@@ -339,8 +341,8 @@ void CEditSession::Decide()
     }
     m_loaded = true;
     qCDebug(lcIso) << "loaded, saved by"
-             << (m_way == ImageSave::Way::Xorriso ? "xorriso" : "a UDF rebuild") << "boot files"
-             << m_report.bootFiles;
+                   << (m_way == ImageSave::Way::Xorriso ? "xorriso" : "a UDF rebuild")
+                   << "boot files" << m_report.bootFiles;
     m_loading->Finish(true, QString());
 }
 
@@ -516,8 +518,8 @@ QList<Item*> CEditSession::Add(Item& folder, const QStringList& localPaths)
 void CEditSession::AddDirContents(Item& folder, const QString& localDir)
 {
     // The entries the copy takes along: hidden ones are left out by both.
-    const QFileInfoList entries =
-        QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
+    const QFileInfoList entries = QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files |
+                                                               QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries) {
         Item* child = m_contents.Append(
             folder, ItemTree::FromLocal(entry, folder.name + kSeparator + entry.fileName()));
@@ -537,8 +539,8 @@ bool CEditSession::Rename(Item& item, const QString& newName, QString* why)
     };
     if (name.isEmpty() || name == ItemTree::LastComponent(old))
         return refuse(QString());
-    if (name.contains(kSeparator) || name.contains(QLatin1Char('/')) || name == QLatin1String(".") ||
-        name == QLatin1String(".."))
+    if (name.contains(kSeparator) || name.contains(QLatin1Char('/')) ||
+        name == QLatin1String(".") || name == QLatin1String(".."))
         return refuse(QStringLiteral("A name cannot be \".\" or \"..\", nor contain / or \\."));
     if (const QString bootFile = BootFileIn(item); !bootFile.isEmpty())
         return refuse(BootFileText(item, bootFile, QStringLiteral("renamed")));
@@ -873,8 +875,9 @@ void CEditSession::StopTask()
         return;
     CEditOperation* const operation = m_task == Task::Export ? m_exporting : m_saving;
     const std::function<void()> end = operation->EndStopped(
-        m_task == Task::Export ? CJob::StoppedMessage() + QStringLiteral(" The files exported so far were removed.")
-                               : CJob::UnfinishedImageRemoved());
+        m_task == Task::Export
+            ? CJob::StoppedMessage() + QStringLiteral(" The files exported so far were removed.")
+            : CJob::UnfinishedImageRemoved());
     m_task = Task::None;
     // At most one tool or copy is under way; the operation ends once it has
     // ended and what it wrote is gone.

@@ -141,7 +141,12 @@ Q_SIGNALS:
     void exporting(const QString& entry);
 
 private:
-    enum class Task { None, Export, Save };
+    enum class Task
+    {
+        None,
+        Export,
+        Save
+    };
 
     void OnListed();
     void OnReported();

@@ -24,8 +24,8 @@ quint16 le16(const unsigned char* p)
 
 quint32 le32(const unsigned char* p)
 {
-    return static_cast<quint32>(p[0]) | (static_cast<quint32>(p[1]) << 8) | (static_cast<quint32>(p[2]) << 16) |
-           (static_cast<quint32>(p[3]) << 24);
+    return static_cast<quint32>(p[0]) | (static_cast<quint32>(p[1]) << 8) |
+           (static_cast<quint32>(p[2]) << 16) | (static_cast<quint32>(p[3]) << 24);
 }
 
 Entry entryAt(const unsigned char* p, quint8 platform)
@@ -83,12 +83,19 @@ quint64 le64(const unsigned char* p)
 
 QString hexByte(quint8 value)
 {
-    return QStringLiteral("0x%1").arg(QString::number(value, 16).toUpper().rightJustified(2, QLatin1Char('0')));
+    return QStringLiteral("0x%1").arg(
+        QString::number(value, 16).toUpper().rightJustified(2, QLatin1Char('0')));
 }
 
-QString partitionText(int number, const QString& type, quint64 start, quint64 count, const char* unit)
+QString partitionText(int number, const QString& type, quint64 start, quint64 count,
+                      const char* unit)
 {
-    return QStringLiteral("%1: %2, start %3, %4 %5").arg(number).arg(type).arg(start).arg(count).arg(unit);
+    return QStringLiteral("%1: %2, start %3, %4 %5")
+        .arg(number)
+        .arg(type)
+        .arg(start)
+        .arg(count)
+        .arg(unit);
 }
 
 // The MBR's partitions, or an empty string when the first sector holds
@@ -111,7 +118,8 @@ QString mbrText(const unsigned char* area, qint64 volumeBytes)
         if (type == 0 && count == 0)
             continue;
         protective = protective && type == 0xEE;
-        holdsVolume = holdsVolume || (start == 0 && volumeBytes > 0 && qint64(count) * 512 >= volumeBytes);
+        holdsVolume =
+            holdsVolume || (start == 0 && volumeBytes > 0 && qint64(count) * 512 >= volumeBytes);
         const QString kind = hexByte(type) + (p[0] == 0x80 ? QStringLiteral(" active") : QString());
         partitions << partitionText(i + 1, kind, start, count, "sectors");
     }
@@ -166,12 +174,14 @@ QString gptText(const ReadFunction& read, const unsigned char* area, int sectorS
     const quint32 headerSize = le32(header + 12);
     if (headerSize < 92 || headerSize > quint32(sectorSize) || le64(header + 24) != 1)
         return QString();
-    const QString name =
-        sectorSize == 512 ? QStringLiteral("GPT") : QStringLiteral("GPT of %1-byte sectors").arg(sectorSize);
+    const QString name = sectorSize == 512
+                             ? QStringLiteral("GPT")
+                             : QStringLiteral("GPT of %1-byte sectors").arg(sectorSize);
     const quint64 entriesLba = le64(header + 72);
     const quint32 entryCount = le32(header + 80);
     const quint32 entrySize = le32(header + 84);
-    if (entrySize < 128 || entrySize > 4096 || entrySize % 8 != 0 || entriesLba > (quint64(1) << 40))
+    if (entrySize < 128 || entrySize > 4096 || entrySize % 8 != 0 ||
+        entriesLba > (quint64(1) << 40))
         return name + QStringLiteral(" (unreadable partition entries)");
     const qint64 length = qMin(qint64(entryCount) * entrySize, kMaxGptEntryBytes);
     QByteArray bytes(int(length), '\0');
@@ -206,8 +216,8 @@ QString apmText(const ReadFunction& read, const unsigned char* area)
     QStringList partitions;
     quint32 count = 1;
     for (quint32 i = 1; i <= count && i <= kMaxApmEntries; ++i) {
-        if (!read(qint64(i) * blockSize, int(sizeof block), reinterpret_cast<char*>(block)) || block[0] != 'P' ||
-            block[1] != 'M')
+        if (!read(qint64(i) * blockSize, int(sizeof block), reinterpret_cast<char*>(block)) ||
+            block[0] != 'P' || block[1] != 'M')
             break;
         if (i == 1)
             count = be32(block + 4);
@@ -218,19 +228,21 @@ QString apmText(const ReadFunction& read, const unsigned char* area)
     }
     if (partitions.isEmpty())
         return QString();
-    return QStringLiteral("APM of %1-byte blocks (").arg(blockSize) + partitions.join(QStringLiteral("; ")) +
-           QLatin1Char(')');
+    return QStringLiteral("APM of %1-byte blocks (").arg(blockSize) +
+           partitions.join(QStringLiteral("; ")) + QLatin1Char(')');
 }
 
 QString entryText(int number, const Entry& entry)
 {
-    QString text = entry.section == 0 ? QStringLiteral("entry %1: default\n").arg(number)
-                                      : QStringLiteral("entry %1: section %2\n").arg(number).arg(entry.section);
+    QString text = entry.section == 0
+                       ? QStringLiteral("entry %1: default\n").arg(number)
+                       : QStringLiteral("entry %1: section %2\n").arg(number).arg(entry.section);
     QString platform = PlatformName(entry.platform);
     if (!platform.startsWith(QLatin1String("0x")))
         platform += QStringLiteral(" (%1)").arg(hexByte(entry.platform));
     text += QStringLiteral("  platform: %1\n").arg(platform);
-    text += QStringLiteral("  bootable: %1\n").arg(entry.bootable ? QStringLiteral("yes") : QStringLiteral("no"));
+    text += QStringLiteral("  bootable: %1\n")
+                .arg(entry.bootable ? QStringLiteral("yes") : QStringLiteral("no"));
     text += QStringLiteral("  media: %1\n").arg(MediaName(entry.media));
     text += QStringLiteral("  load-size: %1 %2 (%3 bytes)\n")
                 .arg(entry.sectorCount)
@@ -239,7 +251,9 @@ QString entryText(int number, const Entry& entry)
     text += QStringLiteral("  load-sector: %1\n").arg(entry.loadRba);
     if (entry.loadSegment != 0 && entry.loadSegment != 0x7C0)
         text += QStringLiteral("  load-segment: 0x%1\n")
-                    .arg(QString::number(entry.loadSegment, 16).toUpper().rightJustified(4, QLatin1Char('0')));
+                    .arg(QString::number(entry.loadSegment, 16)
+                             .toUpper()
+                             .rightJustified(4, QLatin1Char('0')));
     return text;
 }
 
@@ -377,7 +391,8 @@ std::optional<Catalog> Parse(const ReadFunction& read, Error* error)
         return fail(error, Error::SectorUnreadable);
     if (sector[0] != 0 || sector[6] != 1)
         return fail(error, Error::NotBootRecord);
-    if (std::memcmp(sector + 1, "CD001", 5) != 0 || std::memcmp(sector + 7, "EL TORITO SPECIFICATION", 23) != 0)
+    if (std::memcmp(sector + 1, "CD001", 5) != 0 ||
+        std::memcmp(sector + 7, "EL TORITO SPECIFICATION", 23) != 0)
         return fail(error, Error::BadSignature);
 
     Catalog catalog;
@@ -416,7 +431,8 @@ std::optional<Catalog> Parse(const ReadFunction& read, Error* error)
         afterSectionEntry = false;
         if (entriesLeft > 0) {
             // An empty record ends a section that promised more entries.
-            if ((p[0] != 0x88 && p[0] != 0x00) || std::all_of(p, p + 32, [](unsigned char c) { return c == 0; }))
+            if ((p[0] != 0x88 && p[0] != 0x00) ||
+                std::all_of(p, p + 32, [](unsigned char c) { return c == 0; }))
                 break;
             --entriesLeft;
             Entry entry = entryAt(p, platform);

@@ -15,7 +15,15 @@
 // largest kind (65535 × 512 bytes, or a 2.88 MB diskette) is ever allocated.
 namespace ElTorito {
 
-enum class Media { NoEmulation, Diskette12, Diskette144, Diskette288, HardDisk, Unknown };
+enum class Media
+{
+    NoEmulation,
+    Diskette12,
+    Diskette144,
+    Diskette288,
+    HardDisk,
+    Unknown
+};
 
 struct Entry
 {
@@ -42,12 +50,13 @@ struct Catalog
     std::vector<Entry> entries;    // every entry in catalogue order, the default entry first
 };
 
-enum class Error {
+enum class Error
+{
     None,
     CannotOpen,
-    SectorUnreadable,    // sector 17 cannot be read
-    NotBootRecord,       // type not 0 or version not 1
-    BadSignature,        // "CD001" or "EL TORITO SPECIFICATION" missing
+    SectorUnreadable, // sector 17 cannot be read
+    NotBootRecord,    // type not 0 or version not 1
+    BadSignature,     // "CD001" or "EL TORITO SPECIFICATION" missing
     CatalogUnreadable,
     BadValidationEntry,
 };

@@ -41,8 +41,12 @@ std::optional<Progress> ParseProgress(const QString& line)
 QStringList Arguments(const QString& image, const QString& outputDir, const QStringList& entries,
                       const QStringList& excluded)
 {
-    QStringList arguments{QStringLiteral("x"),    QStringLiteral("-y"),  QStringLiteral("-bb3"),
-                          QStringLiteral("-bsp2"), QStringLiteral("-spd"), QStringLiteral("-r-"),
+    QStringList arguments{QStringLiteral("x"),
+                          QStringLiteral("-y"),
+                          QStringLiteral("-bb3"),
+                          QStringLiteral("-bsp2"),
+                          QStringLiteral("-spd"),
+                          QStringLiteral("-r-"),
                           QStringLiteral("-o") + outputDir};
     for (const QString& path : excluded)
         arguments << QStringLiteral("-x!") + path;
@@ -103,8 +107,9 @@ QStringList Reasons(const QStringList& lines)
         reason.remove(errnoPrefix);
         if (reason.isEmpty())
             continue;
-        const bool known = std::any_of(reasons.cbegin(), reasons.cend(),
-                                       [&](const QString& earlier) { return earlier.contains(reason); });
+        const bool known =
+            std::any_of(reasons.cbegin(), reasons.cend(),
+                        [&](const QString& earlier) { return earlier.contains(reason); });
         if (!known)
             reasons << reason;
     }
@@ -128,7 +133,8 @@ QString PrepareDestination(const QString& destination)
         if (step.isDir())
             continue;
         if (step.exists())
-            return QStringLiteral("Cannot create the folder %1: %2 is not a folder.").arg(destination, path);
+            return QStringLiteral("Cannot create the folder %1: %2 is not a folder.")
+                .arg(destination, path);
         if (::mkdir(QFile::encodeName(path).constData(), 0777) != 0 && errno != EEXIST) {
             const int error = errno;
             return QStringLiteral("Cannot create the folder %1: %2.")
@@ -152,7 +158,8 @@ QString FreeName(const QString& dir, const QString& name)
         suffix.clear();
     for (int n = 2;; ++n) {
         const QString candidate = QStringLiteral("%1 (%2)%3").arg(stem).arg(n).arg(suffix);
-        if (!QFileInfo::exists(folder.filePath(candidate)) && !QFileInfo(folder.filePath(candidate)).isSymLink())
+        if (!QFileInfo::exists(folder.filePath(candidate)) &&
+            !QFileInfo(folder.filePath(candidate)).isSymLink())
             return candidate;
     }
 }
@@ -164,13 +171,15 @@ QString CheckEntries(const QStringList& entries, const ItemTree& contents)
     for (const QString& entry : entries) {
         if (!Listing::IsSafePath(entry))
             unsafe << entry;
-        else if (contents.Find(QString(entry).replace(QLatin1Char('/'), QLatin1Char('\\'))) == nullptr)
+        else if (contents.Find(QString(entry).replace(QLatin1Char('/'), QLatin1Char('\\'))) ==
+                 nullptr)
             absent << entry;
     }
     QStringList problems;
     if (!unsafe.isEmpty())
-        problems << QStringLiteral("Not a path inside the image (it starts with \"/\" or has an empty, "
-                                   "\".\" or \"..\" part): %1.")
+        problems << QStringLiteral(
+                        "Not a path inside the image (it starts with \"/\" or has an empty, "
+                        "\".\" or \"..\" part): %1.")
                         .arg(unsafe.join(QStringLiteral(", ")));
     if (!absent.isEmpty())
         problems << QStringLiteral("Not in the image: %1.").arg(absent.join(QStringLiteral(", ")));
@@ -278,7 +287,8 @@ MoveResult MoveUp(const QString& staging, const QStringList& entries, const QStr
         const qsizetype slash = entry.lastIndexOf(QLatin1Char('/'));
         const QString name = entry.mid(slash + 1);
         const QString folder =
-            slash < 0 ? root : QFileInfo(root + QLatin1Char('/') + entry.left(slash)).canonicalFilePath();
+            slash < 0 ? root
+                      : QFileInfo(root + QLatin1Char('/') + entry.left(slash)).canonicalFilePath();
         if (!folder.isEmpty() && !isInside(folder, root)) {
             refused << entry;
             continue;
@@ -301,8 +311,9 @@ MoveResult MoveUp(const QString& staging, const QStringList& entries, const QStr
     RemoveTree(staging);
     if (!refused.isEmpty() && result.ok) {
         result.ok = false;
-        result.message = QStringLiteral("%1 did not lie inside the extracted files and was left alone.")
-                             .arg(refused.join(QStringLiteral(", ")));
+        result.message =
+            QStringLiteral("%1 did not lie inside the extracted files and was left alone.")
+                .arg(refused.join(QStringLiteral(", ")));
     }
     if (!missing.isEmpty() && result.ok) {
         result.ok = false;

@@ -54,8 +54,8 @@ QString CheckEntries(const QStringList& entries, const ItemTree& contents);
 struct MoveResult
 {
     bool ok = true;
-    QString message;     // what went wrong, when not ok
-    QStringList placed;  // the paths the entries now have in the destination
+    QString message;    // what went wrong, when not ok
+    QStringList placed; // the paths the entries now have in the destination
 };
 
 // Moves each entry (a "/" separated path below staging) up into destination

@@ -65,8 +65,9 @@ QString graftEscaped(QString path)
 
 } // namespace
 
-QStringList EditArguments(const QString& label, const QStringList& bootOptions, const QString& output,
-                          const QString& sourceDir, const QList<QPair<QString, QString>>& rootFiles)
+QStringList EditArguments(const QString& label, const QStringList& bootOptions,
+                          const QString& output, const QString& sourceDir,
+                          const QList<QPair<QString, QString>>& rootFiles)
 {
     QStringList arguments{QStringLiteral("-udf"), QStringLiteral("-J"), QStringLiteral("-R"),
                           QStringLiteral("-joliet-long"), QStringLiteral("-allow-limited-size")};

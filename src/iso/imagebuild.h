@@ -10,7 +10,12 @@
 // The image builder's command line and its progress lines.
 namespace ImageBuild {
 
-enum class Type { Joliet, Iso9660, Udf };
+enum class Type
+{
+    Joliet,
+    Iso9660,
+    Udf
+};
 
 // "joliet", "iso9660" or "udf"; nothing for anything else.
 std::optional<Type> TypeFromName(const QString& name);
@@ -26,7 +31,8 @@ std::optional<int> ParseProgress(const QString& line, bool roundToNearest = fals
 // The builder's arguments for an edited image: Joliet, Rock Ridge and UDF
 // over the working copy, the original's volume label and boot options, and
 // extra files placed in the image's root (name → local path).
-QStringList EditArguments(const QString& label, const QStringList& bootOptions, const QString& output,
-                          const QString& sourceDir, const QList<QPair<QString, QString>>& rootFiles);
+QStringList EditArguments(const QString& label, const QStringList& bootOptions,
+                          const QString& output, const QString& sourceDir,
+                          const QList<QPair<QString, QString>>& rootFiles);
 
 } // namespace ImageBuild

@@ -188,10 +188,11 @@ void CImageSaveJob::Stop()
     if (!IsRunning() || IsStopping())
         return;
     // The part file goes once the tool has ended, so it cannot write it again.
-    CRunCommandThread::StopThen(m_runner, [part = m_part, end = EndStopped(UnfinishedImageRemoved())] {
-        QFile::remove(part);
-        end();
-    });
+    CRunCommandThread::StopThen(m_runner,
+                                [part = m_part, end = EndStopped(UnfinishedImageRemoved())] {
+                                    QFile::remove(part);
+                                    end();
+                                });
 }
 
 void CImageSaveJob::OnLine(const QString& line)

@@ -21,25 +21,35 @@ namespace ImageSave {
 // between components, without a leading "/".
 struct Change
 {
-    enum class Kind { Add, Rename, Delete, Label };
+    enum class Kind
+    {
+        Add,
+        Rename,
+        Delete,
+        Label
+    };
     Kind kind = Kind::Add;
-    QString source; // Add: the local file or folder
-    QString path;   // Add: where it goes (the new entry's own path); Rename, Delete: the entry
+    QString source;  // Add: the local file or folder
+    QString path;    // Add: where it goes (the new entry's own path); Rename, Delete: the entry
     QString newPath; // Rename: the entry's new path
-    QString label;  // Label: the new volume label
+    QString label;   // Label: the new volume label
 };
 
 // How an image is saved: by xorriso from the original, or (images whose files
 // live in a UDF tree, such as Windows installers) rebuilt from an extraction
 // with the image builder's UDF option and the original's El Torito entries.
-enum class Way { Xorriso, UdfRebuild };
+enum class Way
+{
+    Xorriso,
+    UdfRebuild
+};
 
 // What xorriso's reports say about an image's boot setup.
 struct BootReport
 {
-    QStringList bootFiles;   // files the boot setup names: boot images, the catalogue
-    QStringList asMkisofs;   // the original's build as xorriso -as mkisofs options
-    QString systemArea;      // xorriso's one-line summary of the system area, or empty
+    QStringList bootFiles; // files the boot setup names: boot images, the catalogue
+    QStringList asMkisofs; // the original's build as xorriso -as mkisofs options
+    QString systemArea;    // xorriso's one-line summary of the system area, or empty
 };
 
 // xorriso's arguments for the reports read into a BootReport.
@@ -51,8 +61,9 @@ BootReport ParseReport(const QStringList& lines);
 // the new image has the same. `alignCylinders` pads the image to whole
 // cylinders, which lets xorriso lay out some partition tables it otherwise
 // refuses to rebuild (grub-mkrescue's GPT with HFS+ and an EFI partition).
-QStringList SaveArguments(const QString& image, const std::vector<Change>& changes, const QString& part,
-                          bool joliet, bool rockRidge, bool alignCylinders = false);
+QStringList SaveArguments(const QString& image, const std::vector<Change>& changes,
+                          const QString& part, bool joliet, bool rockRidge,
+                          bool alignCylinders = false);
 
 // The progress in xorriso's "UPDATE : Writing: ... 45.6%" line, in
 // hundredths of a percent; nothing for other lines.
@@ -74,7 +85,8 @@ public:
     explicit CImageSaveJob(QObject* parent = nullptr);
     ~CImageSaveJob() override;
 
-    void Start(const QString& image, const std::vector<ImageSave::Change>& changes, const QString& output);
+    void Start(const QString& image, const std::vector<ImageSave::Change>& changes,
+               const QString& output);
     // Ends xorriso; the part file goes once it has ended.
     void Stop() override;
 

@@ -32,7 +32,8 @@ QString archiveFailure(const CRunCommandThread& runner, const QStringList& lines
     if (reasons.isEmpty() || result == CRunCommandThread::Result::StartFailed ||
         result == CRunCommandThread::Result::Stopped)
         return runner.FailureText(archiveToolName());
-    return QStringLiteral("%1 said: \"%2\"").arg(archiveToolName(), reasons.join(QStringLiteral("\", \"")));
+    return QStringLiteral("%1 said: \"%2\"")
+        .arg(archiveToolName(), reasons.join(QStringLiteral("\", \"")));
 }
 
 // The Rock Ridge reader's "error: " lines, or its failure in plain words.
@@ -183,8 +184,8 @@ CExtractJob::~CExtractJob()
     Stop();
 }
 
-void CExtractJob::Start(const QString& image, const QString& destination, const QStringList& entries,
-                        const ItemTree* contents)
+void CExtractJob::Start(const QString& image, const QString& destination,
+                        const QStringList& entries, const ItemTree* contents)
 {
     Stop();
     Begin();
@@ -295,11 +296,12 @@ void CExtractJob::Stop()
     // The staging folder goes once the tool has ended, or the tool could write
     // into it again after the removal; only then does the run end.
     const QString removed = QStringLiteral(" Nothing was extracted: the folder is as it was.");
-    CRunCommandThread::StopThen(m_runner, [staging = m_staging, end = EndStopped(StoppedMessage() + removed)] {
-        if (!staging.isEmpty())
-            Extraction::RemoveTree(staging);
-        end();
-    });
+    CRunCommandThread::StopThen(
+        m_runner, [staging = m_staging, end = EndStopped(StoppedMessage() + removed)] {
+            if (!staging.isEmpty())
+                Extraction::RemoveTree(staging);
+            end();
+        });
     m_staging.clear();
 }
 
@@ -383,9 +385,8 @@ void CExtractJob::PlaceExtracted(const QStringList& notWritten, const QString& n
 {
     QStringList entries = m_entries;
     if (entries.isEmpty()) {
-        entries = QDir(m_staging).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
-                                                QDir::NoDotAndDotDot,
-                                            QDir::Name);
+        entries = QDir(m_staging).entryList(
+            QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
     }
     for (const QString& path : notWritten)
         entries.removeAll(path);
@@ -436,10 +437,11 @@ void CBuildJob::Stop()
 {
     if (!IsRunning() || IsStopping())
         return;
-    CRunCommandThread::StopThen(m_runner, [part = m_part, end = EndStopped(UnfinishedImageRemoved())] {
-        QFile::remove(part);
-        end();
-    });
+    CRunCommandThread::StopThen(m_runner,
+                                [part = m_part, end = EndStopped(UnfinishedImageRemoved())] {
+                                    QFile::remove(part);
+                                    end();
+                                });
 }
 
 void CBuildJob::OnFinished()
@@ -610,7 +612,8 @@ void CCreateJob::Stop()
     m_copying = false;
     const bool building = std::exchange(m_building, false);
     const std::function<void()> end =
-        EndStopped(building ? UnfinishedImageRemoved() : StoppedMessage() + QStringLiteral(" No image was made."));
+        EndStopped(building ? UnfinishedImageRemoved()
+                            : StoppedMessage() + QStringLiteral(" No image was made."));
     if (building) {
         // The half-built image goes before the build's end, and so before this run's.
         connect(m_build, &CJob::finished, this, end, Qt::SingleShotConnection);

@@ -179,7 +179,11 @@ class CCreateJob final : public CJob
     Q_DISABLE_COPY_MOVE(CCreateJob)
 
 public:
-    enum class Phase { Copying, Building };
+    enum class Phase
+    {
+        Copying,
+        Building
+    };
 
     explicit CCreateJob(QObject* parent = nullptr);
     // The staging folder goes once its copy worker has ended.

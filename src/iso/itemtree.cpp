@@ -89,8 +89,9 @@ void ItemTree::Remove(const QString& path)
     if (parent == nullptr)
         return;
     auto& siblings = parent->children;
-    const auto at = std::find_if(siblings.begin(), siblings.end(),
-                                 [item](const std::unique_ptr<Item>& child) { return child.get() == item; });
+    const auto at =
+        std::find_if(siblings.begin(), siblings.end(),
+                     [item](const std::unique_ptr<Item>& child) { return child.get() == item; });
     if (at == siblings.end())
         return;
     Unindex(*item);
@@ -101,7 +102,8 @@ bool ItemTree::Rename(const QString& path, const QString& newName)
 {
     Item* item = Find(path);
     const QString renamed = ReplaceLastComponent(path, newName);
-    if (item == nullptr || newName.isEmpty() || newName.contains(kSeparator) || m_index.contains(renamed))
+    if (item == nullptr || newName.isEmpty() || newName.contains(kSeparator) ||
+        m_index.contains(renamed))
         return false;
     Unindex(*item);
     Reindex(*item, renamed);

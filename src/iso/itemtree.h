@@ -15,8 +15,8 @@ struct Item
     QString name;
     QString source; // the local path an added entry comes from; empty for listed ones
     bool isDir = true;
-    QString size;   // bytes as decimal text; empty for implicit folders
-    QString time;   // "yyyy-MM-dd hh:mm:ss" as the tool printed it; empty for implicit folders
+    QString size; // bytes as decimal text; empty for implicit folders
+    QString time; // "yyyy-MM-dd hh:mm:ss" as the tool printed it; empty for implicit folders
     int flags = 0;
     std::vector<std::unique_ptr<Item>> children;
 

@@ -23,7 +23,8 @@ bool IsSafePath(const QString& path)
     if (path.isEmpty())
         return false;
     for (const QStringView component : QStringView(path).split(QLatin1Char('/'))) {
-        if (component.isEmpty() || component == QLatin1String(".") || component == QLatin1String(".."))
+        if (component.isEmpty() || component == QLatin1String(".") ||
+            component == QLatin1String(".."))
             return false;
     }
     return true;

@@ -36,7 +36,8 @@ bool saidAny(const QStringList& lines, std::initializer_list<const char*> texts)
 }
 
 // The figure after `key` up to `until` (or the end), blanks allowed around it.
-std::optional<qint64> numberAfter(const QString& line, const QString& key, const QString& until = QString())
+std::optional<qint64> numberAfter(const QString& line, const QString& key,
+                                  const QString& until = QString())
 {
     const qsizetype at = line.indexOf(key);
     if (at < 0)
@@ -53,15 +54,17 @@ std::optional<qint64> numberAfter(const QString& line, const QString& key, const
     return ok ? std::optional<qint64>(value) : std::nullopt;
 }
 
-const QString kBusy = QStringLiteral("The drive is in use (a disc in it may be mounted). Unmount the disc and try again.");
+const QString kBusy = QStringLiteral(
+    "The drive is in use (a disc in it may be mounted). Unmount the disc and try again.");
 
 } // namespace
 
 std::optional<ScanLine> ParseScanLine(const QString& line)
 {
     // "\t1,0,0\t100) 'VENDOR' 'PRODUCT' 'REV' Removable CD-ROM"
-    static const QRegularExpression device(QStringLiteral(R"(^\t\s*(\d+),(\d+),(\d+)\s+\d+\)\s*('.*')(.*)$)"),
-                                           QRegularExpression::DotMatchesEverythingOption);
+    static const QRegularExpression device(
+        QStringLiteral(R"(^\t\s*(\d+),(\d+),(\d+)\s+\d+\)\s*('.*')(.*)$)"),
+        QRegularExpression::DotMatchesEverythingOption);
     QString text = line;
     while (text.endsWith(QLatin1Char('\n')) || text.endsWith(QLatin1Char('\r')))
         text.chop(1);
@@ -74,7 +77,8 @@ std::optional<ScanLine> ParseScanLine(const QString& line)
     scan.bus = match.captured(1).toInt();
     scan.target = match.captured(2).toInt();
     scan.lun = match.captured(3).toInt();
-    scan.address = QStringLiteral("%1,%2,%3").arg(match.captured(1), match.captured(2), match.captured(3));
+    scan.address =
+        QStringLiteral("%1,%2,%3").arg(match.captured(1), match.captured(2), match.captured(3));
     const QString quoted = match.captured(4);
     scan.name = Util::CollapseSpaces(QString(quoted).remove(QLatin1Char('\''))).trimmed();
     const QStringList parts = quoted.split(QLatin1Char('\''));
@@ -104,7 +108,8 @@ std::optional<QByteArray> InquiryProduct(const QString& node)
     request.mx_sb_len = sizeof sense;
     request.sbp = sense;
     request.timeout = 5000;
-    const bool ok = ::ioctl(fd, SG_IO, &request) == 0 && (request.info & SG_INFO_OK_MASK) == SG_INFO_OK;
+    const bool ok =
+        ::ioctl(fd, SG_IO, &request) == 0 && (request.info & SG_INFO_OK_MASK) == SG_INFO_OK;
     ::close(fd);
     if (!ok)
         return std::nullopt;
@@ -113,7 +118,8 @@ std::optional<QByteArray> InquiryProduct(const QString& node)
     return zero >= 0 ? product.left(zero) : product;
 }
 
-QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives, const InquiryFunction& inquiry)
+QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives,
+                   const InquiryFunction& inquiry)
 {
     // The channel is not printed by the scan and not compared.
     for (const OpticalDrive& drive : drives) {
@@ -131,7 +137,8 @@ QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives, cons
         if (!wanted.isEmpty() && name.contains(wanted))
             return drive.node;
     }
-    Util::WriteLog(QStringLiteral("No optical drive answers to %1 (%2)").arg(line.address, line.name));
+    Util::WriteLog(
+        QStringLiteral("No optical drive answers to %1 (%2)").arg(line.address, line.name));
     return QString();
 }
 
@@ -206,13 +213,18 @@ std::optional<qint64> ParseReadAddress(const QString& line)
 QStringList BurnArguments(const QString& node, const QString& image)
 {
     // The image goes last and absolute, so it can never pass for an option.
-    return {QStringLiteral("-v"), QStringLiteral("-eject"), QStringLiteral("dev=") + node, QStringLiteral("-sao"),
-            QStringLiteral("driveropts=burnfree"), QFileInfo(image).absoluteFilePath()};
+    return {QStringLiteral("-v"),
+            QStringLiteral("-eject"),
+            QStringLiteral("dev=") + node,
+            QStringLiteral("-sao"),
+            QStringLiteral("driveropts=burnfree"),
+            QFileInfo(image).absoluteFilePath()};
 }
 
 QStringList CopyArguments(const QString& node, const QString& output)
 {
-    return {QStringLiteral("-dev=") + node, QStringLiteral("-f=") + QFileInfo(output).absoluteFilePath()};
+    return {QStringLiteral("-dev=") + node,
+            QStringLiteral("-f=") + QFileInfo(output).absoluteFilePath()};
 }
 
 QStringList EjectArguments(const QString& node)
@@ -223,7 +235,8 @@ QStringList EjectArguments(const QString& node)
 QString BurnFailure(int exitCode, const QStringList& lines)
 {
     if (saidAny(lines, {"No disk / Wrong disk", "medium not present", "CD/DVD-Recorder not ready"}))
-        return QStringLiteral("There is no writable disc in the drive. Insert a blank disc and try again.");
+        return QStringLiteral(
+            "There is no writable disc in the drive. Insert a blank disc and try again.");
     if (saidAny(lines, {"may not fit", "does not fit", "too small", "Not enough space"}))
         return QStringLiteral("The image does not fit on the disc in the drive.");
     if (saidAny(lines, {"Device or resource busy"}))
@@ -231,7 +244,8 @@ QString BurnFailure(int exitCode, const QStringList& lines)
     if (saidAny(lines, {"no CD/DVD-Recorder", "Illegal write mode", "does not support SAO"}))
         return QStringLiteral("This drive cannot write discs of this kind.");
     if (exitCode == 254 || saidAny(lines, {"write error", "error after"}))
-        return QStringLiteral("Writing failed part of the way through; the disc is probably unusable.");
+        return QStringLiteral(
+            "Writing failed part of the way through; the disc is probably unusable.");
     if (saidAny(lines, {"Cannot open SCSI driver", "Cannot open"}))
         return QStringLiteral("The drive could not be opened.");
     return QString();
@@ -243,7 +257,8 @@ QString CopyFailure(int exitCode, const QStringList& lines)
     if (saidAny(lines, {"Device not ready", "medium not present"}))
         return QStringLiteral("There is no disc in the drive, or it is not ready yet.");
     if (saidAny(lines, {"not corrected", "could not be read correctly"}))
-        return QStringLiteral("Some sectors of the disc could not be read, so the image would be damaged.");
+        return QStringLiteral(
+            "Some sectors of the disc could not be read, so the image would be damaged.");
     if (saidAny(lines, {"Cannot write", "No space left"}))
         return QStringLiteral("The image file could not be written (is the disk full?).");
     if (saidAny(lines, {"Device or resource busy"}))
@@ -302,7 +317,8 @@ void COpticalScan::Start()
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, &COpticalScan::OnLine);
     connect(m_runner, &CRunCommandThread::sigfinished, this, &COpticalScan::OnFinished);
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter), {QStringLiteral("-scanbus")});
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter),
+                         {QStringLiteral("-scanbus")});
     m_runner->StartCommand(QThread::InheritPriority);
 }
 
@@ -333,7 +349,8 @@ void COpticalScan::OnFinished()
 void COpticalScan::SendNew(bool unscanned)
 {
     // The list as far as it is known; what was sent already stays where it is.
-    const QList<DiscTools::ListEntry> known = DiscTools::OpticalEntries(m_scanned, m_drives, m_inquiry, unscanned);
+    const QList<DiscTools::ListEntry> known =
+        DiscTools::OpticalEntries(m_scanned, m_drives, m_inquiry, unscanned);
     for (const DiscTools::ListEntry& drive : known) {
         if (!m_sent.contains(drive.node)) {
             m_sent << drive.node;
@@ -363,17 +380,19 @@ void CDiscBurnJob::Start(const QString& image, const QString& node)
             Progress(*percent, QString());
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
-        const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success && m_trackWritten;
+        const bool ok =
+            m_runner->GetResult() == CRunCommandThread::Result::Success && m_trackWritten;
         const QString message =
             ok ? QStringLiteral("Burning disc successfully.")
                : failureMessage(QStringLiteral("The disc was not burned."),
-                                DiscTools::BurnFailure(m_runner->ExitCode(), m_runner->LastLines()), *m_runner,
-                                writerName());
+                                DiscTools::BurnFailure(m_runner->ExitCode(), m_runner->LastLines()),
+                                *m_runner, writerName());
         m_runner->deleteLater();
         m_runner = nullptr;
         Finish(ok, message);
     });
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter), DiscTools::BurnArguments(node, image));
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter),
+                         DiscTools::BurnArguments(node, image));
     m_runner->StartCommand(QThread::InheritPriority);
 }
 
@@ -416,7 +435,8 @@ void CDiscCopyJob::Start(const QString& node, const QString& output)
         }
         // The reader ends with status 0 even when it could not read or write
         // everything; only its words tell.
-        if (line.contains(QLatin1String("not corrected")) || line.contains(QLatin1String("Cannot write")))
+        if (line.contains(QLatin1String("not corrected")) ||
+            line.contains(QLatin1String("Cannot write")))
             m_readError = true;
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
@@ -459,7 +479,8 @@ void CDiscCopyJob::Stop()
         if (self == nullptr)
             return;
         self->m_stopping = false;
-        self->Finish(false, StoppedMessage() + QStringLiteral(" The unfinished image file was removed."));
+        self->Finish(false,
+                     StoppedMessage() + QStringLiteral(" The unfinished image file was removed."));
         if (const QStringList next = std::exchange(self->m_next, QStringList()); !next.isEmpty())
             self->Start(next.at(0), next.at(1));
     });
@@ -481,16 +502,17 @@ void CEjectJob::Start(const QString& node)
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
         const bool ok = m_runner->GetResult() == CRunCommandThread::Result::Success;
-        const QString message =
-            ok ? QString()
-               : failureMessage(QStringLiteral("The tray could not be opened."),
-                                DiscTools::EjectFailure(m_runner->ExitCode(), m_runner->LastLines()), *m_runner,
-                                writerName());
+        const QString message = ok ? QString()
+                                   : failureMessage(QStringLiteral("The tray could not be opened."),
+                                                    DiscTools::EjectFailure(m_runner->ExitCode(),
+                                                                            m_runner->LastLines()),
+                                                    *m_runner, writerName());
         m_runner->deleteLater();
         m_runner = nullptr;
         Finish(ok, message);
     });
-    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter), DiscTools::EjectArguments(node));
+    m_runner->SetCommand(ToolLocator::Find(ToolLocator::Tool::DiscWriter),
+                         DiscTools::EjectArguments(node));
     m_runner->StartCommand(QThread::InheritPriority);
 }
 

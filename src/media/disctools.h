@@ -18,15 +18,16 @@ class CRunCommandThread;
 // that burn an image, copy a disc and eject a tray with the disc tools.
 namespace DiscTools {
 
-// One device line of "-scanbus": "\t1,0,0\t100) 'ACMECORP' 'DVDRW UNIT-100  ' 'R001' Removable CD-ROM".
+// One device line of "-scanbus": "\t1,0,0\t100) 'ACMECORP' 'DVDRW UNIT-100  ' 'R001' Removable
+// CD-ROM".
 struct ScanLine
 {
     int bus = 0;
     int target = 0;
     int lun = 0;
-    QString address; // "1,0,0" as printed
-    QString name;    // "ACMECORP DVDRW UNIT-100 R001" (quotes removed, blanks collapsed)
-    QString product; // "DVDRW UNIT-100  " as quoted
+    QString address;      // "1,0,0" as printed
+    QString name;         // "ACMECORP DVDRW UNIT-100 R001" (quotes removed, blanks collapsed)
+    QString product;      // "DVDRW UNIT-100  " as quoted
     bool optical = false; // the line ends in "CD-ROM" or "WORM"
 };
 // Nothing for lines that are not device lines (headers, empty slots, banners).
@@ -42,7 +43,8 @@ std::optional<QByteArray> InquiryProduct(const QString& node);
 // and lun; where a drive's address is unknown, the first whose INQUIRY
 // product (lower case, blanks collapsed) is contained in the line's name.
 // Empty when none matches.
-QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives, const InquiryFunction& inquiry);
+QString MatchDrive(const ScanLine& line, const QList<OpticalDrive>& drives,
+                   const InquiryFunction& inquiry);
 
 // The optical list: drives the scan names, in its order, each paired with its
 // node, then every other drive udev knows, in node order. Entries are

@@ -15,9 +15,7 @@ struct CDriveMonitor::Private
     QTimer settle;
 };
 
-CDriveMonitor::CDriveMonitor(QObject* parent, int settleMs)
-    : QObject(parent)
-    , d(new Private)
+CDriveMonitor::CDriveMonitor(QObject* parent, int settleMs) : QObject(parent), d(new Private)
 {
     // A stick arrives as a disk followed by its partitions; the timer restarts
     // on each of them and fires once the burst is over.
@@ -30,9 +28,11 @@ CDriveMonitor::CDriveMonitor(QObject* parent, int settleMs)
     d->context = udev_new();
     if (d->context)
         d->monitor = udev_monitor_new_from_netlink(d->context, "udev");
-    if (!d->monitor || udev_monitor_filter_add_match_subsystem_devtype(d->monitor, "block", nullptr) < 0
-        || udev_monitor_enable_receiving(d->monitor) < 0 || udev_monitor_get_fd(d->monitor) < 0) {
-        qCWarning(lcMedia) << "cannot watch udev's block devices; drive lists will not follow changes";
+    if (!d->monitor ||
+        udev_monitor_filter_add_match_subsystem_devtype(d->monitor, "block", nullptr) < 0 ||
+        udev_monitor_enable_receiving(d->monitor) < 0 || udev_monitor_get_fd(d->monitor) < 0) {
+        qCWarning(lcMedia)
+            << "cannot watch udev's block devices; drive lists will not follow changes";
         if (d->monitor)
             udev_monitor_unref(d->monitor);
         d->monitor = nullptr;

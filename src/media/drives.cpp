@@ -22,7 +22,7 @@ const QLatin1String kClassBlock("/sys/class/block/");
 
 // Mount points whose disk must never be offered for overwriting.
 const QStringList kSystemMountPoints = {
-    QStringLiteral("/"),    QStringLiteral("/boot"), QStringLiteral("/boot/efi"),
+    QStringLiteral("/"),     QStringLiteral("/boot"), QStringLiteral("/boot/efi"),
     QStringLiteral("/home"), QStringLiteral("/usr"),  QStringLiteral("/var"),
 };
 
@@ -57,8 +57,7 @@ Seam& seam()
 }
 
 // A copy of the stand-in, so that it runs without the lock held.
-template <typename Source>
-Source seamSource(Source Seam::*member)
+template <typename Source> Source seamSource(Source Seam::*member)
 {
     QMutexLocker locker(&seam().mutex);
     return seam().*member;
@@ -150,8 +149,8 @@ QSet<QString> systemDisks(const QString& mounts, const QString& swaps)
         // A root mounted without an initial RAM disk shows up as "/dev/root",
         // which has no node: the mount point's own device number tells.
         struct stat info;
-        if (name.isEmpty() && source == QLatin1String("/dev/root")
-            && ::stat(QFile::encodeName(unescapeField(row[1])).constData(), &info) == 0)
+        if (name.isEmpty() && source == QLatin1String("/dev/root") &&
+            ::stat(QFile::encodeName(unescapeField(row[1])).constData(), &info) == 0)
             name = SysBlock::NameOfDevice(info.st_dev);
         if (!name.isEmpty())
             pending << name;
@@ -175,8 +174,9 @@ QSet<QString> systemDisks(const QString& mounts, const QString& swaps)
             continue;
         seen.insert(name);
         disks.insert(diskOf(name));
-        const QStringList slaves = QDir(kClassBlock + name + QLatin1String("/slaves"))
-                                       .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+        const QStringList slaves =
+            QDir(kClassBlock + name + QLatin1String("/slaves"))
+                .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
         pending << slaves;
     }
     return disks;
@@ -217,20 +217,20 @@ bool nodeLess(const QString& a, const QString& b)
 }
 
 // udev's block disks, each handed to `visit` with its sysfs name.
-template <typename Visit>
-void forEachDisk(Visit visit)
+template <typename Visit> void forEachDisk(Visit visit)
 {
     const UdevPtr context(udev_new());
     if (!context)
         return;
     const EnumeratePtr enumerate(udev_enumerate_new(context.get()));
-    if (!enumerate || udev_enumerate_add_match_subsystem(enumerate.get(), "block") < 0
-        || udev_enumerate_scan_devices(enumerate.get()) < 0)
+    if (!enumerate || udev_enumerate_add_match_subsystem(enumerate.get(), "block") < 0 ||
+        udev_enumerate_scan_devices(enumerate.get()) < 0)
         return;
     udev_list_entry* entry = nullptr;
     udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(enumerate.get()))
     {
-        const DevicePtr device(udev_device_new_from_syspath(context.get(), udev_list_entry_get_name(entry)));
+        const DevicePtr device(
+            udev_device_new_from_syspath(context.get(), udev_list_entry_get_name(entry)));
         if (!device || fromUdev(udev_device_get_devtype(device.get())) != QLatin1String("disk"))
             continue;
         visit(device.get());
@@ -240,7 +240,8 @@ void forEachDisk(Visit visit)
 QString nodeOf(udev_device* device)
 {
     const QString node = fromUdev(udev_device_get_devnode(device));
-    return node.isEmpty() ? QLatin1String("/dev/") + fromUdev(udev_device_get_sysname(device)) : node;
+    return node.isEmpty() ? QLatin1String("/dev/") + fromUdev(udev_device_get_sysname(device))
+                          : node;
 }
 
 // "Vendor Model" from udev's identification (underscores stand for blanks
@@ -262,15 +263,16 @@ QString vendorAndModel(udev_device* device)
 
 bool isOnUsb(udev_device* device)
 {
-    return fromUdev(udev_device_get_property_value(device, "ID_BUS")) == QLatin1String("usb")
-           || udev_device_get_parent_with_subsystem_devtype(device, "usb", nullptr) != nullptr;
+    return fromUdev(udev_device_get_property_value(device, "ID_BUS")) == QLatin1String("usb") ||
+           udev_device_get_parent_with_subsystem_devtype(device, "usb", nullptr) != nullptr;
 }
 
 } // namespace
 
 QString OpticalDrive::Text() const
 {
-    const QString identification = QStringList{vendor, model, revision}.join(QLatin1Char(' ')).simplified();
+    const QString identification =
+        QStringList{vendor, model, revision}.join(QLatin1Char(' ')).simplified();
     return identification.isEmpty() ? node : node + QLatin1String(": ") + identification;
 }
 
@@ -291,12 +293,14 @@ QList<RemovableDrive> Drives::Removable(const QString& mounts, const QString& sw
         }
         if (fromUdev(udev_device_get_property_value(device, "ID_CDROM")) == QLatin1String("1"))
             return;
-        const bool removable = fromUdev(udev_device_get_sysattr_value(device, "removable")) == QLatin1String("1");
+        const bool removable =
+            fromUdev(udev_device_get_sysattr_value(device, "removable")) == QLatin1String("1");
         if (!removable && !isOnUsb(device))
             return;
         if (fromUdev(udev_device_get_sysattr_value(device, "ro")) != QLatin1String("0"))
             return;
-        const qint64 size = fromUdev(udev_device_get_sysattr_value(device, "size")).toLongLong() * 512;
+        const qint64 size =
+            fromUdev(udev_device_get_sysattr_value(device, "size")).toLongLong() * 512;
         if (size <= 0)
             return;
 
@@ -304,13 +308,14 @@ QList<RemovableDrive> Drives::Removable(const QString& mounts, const QString& sw
         drive.node = nodeOf(device);
         drive.size = size;
         const QString identification = vendorAndModel(device);
-        drive.text = drive.node + QLatin1String("  ")
-                     + (identification.isEmpty() ? QString() : identification + QLatin1String("  "))
-                     + SizeText(size);
+        drive.text = drive.node + QLatin1String("  ") +
+                     (identification.isEmpty() ? QString() : identification + QLatin1String("  ")) +
+                     SizeText(size);
         drives << drive;
     });
-    std::sort(drives.begin(), drives.end(),
-              [](const RemovableDrive& a, const RemovableDrive& b) { return nodeLess(a.node, b.node); });
+    std::sort(drives.begin(), drives.end(), [](const RemovableDrive& a, const RemovableDrive& b) {
+        return nodeLess(a.node, b.node);
+    });
     return drives;
 }
 
@@ -323,8 +328,8 @@ QList<OpticalDrive> Drives::Optical()
     QList<OpticalDrive> drives;
     forEachDisk([&](udev_device* device) {
         const QString name = fromUdev(udev_device_get_sysname(device));
-        if (fromUdev(udev_device_get_property_value(device, "ID_CDROM")) != QLatin1String("1")
-            && !srName.match(name).hasMatch())
+        if (fromUdev(udev_device_get_property_value(device, "ID_CDROM")) != QLatin1String("1") &&
+            !srName.match(name).hasMatch())
             return;
 
         OpticalDrive drive;
@@ -335,7 +340,8 @@ QList<OpticalDrive> Drives::Optical()
         drive.revision = SysBlock::ReadAttribute(link + QLatin1String("/rev"));
 
         // The SCSI device the block device belongs to is named "H:C:T:L".
-        const QStringList address = QFileInfo(QFileInfo(link).symLinkTarget()).fileName().split(QLatin1Char(':'));
+        const QStringList address =
+            QFileInfo(QFileInfo(link).symLinkTarget()).fileName().split(QLatin1Char(':'));
         QList<int> numbers;
         for (const QString& part : address) {
             bool ok = false;
@@ -352,8 +358,9 @@ QList<OpticalDrive> Drives::Optical()
         }
         drives << drive;
     });
-    std::sort(drives.begin(), drives.end(),
-              [](const OpticalDrive& a, const OpticalDrive& b) { return nodeLess(a.node, b.node); });
+    std::sort(drives.begin(), drives.end(), [](const OpticalDrive& a, const OpticalDrive& b) {
+        return nodeLess(a.node, b.node);
+    });
     return drives;
 }
 
@@ -362,7 +369,8 @@ qint64 Drives::DeviceSize(const QString& node)
     // A path names a device only under /dev; "sdb" is the kernel's name itself.
     if (node.startsWith(QLatin1Char('/')) && !node.startsWith(QLatin1String("/dev/")))
         return 0;
-    return SysBlock::SizeOf(node.startsWith(QLatin1Char('/')) ? blockNameOf(node) : SysBlock::KernelName(node));
+    return SysBlock::SizeOf(node.startsWith(QLatin1Char('/')) ? blockNameOf(node)
+                                                              : SysBlock::KernelName(node));
 }
 
 Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, const QString& swaps)
@@ -377,13 +385,14 @@ Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, co
         return facts;
     facts.partition = QFileInfo::exists(kClassBlock + facts.name + QLatin1String("/partition"));
     facts.loop = facts.name.startsWith(QLatin1String("loop"));
-    facts.removable = SysBlock::ReadAttribute(kClassBlock + facts.name + QLatin1String("/removable")) == QLatin1String("1");
+    facts.removable = SysBlock::ReadAttribute(kClassBlock + facts.name +
+                                              QLatin1String("/removable")) == QLatin1String("1");
     facts.holdsSystem = systemDisks(mounts, swaps).contains(diskOf(facts.name));
 
     const UdevPtr context(udev_new());
     if (context) {
-        const DevicePtr device(udev_device_new_from_subsystem_sysname(context.get(), "block",
-                                                                      QFile::encodeName(facts.name).constData()));
+        const DevicePtr device(udev_device_new_from_subsystem_sysname(
+            context.get(), "block", QFile::encodeName(facts.name).constData()));
         if (device)
             facts.usb = isOnUsb(device.get());
     }
@@ -396,10 +405,11 @@ QStringList Drives::PartitionsOf(const QString& diskName)
     if (!SysBlock::IsBlockName(name))
         return {};
     QStringList parts;
-    const QStringList entries = QDir(kClassBlock + name).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    const QStringList entries =
+        QDir(kClassBlock + name).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& entry : entries) {
-        if (entry.startsWith(name) && QFileInfo::exists(kClassBlock + name + QLatin1Char('/') + entry
-                                                        + QLatin1String("/partition")))
+        if (entry.startsWith(name) && QFileInfo::exists(kClassBlock + name + QLatin1Char('/') +
+                                                        entry + QLatin1String("/partition")))
             parts << entry;
     }
     std::sort(parts.begin(), parts.end(), nodeLess);

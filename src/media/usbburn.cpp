@@ -54,7 +54,10 @@ public:
     Sha256(const Sha256&) = delete;
     Sha256& operator=(const Sha256&) = delete;
 
-    void addData(QByteArrayView data) { EVP_DigestUpdate(m_context, data.data(), size_t(data.size())); }
+    void addData(QByteArrayView data)
+    {
+        EVP_DigestUpdate(m_context, data.data(), size_t(data.size()));
+    }
     QByteArray result()
     {
         QByteArray digest(EVP_MAX_MD_SIZE, '\0');
@@ -108,8 +111,8 @@ bool hashStream(QIODevice& stream, qint64 size, Sha256& hash, QByteArray& buffer
     while (size > 0) {
         if (stop.load())
             return false;
-        if (stream.bytesAvailable() <= 0 && !stream.waitForReadyRead(-1) && stream.bytesAvailable() <= 0
-            && stream.atEnd())
+        if (stream.bytesAvailable() <= 0 && !stream.waitForReadyRead(-1) &&
+            stream.bytesAvailable() <= 0 && stream.atEnd())
             return false;
         const qint64 got = stream.read(buffer.data(), qMin<qint64>(size, buffer.size()));
         if (got < 0)
@@ -137,7 +140,8 @@ bool hashStream(QIODevice& stream, qint64 size, Sha256& hash, QByteArray& buffer
 class ImageFeeder final
 {
 public:
-    ImageFeeder(const QString& image, qint64 size, int outputs = 1) : m_size(size), m_outputs(size_t(outputs))
+    ImageFeeder(const QString& image, qint64 size, int outputs = 1)
+        : m_size(size), m_outputs(size_t(outputs))
     {
         m_image = ::open(QFile::encodeName(image).constData(), O_RDONLY | O_CLOEXEC);
         if (m_image < 0) {
@@ -364,8 +368,8 @@ bool TechnicalListing::HasUnixModes() const
                        [](const ImageEntry& entry) { return !entry.mode.isEmpty(); });
 }
 
-QString ResolveLink(const QString& link, const QString& target, const QHash<QString, QString>& links,
-                    const QSet<QString>& present)
+QString ResolveLink(const QString& link, const QString& target,
+                    const QHash<QString, QString>& links, const QSet<QString>& present)
 {
     QString from = link;
     QString to = target;
@@ -376,7 +380,8 @@ QString ResolveLink(const QString& link, const QString& target, const QHash<QStr
         const QString folder = QFileInfo(from).path();
         const QString joined =
             QDir::cleanPath(folder == QLatin1String(".") ? to : folder + QLatin1Char('/') + to);
-        if (joined == QLatin1String(".") || joined == QLatin1String("..") || joined.startsWith(QLatin1String("../")))
+        if (joined == QLatin1String(".") || joined == QLatin1String("..") ||
+            joined.startsWith(QLatin1String("../")))
             return QString();
         const auto next = links.constFind(joined);
         if (next != links.constEnd()) {
@@ -400,9 +405,13 @@ QStringList SplitArguments(const QString& wim, const QString& firstPart, qint64 
 QStringList PrepareArguments(const QString& device, UsbPlan::Scheme scheme, UsbPlan::FileSystem fs,
                              const QString& label)
 {
-    QStringList arguments{QStringLiteral("prepare"), device, QStringLiteral("--scheme"),
-                          scheme == UsbPlan::Scheme::Gpt ? QStringLiteral("gpt") : QStringLiteral("mbr"),
-                          QStringLiteral("--fs"), UsbPlan::Name(fs).toLower()};
+    QStringList arguments{QStringLiteral("prepare"),
+                          device,
+                          QStringLiteral("--scheme"),
+                          scheme == UsbPlan::Scheme::Gpt ? QStringLiteral("gpt")
+                                                         : QStringLiteral("mbr"),
+                          QStringLiteral("--fs"),
+                          UsbPlan::Name(fs).toLower()};
     if (!label.isEmpty())
         arguments << QStringLiteral("--label") << label;
     return arguments;
@@ -427,7 +436,8 @@ QByteArray PublishedSha256(const QByteArray& text, const QString& name, bool bar
 {
     const auto isHash = [](const QByteArray& word) {
         return word.size() == 64 && std::all_of(word.begin(), word.end(), [](char c) {
-                   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+                   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') ||
+                          (c >= 'A' && c <= 'F');
                });
     };
     const QByteArray wanted = QFile::encodeName(name);
@@ -493,9 +503,9 @@ QString TransferText(qint64 done, qint64 total, qint64 elapsedMs)
     return text + QStringLiteral(", about %1 min left").arg((secondsLeft + 30) / 60);
 }
 
-VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files, const QString& root,
-                    const QStringList& skipped, const std::function<void(qint64)>& progress,
-                    const std::atomic<bool>& stop)
+VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files,
+                    const QString& root, const QStringList& skipped,
+                    const std::function<void(qint64)>& progress, const std::atomic<bool>& stop)
 {
     VerifyResult result;
     QByteArray buffer(kChunk, Qt::Uninitialized);
@@ -558,7 +568,10 @@ VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& fil
         if (written.size < 0)
             result.problems << QStringLiteral("/%1 is missing or unreadable").arg(file.name);
         else if (written.size != file.size)
-            result.problems << QStringLiteral("/%1 has %2 bytes instead of %3").arg(file.name).arg(written.size).arg(file.size);
+            result.problems << QStringLiteral("/%1 has %2 bytes instead of %3")
+                                   .arg(file.name)
+                                   .arg(written.size)
+                                   .arg(file.size);
         else if (written.sha256 != hash.result())
             result.problems << QStringLiteral("/%1 differs from the image").arg(file.name);
         else {
@@ -635,12 +648,13 @@ protected:
         tool.closeReadChannel(QProcess::StandardOutput);
         tool.waitForFinished(-1);
         if (tool.exitStatus() != QProcess::NormalExit || tool.exitCode() != 0) {
-            const QStringList words = QString::fromLocal8Bit(tool.readAllStandardError()).split(
-                QLatin1Char('\n'), Qt::SkipEmptyParts);
-            toolFailure = QStringLiteral("%1 failed reading the image (exit status %2). %3")
-                              .arg(archiveName())
-                              .arg(tool.exitCode())
-                              .arg(words.mid(qMax<qsizetype>(0, words.size() - 3)).join(QLatin1Char(' ')));
+            const QStringList words = QString::fromLocal8Bit(tool.readAllStandardError())
+                                          .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+            toolFailure =
+                QStringLiteral("%1 failed reading the image (exit status %2). %3")
+                    .arg(archiveName())
+                    .arg(tool.exitCode())
+                    .arg(words.mid(qMax<qsizetype>(0, words.size() - 3)).join(QLatin1Char(' ')));
         }
     }
 
@@ -660,13 +674,15 @@ QString copyBytes(QIODevice& stream, qint64 size, QFile& out, QByteArray& buffer
     while (size > 0) {
         if (stop.load())
             return QStringLiteral("stopped");
-        if (stream.bytesAvailable() <= 0 && !stream.waitForReadyRead(-1) && stream.bytesAvailable() <= 0)
+        if (stream.bytesAvailable() <= 0 && !stream.waitForReadyRead(-1) &&
+            stream.bytesAvailable() <= 0)
             return QStringLiteral("the image ended before %1 was read").arg(out.fileName());
         const qint64 got = stream.read(buffer.data(), qMin<qint64>(size, buffer.size()));
         if (got < 0)
             return QStringLiteral("the image could not be read");
         if (got > 0 && out.write(buffer.constData(), got) != got)
-            return QStringLiteral("%1 could not be written: %2").arg(out.fileName(), out.errorString());
+            return QStringLiteral("%1 could not be written: %2")
+                .arg(out.fileName(), out.errorString());
         size -= got;
         written(got);
     }
@@ -682,7 +698,8 @@ QString copyOnStick(const QString& from, const QString& to, const std::atomic<bo
     if (!in.open(QIODevice::ReadOnly) || !out.open(QIODevice::WriteOnly))
         return QStringLiteral("%1 could not be copied to %2").arg(from, to);
     QByteArray buffer(UsbBurn::kCopyChunk, Qt::Uninitialized);
-    const QString failure = copyBytes(in, in.size(), out, buffer, [](qint64) {}, stop);
+    const QString failure = copyBytes(
+        in, in.size(), out, buffer, [](qint64) {}, stop);
     out.close();
     if (failure.isEmpty() && out.error() != QFileDevice::NoError)
         return QStringLiteral("%1 could not be written: %2").arg(to, out.errorString());
@@ -696,8 +713,8 @@ QString copyOnStick(const QString& from, const QString& to, const std::atomic<bo
 class CopyThread final : public QThread
 {
 public:
-    CopyThread(QString image, std::vector<UsbBurn::ImageEntry> entries, QString root, QString skipped,
-               std::atomic<bool>& stop)
+    CopyThread(QString image, std::vector<UsbBurn::ImageEntry> entries, QString root,
+               QString skipped, std::atomic<bool>& stop)
         : m_image(std::move(image)), m_entries(std::move(entries)), m_root(std::move(root)),
           m_skipped(std::move(skipped)), m_stop(stop)
     {
@@ -714,9 +731,10 @@ protected:
         qint64 total = 0;
         for (const UsbBurn::ImageEntry& entry : m_entries) {
             const QString path = QDir::cleanPath(entry.path);
-            if (path.isEmpty() || path.startsWith(QLatin1Char('/')) || path == QLatin1String("..")
-                || path.startsWith(QLatin1String("../"))) {
-                failure = QStringLiteral("the image names %1, which is outside of it.").arg(entry.path);
+            if (path.isEmpty() || path.startsWith(QLatin1Char('/')) ||
+                path == QLatin1String("..") || path.startsWith(QLatin1String("../"))) {
+                failure =
+                    QStringLiteral("the image names %1, which is outside of it.").arg(entry.path);
                 return;
             }
             if (!Skipped(entry.path) && !entry.folder && !entry.IsLink())
@@ -724,10 +742,12 @@ protected:
         }
         CProcess tool;
         tool.setProcessChannelMode(QProcess::SeparateChannels);
-        QStringList arguments{QStringLiteral("x"), QStringLiteral("-so"), QStringLiteral("-x![BOOT]")};
+        QStringList arguments{QStringLiteral("x"), QStringLiteral("-so"),
+                              QStringLiteral("-x![BOOT]")};
         if (!m_skipped.isEmpty())
             arguments << QStringLiteral("-x!") + m_skipped;
-        tool.start(ToolLocator::Find(ToolLocator::Tool::Archive), arguments << QStringLiteral("--") << m_image);
+        tool.start(ToolLocator::Find(ToolLocator::Tool::Archive),
+                   arguments << QStringLiteral("--") << m_image);
         if (!tool.waitForStarted(-1)) {
             failure = QStringLiteral("%1 could not be started.").arg(archiveName());
             return;
@@ -767,13 +787,15 @@ protected:
             QDir().mkpath(QFileInfo(target).path());
             QFile out(target);
             if (!out.open(QIODevice::WriteOnly)) {
-                failure = QStringLiteral("%1 could not be written: %2").arg(target, out.errorString());
+                failure =
+                    QStringLiteral("%1 could not be written: %2").arg(target, out.errorString());
                 return;
             }
             failure = copyBytes(tool, entry.size, out, buffer, written, m_stop);
             out.close();
             if (failure.isEmpty() && out.error() != QFileDevice::NoError)
-                failure = QStringLiteral("%1 could not be written: %2").arg(target, out.errorString());
+                failure =
+                    QStringLiteral("%1 could not be written: %2").arg(target, out.errorString());
             if (!failure.isEmpty())
                 return;
         }
@@ -792,8 +814,8 @@ protected:
 private:
     bool Skipped(const QString& path) const
     {
-        return path == QLatin1String("[BOOT]") || path.startsWith(QLatin1String("[BOOT]/"))
-               || (!m_skipped.isEmpty() && path == m_skipped);
+        return path == QLatin1String("[BOOT]") || path.startsWith(QLatin1String("[BOOT]/")) ||
+               (!m_skipped.isEmpty() && path == m_skipped);
     }
 
     void CopyLink(const QString& link, const QString& target)
@@ -810,7 +832,8 @@ private:
             return;
         }
         QDir().mkpath(to);
-        QDirIterator it(from, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDirIterator::Subdirectories);
+        QDirIterator it(from, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot,
+                        QDirIterator::Subdirectories);
         while (it.hasNext() && failure.isEmpty()) {
             const QString path = it.next();
             const QString copy = to + QLatin1Char('/') + QDir(from).relativeFilePath(path);
@@ -875,10 +898,12 @@ QString CUsbBurnJob::PhaseTitle(Phase phase)
 
 QString CUsbBurnJob::SuccessText(int files, qint64 bytes)
 {
-    return kSuccess + QStringLiteral("\n\nAll %1 files (%2) were read back from the stick and match the image. "
-                                     "The stick can be removed.")
-                          .arg(files)
-                          .arg(Util::FormatSize(bytes));
+    return kSuccess +
+           QStringLiteral(
+               "\n\nAll %1 files (%2) were read back from the stick and match the image. "
+               "The stick can be removed.")
+               .arg(files)
+               .arg(Util::FormatSize(bytes));
 }
 
 QString CUsbBurnJob::ImageSuccessText(qint64 bytes, const QString& sha256,
@@ -927,8 +952,10 @@ void CUsbBurnJob::Plan(const Options& options)
     m_decision = UsbPlan::Decision();
     m_published = UsbBurn::PublishedChecksum();
     if (ToolLocator::Find(ToolLocator::Tool::UsbHelper).isEmpty()) {
-        Q_EMIT planned(false, QStringLiteral("Brenta's USB helper (brenta-usb-helper) is not installed, so the "
-                                             "stick cannot be prepared. Please reinstall Brenta."));
+        Q_EMIT planned(
+            false,
+            QStringLiteral("Brenta's USB helper (brenta-usb-helper) is not installed, so the "
+                           "stick cannot be prepared. Please reinstall Brenta."));
         return;
     }
     if (m_list == nullptr) {
@@ -1008,7 +1035,8 @@ void CUsbBurnJob::OnListed()
                 return file.seek(offset) && file.read(buffer, length) == length;
             };
             const ElTorito::Entry& entry = *efi;
-            const BootSetup::Measure measure = BootSetup::MeasureEntry(entry, true, read, imageSize);
+            const BootSetup::Measure measure =
+                BootSetup::MeasureEntry(entry, true, read, imageSize);
             // Read whole into memory when copied; EFI boot images are a few MiB.
             if (measure.length > 0 && measure.length <= (256 << 20)) {
                 m_efiOffset = qint64(entry.loadRba) * 2048;
@@ -1016,8 +1044,9 @@ void CUsbBurnJob::OnListed()
             }
         }
     }
-    m_decision = UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme, m_options.fileSystem,
-                                 m_options.label, m_options.fatFileLimit, m_efiLength > 0);
+    m_decision =
+        UsbPlan::Decide(m_tree, imageSize, capacity, m_options.scheme, m_options.fileSystem,
+                        m_options.label, m_options.fatFileLimit, m_efiLength > 0);
     m_decision.mode = UsbPlan::WriteMode::Files;
     m_decision.modeReason =
         m_options.autoMode
@@ -1025,23 +1054,28 @@ void CUsbBurnJob::OnListed()
             : QStringLiteral("You chose files mode: the image's files are copied onto the stick.");
     QStringList refusals = m_decision.refusals;
     if (m_decision.tooSmall) {
-        refusals.prepend(QStringLiteral("The stick (%1) cannot hold the image (%2) with 50 MB to spare.")
-                             .arg(Util::FormatSize(capacity), Util::FormatSize(imageSize)));
+        refusals.prepend(
+            QStringLiteral("The stick (%1) cannot hold the image (%2) with 50 MB to spare.")
+                .arg(Util::FormatSize(capacity), Util::FormatSize(imageSize)));
     }
     if (!m_decision.splitWim.isEmpty()) {
         const qint64 wimSize = m_tree.Find(m_decision.splitWim)->size.toLongLong();
         if (ToolLocator::Find(ToolLocator::Tool::WimTool).isEmpty())
-            refusals << QStringLiteral("sources/install.wim is larger than FAT allows and must be split, but "
-                                       "wimlib-imagex is not installed. Install it (package wimtools) or "
-                                       "choose NTFS or exFAT.");
-        else if (!QDir().mkpath(Util::ScratchDir())
-                 || QStorageInfo(Util::ScratchDir()).bytesAvailable() < wimSize + UsbPlan::kSpareBytes)
-            refusals << QStringLiteral("sources/install.wim (%1) must be split, which needs as much free space "
-                                       "in %2.")
-                            .arg(Util::FormatSize(wimSize), Util::ScratchDir());
+            refusals << QStringLiteral(
+                "sources/install.wim is larger than FAT allows and must be split, but "
+                "wimlib-imagex is not installed. Install it (package wimtools) or "
+                "choose NTFS or exFAT.");
+        else if (!QDir().mkpath(Util::ScratchDir()) ||
+                 QStorageInfo(Util::ScratchDir()).bytesAvailable() < wimSize + UsbPlan::kSpareBytes)
+            refusals
+                << QStringLiteral(
+                       "sources/install.wim (%1) must be split, which needs as much free space "
+                       "in %2.")
+                       .arg(Util::FormatSize(wimSize), Util::ScratchDir());
     }
     if (!refusals.isEmpty()) {
-        Q_EMIT planned(false, QStringLiteral("Nothing was written to the stick. ") + refusals.join(QLatin1Char(' ')));
+        Q_EMIT planned(false, QStringLiteral("Nothing was written to the stick. ") +
+                                  refusals.join(QLatin1Char(' ')));
         return;
     }
     m_planned = true;
@@ -1253,7 +1287,8 @@ void CUsbBurnJob::StartWrite()
 void CUsbBurnJob::StartReadBack()
 {
     // A shared feeder counts the last bytes a moment after the helper read them.
-    for (int waited = 0; m_sharedFeeder && m_feeder->Fed(m_output) != m_imageSize && waited < 2000; ++waited)
+    for (int waited = 0; m_sharedFeeder && m_feeder->Fed(m_output) != m_imageSize && waited < 2000;
+         ++waited)
         QThread::msleep(1);
     const qint64 fed = m_feeder->Fed(m_output);
     m_imageSha256 = m_feeder->Sha256Hex();
@@ -1367,7 +1402,8 @@ void CUsbBurnJob::StartCopy()
 void CUsbBurnJob::StartToolCopy()
 {
     Step(0);
-    RunTool(QStringLiteral("copying the files"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
+    RunTool(QStringLiteral("copying the files"), ToolLocator::Find(ToolLocator::Tool::Archive),
+            archiveName(),
             Extraction::Arguments(m_options.image, m_mountPoint, QStringList(), CopiedExclusions()),
             &CUsbBurnJob::StartSplit);
 }
@@ -1379,13 +1415,15 @@ void CUsbBurnJob::StartStreamCopy()
     // the FUSE drivers cannot hold; Brenta writes names and contents only.
     Step(0);
     m_stopVerify = false;
-    auto* thread = new CopyThread(m_options.image, m_entries->Entries(), m_mountPoint, SplitWim(), m_stopVerify);
+    auto* thread = new CopyThread(m_options.image, m_entries->Entries(), m_mountPoint, SplitWim(),
+                                  m_stopVerify);
     thread->onProgress = [this, last = -1](qint64 done, qint64 total) mutable {
         const int value = total > 0 ? int(done * 100 / total) : 100;
         if (value == last)
             return;
         last = value;
-        QMetaObject::invokeMethod(this, [this, value] { Step(value); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, value] { Step(value); }, Qt::QueuedConnection);
     };
     connect(thread, &QThread::finished, this, [this, thread] {
         const QString failure = thread->failure;
@@ -1423,8 +1461,9 @@ void CUsbBurnJob::StartSplit()
         return;
     }
     const QString wim = SplitWim();
-    RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::Archive), archiveName(),
-            Extraction::Arguments(m_options.image, m_wimDir->Path(), {wim}), &CUsbBurnJob::SplitExtracted);
+    RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::Archive),
+            archiveName(), Extraction::Arguments(m_options.image, m_wimDir->Path(), {wim}),
+            &CUsbBurnJob::SplitExtracted);
 }
 
 void CUsbBurnJob::SplitExtracted()
@@ -1435,7 +1474,8 @@ void CUsbBurnJob::SplitExtracted()
     RunTool(QStringLiteral("splitting install.wim"), ToolLocator::Find(ToolLocator::Tool::WimTool),
             ToolLocator::DisplayName(ToolLocator::Tool::WimTool),
             UsbBurn::SplitArguments(m_wimDir->Path() + QLatin1Char('/') + wim,
-                                    folder + QStringLiteral("/install.swm"), m_options.fatFileLimit),
+                                    folder + QStringLiteral("/install.swm"),
+                                    m_options.fatFileLimit),
             &CUsbBurnJob::StartRemount);
 }
 
@@ -1447,9 +1487,11 @@ void CUsbBurnJob::StartEfiCopy()
     const QString fatImage = EfiImage();
     QFile image(m_options.image);
     QFile copy(fatImage);
-    if (!m_efiDir->IsValid() || !image.open(QIODevice::ReadOnly) || !image.seek(m_efiOffset)
-        || !copy.open(QIODevice::WriteOnly) || copy.write(image.read(m_efiLength)) != m_efiLength || !copy.flush()) {
-        Fail(QStringLiteral("copying the EFI loader: the image's EFI boot image could not be copied to %1.")
+    if (!m_efiDir->IsValid() || !image.open(QIODevice::ReadOnly) || !image.seek(m_efiOffset) ||
+        !copy.open(QIODevice::WriteOnly) || copy.write(image.read(m_efiLength)) != m_efiLength ||
+        !copy.flush()) {
+        Fail(QStringLiteral(
+                 "copying the EFI loader: the image's EFI boot image could not be copied to %1.")
                  .arg(Util::ScratchDir()));
         return;
     }
@@ -1602,7 +1644,8 @@ void CUsbBurnJob::StartUnmount()
 {
     m_efiDir.reset();
     Enter(Phase::Finishing, -1);
-    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Burned);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device},
+              &CUsbBurnJob::Burned);
 }
 
 void CUsbBurnJob::Burned()
@@ -1614,12 +1657,15 @@ void CUsbBurnJob::Burned()
     m_mountPoint.clear();
     QString text = SuccessText(m_verified.files, m_verified.bytes);
     if (!m_linkCopies.isEmpty())
-        text += QStringLiteral("\n\n%1 symbolic links, which the stick's file system cannot hold, are copies of "
-                               "their targets.")
-                    .arg(m_linkCopies.size());
+        text +=
+            QStringLiteral(
+                "\n\n%1 symbolic links, which the stick's file system cannot hold, are copies of "
+                "their targets.")
+                .arg(m_linkCopies.size());
     if (m_linksLost > 0)
-        text += QStringLiteral("\n\n%1 symbolic links could not be kept: they lead out of the image or to "
-                               "nothing in it.")
+        text += QStringLiteral(
+                    "\n\n%1 symbolic links could not be kept: they lead out of the image or to "
+                    "nothing in it.")
                     .arg(m_linksLost);
     End(true, text);
 }
@@ -1629,17 +1675,22 @@ void CUsbBurnJob::Fail(const QString& stepAndReason)
     // After a stop, only the unmount that follows can fail, and says so itself.
     const QString message =
         m_stopping && m_failure.isEmpty()
-            ? StoppedMessage() + QStringLiteral(" What the stick holds is incomplete: burn or restore it again.")
-            : (m_restoring ? QStringLiteral("The USB stick was not restored. The step that failed: ")
-                           : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
+            ? StoppedMessage() +
+                  QStringLiteral(" What the stick holds is incomplete: burn or restore it again.")
+            : (m_restoring
+                   ? QStringLiteral("The USB stick was not restored. The step that failed: ")
+                   : QStringLiteral("The USB stick was not burned. The step that failed: ")) +
                   stepAndReason;
     m_wimDir.reset();
     m_efiDir.reset();
     m_feeder.reset();
     if (!m_failure.isEmpty()) {
         // The unmount after a failure failed too.
-        End(false, m_failure + QStringLiteral("\n\nThe stick could not be unmounted either; unmount it before "
-                                              "removing it. ") + message);
+        End(false,
+            m_failure +
+                QStringLiteral("\n\nThe stick could not be unmounted either; unmount it before "
+                               "removing it. ") +
+                message);
         return;
     }
     m_failure = message;
@@ -1649,7 +1700,8 @@ void CUsbBurnJob::Fail(const QString& stepAndReason)
         return;
     }
     Enter(Phase::Finishing, -1);
-    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device}, &CUsbBurnJob::Burned);
+    RunHelper(QStringLiteral("unmounting"), {QStringLiteral("unmount"), m_options.device},
+              &CUsbBurnJob::Burned);
 }
 
 void CUsbBurnJob::End(bool succeeded, const QString& message)
@@ -1734,16 +1786,18 @@ void CUsbMultiBurnJob::Plan(const CUsbBurnJob::Options& options, const QStringLi
             if (!ok)
                 m_refusals << QStringLiteral("%1: %2").arg(m_devices.at(i), message);
             else if (raw->Decision().mode != UsbPlan::WriteMode::Image)
-                m_refusals << QStringLiteral("%1: several sticks are written at once only in disk image "
-                                             "mode; this image goes the files way (%2)")
+                m_refusals << QStringLiteral(
+                                  "%1: several sticks are written at once only in disk image "
+                                  "mode; this image goes the files way (%2)")
                                   .arg(m_devices.at(i), raw->Decision().modeReason);
             if (--m_pending == 0)
                 Q_EMIT planned(m_refusals.isEmpty(), m_refusals.join(QLatin1Char('\n')));
         });
         connect(raw, &CUsbBurnJob::finished, this, [this, i](bool ok, const QString& message) {
             m_allSucceeded = m_allSucceeded && ok;
-            m_results[i] = QStringLiteral("%1: %2").arg(m_devices.at(i), QString(message).replace(
-                                                                               QLatin1String("\n\n"), QLatin1String(" ")));
+            m_results[i] = QStringLiteral("%1: %2").arg(
+                m_devices.at(i),
+                QString(message).replace(QLatin1String("\n\n"), QLatin1String(" ")));
             m_sticks[size_t(i)].running = false;
             Q_EMIT stickFinished(m_devices.at(i), ok, message);
             Follow();
@@ -1827,8 +1881,8 @@ void CUsbMultiBurnJob::Burn()
     if (m_jobs.empty() || m_feeder != nullptr || IsRunning())
         return;
     Begin();
-    m_feeder = std::make_shared<UsbBurn::ImageFeeder>(QFileInfo(m_image).absoluteFilePath(),
-                                                      QFileInfo(m_image).size(), int(m_jobs.size()));
+    m_feeder = std::make_shared<UsbBurn::ImageFeeder>(
+        QFileInfo(m_image).absoluteFilePath(), QFileInfo(m_image).size(), int(m_jobs.size()));
     if (!m_feeder->Problem().isEmpty()) {
         const QString problem = m_feeder->Problem();
         m_feeder.reset();

@@ -62,8 +62,8 @@ private:
 // (`links`: path → target) to a file or folder of `present`. Empty when it
 // leads out of the image, to an absolute path, to nothing, in a circle, or
 // to a folder that holds the link itself.
-QString ResolveLink(const QString& link, const QString& target, const QHash<QString, QString>& links,
-                    const QSet<QString>& present);
+QString ResolveLink(const QString& link, const QString& target,
+                    const QHash<QString, QString>& links, const QSet<QString>& present);
 
 // The split parts' name pattern and size: "install.swm", "install2.swm", ...
 // each at most 3,800 MiB, well below FAT's limit (or half of a smaller limit).
@@ -123,9 +123,9 @@ struct VerifyResult
 // SHA-256). Files whose path is in `skipped` or that start with "[BOOT]/"
 // are read from the stream but not compared. `progress` gets the bytes read
 // so far; `stop` ends the comparison early (then the result is not ok).
-VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files, const QString& root,
-                    const QStringList& skipped, const std::function<void(qint64)>& progress,
-                    const std::atomic<bool>& stop);
+VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files,
+                    const QString& root, const QStringList& skipped,
+                    const std::function<void(qint64)>& progress, const std::atomic<bool>& stop);
 
 } // namespace UsbBurn
 
@@ -254,8 +254,8 @@ private:
     QStringList CopiedExclusions() const;
     // `input`: a descriptor the helper reads its standard input from, taken over.
     void RunHelper(const QString& step, const QStringList& arguments, Next next, int input = -1);
-    void RunTool(const QString& step, const QString& program, const QString& toolName, const QStringList& arguments,
-                 Next next);
+    void RunTool(const QString& step, const QString& program, const QString& toolName,
+                 const QStringList& arguments, Next next);
     // Runs one command; `onLine` gets its output lines, `onEnd` its end.
     void StartRunner(const QString& program, const QStringList& arguments,
                      const std::function<void(const QString&)>& onLine,

@@ -62,8 +62,8 @@ bool hasGpt(const QByteArray& head, int sectorSize)
     if (head.size() < 2 * sectorSize || !head.mid(sectorSize, 8).startsWith("EFI PART"))
         return false;
     const quint32 headerSize = le32(head, sectorSize + 12);
-    return headerSize >= 92 && headerSize <= quint32(sectorSize) && le32(head, sectorSize + 24) == 1
-           && le32(head, sectorSize + 28) == 0;
+    return headerSize >= 92 && headerSize <= quint32(sectorSize) &&
+           le32(head, sectorSize + 24) == 1 && le32(head, sectorSize + 28) == 0;
 }
 
 void forEachFile(const Item& folder, const std::function<void(const Item&)>& visit)
@@ -88,17 +88,21 @@ ModeChoice ChooseMode(const QByteArray& head, const ItemTree& contents)
     // The table decides: an image that carries one was made to be a disk,
     // and its own boot code starts it, whatever files it also holds.
     if (HasPartitionTable(head))
-        return {WriteMode::Image, QStringLiteral("This image is made to be written as it is (disk image mode).")};
+        return {WriteMode::Image,
+                QStringLiteral("This image is made to be written as it is (disk image mode).")};
     if (hasFile(contents, QStringLiteral("bootmgr")))
-        return {WriteMode::Files, QStringLiteral("This image starts Windows setup from /bootmgr, so its files are "
-                                                 "copied onto the stick (files mode).")};
-    return {WriteMode::Files, QStringLiteral("This image has no partition table, so its files are copied onto the "
-                                             "stick (files mode).")};
+        return {WriteMode::Files,
+                QStringLiteral("This image starts Windows setup from /bootmgr, so its files are "
+                               "copied onto the stick (files mode).")};
+    return {WriteMode::Files,
+            QStringLiteral("This image has no partition table, so its files are copied onto the "
+                           "stick (files mode).")};
 }
 
 std::optional<FileSystem> FileSystemFromName(const QString& name)
 {
-    for (FileSystem fs : {FileSystem::Fat32, FileSystem::Ntfs, FileSystem::Exfat, FileSystem::Fat}) {
+    for (FileSystem fs :
+         {FileSystem::Fat32, FileSystem::Ntfs, FileSystem::Exfat, FileSystem::Fat}) {
         if (name.compare(Name(fs), Qt::CaseInsensitive) == 0)
             return fs;
     }
@@ -191,7 +195,8 @@ Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Sch
     Decision decision;
     decision.tooSmall = capacity <= imageSize + kSpareBytes - 1;
     decision.fileSystem = UsedFileSystem(scheme, chosen, capacity);
-    const bool fat = decision.fileSystem == FileSystem::Fat32 || decision.fileSystem == FileSystem::Fat;
+    const bool fat =
+        decision.fileSystem == FileSystem::Fat32 || decision.fileSystem == FileSystem::Fat;
     const QString labelProblem = CheckLabel(decision.fileSystem, label).problem;
     if (!labelProblem.isEmpty())
         decision.refusals << labelProblem;
@@ -209,9 +214,10 @@ Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Sch
                 return;
             }
             path.replace(QLatin1Char('\\'), QLatin1Char('/'));
-            decision.refusals << QStringLiteral("The file /%1 is %2, too large for %3, which holds files of less "
-                                                "than 4 GB. Choose NTFS or exFAT.")
-                                     .arg(path, Util::FormatSize(size), Name(decision.fileSystem));
+            decision.refusals
+                << QStringLiteral("The file /%1 is %2, too large for %3, which holds files of less "
+                                  "than 4 GB. Choose NTFS or exFAT.")
+                       .arg(path, Util::FormatSize(size), Name(decision.fileSystem));
         });
     }
 
@@ -222,21 +228,25 @@ Decision Decide(const ItemTree& contents, qint64 imageSize, qint64 capacity, Sch
     const bool efiLoader = efiFile || decision.efiFromBootImage;
     decision.bootCode = scheme == Scheme::Mbr && bootmgr;
     if (scheme == Scheme::Mbr && !bootmgr) {
-        decision.warnings << (efiLoader && fat ? QStringLiteral("This image has no /bootmgr, so the stick cannot "
-                                                                "start through the legacy BIOS; it will start "
-                                                                "through UEFI only.")
-                                               : QStringLiteral("This image has no /bootmgr, so the stick will not "
-                                                                "start through the legacy BIOS; it will only hold "
-                                                                "the image's files."));
+        decision.warnings
+            << (efiLoader && fat
+                    ? QStringLiteral("This image has no /bootmgr, so the stick cannot "
+                                     "start through the legacy BIOS; it will start "
+                                     "through UEFI only.")
+                    : QStringLiteral("This image has no /bootmgr, so the stick will not "
+                                     "start through the legacy BIOS; it will only hold "
+                                     "the image's files."));
     }
     if (efiLoader && !fat) {
-        decision.warnings << QStringLiteral("Most firmware cannot read %1, so the stick will not start through "
-                                            "UEFI. Choose FAT32 for that.")
-                                 .arg(Name(decision.fileSystem));
+        decision.warnings
+            << QStringLiteral("Most firmware cannot read %1, so the stick will not start through "
+                              "UEFI. Choose FAT32 for that.")
+                   .arg(Name(decision.fileSystem));
     }
     if (scheme == Scheme::Gpt && !efiLoader) {
-        decision.warnings << QStringLiteral("This image has no EFI loader (/efi/boot/bootx64.efi), so a GPT stick "
-                                            "will not start; it will only hold the image's files.");
+        decision.warnings << QStringLiteral(
+            "This image has no EFI loader (/efi/boot/bootx64.efi), so a GPT stick "
+            "will not start; it will only hold the image's files.");
     }
     return decision;
 }

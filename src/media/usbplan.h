@@ -17,7 +17,11 @@ namespace UsbPlan {
 
 // Image: the image is written to the whole stick byte for byte. Files: the
 // stick gets a partition and a file system, and the image's files are copied.
-enum class WriteMode { Image, Files };
+enum class WriteMode
+{
+    Image,
+    Files
+};
 
 struct ModeChoice
 {
@@ -39,8 +43,18 @@ bool HasPartitionTable(const QByteArray& head);
 // the files are copied, with or without /bootmgr to start.
 ModeChoice ChooseMode(const QByteArray& head, const ItemTree& contents);
 
-enum class Scheme { Mbr, Gpt };
-enum class FileSystem { Fat32, Ntfs, Exfat, Fat };
+enum class Scheme
+{
+    Mbr,
+    Gpt
+};
+enum class FileSystem
+{
+    Fat32,
+    Ntfs,
+    Exfat,
+    Fat
+};
 
 // "FAT32", "NTFS", "exFAT", "FAT" (as the page lists them; case ignored).
 std::optional<FileSystem> FileSystemFromName(const QString& name);
@@ -71,13 +85,13 @@ Label CheckLabel(FileSystem fs, const QString& label);
 struct Decision
 {
     WriteMode mode = WriteMode::Files;
-    QString modeReason;          // left to the caller, who chose the mode
+    QString modeReason; // left to the caller, who chose the mode
     FileSystem fileSystem = FileSystem::Fat32;
-    bool bootCode = false;       // legacy BIOS boot code that starts /bootmgr
-    bool tooSmall = false;       // the stick cannot hold the image and the spare
-    QString splitWim;            // the installer image to split into parts ("sources\install.wim")
-    QStringList refusals;        // reasons the burn cannot go on
-    QStringList warnings;        // what the user must agree to first
+    bool bootCode = false; // legacy BIOS boot code that starts /bootmgr
+    bool tooSmall = false; // the stick cannot hold the image and the spare
+    QString splitWim;      // the installer image to split into parts ("sources\install.wim")
+    QStringList refusals;  // reasons the burn cannot go on
+    QStringList warnings;  // what the user must agree to first
     // The EFI loader comes from the image's El Torito EFI boot image, whose
     // /EFI tree is copied onto the FAT stick after the image's files.
     bool efiFromBootImage = false;

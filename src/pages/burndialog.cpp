@@ -450,7 +450,8 @@ void CBurnDialog::BurnToDisc(const QString& image)
 {
     const int index = m_dvdlist->currentIndex();
     if (index < 0 || index >= m_dvdlist->count()) {
-        Util::ShowMessage(QStringLiteral("No CD/DVD drive found. Connect a drive and insert a blank disc."));
+        Util::ShowMessage(
+            QStringLiteral("No CD/DVD drive found. Connect a drive and insert a blank disc."));
         return;
     }
     // A burn that is cut short leaves an unusable disc, so it cannot be stopped.
@@ -536,7 +537,8 @@ void CBurnDialog::RefillRemovable()
     for (const RemovableDrive& drive : Drives::Removable())
         m_usblist->addItem(drive.text, drive.node);
     m_usblist->SetCheckedData(remembered);
-    m_usblist->setPlaceholderText(m_usblist->count() == 0 ? QStringLiteral("No USB drive found") : QString());
+    m_usblist->setPlaceholderText(m_usblist->count() == 0 ? QStringLiteral("No USB drive found")
+                                                          : QString());
 }
 
 void CBurnDialog::ShowMode()

@@ -52,7 +52,8 @@ void CPage2::InitializeUI()
 
     m_loadiso = MakePictureButton(this, "loadiso", QStringLiteral(":/nwu/loadiso"), 564, 37);
     m_back = MakePictureButton(this, "back", QStringLiteral(":/nwu/backwhite"), 10, 417);
-    m_extractButton = MakePictureButton(this, "extract", QStringLiteral(":/nwu/btnextract"), 546, 417);
+    m_extractButton =
+        MakePictureButton(this, "extract", QStringLiteral(":/nwu/btnextract"), 546, 417);
     connect(m_loadiso, qOverload<>(&CImageButton::clicked), this, &CPage2::OnLoadISO);
     connect(m_back, qOverload<>(&CImageButton::clicked), this, &CPage2::OnBack);
     connect(m_extractButton, qOverload<>(&CImageButton::clicked), this, &CPage2::OnExtract);
@@ -104,8 +105,9 @@ void CPage2::OnUnzipFinished()
     if (!succeeded)
         Util::ShowMessage(m_list->Message());
     else if (const QStringList leftOut = m_list->LeftOut(); !leftOut.isEmpty())
-        Util::ShowMessage(QStringLiteral("Not shown, because the names lead outside the image's folders: %1")
-                              .arg(leftOut.join(QStringLiteral(", "))));
+        Util::ShowMessage(
+            QStringLiteral("Not shown, because the names lead outside the image's folders: %1")
+                .arg(leftOut.join(QStringLiteral(", "))));
     else if (!m_list->Warning().isEmpty())
         Util::ShowMessage(QStringLiteral("The image was read completely, with a warning: %1")
                               .arg(m_list->Warning()));
@@ -181,4 +183,3 @@ void CPage2::OnBack()
     hide();
     deleteLater();
 }
-

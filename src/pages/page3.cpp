@@ -28,7 +28,8 @@ constexpr qint64 kIso9660FileLimit = qint64(4) * 1024 * 1024 * 1024;
 
 QString gaugeStyle(bool over)
 {
-    return QStringLiteral("QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; background: #FFFFFF; }"
+    return QStringLiteral("QProgressBar { border: 1px solid #C2EFFD; border-radius: 4px; "
+                          "background: #FFFFFF; }"
                           "QProgressBar::chunk { background: %1; border-radius: 3px; }")
         .arg(over ? QStringLiteral("#e8a33d") : QStringLiteral("#67d995"));
 }
@@ -75,8 +76,9 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     m_list->move(10, 156);
     m_list->setFixedSize(644, 184);
     m_list->setColumnCount(5);
-    m_list->setHeaderLabels({QStringLiteral("File Name"), QStringLiteral("File Path"), QStringLiteral(" Size"),
-                             QStringLiteral("Type"), QStringLiteral("Time")});
+    m_list->setHeaderLabels({QStringLiteral("File Name"), QStringLiteral("File Path"),
+                             QStringLiteral(" Size"), QStringLiteral("Type"),
+                             QStringLiteral("Time")});
     const int widths[] = {170, 130, 80, 110, 151};
     for (int column = 0; column < 5; ++column)
         m_list->setColumnWidth(column, widths[column]);
@@ -95,11 +97,12 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     // The list's own style sheet has no room for a rule of its own; the page's
     // gives its rows the tables' height.
     setStyleSheet(QStringLiteral("QTreeView#list::item { height: 30px; }"));
-    connect(m_list, &QTreeWidget::customContextMenuRequested, this, &CPage3::OnListContextMenuRequest);
+    connect(m_list, &QTreeWidget::customContextMenuRequested, this,
+            &CPage3::OnListContextMenuRequest);
 
-    const QString radioStyle = QStringLiteral(
-        "QRadioButton::indicator:checked {\n    image: url(:/nwu/rchecked);\n}\n\n"
-        "QRadioButton::indicator:unchecked {\n    image: url(:/nwu/runchecked);\n}");
+    const QString radioStyle =
+        QStringLiteral("QRadioButton::indicator:checked {\n    image: url(:/nwu/rchecked);\n}\n\n"
+                       "QRadioButton::indicator:unchecked {\n    image: url(:/nwu/runchecked);\n}");
     const auto radio = [&](const char* name, const QString& text, int x) {
         auto* button = new QRadioButton(text, this);
         button->setObjectName(QLatin1String(name));
@@ -145,10 +148,13 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     connect(create, qOverload<>(&CImageButton::clicked), this, &CPage3::OnCreate);
 
     m_menu = new QMenu(this);
-    connect(m_menu->addAction(QStringLiteral("Add Files(&F)")), &QAction::triggered, this, &CPage3::OnAddFile);
-    connect(m_menu->addAction(QStringLiteral("Add Dirs(&D)")), &QAction::triggered, this, &CPage3::OnAddDir);
+    connect(m_menu->addAction(QStringLiteral("Add Files(&F)")), &QAction::triggered, this,
+            &CPage3::OnAddFile);
+    connect(m_menu->addAction(QStringLiteral("Add Dirs(&D)")), &QAction::triggered, this,
+            &CPage3::OnAddDir);
     m_menu->addSeparator();
-    connect(m_menu->addAction(QStringLiteral("Remove(&R)")), &QAction::triggered, this, &CPage3::OnRemove);
+    connect(m_menu->addAction(QStringLiteral("Remove(&R)")), &QAction::triggered, this,
+            &CPage3::OnRemove);
 
     m_progress = new CProgressDialog;
     connect(m_progress, &CProgressDialog::SigCancel, this, &CPage3::StopCreate);
@@ -161,7 +167,8 @@ CPage3::CPage3(QWidget* /*mainWindow*/) : ImageDialog(false)
     m_create->Prepare();
     // Files and folders dropped on the page are added where Add would add them.
     Drops::Enable(
-        this, [](const QStringList&) { return true; }, [this](const QStringList& paths) { AddDropped(paths); });
+        this, [](const QStringList&) { return true; },
+        [this](const QStringList& paths) { AddDropped(paths); });
 }
 
 CPage3::~CPage3()
@@ -195,7 +202,8 @@ QString CPage3::SelectedParentPath() const
 
 bool CPage3::IsFolder(const QString& parentPath) const
 {
-    const Item* folder = parentPath.isEmpty() ? &m_items.Root() : m_items.Find(parentPath.chopped(1));
+    const Item* folder =
+        parentPath.isEmpty() ? &m_items.Root() : m_items.Find(parentPath.chopped(1));
     return folder != nullptr && folder->isDir;
 }
 
@@ -294,11 +302,12 @@ void CPage3::AddFolders(const QStringList& folders)
 
 void CPage3::AddDirContents(Item* folder, const QString& localDir, QTreeWidgetItem* row)
 {
-    const QFileInfoList entries =
-        QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files | QDir::Drives | QDir::NoDotAndDotDot);
+    const QFileInfoList entries = QDir(localDir).entryInfoList(QDir::Dirs | QDir::Files |
+                                                               QDir::Drives | QDir::NoDotAndDotDot);
     for (const QFileInfo& entry : entries) {
         // Straight into the folder: these paths are new by construction.
-        Item* raw = m_items.Append(*folder, ItemTree::FromLocal(entry, folder->name + kSeparator + entry.fileName()));
+        Item* raw = m_items.Append(
+            *folder, ItemTree::FromLocal(entry, folder->name + kSeparator + entry.fileName()));
         QTreeWidgetItem* childRow = MakeRow(*raw, row);
         if (raw->isDir && !entry.isSymLink())
             AddDirContents(raw, entry.absoluteFilePath(), childRow);
@@ -331,9 +340,10 @@ bool CPage3::RefusedForIso9660(const Item& item)
     if (large == nullptr)
         return false;
     QApplication::restoreOverrideCursor();
-    Util::ShowMessage(QStringLiteral("%1 is 4 GB or larger, which an ISO9660 image cannot hold. Choose UDF ISO "
-                                     "to add it.")
-                          .arg(ItemTree::LastComponent(large->name)));
+    Util::ShowMessage(
+        QStringLiteral("%1 is 4 GB or larger, which an ISO9660 image cannot hold. Choose UDF ISO "
+                       "to add it.")
+            .arg(ItemTree::LastComponent(large->name)));
     QApplication::setOverrideCursor(Qt::WaitCursor);
     return true;
 }
@@ -392,7 +402,8 @@ void CPage3::OnBuildFinished(bool succeeded, const QString& message)
         return;
     }
     if (succeeded)
-        Util::ShowFinished(QStringLiteral("Create ISO successfully!"), QFileInfo(m_output).absolutePath());
+        Util::ShowFinished(QStringLiteral("Create ISO successfully!"),
+                           QFileInfo(m_output).absolutePath());
     else
         Util::ShowMessage(message);
     Q_EMIT createFinished(succeeded);

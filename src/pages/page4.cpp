@@ -43,7 +43,9 @@ CPage4::CPage4(QWidget* /*mainWindow*/)
     // folders are added to the folder shown once one is.
     Drops::Enable(
         this,
-        [this](const QStringList& paths) { return m_current != nullptr || !Drops::ImageOf(paths).isEmpty(); },
+        [this](const QStringList& paths) {
+            return m_current != nullptr || !Drops::ImageOf(paths).isEmpty();
+        },
         [this](const QStringList& paths) {
             if (m_current == nullptr)
                 LoadImage(Drops::ImageOf(paths));
@@ -61,7 +63,8 @@ void CPage4::InitializeUI()
 {
     SetBackgroundImage(QStringLiteral(":/nwu/page4"));
 
-    const auto button = [this](const char* name, const char* stem, int x, int y, void (CPage4::*slot)()) {
+    const auto button = [this](const char* name, const char* stem, int x, int y,
+                               void (CPage4::*slot)()) {
         CImageButton* made = MakePictureButton(this, name, QLatin1String(stem), x, y);
         connect(made, qOverload<>(&CImageButton::clicked), this, slot);
         m_buttons << made;
@@ -111,7 +114,8 @@ void CPage4::InitializeUI()
     m_statusTimer->setInterval(200);
     connect(m_statusTimer, &QTimer::timeout, this, &CPage4::UpdateStatus);
 
-    const auto action = [this](const QString& text, void (CPage4::*slot)(), const QKeySequence& key) {
+    const auto action = [this](const QString& text, void (CPage4::*slot)(),
+                               const QKeySequence& key) {
         QAction* made = m_menu->addAction(text);
         connect(made, &QAction::triggered, this, slot);
         if (!key.isEmpty()) {
@@ -159,17 +163,18 @@ void CPage4::LoadImage(const QString& path)
     SetButtonsEnabled(false);
     auto probe = std::make_shared<ItemTree>();
     auto* listing = new CListJob(*probe, this);
-    connect(listing, &CJob::finished, this, [this, listing, probe, path](bool ok, const QString& message) {
-        listing->deleteLater();
-        if (ok) {
-            StartLoad(path);
-            return;
-        }
-        SetButtonsEnabled(true);
-        if (!CJob::IsStoppedMessage(message))
-            Util::ShowMessage(message);
-        Q_EMIT loaded(false);
-    });
+    connect(listing, &CJob::finished, this,
+            [this, listing, probe, path](bool ok, const QString& message) {
+                listing->deleteLater();
+                if (ok) {
+                    StartLoad(path);
+                    return;
+                }
+                SetButtonsEnabled(true);
+                if (!CJob::IsStoppedMessage(message))
+                    Util::ShowMessage(message);
+                Q_EMIT loaded(false);
+            });
     listing->Start(path);
 }
 
@@ -399,7 +404,8 @@ void CPage4::ShowProgress(int percent)
         }
     }
     // Under the bar: which of the steps this is ("Building the image (3 of 3)").
-    const CJob* const job = m_session.Saving().IsRunning() ? &m_session.Saving() : &m_session.Exporting();
+    const CJob* const job =
+        m_session.Saving().IsRunning() ? &m_session.Saving() : &m_session.Exporting();
     m_progress->SetDetail(job->PhaseText());
     m_progress->SetRange(0, 100);
     m_progress->SetValue(percent);
@@ -418,7 +424,8 @@ void CPage4::OnSaved(bool succeeded, const QString& message)
         Q_EMIT saveDone(succeeded);
 }
 
-bool CPage4::ShowEnd(bool succeeded, const QString& message, const QString& done, const QString& folder)
+bool CPage4::ShowEnd(bool succeeded, const QString& message, const QString& done,
+                     const QString& folder)
 {
     m_progress->hide();
     SetButtonsEnabled(true);
@@ -437,4 +444,3 @@ void CPage4::StopCreate()
     m_progress->hide();
     SetButtonsEnabled(true);
 }
-

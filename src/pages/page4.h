@@ -69,7 +69,8 @@ private:
     void OnSaved(bool succeeded, const QString& message);
     // Puts the page back after an export or a save and tells how it ended;
     // false for a stop.
-    bool ShowEnd(bool succeeded, const QString& message, const QString& done, const QString& folder);
+    bool ShowEnd(bool succeeded, const QString& message, const QString& done,
+                 const QString& folder);
     // Adds files and folders to the folder shown.
     void AddPaths(const QStringList& paths);
     // Replaces what the page shows with the image being loaded.

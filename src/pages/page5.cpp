@@ -81,7 +81,8 @@ void CPage5::OnBrowser()
 void CPage5::OnStart()
 {
     if (m_dvdlist->currentIndex() < 0) {
-        Util::ShowMessage(QStringLiteral("No CD/DVD drive found. Connect a drive and insert the disc to copy."));
+        Util::ShowMessage(
+            QStringLiteral("No CD/DVD drive found. Connect a drive and insert the disc to copy."));
         return;
     }
     if (m_lineEdit->text().isEmpty()) {

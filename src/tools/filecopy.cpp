@@ -57,7 +57,8 @@ bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomi
         ssize_t done = -1;
         if (kernel) {
             done = ::copy_file_range(in, nullptr, out, nullptr, static_cast<size_t>(kChunk), 0);
-            if (done < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+            if (done < 0 &&
+                (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
                 kernel = false;
                 continue;
             }
@@ -67,7 +68,8 @@ bool copyContents(int in, int out, std::atomic<qint64>* copied, const std::atomi
             done = ::read(in, buffer.get(), kBufferSize);
             if (done > 0) {
                 for (ssize_t written = 0; written < done;) {
-                    const ssize_t step = ::write(out, buffer.get() + written, static_cast<size_t>(done - written));
+                    const ssize_t step =
+                        ::write(out, buffer.get() + written, static_cast<size_t>(done - written));
                     if (step < 0) {
                         if (errno == EINTR)
                             continue;
@@ -132,7 +134,8 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir,
         if (entry.isDir()) {
             if (chain.contains(entry.canonicalFilePath())) {
                 if (failures)
-                    *failures << QStringLiteral("%1: a link back to one of its own folders, left out")
+                    *failures << QStringLiteral(
+                                     "%1: a link back to one of its own folders, left out")
                                      .arg(entry.filePath());
                 continue;
             }
@@ -141,7 +144,8 @@ bool copyDirContents(const QString& sourceDir, const QString& targetDir,
         } else {
             QString error;
             if (!entry.isFile())
-                error = entry.isSymLink() ? QStringLiteral("a link to nothing") : QStringLiteral("not a file");
+                error = entry.isSymLink() ? QStringLiteral("a link to nothing")
+                                          : QStringLiteral("not a file");
             else if (copyFile(entry.filePath(), target, copied, abort, &error, hook))
                 continue;
             ok = false;
@@ -491,8 +495,9 @@ bool CFileCopy::CopyFile(const QString& source, const QString& target, std::atom
     return copyFile(source, target, copied, abort, error, nullptr);
 }
 
-bool CFileCopy::CopyDir(const QString& sourceDir, const QString& targetParent, std::atomic<qint64>* copied,
-                        const std::atomic<bool>* abort, QStringList* failures)
+bool CFileCopy::CopyDir(const QString& sourceDir, const QString& targetParent,
+                        std::atomic<qint64>* copied, const std::atomic<bool>* abort,
+                        QStringList* failures)
 {
     const QString target = targetParent + QLatin1Char('/') + QFileInfo(sourceDir).fileName();
     return CopyDirContents(sourceDir, target, copied, abort, failures);

@@ -27,7 +27,13 @@ class CFileCopy final : public QThread
 public:
     // Copy puts a folder into the target folder under its own name; CopyAs
     // makes the target path itself the copy, whatever the source is called.
-    enum Mode { Copy = 0, Delete = 1, Move = 2, CopyAs = 3 };
+    enum Mode
+    {
+        Copy = 0,
+        Delete = 1,
+        Move = 2,
+        CopyAs = 3
+    };
 
     // Starts the worker at once.
     explicit CFileCopy(QObject* parent = nullptr);
@@ -62,14 +68,15 @@ public:
     // Copy helpers, usable without a worker. `copied` (optional) grows by the
     // bytes written; `abort` (optional) cuts a copy short when it turns true.
     static bool CopyFile(const QString& source, const QString& target,
-                         std::atomic<qint64>* copied = nullptr, const std::atomic<bool>* abort = nullptr,
-                         QString* error = nullptr);
+                         std::atomic<qint64>* copied = nullptr,
+                         const std::atomic<bool>* abort = nullptr, QString* error = nullptr);
     static bool CopyDir(const QString& sourceDir, const QString& targetParent,
-                        std::atomic<qint64>* copied = nullptr, const std::atomic<bool>* abort = nullptr,
-                        QStringList* failures = nullptr);
+                        std::atomic<qint64>* copied = nullptr,
+                        const std::atomic<bool>* abort = nullptr, QStringList* failures = nullptr);
     static bool CopyDirContents(const QString& sourceDir, const QString& targetDir,
                                 std::atomic<qint64>* copied = nullptr,
-                                const std::atomic<bool>* abort = nullptr, QStringList* failures = nullptr);
+                                const std::atomic<bool>* abort = nullptr,
+                                QStringList* failures = nullptr);
 
     // The size a job's source counts for: a file's size, a folder's total
     // (links followed as the copy follows them), 0 when missing.

@@ -135,8 +135,8 @@ void CBaseImageCtrl::leaveEvent(QEvent* event)
 void CBaseImageCtrl::keyPressEvent(QKeyEvent* event)
 {
     const int key = event->key();
-    if ((key == Qt::Key_Space || key == Qt::Key_Return || key == Qt::Key_Enter) && !event->isAutoRepeat() &&
-        event->modifiers() == Qt::NoModifier) {
+    if ((key == Qt::Key_Space || key == Qt::Key_Return || key == Qt::Key_Enter) &&
+        !event->isAutoRepeat() && event->modifiers() == Qt::NoModifier) {
         Click();
         return;
     }
@@ -209,11 +209,13 @@ void CBaseImageCtrl::paintEvent(QPaintEvent* /*event*/)
     }
 }
 
-CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y)
+CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x,
+                                int y)
 {
     auto* button = new CImageButton(parent);
     button->setObjectName(QLatin1String(name));
-    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'), QString());
+    button->SetImages(stem + QLatin1Char('1'), stem + QLatin1Char('2'), stem + QLatin1Char('3'),
+                      QString());
     button->move(x, y);
     return button;
 }

@@ -13,7 +13,13 @@ class CBaseImageCtrl : public QWidget
     Q_OBJECT
 
 public:
-    enum class State { Normal, Hover, Pressed, Disabled };
+    enum class State
+    {
+        Normal,
+        Hover,
+        Pressed,
+        Disabled
+    };
 
     explicit CBaseImageCtrl(QWidget* parent = nullptr);
 
@@ -55,9 +61,9 @@ private:
     QString m_disabled;
     int m_frames = 0;
     bool m_hovered = false;
-    bool m_armed = false;      // a press started inside and is not released yet
-    bool m_inside = false;     // the cursor is inside the control
-    bool m_focusMark = false;  // the keyboard brought the focus here
+    bool m_armed = false;     // a press started inside and is not released yet
+    bool m_inside = false;    // the cursor is inside the control
+    bool m_focusMark = false; // the keyboard brought the focus here
 };
 
 // The picture button used by every window and page.
@@ -72,4 +78,5 @@ public:
 
 // A picture button named `name` at (x, y), with the pictures stem1, stem2 and
 // stem3 for normal, hover and pressed, as the pages lay out theirs.
-CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x, int y);
+CImageButton* MakePictureButton(QWidget* parent, const char* name, const QString& stem, int x,
+                                int y);

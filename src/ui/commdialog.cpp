@@ -45,8 +45,9 @@ CommDialog::CommDialog(QWidget* /*parent*/) : ImageDialog(false)
     SetBackgroundImage(QStringLiteral(":/nwu/commdialogbg"));
     SetStretchBand(60, 120);
 
-    m_btnclose->SetImages(QStringLiteral(":/nwu/close_small_1"), QStringLiteral(":/nwu/close_small_2"),
-                          QStringLiteral(":/nwu/close_small_3"), QStringLiteral(":/nwu/close_small_3"));
+    m_btnclose->SetImages(
+        QStringLiteral(":/nwu/close_small_1"), QStringLiteral(":/nwu/close_small_2"),
+        QStringLiteral(":/nwu/close_small_3"), QStringLiteral(":/nwu/close_small_3"));
     m_btnok->SetImages(QStringLiteral(":/nwu/OK1"), QStringLiteral(":/nwu/OK2"),
                        QStringLiteral(":/nwu/OK3"), QStringLiteral(":/nwu/OK3"));
     m_btncancel->SetImages(QStringLiteral(":/nwu/NO_1"), QStringLiteral(":/nwu/NO_2"),
@@ -86,8 +87,9 @@ void CommDialog::SetSingleButton()
 void CommDialog::SetOpenFolder(const QString& folder)
 {
     m_folder = folder;
-    m_btncancel->SetImages(QStringLiteral(":/nwu/Open-Folder1"), QStringLiteral(":/nwu/Open-Folder2"),
-                           QStringLiteral(":/nwu/Open-Folder2"), QStringLiteral(":/nwu/Open-Folder3"));
+    m_btncancel->SetImages(
+        QStringLiteral(":/nwu/Open-Folder1"), QStringLiteral(":/nwu/Open-Folder2"),
+        QStringLiteral(":/nwu/Open-Folder2"), QStringLiteral(":/nwu/Open-Folder3"));
 }
 
 void CommDialog::OnBtnCancel()

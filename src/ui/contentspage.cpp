@@ -27,8 +27,8 @@ CContentsPage::~CContentsPage()
     SetWaitCursor(false);
 }
 
-void CContentsPage::MakeContentsViews(const QRect& tree, const QString& treeStyle, const QRect& table,
-                                      const QList<int>& widths)
+void CContentsPage::MakeContentsViews(const QRect& tree, const QString& treeStyle,
+                                      const QRect& table, const QList<int>& widths)
 {
     m_tree = ContentsView::MakeTree(this, tree, treeStyle);
     connect(m_tree, &QTreeWidget::itemClicked, this, &CContentsPage::OnTreeCurrentChanged);
@@ -37,7 +37,8 @@ void CContentsPage::MakeContentsViews(const QRect& tree, const QString& treeStyl
     m_table->installEventFilter(this);
     connect(m_table, &QTableView::doubleClicked, this, &CContentsPage::OnListViewDoubleClicked);
     connect(m_table, &QTableView::clicked, this, &CContentsPage::OnListViewClicked);
-    connect(m_table, &QTableView::customContextMenuRequested, this, &CContentsPage::OnListContextMenuRequest);
+    connect(m_table, &QTableView::customContextMenuRequested, this,
+            &CContentsPage::OnListContextMenuRequest);
     connect(m_header, &SCheckBoxHeaderView::checkStausChange, this, &CContentsPage::slotSelectAll);
     m_menu = new QMenu(this);
 }
@@ -85,7 +86,8 @@ void CContentsPage::RefreshTreeWidget()
 
 bool CContentsPage::eventFilter(QObject* watched, QEvent* event)
 {
-    if (m_table != nullptr && watched == m_table->viewport() && event->type() == QEvent::MouseButtonPress)
+    if (m_table != nullptr && watched == m_table->viewport() &&
+        event->type() == QEvent::MouseButtonPress)
         m_lastPressX = static_cast<QMouseEvent*>(event)->position().toPoint().x();
     // In the table Space ticks the current row and Enter opens a folder row,
     // as a double click does; the arrow keys stay the table's.

@@ -46,7 +46,8 @@ protected:
 
     // The tree and the table at their places, connected to the slots above,
     // and an empty context menu.
-    void MakeContentsViews(const QRect& tree, const QString& treeStyle, const QRect& table, const QList<int>& widths);
+    void MakeContentsViews(const QRect& tree, const QString& treeStyle, const QRect& table,
+                           const QList<int>& widths);
     void SetWaitCursor(bool on);
     void FillTable();
 

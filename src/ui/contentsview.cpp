@@ -48,8 +48,8 @@ QTreeWidget* MakeTree(QWidget* parent, const QRect& geometry, const QString& sty
     return tree;
 }
 
-QTableView* MakeTable(QWidget* parent, const QRect& geometry, const QList<int>& widths, CFolderModel** model,
-                      SCheckBoxHeaderView** header)
+QTableView* MakeTable(QWidget* parent, const QRect& geometry, const QList<int>& widths,
+                      CFolderModel** model, SCheckBoxHeaderView** header)
 {
     auto* table = new QTableView(parent);
     table->setObjectName(QStringLiteral("list"));

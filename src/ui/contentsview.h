@@ -26,8 +26,8 @@ namespace ContentsView {
 QTreeWidget* MakeTree(QWidget* parent, const QRect& geometry, const QString& styleSheet);
 // The file table at its place over a new CFolderModel, with the tick-all
 // header, fixed-height rows and the given column widths.
-QTableView* MakeTable(QWidget* parent, const QRect& geometry, const QList<int>& widths, CFolderModel** model,
-                      SCheckBoxHeaderView** header);
+QTableView* MakeTable(QWidget* parent, const QRect& geometry, const QList<int>& widths,
+                      CFolderModel** model, SCheckBoxHeaderView** header);
 
 // One top item titled with the tree's title, with every folder below it.
 void FillTree(QTreeWidget* tree, ItemTree& contents);

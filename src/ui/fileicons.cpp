@@ -18,7 +18,8 @@ QFileIconProvider& provider()
 // Judged by the extension alone: entries of an image are not on the disk.
 QMimeType mimeOf(const QString& suffix)
 {
-    return QMimeDatabase().mimeTypeForFile(QStringLiteral("x") + suffix, QMimeDatabase::MatchExtension);
+    return QMimeDatabase().mimeTypeForFile(QStringLiteral("x") + suffix,
+                                           QMimeDatabase::MatchExtension);
 }
 
 } // namespace
@@ -35,7 +36,8 @@ QIcon Icon(const QString& fileName)
     if (!suffix.isEmpty()) {
         const QMimeType mime = mimeOf(suffix);
         if (!mime.isDefault())
-            icon = QIcon::fromTheme(mime.iconName(), QIcon::fromTheme(mime.genericIconName(), generic));
+            icon = QIcon::fromTheme(mime.iconName(),
+                                    QIcon::fromTheme(mime.genericIconName(), generic));
     }
     cache.insert(suffix, icon);
     return icon;
@@ -53,7 +55,8 @@ QString Type(const QString& fileName)
     // The desktop's own description ("PNG image"); for an extension it does
     // not know, what file managers show: "INF file".
     const QMimeType mime = mimeOf(suffix);
-    const QString type = mime.isDefault() ? suffix.mid(1).toUpper() + QStringLiteral(" file") : mime.comment();
+    const QString type =
+        mime.isDefault() ? suffix.mid(1).toUpper() + QStringLiteral(" file") : mime.comment();
     cache.insert(suffix, type);
     return type;
 }

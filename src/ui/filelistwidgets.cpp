@@ -42,8 +42,8 @@ void SCheckBoxHeaderView::mousePressEvent(QMouseEvent* event)
     QHeaderView::mousePressEvent(event);
 }
 
-bool NoFocusDelegate::helpEvent(QHelpEvent* event, QAbstractItemView* view, const QStyleOptionViewItem& option,
-                                const QModelIndex& index)
+bool NoFocusDelegate::helpEvent(QHelpEvent* event, QAbstractItemView* view,
+                                const QStyleOptionViewItem& option, const QModelIndex& index)
 {
     if (event->type() != QEvent::ToolTip || view == nullptr)
         return QStyledItemDelegate::helpEvent(event, view, option, index);
@@ -52,7 +52,8 @@ bool NoFocusDelegate::helpEvent(QHelpEvent* event, QAbstractItemView* view, cons
     const QRect room = view->style()->subElementRect(QStyle::SE_ItemViewItemText, &item, view);
     // The style leaves a margin on each side of the text.
     const int margin = view->style()->pixelMetric(QStyle::PM_FocusFrameHMargin, &item, view) + 1;
-    if (item.text.isEmpty() || item.fontMetrics.horizontalAdvance(item.text) <= room.width() - 2 * margin) {
+    if (item.text.isEmpty() ||
+        item.fontMetrics.horizontalAdvance(item.text) <= room.width() - 2 * margin) {
         QToolTip::hideText();
         return true;
     }
@@ -85,10 +86,11 @@ QString FolderTree()
 
 QString Table()
 {
-    return QStringLiteral("background:#ffffff;\nborder:1px solid #C2EFFD;;\ngridline-color:#C2EFFD;;\n"
-                          "selection-background-color:#C2EFFD;;\nselection-color:#000000;\n"
-                          "QHeaderView::section{font:13pt;color: black;};\n"
-                          "QHeaderView::section:focus{font:13pt;color: black;};");
+    return QStringLiteral(
+        "background:#ffffff;\nborder:1px solid #C2EFFD;;\ngridline-color:#C2EFFD;;\n"
+        "selection-background-color:#C2EFFD;;\nselection-color:#000000;\n"
+        "QHeaderView::section{font:13pt;color: black;};\n"
+        "QHeaderView::section:focus{font:13pt;color: black;};");
 }
 
 } // namespace FileListStyle

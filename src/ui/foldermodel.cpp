@@ -11,7 +11,8 @@ void CFolderModel::SetFolder(const Item* folder)
     m_rows.clear();
     if (folder && !m_filter.isEmpty()) {
         for (size_t i = 0; i < folder->children.size(); ++i) {
-            if (ItemTree::LastComponent(folder->children[i]->name).contains(m_filter, Qt::CaseInsensitive))
+            if (ItemTree::LastComponent(folder->children[i]->name)
+                    .contains(m_filter, Qt::CaseInsensitive))
                 m_rows.push_back(static_cast<int>(i));
         }
     }
@@ -29,7 +30,8 @@ const Item* CFolderModel::ItemAt(int row) const
 {
     if (m_folder == nullptr || row < 0 || row >= rowCount())
         return nullptr;
-    const size_t child = m_filter.isEmpty() ? static_cast<size_t>(row) : static_cast<size_t>(m_rows[size_t(row)]);
+    const size_t child =
+        m_filter.isEmpty() ? static_cast<size_t>(row) : static_cast<size_t>(m_rows[size_t(row)]);
     return m_folder->children[child].get();
 }
 
@@ -62,7 +64,8 @@ void CFolderModel::SetAllChecked(bool checked)
     if (rowCount() == 0)
         return;
     std::fill(m_checked.begin(), m_checked.end(), checked ? 1 : 0);
-    Q_EMIT dataChanged(index(0, NameColumn), index(rowCount() - 1, NameColumn), {Qt::CheckStateRole});
+    Q_EMIT dataChanged(index(0, NameColumn), index(rowCount() - 1, NameColumn),
+                       {Qt::CheckStateRole});
 }
 
 QStringList CFolderModel::CheckedNames() const
@@ -96,9 +99,11 @@ QVariant CFolderModel::data(const QModelIndex& index, int role) const
         case NameColumn:
             return ItemTree::LastComponent(item->name);
         case SizeColumn:
-            return item->isDir ? QString() : Util::FormatSize(static_cast<qint64>(item->size.toULongLong()));
+            return item->isDir ? QString()
+                               : Util::FormatSize(static_cast<qint64>(item->size.toULongLong()));
         case TypeColumn:
-            return item->isDir ? QStringLiteral("Folder") : FileIcons::Type(ItemTree::LastComponent(item->name));
+            return item->isDir ? QStringLiteral("Folder")
+                               : FileIcons::Type(ItemTree::LastComponent(item->name));
         case TimeColumn:
             return item->time;
         default:
@@ -108,7 +113,8 @@ QVariant CFolderModel::data(const QModelIndex& index, int role) const
     if (column != NameColumn)
         return QVariant();
     if (role == Qt::DecorationRole)
-        return item->isDir ? FileIcons::Folder() : FileIcons::Icon(ItemTree::LastComponent(item->name));
+        return item->isDir ? FileIcons::Folder()
+                           : FileIcons::Icon(ItemTree::LastComponent(item->name));
     if (role == Qt::CheckStateRole)
         return IsChecked(index.row()) ? Qt::Checked : Qt::Unchecked;
     if (role == Qt::UserRole && item->isDir)
@@ -118,7 +124,8 @@ QVariant CFolderModel::data(const QModelIndex& index, int role) const
 
 bool CFolderModel::setData(const QModelIndex& index, const QVariant& value, int role)
 {
-    if (role != Qt::CheckStateRole || index.column() != NameColumn || ItemAt(index.row()) == nullptr)
+    if (role != Qt::CheckStateRole || index.column() != NameColumn ||
+        ItemAt(index.row()) == nullptr)
         return false;
     SetChecked(index.row(), value.toInt() == Qt::Checked);
     return true;
@@ -139,5 +146,6 @@ QVariant CFolderModel::headerData(int section, Qt::Orientation orientation, int 
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole)
         return QVariant();
     static const char* const labels[] = {"File Name", " Size", "Type", "Time"};
-    return section >= 0 && section < ColumnCount ? QString::fromLatin1(labels[section]) : QVariant();
+    return section >= 0 && section < ColumnCount ? QString::fromLatin1(labels[section])
+                                                 : QVariant();
 }

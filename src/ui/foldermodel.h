@@ -17,7 +17,14 @@ class CFolderModel final : public QAbstractTableModel
     Q_DISABLE_COPY_MOVE(CFolderModel)
 
 public:
-    enum Column { NameColumn, SizeColumn, TypeColumn, TimeColumn, ColumnCount };
+    enum Column
+    {
+        NameColumn,
+        SizeColumn,
+        TypeColumn,
+        TimeColumn,
+        ColumnCount
+    };
     // Folder rows carry this in Qt::UserRole of the name column.
     static constexpr int FolderMark = 1;
 
@@ -44,7 +51,8 @@ public:
     QVariant data(const QModelIndex& index, int role = Qt::DisplayRole) const override;
     bool setData(const QModelIndex& index, const QVariant& value, int role = Qt::EditRole) override;
     Qt::ItemFlags flags(const QModelIndex& index) const override;
-    QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
+    QVariant headerData(int section, Qt::Orientation orientation,
+                        int role = Qt::DisplayRole) const override;
 
 private:
     const Item* m_folder = nullptr;

@@ -176,7 +176,8 @@ void ImageDialog::PaintBackground(QPainter& painter) const
         return;
     }
     const int below = pictureHeight - m_bandBottom;
-    painter.drawPixmap(QRect(0, 0, width(), m_bandTop), picture, QRect(0, 0, picture.width(), m_bandTop));
+    painter.drawPixmap(QRect(0, 0, width(), m_bandTop), picture,
+                       QRect(0, 0, picture.width(), m_bandTop));
     painter.drawPixmap(QRect(0, m_bandTop, width(), height() - below - m_bandTop), picture,
                        QRect(0, m_bandTop, picture.width(), m_bandBottom - m_bandTop));
     painter.drawPixmap(QRect(0, height() - below, width(), below), picture,

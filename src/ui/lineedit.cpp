@@ -7,7 +7,8 @@
 
 #include <cstdlib>
 
-void CLineEdit::SetImages(const QString& normal, const QString& hover, const QString& pressed, int x, int y)
+void CLineEdit::SetImages(const QString& normal, const QString& hover, const QString& pressed,
+                          int x, int y)
 {
     m_normal = normal;
     m_hover = hover;

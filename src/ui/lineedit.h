@@ -14,7 +14,8 @@ public:
     explicit CLineEdit(QWidget* parent = nullptr) : QLineEdit(parent) {}
 
     // x or y below zero count from the right or bottom edge.
-    void SetImages(const QString& normal, const QString& hover, const QString& pressed, int x, int y);
+    void SetImages(const QString& normal, const QString& hover, const QString& pressed, int x,
+                   int y);
     QRect PictureArea() const;
 
 Q_SIGNALS:

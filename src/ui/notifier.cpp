@@ -10,10 +10,12 @@ void Notifier::Send(const QString& summary, const QString& body)
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected())
         return;
-    QDBusMessage notify = QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
-                                                         QLatin1String(kService), QStringLiteral("Notify"));
+    QDBusMessage notify =
+        QDBusMessage::createMethodCall(QLatin1String(kService), QLatin1String(kPath),
+                                       QLatin1String(kService), QStringLiteral("Notify"));
     // app_name, replaces_id, app_icon, summary, body, actions, hints, expire_timeout
-    notify << QStringLiteral("Brenta") << 0u << QStringLiteral("brenta") << summary << body << QStringList()
+    notify << QStringLiteral("Brenta") << 0u << QStringLiteral("brenta") << summary << body
+           << QStringList()
            << QVariantMap{{QStringLiteral("desktop-entry"), QStringLiteral("brenta")}} << -1;
     // Sent without waiting for the reply: a missing or hanging service must
     // never hold up the window.

@@ -142,8 +142,9 @@ QString Util::SaveFileDialog(QWidget* parent, const QString& filter)
     QStringList answer;
     if (PickerSeam::Answer(PickerSeam::Kind::SaveFile, filter, &answer))
         return withFilterSuffix(answer.value(0), filter);
-    return withFilterSuffix(
-        QFileDialog::getSaveFileName(parent, QStringLiteral("Save File"), QStringLiteral("."), filter), filter);
+    return withFilterSuffix(QFileDialog::getSaveFileName(parent, QStringLiteral("Save File"),
+                                                         QStringLiteral("."), filter),
+                            filter);
 }
 
 QStringList Util::OpenFilesDialog(QWidget* parent)

@@ -34,7 +34,15 @@ private:
 // every Util picker returns its answer and shows no dialog.
 namespace PickerSeam {
 
-enum class Kind { OpenFile, OpenDirectory, SaveFile, OpenFiles, SelectDirs, SelectFilesAndDirs };
+enum class Kind
+{
+    OpenFile,
+    OpenDirectory,
+    SaveFile,
+    OpenFiles,
+    SelectDirs,
+    SelectFilesAndDirs
+};
 using Answerer = std::function<QStringList(Kind kind, const QString& filter)>;
 
 void Set(Answerer answerer);

@@ -30,8 +30,8 @@ protected:
         const double share = span <= 0 ? 0.0 : double(value() - minimum()) / double(span);
         if (share > 0) {
             QPainterPath fill;
-            fill.addRoundedRect(QRectF(track.left(), track.top(), track.width() * share, track.height()),
-                                4, 4);
+            fill.addRoundedRect(
+                QRectF(track.left(), track.top(), track.width() * share, track.height()), 4, 4);
             painter.fillPath(fill.intersected(outline), QColor(0x67, 0xd9, 0x95));
         }
         painter.setPen(QPen(QColor(0xC2, 0xEF, 0xFD), 1));

@@ -57,10 +57,17 @@ using namespace UsbHelper;
 
 namespace {
 
-enum Exit { Ok = 0, Failed = 1, Usage = 2, Refused = 3 };
+enum Exit
+{
+    Ok = 0,
+    Failed = 1,
+    Usage = 2,
+    Refused = 3
+};
 
 // A privileged program does not take its search path from the caller.
-const QString kPath = QStringLiteral("/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+const QString kPath =
+    QStringLiteral("/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
 
 void say(const QString& line)
 {
@@ -82,7 +89,8 @@ QString findTool(const QString& program)
 {
     const QString standIns = qEnvironmentVariable("BRENTA_TOOLS_DIR");
     if (!standIns.isEmpty() && qEnvironmentVariableIsEmpty("PKEXEC_UID") && ::getuid() == 0) {
-        const QString found = QStandardPaths::findExecutable(program, {standIns + QStringLiteral("/system")});
+        const QString found =
+            QStandardPaths::findExecutable(program, {standIns + QStringLiteral("/system")});
         if (!found.isEmpty())
             return found;
     }
@@ -158,7 +166,8 @@ RunResult run(const ToolCall& call, const QByteArray& input = QByteArray(),
     if (process.exitStatus() != QProcess::NormalExit)
         result.reason = call.program + QStringLiteral(" crashed");
     else if (process.exitCode() != 0)
-        result.reason = QStringLiteral("%1 failed (exit status %2)").arg(call.program).arg(process.exitCode());
+        result.reason =
+            QStringLiteral("%1 failed (exit status %2)").arg(call.program).arg(process.exitCode());
     else
         result.ok = true;
     return result;
@@ -247,7 +256,8 @@ QString harden(const QString& folder)
 // A process that has one of the devices open, 0 when none has.
 qint64 holderOf(const QStringList& numbers)
 {
-    const QStringList processes = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    const QStringList processes =
+        QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
     for (const QString& pid : processes) {
         if (pid.isEmpty() || !pid.front().isDigit() || pid.toLongLong() == ::getpid())
             continue;
@@ -320,7 +330,8 @@ bool unmountAll(const QString& diskName, const QString& step, QString& failure)
     timer.start();
     while (holderOf(numbers) != 0) {
         if (timer.elapsed() > 120000) {
-            failure = ErrorLine(step, QStringLiteral("a file system driver still holds /dev/") + diskName, {});
+            failure = ErrorLine(
+                step, QStringLiteral("a file system driver still holds /dev/") + diskName, {});
             return false;
         }
         QThread::msleep(50);
@@ -435,8 +446,8 @@ bool waitForPartition(const QString& partition)
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < 15000) {
-        if (QFileInfo::exists(QStringLiteral("/sys/class/block/") + partition)
-            && deviceNumber(QStringLiteral("/dev/") + partition) != 0)
+        if (QFileInfo::exists(QStringLiteral("/sys/class/block/") + partition) &&
+            deviceNumber(QStringLiteral("/dev/") + partition) != 0)
             return true;
         QThread::msleep(100);
     }
@@ -463,11 +474,13 @@ int mountPartition(const Request& request, const Caller& caller, const QString& 
         return Failed;
     }
     if (!QDir().mkpath(folder)) {
-        say(ErrorLine(QStringLiteral("mounting"), QStringLiteral("cannot make the folder ") + folder, {}));
+        say(ErrorLine(QStringLiteral("mounting"),
+                      QStringLiteral("cannot make the folder ") + folder, {}));
         return Failed;
     }
-    QFile::setPermissions(kMountRoot, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                          | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+    QFile::setPermissions(kMountRoot, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                          QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther |
+                                          QFile::ExeOther);
     RunResult last;
     last.reason = QStringLiteral("no way to mount %1 is installed").arg(FileSystemName(request.fs));
     for (const ToolCall& call : MountCalls(request.fs, partition, folder, caller.uid, caller.gid)) {
@@ -708,8 +721,8 @@ QByteArray readFile(const QString& path, qint64 size)
 bool writeAt(const QString& node, qint64 offset, const QByteArray& data)
 {
     QFile file(node);
-    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !file.seek(offset)
-        || file.write(data) != data.size())
+    if (!file.open(QIODevice::ReadWrite | QIODevice::Unbuffered) || !file.seek(offset) ||
+        file.write(data) != data.size())
         return false;
     return ::fsync(file.handle()) == 0;
 }
@@ -723,7 +736,8 @@ int bootCode(const Request& request, const Caller& caller)
     say(QStringLiteral("step: bootcode"));
     const QByteArray mbr = readFile(target.node, 512);
     // An MBR table, not GPT's guard entry.
-    if (mbr.size() != 512 || quint8(mbr[510]) != 0x55 || quint8(mbr[511]) != 0xaa || quint8(mbr[0x1c2]) == 0xee) {
+    if (mbr.size() != 512 || quint8(mbr[510]) != 0x55 || quint8(mbr[511]) != 0xaa ||
+        quint8(mbr[0x1c2]) == 0xee) {
         say(ErrorLine(step, target.node + QStringLiteral(" has no MBR partition table"), {}));
         return Failed;
     }
@@ -1095,7 +1109,8 @@ int main(int argc, char** argv)
     Request request;
     QString error;
     if (!ParseArguments(app.arguments().mid(1), request, error)) {
-        std::fputs(("brenta-usb-helper: " + error + "\n" + UsageText()).toUtf8().constData(), stderr);
+        std::fputs(("brenta-usb-helper: " + error + "\n" + UsageText()).toUtf8().constData(),
+                   stderr);
         return Usage;
     }
     Caller caller;

@@ -86,8 +86,8 @@ bool ParseArguments(const QStringList& arguments, Request& request, QString& err
     }
     request.device = rest.first();
 
-    if (command == QLatin1String("check") || command == QLatin1String("unmount")
-        || command == QLatin1String("bootcode")) {
+    if (command == QLatin1String("check") || command == QLatin1String("unmount") ||
+        command == QLatin1String("bootcode")) {
         request.command = command == QLatin1String("check")     ? Command::Check
                           : command == QLatin1String("unmount") ? Command::Unmount
                                                                 : Command::BootCode;
@@ -219,7 +219,8 @@ QString Refusal(const QString& path, const Drives::NodeFacts& facts)
     if (facts.partition)
         return QStringLiteral("%1 is a partition, not a whole disk").arg(path);
     if (facts.holdsSystem)
-        return QStringLiteral("%1 holds a file system or swap space the running system uses").arg(path);
+        return QStringLiteral("%1 holds a file system or swap space the running system uses")
+            .arg(path);
     if (!facts.loop && !facts.usb && !facts.removable)
         return QStringLiteral("%1 is neither a USB disk nor a removable disk").arg(path);
     return QString();
@@ -412,7 +413,8 @@ QList<DiskWrite> PartitionTable(Scheme scheme, FileSystem fs, int sectorSize, qi
     };
 }
 
-ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label, qint64 startSector)
+ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label,
+                        qint64 startSector)
 {
     const QString name = UsbPlan::CheckLabel(fs, label).text;
     ToolCall call;
@@ -420,7 +422,8 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
     case FileSystem::Fat32:
     case FileSystem::Fat:
         call.program = QStringLiteral("mkfs.vfat");
-        call.arguments = {QStringLiteral("-F"), fs == FileSystem::Fat32 ? QStringLiteral("32") : QStringLiteral("16")};
+        call.arguments = {QStringLiteral("-F"),
+                          fs == FileSystem::Fat32 ? QStringLiteral("32") : QStringLiteral("16")};
         if (startSector > 0)
             call.arguments << QStringLiteral("-h") << QString::number(startSector);
         if (!name.isEmpty())
@@ -430,8 +433,9 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
         call.program = QStringLiteral("mkfs.ntfs");
         call.arguments = {QStringLiteral("-Q")};
         if (startSector > 0)
-            call.arguments << QStringLiteral("-p") << QString::number(startSector) << QStringLiteral("-H")
-                           << QStringLiteral("255") << QStringLiteral("-S") << QStringLiteral("63");
+            call.arguments << QStringLiteral("-p") << QString::number(startSector)
+                           << QStringLiteral("-H") << QStringLiteral("255") << QStringLiteral("-S")
+                           << QStringLiteral("63");
         if (!name.isEmpty())
             call.arguments << QStringLiteral("-L") << name;
         break;
@@ -445,7 +449,8 @@ ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& 
     return call;
 }
 
-QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid)
+QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint,
+                           uint uid, uint gid)
 {
     const QString owner = kMountFlags.join(QLatin1Char(',')) +
                           QStringLiteral(",uid=%1,gid=%2,umask=022").arg(uid).arg(gid);
@@ -458,16 +463,18 @@ QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QStrin
         // as the name lets GRUB find the partition behind the boot folder.
         return {
             {QStringLiteral("mount"),
-             {QStringLiteral("-t"), kernelType, QStringLiteral("-o"), owner + QStringLiteral(",shortname=mixed,utf8"),
-              partition, mountPoint}},
+             {QStringLiteral("-t"), kernelType, QStringLiteral("-o"),
+              owner + QStringLiteral(",shortname=mixed,utf8"), partition, mountPoint}},
             {QStringLiteral("fusefat"),
-             {QStringLiteral("-o"), QStringLiteral("rw+,allow_other,fsname=") + partition + QLatin1Char(',') + owner,
+             {QStringLiteral("-o"),
+              QStringLiteral("rw+,allow_other,fsname=") + partition + QLatin1Char(',') + owner,
               partition, mountPoint}},
         };
     case FileSystem::Exfat:
         return {
             {QStringLiteral("mount"),
-             {QStringLiteral("-t"), kernelType, QStringLiteral("-o"), owner, partition, mountPoint}},
+             {QStringLiteral("-t"), kernelType, QStringLiteral("-o"), owner, partition,
+              mountPoint}},
             {QStringLiteral("mount.exfat-fuse"),
              {QStringLiteral("-o"), QStringLiteral("allow_other,") + owner, partition, mountPoint}},
         };
@@ -568,19 +575,29 @@ QString FileSystemName(FileSystem fs)
 
 QString GrubEarlyConfig()
 {
-    return QStringLiteral(
-        "search --no-floppy --file --set=root /bootmgr\n"
-        "ntldr /bootmgr\n"
-        "boot\n");
+    return QStringLiteral("search --no-floppy --file --set=root /bootmgr\n"
+                          "ntldr /bootmgr\n"
+                          "boot\n");
 }
 
 QStringList GrubImageArguments(const QString& moduleDir, const QString& config)
 {
-    return {QStringLiteral("-O"), QStringLiteral("i386-pc"), QStringLiteral("-d"), moduleDir,
-            QStringLiteral("-c"), config, QStringLiteral("-p"),
-            QStringLiteral("(,msdos1)/boot/grub"), QStringLiteral("biosdisk"), QStringLiteral("part_msdos"),
-            QStringLiteral("fat"), QStringLiteral("exfat"), QStringLiteral("ntfs"), QStringLiteral("search"),
-            QStringLiteral("search_fs_file"), QStringLiteral("ntldr")};
+    return {QStringLiteral("-O"),
+            QStringLiteral("i386-pc"),
+            QStringLiteral("-d"),
+            moduleDir,
+            QStringLiteral("-c"),
+            config,
+            QStringLiteral("-p"),
+            QStringLiteral("(,msdos1)/boot/grub"),
+            QStringLiteral("biosdisk"),
+            QStringLiteral("part_msdos"),
+            QStringLiteral("fat"),
+            QStringLiteral("exfat"),
+            QStringLiteral("ntfs"),
+            QStringLiteral("search"),
+            QStringLiteral("search_fs_file"),
+            QStringLiteral("ntldr")};
 }
 
 namespace {
@@ -609,14 +626,16 @@ bool BootSectors(const QByteArray& mbr, const QByteArray& bootImage, const QByte
     const qint64 coreSectors = (coreImage.size() + kSector - 1) / kSector;
     // The core image lives between the MBR and the first partition.
     if (1 + coreSectors > firstPartitionStart) {
-        error = QStringLiteral("the boot code (%1 sectors) does not fit before the partition at sector %2")
+        error = QStringLiteral(
+                    "the boot code (%1 sectors) does not fit before the partition at sector %2")
                     .arg(coreSectors)
                     .arg(firstPartitionStart);
         return false;
     }
     code.mbr = bootImage;
     code.mbr.replace(kBpbStart, kBpbEnd - kBpbStart, mbr.mid(kBpbStart, kBpbEnd - kBpbStart));
-    code.mbr.replace(kTableStart, kTableEnd - kTableStart, mbr.mid(kTableStart, kTableEnd - kTableStart));
+    code.mbr.replace(kTableStart, kTableEnd - kTableStart,
+                     mbr.mid(kTableStart, kTableEnd - kTableStart));
     code.mbr[kTableEnd] = char(0x55);
     code.mbr[kTableEnd + 1] = char(0xaa);
     putLittle(code.mbr, kKernelSector, 1, 8);
@@ -647,10 +666,12 @@ bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers,
     return false;
 }
 
-QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput, int maxLines)
+QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput,
+                  int maxLines)
 {
     QStringList words;
-    for (auto it = toolOutput.crbegin(); it != toolOutput.crend() && words.size() < maxLines; ++it) {
+    for (auto it = toolOutput.crbegin(); it != toolOutput.crend() && words.size() < maxLines;
+         ++it) {
         const QString line = it->simplified();
         if (!line.isEmpty())
             words.prepend(line);

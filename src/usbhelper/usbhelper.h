@@ -32,10 +32,10 @@ using FileSystem = UsbPlan::FileSystem;
 struct Request
 {
     Command command = Command::Check;
-    QString device;     // "/dev/sdb"
+    QString device; // "/dev/sdb"
     Scheme scheme = Scheme::Mbr;
     FileSystem fs = FileSystem::Fat32;
-    QString label; // as given; UsbPlan::CheckLabel() has passed it
+    QString label;   // as given; UsbPlan::CheckLabel() has passed it
     qint64 size = 0; // write and hash: the image's bytes, from the start of the disk
 };
 
@@ -107,12 +107,14 @@ struct ToolCall
 // The mkfs call for a partition that starts at `startSector` (512-byte units):
 // FAT and NTFS record it in their boot sector, which the boot code needs. The
 // label is given as UsbPlan::CheckLabel() makes it.
-ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label, qint64 startSector);
+ToolCall MakeFileSystem(FileSystem fs, const QString& partition, const QString& label,
+                        qint64 startSector);
 
 // The ways to mount, in order of preference: the kernel's driver, then the
 // FUSE driver for systems whose kernel has none. NTFS always goes through
 // ntfs-3g. Each leaves the files writable by uid:gid.
-QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint, uint uid, uint gid);
+QList<ToolCall> MountCalls(FileSystem fs, const QString& partition, const QString& mountPoint,
+                           uint uid, uint gid);
 
 // Every mount the helper makes carries these: nothing on a stick, which its
 // owner can fill with anything, may act as a device, run as another user or
@@ -180,6 +182,7 @@ bool IsMountOfDisk(const MountEntry& mount, const QStringList& numbers,
 
 // "error: <step>: <reason>. <last words>": the tool's last lines joined by
 // blanks, at most `maxLines` of them.
-QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput, int maxLines = 3);
+QString ErrorLine(const QString& step, const QString& reason, const QStringList& toolOutput,
+                  int maxLines = 3);
 
 } // namespace UsbHelper

@@ -27,10 +27,18 @@ std::string decode(const char* text)
         }
         ++p;
         switch (*p) {
-        case 'r': out += '\r'; break;
-        case 'n': out += '\n'; break;
-        case 'b': out += '\b'; break;
-        default: out += *p; break;
+        case 'r':
+            out += '\r';
+            break;
+        case 'n':
+            out += '\n';
+            break;
+        case 'b':
+            out += '\b';
+            break;
+        default:
+            out += *p;
+            break;
         }
     }
     return out;

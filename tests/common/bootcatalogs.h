@@ -15,23 +15,39 @@
 // one stands for the tree's folder.
 namespace BootCatalogs {
 
-inline const QStringList kTwoBios{"-b", "boot/a.bin", "-no-emul-boot", "-boot-load-size", "4", "-eltorito-alt-boot",
-                                  "-b", "boot/b.bin", "-no-emul-boot", "-boot-load-size", "8"};
+inline const QStringList kTwoBios{
+    "-b", "boot/a.bin", "-no-emul-boot", "-boot-load-size", "4", "-eltorito-alt-boot",
+    "-b", "boot/b.bin", "-no-emul-boot", "-boot-load-size", "8"};
 // The EFI image as the first boot image: the default entry is EFI's.
 inline const QStringList kUefiDefault{"-e", "boot/efi.img", "-no-emul-boot", "-eltorito-alt-boot",
                                       "-b", "boot/a.bin",   "-no-emul-boot"};
-inline const QStringList kPowerPcAndMac{"-b", "boot/a.bin", "-no-emul-boot", "-eltorito-alt-boot",
-                                        "-eltorito-platform", "PPC", "-b", "boot/b.bin", "-no-emul-boot",
-                                        "-eltorito-alt-boot", "-eltorito-platform", "Mac", "-b", "boot/b.bin",
-                                        "-no-emul-boot"};
+inline const QStringList kPowerPcAndMac{
+    "-b", "boot/a.bin", "-no-emul-boot", "-eltorito-alt-boot", "-eltorito-platform", "PPC",
+    "-b", "boot/b.bin", "-no-emul-boot", "-eltorito-alt-boot", "-eltorito-platform", "Mac",
+    "-b", "boot/b.bin", "-no-emul-boot"};
 // As Linux distributions build theirs.
-inline const QStringList kIsohybrid{"-isohybrid-mbr", "/usr/lib/ISOLINUX/isohdpfx.bin", "-b", "boot/a.bin",
-                                    "-no-emul-boot", "-boot-load-size", "4", "-eltorito-alt-boot", "-e",
-                                    "boot/efi.img", "-no-emul-boot", "-isohybrid-gpt-basdat"};
+inline const QStringList kIsohybrid{"-isohybrid-mbr",
+                                    "/usr/lib/ISOLINUX/isohdpfx.bin",
+                                    "-b",
+                                    "boot/a.bin",
+                                    "-no-emul-boot",
+                                    "-boot-load-size",
+                                    "4",
+                                    "-eltorito-alt-boot",
+                                    "-e",
+                                    "boot/efi.img",
+                                    "-no-emul-boot",
+                                    "-isohybrid-gpt-basdat"};
 // The EFI image as a partition after the volume, named in a GPT that a
 // protective MBR guards, and booted from there by El Torito.
-inline const QStringList kAppendedGpt{"-e", "--interval:appended_partition_2:all::", "-no-emul-boot",
-                                      "-append_partition", "2", "0xef", "TREE/boot/efi.img", "-appended_part_as_gpt"};
+inline const QStringList kAppendedGpt{"-e",
+                                      "--interval:appended_partition_2:all::",
+                                      "-no-emul-boot",
+                                      "-append_partition",
+                                      "2",
+                                      "0xef",
+                                      "TREE/boot/efi.img",
+                                      "-appended_part_as_gpt"};
 
 inline QByteArray pattern(int size, int seed)
 {
@@ -46,7 +62,8 @@ inline QByteArray pattern(int size, int seed)
 inline QString Tree(const QString& dir, QString* error)
 {
     const QString tree = dir + QStringLiteral("/boot-tree");
-    if (!IsoFixture::WriteTree(tree, {{"boot/a.bin", pattern(2048, 1)}, {"boot/b.bin", pattern(4096, 2)},
+    if (!IsoFixture::WriteTree(tree, {{"boot/a.bin", pattern(2048, 1)},
+                                      {"boot/b.bin", pattern(4096, 2)},
                                       {"docs/readme.txt", "Brenta boot catalogue test\n"}})) {
         *error = QStringLiteral("cannot write %1").arg(tree);
         return QString();
@@ -63,7 +80,9 @@ inline bool Build(const QString& tree, const QString& image, QStringList options
     QFile::remove(image);
     return HybridImage::detail::run(
         "xorriso",
-        QStringList{"-as", "mkisofs", "-quiet", "-R", "-o", image, "-c", "boot/boot.cat"} << options << tree, error);
+        QStringList{"-as", "mkisofs", "-quiet", "-R", "-o", image, "-c", "boot/boot.cat"} << options
+                                                                                          << tree,
+        error);
 }
 
 // Which of the tree's boot files the image holds at `sector`: "a.bin",

@@ -55,25 +55,26 @@ inline QByteArray Bios(const QByteArray& marker = kBiosMarker)
 inline QByteArray Uefi(const QByteArray& marker = kUefiMarker)
 {
     static const unsigned char code[] = {
-        0x66, 0xba, 0xfb, 0x03,                   //       mov  dx, 0x3fb
-        0xb0, 0x03,                               //       mov  al, 3
-        0xee,                                     //       out  dx, al
-        0x48, 0x8d, 0x35, 0x1b, 0x00, 0x00, 0x00, //       lea  rsi, [rip + 0x1b]  ; the message at 0x29
-        0xac,                                     // next: lodsb
-        0x84, 0xc0,                               //       test al, al
-        0x74, 0x12,                               //       jz   done
-        0x88, 0xc4,                               //       mov  ah, al
-        0x66, 0xba, 0xfd, 0x03,                   //       mov  dx, 0x3fd
-        0xec,                                     // wait: in   al, dx
-        0xa8, 0x20,                               //       test al, 0x20
-        0x74, 0xfb,                               //       jz   wait
-        0xb2, 0xf8,                               //       mov  dl, 0xf8
-        0x88, 0xe0,                               //       mov  al, ah
-        0xee,                                     //       out  dx, al
-        0xeb, 0xe9,                               //       jmp  next
-        0xfa,                                     // done: cli
-        0xf4,                                     // halt: hlt
-        0xeb, 0xfd,                               //       jmp  halt
+        0x66, 0xba, 0xfb, 0x03, //       mov  dx, 0x3fb
+        0xb0, 0x03,             //       mov  al, 3
+        0xee,                   //       out  dx, al
+        0x48, 0x8d, 0x35, 0x1b,
+        0x00, 0x00, 0x00,       //       lea  rsi, [rip + 0x1b]  ; the message at 0x29
+        0xac,                   // next: lodsb
+        0x84, 0xc0,             //       test al, al
+        0x74, 0x12,             //       jz   done
+        0x88, 0xc4,             //       mov  ah, al
+        0x66, 0xba, 0xfd, 0x03, //       mov  dx, 0x3fd
+        0xec,                   // wait: in   al, dx
+        0xa8, 0x20,             //       test al, 0x20
+        0x74, 0xfb,             //       jz   wait
+        0xb2, 0xf8,             //       mov  dl, 0xf8
+        0x88, 0xe0,             //       mov  al, ah
+        0xee,                   //       out  dx, al
+        0xeb, 0xe9,             //       jmp  next
+        0xfa,                   // done: cli
+        0xf4,                   // halt: hlt
+        0xeb, 0xfd,             //       jmp  halt
     };
     static_assert(sizeof code == 0x29, "the message offset in the code is 0x29");
     constexpr int kFileAlign = 0x200;
@@ -95,22 +96,22 @@ inline QByteArray Uefi(const QByteArray& marker = kUefiMarker)
     Bytes::Put16(image, 0x54, 0xf0);   // optional header: 112 bytes and 16 directories
     Bytes::Put16(image, 0x56, 0x0022); // executable, large address aware
     const int opt = 0x58;
-    Bytes::Put16(image, opt, 0x020b); // PE32+
-    image[opt + 2] = 1;               // linker version
-    Bytes::Put32(image, opt + 4, kFileAlign);   // size of code
-    Bytes::Put32(image, opt + 16, kSectionRva); // entry point
-    Bytes::Put32(image, opt + 20, kSectionRva); // base of code
-    Bytes::Put32(image, opt + 24, 0x400000);    // preferred base (low half of 64 bits)
-    Bytes::Put32(image, opt + 32, 0x1000);      // section alignment
-    Bytes::Put32(image, opt + 36, kFileAlign);  // file alignment
+    Bytes::Put16(image, opt, 0x020b);                    // PE32+
+    image[opt + 2] = 1;                                  // linker version
+    Bytes::Put32(image, opt + 4, kFileAlign);            // size of code
+    Bytes::Put32(image, opt + 16, kSectionRva);          // entry point
+    Bytes::Put32(image, opt + 20, kSectionRva);          // base of code
+    Bytes::Put32(image, opt + 24, 0x400000);             // preferred base (low half of 64 bits)
+    Bytes::Put32(image, opt + 32, 0x1000);               // section alignment
+    Bytes::Put32(image, opt + 36, kFileAlign);           // file alignment
     Bytes::Put32(image, opt + 56, kSectionRva + 0x1000); // size of the image in memory
-    Bytes::Put32(image, opt + 60, kFileAlign);  // size of the headers
-    Bytes::Put16(image, opt + 68, 10);          // subsystem: EFI application
-    Bytes::Put32(image, opt + 72, 0x10000);     // stack reserve
-    Bytes::Put32(image, opt + 80, 0x1000);      // stack commit
-    Bytes::Put32(image, opt + 88, 0x10000);     // heap reserve
-    Bytes::Put32(image, opt + 96, 0x1000);      // heap commit
-    Bytes::Put32(image, opt + 108, 16);         // directories, all empty
+    Bytes::Put32(image, opt + 60, kFileAlign);           // size of the headers
+    Bytes::Put16(image, opt + 68, 10);                   // subsystem: EFI application
+    Bytes::Put32(image, opt + 72, 0x10000);              // stack reserve
+    Bytes::Put32(image, opt + 80, 0x1000);               // stack commit
+    Bytes::Put32(image, opt + 88, 0x10000);              // heap reserve
+    Bytes::Put32(image, opt + 96, 0x1000);               // heap commit
+    Bytes::Put32(image, opt + 108, 16);                  // directories, all empty
     const int section = opt + 0xf0;
     image.replace(section, 5, ".text");
     Bytes::Put32(image, section + 8, quint32(text.size())); // size in memory

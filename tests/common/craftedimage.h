@@ -18,8 +18,8 @@ namespace CraftedImage {
 
 // files: crafted name → content; each name at least two characters long.
 // Returns the image path, or an empty string with what went wrong in *error.
-inline QString Build(const QString& workDir, const QMap<QString, QByteArray>& files, const QString& image,
-                     QString* error)
+inline QString Build(const QString& workDir, const QMap<QString, QByteArray>& files,
+                     const QString& image, QString* error)
 {
     const QString source = workDir + QStringLiteral("/crafted-source");
     QMap<QString, QByteArray> placeholders;
@@ -38,8 +38,9 @@ inline QString Build(const QString& workDir, const QMap<QString, QByteArray>& fi
     }
     QProcess builder;
     builder.setProcessChannelMode(QProcess::MergedChannels);
-    builder.start(QStandardPaths::findExecutable(QStringLiteral("genisoimage")),
-                  {QStringLiteral("-quiet"), QStringLiteral("-R"), QStringLiteral("-o"), image, source});
+    builder.start(
+        QStandardPaths::findExecutable(QStringLiteral("genisoimage")),
+        {QStringLiteral("-quiet"), QStringLiteral("-R"), QStringLiteral("-o"), image, source});
     if (!builder.waitForFinished(60000) || builder.exitCode() != 0) {
         *error = QString::fromUtf8(builder.readAll());
         return QString();
@@ -52,7 +53,8 @@ inline QString Build(const QString& workDir, const QMap<QString, QByteArray>& fi
     QByteArray bytes = file.readAll();
     for (auto it = renames.cbegin(); it != renames.cend(); ++it) {
         if (bytes.count(it.key()) != 1) {
-            *error = QStringLiteral("placeholder %1 not found once").arg(QString::fromLatin1(it.key()));
+            *error =
+                QStringLiteral("placeholder %1 not found once").arg(QString::fromLatin1(it.key()));
             return QString();
         }
         bytes.replace(it.key(), it.value());

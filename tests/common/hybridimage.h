@@ -53,9 +53,10 @@ inline bool run(const QString& name, const QStringList& arguments, QString* erro
     environment.insert(QStringLiteral("MTOOLS_SKIP_CHECK"), QStringLiteral("1"));
     process.setProcessEnvironment(environment);
     process.start(program, arguments);
-    if (!process.waitForFinished(180000) || process.exitStatus() != QProcess::NormalExit
-        || process.exitCode() != 0) {
-        *error = name + QStringLiteral(": ") + QString::fromUtf8(process.readAll()) + process.errorString();
+    if (!process.waitForFinished(180000) || process.exitStatus() != QProcess::NormalExit ||
+        process.exitCode() != 0) {
+        *error = name + QStringLiteral(": ") + QString::fromUtf8(process.readAll()) +
+                 process.errorString();
         return false;
     }
     return true;
@@ -64,7 +65,8 @@ inline bool run(const QString& name, const QStringList& arguments, QString* erro
 // Some files besides the loaders, so that the image has contents to copy.
 inline QMap<QString, QByteArray> contents()
 {
-    return {{"docs/readme.txt", "Brenta test image\n"}, {"data/blocks.bin", QByteArray(300000, 'x')}};
+    return {{"docs/readme.txt", "Brenta test image\n"},
+            {"data/blocks.bin", QByteArray(300000, 'x')}};
 }
 
 inline bool copyFile(const QString& from, const QString& to, QString* error)
@@ -91,19 +93,22 @@ inline QString Isolinux(const QString& dir, QString* error, bool joliet = true)
     const QString name = joliet ? QStringLiteral("isolinux") : QStringLiteral("isolinux-rr");
     const QString tree = dir + '/' + name + QStringLiteral("-tree");
     QMap<QString, QByteArray> files = detail::contents();
-    files.insert("isolinux/isolinux.cfg", "SERIAL 0 115200\nSAY " + kIsolinuxMarker + "\nPROMPT 1\n");
+    files.insert("isolinux/isolinux.cfg",
+                 "SERIAL 0 115200\nSAY " + kIsolinuxMarker + "\nPROMPT 1\n");
     if (!IsoFixture::WriteTree(tree, files)) {
         *error = QStringLiteral("cannot write %1").arg(tree);
         return QString();
     }
-    if (!joliet
-        && (!QFile::link("readme.txt", tree + "/docs/latest.txt") || !QFile::link("../data", tree + "/docs/data")
-            || !QFile::link("/etc/hostname", tree + "/docs/hostname"))) {
+    if (!joliet && (!QFile::link("readme.txt", tree + "/docs/latest.txt") ||
+                    !QFile::link("../data", tree + "/docs/data") ||
+                    !QFile::link("/etc/hostname", tree + "/docs/hostname"))) {
         *error = QStringLiteral("cannot make the symbolic links in %1").arg(tree);
         return QString();
     }
-    if (!detail::copyFile("/usr/lib/ISOLINUX/isolinux.bin", tree + "/isolinux/isolinux.bin", error)
-        || !detail::copyFile("/usr/lib/syslinux/modules/bios/ldlinux.c32", tree + "/isolinux/ldlinux.c32", error))
+    if (!detail::copyFile("/usr/lib/ISOLINUX/isolinux.bin", tree + "/isolinux/isolinux.bin",
+                          error) ||
+        !detail::copyFile("/usr/lib/syslinux/modules/bios/ldlinux.c32",
+                          tree + "/isolinux/ldlinux.c32", error))
         return QString();
 
     const QString loader = dir + '/' + name + QStringLiteral("-bootx64.efi");
@@ -115,18 +120,31 @@ inline QString Isolinux(const QString& dir, QString* error, bool joliet = true)
         return QString();
     }
     file.close();
-    if (!detail::run("mkfs.vfat", {"-C", efiImage, "1440"}, error)
-        || !detail::run("mmd", {"-i", efiImage, "::/EFI", "::/EFI/BOOT"}, error)
-        || !detail::run("mcopy", {"-i", efiImage, loader, "::/EFI/BOOT/BOOTX64.EFI"}, error))
+    if (!detail::run("mkfs.vfat", {"-C", efiImage, "1440"}, error) ||
+        !detail::run("mmd", {"-i", efiImage, "::/EFI", "::/EFI/BOOT"}, error) ||
+        !detail::run("mcopy", {"-i", efiImage, loader, "::/EFI/BOOT/BOOTX64.EFI"}, error))
         return QString();
 
     const QString image = dir + '/' + name + QStringLiteral(".iso");
     QStringList arguments{"-as", "mkisofs", "-quiet", "-o", image, "-R", "-V", "BRENTA_HYBRID"};
     if (joliet)
-        arguments << "-J" << "-joliet-long";
-    arguments << "-isohybrid-mbr" << "/usr/lib/ISOLINUX/isohdpfx.bin" << "-c" << "isolinux/boot.cat" << "-b"
-              << "isolinux/isolinux.bin" << "-no-emul-boot" << "-boot-load-size" << "4" << "-boot-info-table"
-              << "-eltorito-alt-boot" << "-e" << "boot/efi.img" << "-no-emul-boot" << "-isohybrid-gpt-basdat" << tree;
+        arguments << "-J"
+                  << "-joliet-long";
+    arguments << "-isohybrid-mbr"
+              << "/usr/lib/ISOLINUX/isohdpfx.bin"
+              << "-c"
+              << "isolinux/boot.cat"
+              << "-b"
+              << "isolinux/isolinux.bin"
+              << "-no-emul-boot"
+              << "-boot-load-size"
+              << "4"
+              << "-boot-info-table"
+              << "-eltorito-alt-boot"
+              << "-e"
+              << "boot/efi.img"
+              << "-no-emul-boot"
+              << "-isohybrid-gpt-basdat" << tree;
     if (!detail::run("xorriso", arguments, error))
         return QString();
     return image;
@@ -138,9 +156,10 @@ inline QString GrubRescue(const QString& dir, QString* error)
 {
     const QString tree = dir + QStringLiteral("/grub-tree");
     QMap<QString, QByteArray> files = detail::contents();
-    files.insert("boot/grub/grub.cfg", "serial --unit=0 --speed=115200\nterminal_input serial console\n"
-                                       "terminal_output serial\necho \""
-                                           + kGrubMarker + " ${grub_platform}\"\n");
+    files.insert("boot/grub/grub.cfg",
+                 "serial --unit=0 --speed=115200\nterminal_input serial console\n"
+                 "terminal_output serial\necho \"" +
+                     kGrubMarker + " ${grub_platform}\"\n");
     if (!IsoFixture::WriteTree(tree, files)) {
         *error = QStringLiteral("cannot write %1").arg(tree);
         return QString();
@@ -164,7 +183,8 @@ inline QString Windows(const QString& dir, QString* error)
         *error = QStringLiteral("cannot write %1").arg(tree);
         return QString();
     }
-    return IsoFixture::Build(tree, dir + QStringLiteral("/windows.iso"), QStringLiteral("joliet"), error);
+    return IsoFixture::Build(tree, dir + QStringLiteral("/windows.iso"), QStringLiteral("joliet"),
+                             error);
 }
 
 // Files only: nothing to start, no partition table.
@@ -175,7 +195,8 @@ inline QString Data(const QString& dir, QString* error)
         *error = QStringLiteral("cannot write %1").arg(tree);
         return QString();
     }
-    return IsoFixture::Build(tree, dir + QStringLiteral("/data.iso"), QStringLiteral("joliet"), error);
+    return IsoFixture::Build(tree, dir + QStringLiteral("/data.iso"), QStringLiteral("joliet"),
+                             error);
 }
 
 } // namespace HybridImage

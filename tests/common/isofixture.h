@@ -46,7 +46,8 @@ inline QString SparseFile(const QString& path, qint64 mebibytes)
 // kind: "joliet" (Joliet + Rock Ridge), "joliet only" or "udf" (UDF + Rock
 // Ridge). Returns the image path, or an empty string with the builder's words
 // in *error.
-inline QString Build(const QString& source, const QString& image, const QString& kind, QString* error)
+inline QString Build(const QString& source, const QString& image, const QString& kind,
+                     QString* error)
 {
     QStringList arguments{QStringLiteral("-quiet"), QStringLiteral("-o"), image};
     if (kind == QLatin1String("udf"))

@@ -11,7 +11,8 @@
 // What the archive tool lists of an image, one line per entry in tree order,
 // each entry written by `line`; a single "listing failed: ..." line when the
 // image cannot be listed.
-inline QStringList ListedImage(const QString& image, const std::function<QString(const Item&)>& line)
+inline QStringList ListedImage(const QString& image,
+                               const std::function<QString(const Item&)>& line)
 {
     ItemTree tree;
     CListJob job(tree);

@@ -7,8 +7,7 @@
 // Answers the modal dialog that the next action opens, once it is up (it may
 // come only when a tool has ended). The class must match exactly: a progress
 // dialog is a message dialog too, and must not be mistaken for the one awaited.
-template <typename Dialog, typename Action>
-void whenModal(Action action, int triesLeft = 3000)
+template <typename Dialog, typename Action> void whenModal(Action action, int triesLeft = 3000)
 {
     QTimer::singleShot(20, [action, triesLeft] {
         QWidget* modal = QApplication::activeModalWidget();
