@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   # build
-  cmake ninja-build g++ pkg-config
+  cmake ninja-build g++ pkg-config clang-format
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev libgl-dev libudev-dev libssl-dev libxcb1-dev
   # run
   qt6-qpa-plugins libqt6svg6 fonts-noto-core fonts-dejavu-core xdg-utils
