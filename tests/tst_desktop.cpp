@@ -220,8 +220,22 @@ void TestDesktop::keyboardReachesAndPressesPictureButtons()
     QTest::keyClick(second, Qt::Key_Return);
     QCOMPARE(secondClicks.count(), 2);
     QCOMPARE(firstClicks.count(), 0);
-    // The focus is seen.
+    // The focus is seen, on a text field too, in the skin's blue.
     QVERIFY(second->grab().toImage() != unfocused);
+    auto* field = new QLineEdit(&window);
+    field->setGeometry(10, 50, 150, 26);
+    field->show();
+    const auto blueOn = [](const QImage& image) {
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x)
+                if (image.pixelColor(x, y).blue() > 200 && image.pixelColor(x, y).red() < 90)
+                    return true;
+        return false;
+    };
+    QVERIFY(!blueOn(field->grab().toImage()));
+    QTest::keyClick(&window, Qt::Key_Tab);
+    QVERIFY(field->hasFocus());
+    QVERIFY(blueOn(field->grab().toImage()));
 }
 
 void TestDesktop::onlyTheHeaderBoxTicksRows()

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QFont>
 #include <QIcon>
+#include <QPalette>
 
 #include "core/logging.h"
 #include "core/util.h"
@@ -27,6 +28,12 @@ void SetUp(QApplication& application)
     QFont font;
     font.setFamily(QStringLiteral("Microsoft YaHei"));
     QApplication::setFont(font);
+
+    // Fields, lists and radio buttons draw their focus (and a chosen entry) in
+    // the skin's blue, as the picture buttons draw theirs.
+    QPalette colours = QApplication::palette();
+    colours.setColor(QPalette::Highlight, QColor(0x1E, 0x88, 0xE5));
+    QApplication::setPalette(colours);
 
     application.setWindowIcon(QIcon(QStringLiteral(":nwu/logo")));
 }
