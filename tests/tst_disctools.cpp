@@ -45,6 +45,8 @@ private Q_SLOTS:
     void showsTheOpticalList();
     void parsesProgress_data();
     void parsesProgress();
+    void burnTransferText_data();
+    void burnTransferText();
     void burns_data();
     void burns();
     void copies_data();
@@ -228,6 +230,35 @@ void TestDiscTools::parsesProgress_data()
                              << "addr:  1000000 cnt: 32" << qint64(1000000);
     QTest::newRow("not an address") << "addr"
                                     << "Time total: 0.000sec" << qint64(-1);
+}
+
+void TestDiscTools::burnTransferText_data()
+{
+    QTest::addColumn<QString>("line");
+    QTest::addColumn<qint64>("elapsedMs");
+    QTest::addColumn<QString>("text");
+    QTest::newRow("a quarter in 40 s")
+        << "Track 01:  150 of  600 MB written (fifo 100%) [buf  99%]   4.0x." << qint64(40'000)
+        << "150 of 600 MB, 4.0x, about 2 min left";
+    QTest::newRow("near the end")
+        << "Track 01:  590 of  600 MB written (fifo 100%) [buf  99%]  16.5x." << qint64(59'000)
+        << "590 of 600 MB, 16.5x, about 1 s left";
+    QTest::newRow("no speed yet") << "Track 01:    0 of  600 MB written (fifo   0%)" << qint64(500)
+                                  << "0 of 600 MB";
+    QTest::newRow("done") << "Track 01:  600 of  600 MB written (fifo 100%) [buf  99%]   8.0x."
+                          << qint64(60'000) << "600 of 600 MB, 8.0x";
+    QTest::newRow("total 0") << "Track 01:    0 of    0 MB written (fifo   0%)" << qint64(100)
+                             << QString();
+    QTest::newRow("other line") << "Track 01: Total bytes read/written: 3145728/3145728"
+                                << qint64(100) << QString();
+}
+
+void TestDiscTools::burnTransferText()
+{
+    QFETCH(QString, line);
+    QFETCH(qint64, elapsedMs);
+    QFETCH(QString, text);
+    QCOMPARE(DiscTools::BurnTransferText(line, elapsedMs), text);
 }
 
 void TestDiscTools::parsesProgress()

@@ -152,6 +152,13 @@ QString Util::FormatSize(qint64 bytes)
     return number + QLatin1Char(' ') + QLatin1String(units[unit]);
 }
 
+QString Util::FormatTimeLeft(qint64 seconds)
+{
+    if (seconds < 90)
+        return QStringLiteral("about %1 s left").arg(qMax<qint64>(seconds, 0));
+    return QStringLiteral("about %1 min left").arg((seconds + 30) / 60);
+}
+
 QString Util::CollapseSpaces(QString text)
 {
     while (text.contains(QLatin1String("  ")))

@@ -38,6 +38,8 @@ public:
     // Texts
     static QString FormatTime(const QDateTime& time);
     static QString FormatSize(qint64 bytes);
+    // "about 40 s left" below 90 seconds, else "about 3 min left".
+    static QString FormatTimeLeft(qint64 seconds);
     static QString CollapseSpaces(QString text);
     static QString FileSuffix(const QString& name);
 

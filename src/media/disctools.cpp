@@ -200,6 +200,26 @@ std::optional<int> ParseBurnProgress(const QString& line)
     return int(written * 100 / total);
 }
 
+QString BurnTransferText(const QString& line, qint64 elapsedMs)
+{
+    static const QRegularExpression pattern(
+        QStringLiteral(R"(:\s*(\d+) of\s+(\d+) MB written.*?(?:\s(\d+(?:\.\d+)?x)\.?)?\s*$)"));
+    const QRegularExpressionMatch match = pattern.match(line);
+    if (!match.hasMatch())
+        return QString();
+    const qint64 written = match.captured(1).toLongLong();
+    const qint64 total = match.captured(2).toLongLong();
+    if (total <= 0)
+        return QString();
+    QString text = QStringLiteral("%1 of %2 MB").arg(written).arg(total);
+    if (!match.captured(3).isEmpty())
+        text += QStringLiteral(", ") + match.captured(3);
+    if (written > 0 && written < total && elapsedMs > 0)
+        text += QStringLiteral(", ") +
+                Util::FormatTimeLeft(elapsedMs * (total - written) / written / 1000);
+    return text;
+}
+
 std::optional<qint64> ParseReadEnd(const QString& line)
 {
     return numberAfter(line, QStringLiteral("end:"));
@@ -372,12 +392,13 @@ void CDiscBurnJob::Start(const QString& image, const QString& node)
         return;
     Begin();
     m_trackWritten = false;
+    m_clock.start();
     m_runner = new CRunCommandThread;
     connect(m_runner, &CRunCommandThread::standoutputline, this, [this](const QString& line) {
         if (line.contains(QLatin1String("Total bytes read/written")))
             m_trackWritten = true;
         if (const std::optional<int> percent = DiscTools::ParseBurnProgress(line))
-            Progress(*percent, QString());
+            Progress(*percent, DiscTools::BurnTransferText(line, m_clock.elapsed()));
     });
     connect(m_runner, &CRunCommandThread::sigfinished, this, [this] {
         const bool ok =

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -74,6 +75,10 @@ OpticalView ShowOptical(const QString& kept, const QList<ListEntry>& entries, bo
 // "Track 01:   12 of  650 MB written (fifo 100%) ..." → 12 * 100 / 650; nothing
 // for other lines or a total of 0.
 std::optional<int> ParseBurnProgress(const QString& line);
+// What a progress line of the writer tells, for the progress dialog: "12 of
+// 650 MB, 4.0x, about 3 min left", the time left worked out from the
+// `elapsedMs` the burn has taken so far; empty for other lines.
+QString BurnTransferText(const QString& line, qint64 elapsedMs);
 // "end:   2275968" → 2275968.
 std::optional<qint64> ParseReadEnd(const QString& line);
 // "addr:  1000000 cnt: 32" or "addr: 300" → the address.
@@ -146,6 +151,7 @@ public:
 private:
     CRunCommandThread* m_runner = nullptr;
     bool m_trackWritten = false;
+    QElapsedTimer m_clock;
 };
 
 // Reads the disc in a drive into an image file with the disc reader, through

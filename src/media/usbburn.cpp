@@ -498,9 +498,7 @@ QString TransferText(qint64 done, qint64 total, qint64 elapsedMs)
     text += QStringLiteral(", %1/s").arg(Util::FormatSize(qint64(perSecond)));
     if (done >= total)
         return text;
-    if (secondsLeft < 90)
-        return text + QStringLiteral(", about %1 s left").arg(secondsLeft);
-    return text + QStringLiteral(", about %1 min left").arg((secondsLeft + 30) / 60);
+    return text + QStringLiteral(", ") + Util::FormatTimeLeft(secondsLeft);
 }
 
 VerifyResult Verify(QIODevice& stream, const std::vector<Listing::FileSpan>& files,

@@ -462,6 +462,8 @@ void CBurnDialog::BurnToDisc(const QString& image)
 void CBurnDialog::onDVDBurnOutput(int percent)
 {
     m_progress->SetValue(percent);
+    // Under the bar: how much is written, at what speed, and the time left.
+    m_progress->SetDetail(m_burnJob->PhaseText());
 }
 
 void CBurnDialog::onDVDBurnFinished(bool succeeded, const QString& message)
@@ -479,6 +481,7 @@ void CBurnDialog::StartShowingBurn(const QString& text, int maximum)
     m_progress->SetRange(0, maximum);
     m_progress->SetValue(0);
     m_progress->SetText(text);
+    m_progress->SetDetail(QString());
     m_phaseText.clear();
     SetButtonsEnabled(false);
 }
