@@ -364,15 +364,6 @@ QList<OpticalDrive> Drives::Optical()
     return drives;
 }
 
-qint64 Drives::DeviceSize(const QString& node)
-{
-    // A path names a device only under /dev; "sdb" is the kernel's name itself.
-    if (node.startsWith(QLatin1Char('/')) && !node.startsWith(QLatin1String("/dev/")))
-        return 0;
-    return SysBlock::SizeOf(node.startsWith(QLatin1Char('/')) ? blockNameOf(node)
-                                                              : SysBlock::KernelName(node));
-}
-
 Drives::NodeFacts Drives::Inspect(const QString& node, const QString& mounts, const QString& swaps)
 {
     NodeFacts facts;

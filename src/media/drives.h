@@ -47,9 +47,6 @@ QList<RemovableDrive> Removable(const QString& mounts = QStringLiteral("/proc/se
 // Every optical drive udev knows (ID_CDROM=1), in /dev/srN order.
 QList<OpticalDrive> Optical();
 
-// The size in bytes of a block device ("/dev/sdb" or "sdb"), 0 when unknown.
-qint64 DeviceSize(const QString& node);
-
 // Decimal units as disk makers print them: "14.9 GB", "500 MB", "2.0 TB".
 QString SizeText(qint64 bytes);
 
